@@ -1,0 +1,44 @@
+# The options every target is built with, and the two ways to add one.
+
+add_library(harbex_options INTERFACE)
+target_compile_definitions(harbex_options INTERFACE
+  QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_KEYWORDS QT_NO_FOREACH)
+target_compile_options(harbex_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual)
+if(HARBEX_WARNINGS_ARE_ERRORS)
+  target_compile_options(harbex_options INTERFACE -Werror)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(harbex_options INTERFACE -Wthread-safety -Werror=thread-safety)
+endif()
+if(HARBEX_SANITIZE)
+  target_compile_options(harbex_options INTERFACE
+    -fsanitize=${HARBEX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(harbex_options INTERFACE -fsanitize=${HARBEX_SANITIZE})
+endif()
+if(HARBEX_COVERAGE)
+  target_compile_options(harbex_options INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(harbex_options INTERFACE --coverage)
+endif()
+
+if(HARBEX_TIDY)
+  find_program(HARBEX_CLANG_TIDY NAMES clang-tidy-19 clang-tidy REQUIRED)
+endif()
+
+# Gives TARGET the options above.
+function(harbex_finish TARGET)
+  target_link_libraries(${TARGET} PRIVATE harbex_options)
+  if(HARBEX_TIDY)
+    set_target_properties(${TARGET} PROPERTIES CXX_CLANG_TIDY "${HARBEX_CLANG_TIDY};--quiet")
+  endif()
+endfunction()
+
+# A room: one static library per folder of src/, named after it.
+#   harbex_room(NAME SOURCES ... LINKS ...)
+function(harbex_room NAME)
+  cmake_parse_arguments(ROOM "" "" "SOURCES;LINKS" ${ARGN})
+  add_library(harbex_${NAME} STATIC ${ROOM_SOURCES})
+  target_include_directories(harbex_${NAME} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(harbex_${NAME} PUBLIC ${ROOM_LINKS})
+  harbex_finish(harbex_${NAME})
+endfunction()

@@ -1,0 +1,24 @@
+#include "base/FileIdentity.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+namespace harbex
+{
+
+Outcome<FileIdentity> identityOf(int fd)
+{
+    struct statx data = {};
+    if (::statx(fd, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &data) != 0) return SystemError::last();
+    FileIdentity identity;
+    identity.device = ::makedev(data.stx_dev_major, data.stx_dev_minor);
+    identity.inode = data.stx_ino;
+    if (data.stx_mask & STATX_BTIME) {
+        identity.birthSeconds = data.stx_btime.tv_sec;
+        identity.birthNanoseconds = data.stx_btime.tv_nsec;
+    }
+    return identity;
+}
+
+} // namespace harbex

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "base/ThreadSafety.h"
+
+#include <cassert>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace harbex
+{
+
+/// std::mutex with the attributes that let clang check who holds it.
+class CAPABILITY("mutex") Mutex
+{
+public:
+    void lock() ACQUIRE() { m_mutex.lock(); }
+    void unlock() RELEASE() { m_mutex.unlock(); }
+
+private:
+    friend class Condition;
+    std::mutex m_mutex;
+};
+
+/// Holds a Mutex for the length of a scope.
+class SCOPED_CAPABILITY MutexLock
+{
+public:
+    explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    ~MutexLock() RELEASE() { m_mutex.unlock(); }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+private:
+    Mutex& m_mutex;
+};
+
+/// A condition variable for Mutex. Waits may end without a notification, so callers test in a loop.
+class Condition
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    void notifyOne() { m_condition.notify_one(); }
+    void notifyAll() { m_condition.notify_all(); }
+
+    void wait(Mutex& mutex) REQUIRES(mutex)
+    {
+        std::unique_lock lock(mutex.m_mutex, std::adopt_lock);
+        m_condition.wait(lock);
+        lock.release();
+    }
+
+    void waitUntil(Mutex& mutex, Clock::time_point when) REQUIRES(mutex)
+    {
+        std::unique_lock lock(mutex.m_mutex, std::adopt_lock);
+        m_condition.wait_until(lock, when);
+        lock.release();
+    }
+
+private:
+    std::condition_variable m_condition;
+};
+
+/// Says of data that only one thread may touch it: members are GUARDED_BY a ThreadRole, and every
+/// function that touches them first asserts that it runs on the thread that made the role.
+class CAPABILITY("thread") ThreadRole
+{
+public:
+    void assertHere() const ASSERT_CAPABILITY(this) { assert(std::this_thread::get_id() == m_thread); }
+
+private:
+    std::thread::id m_thread = std::this_thread::get_id();
+};
+
+} // namespace harbex

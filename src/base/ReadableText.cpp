@@ -1,0 +1,61 @@
+#include "base/ReadableText.h"
+
+#include <QList>
+
+namespace harbex
+{
+
+namespace
+{
+
+bool breaksALine(char32_t c)
+{
+    switch (QChar::category(c)) {
+    case QChar::Other_Control:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return true;
+    default:
+        break;
+    }
+    // Marks, embeddings, overrides and isolates of the bidirectional algorithm: left in a line, they
+    // can make a name look as if it ended in another extension.
+    return c == 0x061c || c == 0x200e || c == 0x200f || (c >= 0x202a && c <= 0x202e) ||
+           (c >= 0x2066 && c <= 0x2069);
+}
+
+QString escape(char32_t c)
+{
+    switch (c) {
+    case U'\n':
+        return QStringLiteral("\\n");
+    case U'\r':
+        return QStringLiteral("\\r");
+    case U'\t':
+        return QStringLiteral("\\t");
+    default:
+        return QStringLiteral("\\u{%1}").arg(static_cast<uint>(c), 0, 16);
+    }
+}
+
+} // namespace
+
+QString readableText(const QString& text)
+{
+    QString readable;
+    readable.reserve(text.size());
+    for (const char32_t c : text.toUcs4()) {
+        if (breaksALine(c))
+            readable += escape(c);
+        else
+            readable += QChar::fromUcs4(c);
+    }
+    return readable;
+}
+
+QString readableName(std::string_view bytes)
+{
+    return readableText(QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size())));
+}
+
+} // namespace harbex
