@@ -1,0 +1,28 @@
+#include "watcher/DirectoryListing.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace harbex
+{
+
+Outcome<DirectoryListing> DirectoryListing::open(const std::string& path)
+{
+    FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) return SystemError::last();
+    const Outcome<FileIdentity> identity = identityOf(directory.get());
+    if (!identity) return identity.error();
+    return DirectoryListing(std::move(directory), *identity);
+}
+
+Outcome<size_t> DirectoryListing::readRecords(char* buffer, size_t size)
+{
+    static_assert(offsetof(dirent64, d_reclen) == Record::lengthOffset);
+    static_assert(offsetof(dirent64, d_name) == Record::nameOffset);
+    const ssize_t read = ::getdents64(m_directory.get(), buffer, size);
+    if (read < 0) return SystemError::last();
+    return static_cast<size_t>(read);
+}
+
+} // namespace harbex

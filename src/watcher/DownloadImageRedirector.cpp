@@ -1,0 +1,150 @@
+#include "watcher/DownloadImageRedirector.h"
+
+#include "base/ReadableText.h"
+
+#include <utility>
+
+namespace harbex
+{
+
+DownloadImageRedirector::DownloadImageRedirector(QObject* parent)
+    : QObject(parent), m_fileMove(m_pool.stopToken())
+{
+}
+
+DownloadImageRedirector::~DownloadImageRedirector()
+{
+    m_mainThread.assertHere();
+    cancelSources();
+    // Its tasks use every other member.
+    m_pool.stop();
+}
+
+void DownloadImageRedirector::start(const std::vector<WatchedFolder>& folders)
+{
+    m_mainThread.assertHere();
+    if (m_isRunning) return;
+
+    // isRunning() turns true only in a later turn. Whoever starts twice before it gets one watch for each
+    // folder all the same.
+    cancelSources();
+    for (const WatchedFolder& folder : folders) watch(folder);
+    publish([this] {
+        setRunning(true);
+        appendLog(QStringLiteral("Started watchers."));
+    });
+}
+
+void DownloadImageRedirector::stop()
+{
+    m_mainThread.assertHere();
+    cancelSources();
+    m_knownItemsByFolder.clear();
+    publish([this] {
+        setRunning(false);
+        appendLog(QStringLiteral("Stopped watcher."));
+    });
+}
+
+void DownloadImageRedirector::restart(std::vector<WatchedFolder> folders)
+{
+    m_mainThread.assertHere();
+    cancelSources();
+    m_knownItemsByFolder.clear();
+    publish([this, folders = std::move(folders)] {
+        setRunning(false);
+        appendLog(QStringLiteral("Stopped watcher."));
+        start(folders);
+    });
+}
+
+bool DownloadImageRedirector::isRunning() const
+{
+    m_mainThread.assertHere();
+    return m_isRunning;
+}
+
+const QStringList& DownloadImageRedirector::logs() const
+{
+    m_mainThread.assertHere();
+    return m_log.lines();
+}
+
+std::vector<int> DownloadImageRedirector::activeFDs() const
+{
+    m_mainThread.assertHere();
+    std::vector<int> descriptors;
+    for (const auto& source : m_activeSources) descriptors.push_back(source->descriptor());
+    return descriptors;
+}
+
+/// Records a line. Any thread.
+void DownloadImageRedirector::addLog(const QString& message)
+{
+    publish([this, message] { appendLog(message); });
+}
+
+/// Has `change` run in a later turn of the main loop, after those that wait already. Any thread.
+void DownloadImageRedirector::publish(Change change)
+{
+    const MutexLock lock(m_publishedMutex);
+    m_published.push_back(std::move(change));
+    // One call for all that wait: a burst logs thousands of lines.
+    if (m_published.size() == 1)
+        QMetaObject::invokeMethod(this, &DownloadImageRedirector::runPublished, Qt::QueuedConnection);
+}
+
+void DownloadImageRedirector::runPublished()
+{
+    std::vector<Change> changes;
+    {
+        const MutexLock lock(m_publishedMutex);
+        changes.swap(m_published);
+    }
+    for (const Change& change : changes) change();
+}
+
+void DownloadImageRedirector::setRunning(bool isRunning)
+{
+    m_mainThread.assertHere();
+    Q_EMIT objectWillChange();
+    m_isRunning = isRunning;
+    Q_EMIT isRunningChanged(isRunning);
+}
+
+void DownloadImageRedirector::appendLog(const QString& message)
+{
+    m_mainThread.assertHere();
+    Q_EMIT objectWillChange();
+    m_log.add(message);
+    Q_EMIT logsChanged();
+}
+
+void DownloadImageRedirector::watch(const WatchedFolder& folder)
+{
+    m_mainThread.assertHere();
+    const auto source = std::make_shared<FolderWatch>(folder, m_pool, m_fileMove,
+                                                      [this](const QString& message) { addLog(message); });
+
+    const auto known = m_knownItemsByFolder.find(folder.url);
+    const bool isNew = known == m_knownItemsByFolder.end();
+    const auto items = isNew ? std::make_shared<KnownItems>() : known->second;
+    if (!source->list(items, isNew)) return;
+    m_knownItemsByFolder.insert_or_assign(folder.url, items);
+
+    if (!source->open(m_events)) {
+        addLog(QStringLiteral("Failed to open folder: ") + readableName(folder.url.lastPathComponent()));
+        return;
+    }
+    source->begin();
+    m_activeSources.push_back(source);
+}
+
+void DownloadImageRedirector::cancelSources()
+{
+    m_mainThread.assertHere();
+    for (const auto& source : m_activeSources) source->cancel();
+    m_activeSources.clear();
+}
+
+} // namespace harbex

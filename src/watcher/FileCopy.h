@@ -1,0 +1,19 @@
+#pragma once
+
+#include "base/Outcome.h"
+#include "watcher/EntryPlace.h"
+
+#include <stop_token>
+
+namespace harbex
+{
+
+/// Copies the regular file at `source`, which must still be what `seen` says, into the empty file that is
+/// open for writing as `target`: content with its holes, then owner, attributes, permissions and times.
+///
+/// Nothing is synchronised with the disk. Fails with EBUSY when the source is or becomes another, and with
+/// ECANCELED soon after `stop`; the target is to be thrown away then. Any thread.
+[[nodiscard]] Outcome<void> copyFile(const EntryPlace& source, const EntryStatus& seen, int target,
+                                     const std::stop_token& stop);
+
+} // namespace harbex

@@ -1,0 +1,43 @@
+#include "watcher/FileMove.h"
+
+#include "watcher/EntryName.h"
+#include "watcher/EntryPlace.h"
+#include "watcher/NoReplaceRename.h"
+#include "watcher/PartFolder.h"
+#include "watcher/VolumeCrossing.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace harbex
+{
+
+FileMove::FileMove(std::stop_token stop) : m_stop(std::move(stop)) {}
+
+Outcome<void> FileMove::moveItem(const std::string& source, const std::string& target)
+{
+    Outcome<void> moved = renameWithoutReplacing({AT_FDCWD, source}, {AT_FDCWD, target});
+    if (!moved && moved.error().code == EXDEV) moved = moveAcrossVolumes(source, target, m_stop);
+    removeLeftoversOnce(parentPath(target));
+    return moved;
+}
+
+void FileMove::removeLeftoversOnce(const std::string& path)
+{
+    if (m_stop.stop_requested()) return;
+    // A folder that cannot be opened is one that nothing was moved into.
+    const Outcome<FileDescriptor> folder = openFolder(path);
+    if (!folder) return;
+    const Outcome<FileIdentity> identity = identityOf(folder->get());
+    if (identity && isFirstMoveInto(*identity)) PartFolder::removeLeftovers(folder->get());
+}
+
+bool FileMove::isFirstMoveInto(const FileIdentity& folder)
+{
+    const MutexLock lock(m_mutex);
+    if (std::ranges::find(m_visited, folder) != m_visited.end()) return false;
+    m_visited.push_back(folder);
+    return true;
+}
+
+} // namespace harbex

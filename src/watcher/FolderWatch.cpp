@@ -1,0 +1,97 @@
+#include "watcher/FolderWatch.h"
+
+#include "model/FolderListJson.h"
+#include "watcher/DirectoryListing.h"
+
+#include <utility>
+
+namespace harbex
+{
+
+FolderWatch::FolderWatch(const WatchedFolder& folder, WorkerPool& pool, FileMove& fileMove,
+                         EntryWalks::AddLog addLog)
+    : m_path(folder.url.path()),
+      m_queue(SerialQueue::create(pool, "harbex.watcher." + uuidText(folder.id).toStdString())),
+      m_walks(std::make_shared<EntryWalks>(
+          m_path, folder.rules, m_queue,
+          SerialQueue::create(pool, "harbex.moves." + uuidText(folder.id).toStdString()), fileMove,
+          std::move(addLog)))
+{
+}
+
+Outcome<void> FolderWatch::list(std::shared_ptr<KnownItems> known, bool isNew)
+{
+    Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
+    if (!listing) return listing.error();
+    m_identity = listing->identity();
+    m_known = std::move(known);
+    if (!isNew) return {};
+
+    const MutexLock lock(m_known->mutex);
+    NameSnapshot::Update update(m_known->names);
+    if (const Outcome<void> listed = listing->forEachName([&](auto name) { update.add(name); }); !listed)
+        return listed.error();
+    m_known->names = update.takeCurrent();
+    return {};
+}
+
+Outcome<void> FolderWatch::open(DirectoryEvents& events)
+{
+    auto source = events.watch(m_path, [this] { requestScan(); });
+    if (!source) return source.error();
+    m_source = *std::move(source);
+    return {};
+}
+
+void FolderWatch::begin()
+{
+    requestScan();
+    m_source->resume();
+}
+
+void FolderWatch::cancel()
+{
+    m_cancelled = true;
+    m_source->cancel();
+}
+
+void FolderWatch::requestScan()
+{
+    if (m_scanWaits.exchange(true)) return;
+    auto scan = [self = shared_from_this()](SerialQueue::Token token) { self->scanForNewFiles(token); };
+    const SerialQueue::Clock::time_point next = m_nextScan;
+    if (next <= SerialQueue::Clock::now())
+        m_queue->async(std::move(scan));
+    else
+        m_queue->asyncAt(next, std::move(scan));
+}
+
+void FolderWatch::scanForNewFiles(SerialQueue::Token token)
+{
+    // Before the listing: what changes from here on may be missed by it and needs the next one.
+    m_scanWaits = false;
+    const SerialQueue::Clock::time_point begin = SerialQueue::Clock::now();
+    const std::vector<std::string> names = takeNewNames();
+    const SerialQueue::Clock::time_point end = SerialQueue::Clock::now();
+    // Each of ten thousand arrivals and departures is an event of its own. Listing a large folder for every one
+    // would keep a processor busy and the folder locked against the very moves that cause them.
+    m_nextScan = end + restPerScan * (end - begin);
+    if (!names.empty()) m_walks->begin(token, names);
+}
+
+std::vector<std::string> FolderWatch::takeNewNames() const
+{
+    const MutexLock lock(m_known->mutex);
+    if (m_cancelled) return {};
+    Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
+    if (!listing || listing->identity() != m_identity) return {};
+
+    NameSnapshot::Update update(m_known->names);
+    if (!listing->forEachName([&](auto name) { update.add(name); })) return {};
+    if (update.isUnchanged() || m_cancelled) return {};
+    std::vector<std::string> names = update.newNames();
+    m_known->names = update.takeCurrent();
+    return names;
+}
+
+} // namespace harbex

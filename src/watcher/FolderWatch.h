@@ -1,0 +1,76 @@
+#pragma once
+
+#include "base/FileIdentity.h"
+#include "base/Mutex.h"
+#include "base/Outcome.h"
+#include "model/WatchedFolder.h"
+#include "watcher/DirectoryEvents.h"
+#include "watcher/EntryWalks.h"
+#include "watcher/NameSnapshot.h"
+#include "watcher/SerialQueue.h"
+#include "watcher/WorkerPool.h"
+
+#include <atomic>
+#include <memory>
+
+namespace harbex
+{
+
+/// The names that were in a folder at its last listing. Held from before a listing until its result is written:
+/// two records of the same folder share this, and an older listing must never replace a newer one.
+struct KnownItems {
+    Mutex mutex;
+    NameSnapshot names GUARDED_BY(mutex);
+};
+
+/// One folder for as long as it is watched, from a start to the next stop: its URL and rules as they were then,
+/// its queue and its source of events. Made and cancelled on the main thread.
+class FolderWatch : public std::enable_shared_from_this<FolderWatch>
+{
+public:
+    FolderWatch(const WatchedFolder& folder, WorkerPool& pool, FileMove& fileMove, EntryWalks::AddLog addLog);
+
+    /// Remembers which folder stands at the URL and, where `known` is new, takes its first snapshot. Fails when
+    /// the folder cannot be listed.
+    [[nodiscard]] Outcome<void> list(std::shared_ptr<KnownItems> known, bool isNew);
+
+    /// Asks for the events of the folder. Fails with the errno of the refusal. Nothing happens before begin().
+    [[nodiscard]] Outcome<void> open(DirectoryEvents& events);
+
+    /// Lets events through and scans once for what has arrived since the snapshot.
+    void begin();
+
+    /// Ends the watch: no scan begins after this, and one that is under way finds nothing. Entries that were
+    /// found before are still brought to their end.
+    void cancel();
+
+    /// The descriptor of the watch. Only after open().
+    [[nodiscard]] int descriptor() const { return m_source->descriptor(); }
+
+    [[nodiscard]] const std::string& queueLabel() const { return m_queue->label(); }
+
+private:
+    /// How many times as long as its last scan took a folder rests before it is scanned again.
+    static constexpr int restPerScan = 3;
+
+    void requestScan();
+    void scanForNewFiles(SerialQueue::Token token);
+    [[nodiscard]] std::vector<std::string> takeNewNames() const;
+
+    const std::string m_path;
+    const std::shared_ptr<SerialQueue> m_queue;
+    const std::shared_ptr<EntryWalks> m_walks;
+    std::shared_ptr<KnownItems> m_known;
+    /// The folder that was listed first. Another one at the same path, after a rename or an unmount, holds
+    /// entries that were there before: it is not looked at.
+    FileIdentity m_identity;
+    std::unique_ptr<DirectoryEvents::Source> m_source;
+
+    /// A scan waits in the queue: further events need none of their own.
+    std::atomic<bool> m_scanWaits = false;
+    /// Before this a burst of events leads to no further scan.
+    std::atomic<SerialQueue::Clock::time_point> m_nextScan{};
+    std::atomic<bool> m_cancelled = false;
+};
+
+} // namespace harbex

@@ -1,0 +1,40 @@
+#include "watcher/FreeName.h"
+
+#include "base/FileDescriptor.h"
+#include "watcher/EntryName.h"
+
+#include <cstdint>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace harbex
+{
+
+std::string uniqueDestination(const std::string& path, const std::string& folder)
+{
+    // "" + "/" + name would be an entry of the root.
+    if (folder.empty()) return {};
+
+    const std::string name(lastPathComponent(path));
+    const std::string_view extension = pathExtension(name);
+    const std::string base = extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1);
+    const std::string suffix = extension.empty() ? std::string() : '.' + std::string(extension);
+
+    // Opened once, so that a long search walks the path of the folder once.
+    const FileDescriptor opened(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const auto isTaken = [&opened](const std::string& candidate) {
+        struct stat data;
+        return opened && ::fstatat(opened.get(), candidate.c_str(), &data, AT_SYMLINK_NOFOLLOW) == 0;
+    };
+
+    std::string candidate = name;
+    for (uint64_t counter = 1; isTaken(candidate); ++counter) {
+        candidate = base;
+        candidate.append("-").append(std::to_string(counter)).append(suffix);
+    }
+
+    return folder.back() == '/' ? folder + candidate : folder + '/' + candidate;
+}
+
+} // namespace harbex

@@ -1,0 +1,93 @@
+#include "watcher/NoReplaceRename.h"
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace harbex
+{
+
+namespace
+{
+
+Outcome<void> renameReplacing(const EntryPlace& from, const EntryPlace& to)
+{
+    if (::renameat(from.folder, from.name.c_str(), to.folder, to.name.c_str()) != 0)
+        return SystemError::last();
+    return {};
+}
+
+// The kernel lets a folder take the place of an empty folder only.
+Outcome<void> renameFolder(const EntryPlace& from, const EntryPlace& to)
+{
+    if (::mkdirat(to.folder, to.name.c_str(), 0700) != 0) return SystemError::last();
+    const Outcome<void> renamed = renameReplacing(from, to);
+    if (!renamed) ::unlinkat(to.folder, to.name.c_str(), AT_REMOVEDIR);
+    return renamed;
+}
+
+/// Whether the empty file open as `fd` is still what stands at `place`; EEXIST when it is something else.
+Outcome<void> expectEmptyFile(const EntryPlace& place, int fd)
+{
+    const Outcome<EntryStatus> there = EntryStatus::of(place);
+    if (!there) return there.error();
+    const Outcome<EntryStatus> ours = EntryStatus::ofOpen(fd);
+    if (!ours) return ours.error();
+    if (!there->isSameEntry(*ours) || there->size != 0) return SystemError{EEXIST};
+    return {};
+}
+
+Outcome<void> renameOverPlaceholder(const EntryPlace& from, const EntryPlace& to)
+{
+    const FileDescriptor placeholder(
+        ::openat(to.folder, to.name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!placeholder) return SystemError::last();
+
+    Outcome<void> renamed = expectEmptyFile(to, placeholder.get());
+    if (renamed) renamed = renameReplacing(from, to);
+    if (!renamed && expectEmptyFile(to, placeholder.get())) ::unlinkat(to.folder, to.name.c_str(), 0);
+    return renamed;
+}
+
+bool saysThatLinksAreImpossible(int code)
+{
+    return code == EPERM || code == EOPNOTSUPP || code == ENOSYS || code == EMLINK;
+}
+
+Outcome<void> linkAndUnlink(const EntryPlace& from, const EntryPlace& to, const EntryStatus& entry)
+{
+    if (::linkat(from.folder, from.name.c_str(), to.folder, to.name.c_str(), 0) != 0) {
+        const SystemError refused = SystemError::last();
+        if (saysThatLinksAreImpossible(refused.code)) return renameOverPlaceholder(from, to);
+        return refused;
+    }
+
+    // Somebody may have saved a new file under the old name in this moment; that one has to stay.
+    const Outcome<EntryStatus> now = EntryStatus::of(from);
+    Outcome<void> unlinked;
+    if (!now)
+        unlinked = now.error();
+    else if (!now->isSameEntry(entry))
+        unlinked = SystemError{EBUSY};
+    else if (::unlinkat(from.folder, from.name.c_str(), 0) != 0)
+        unlinked = SystemError::last();
+    if (!unlinked) withdraw(to, entry);
+    return unlinked;
+}
+
+} // namespace
+
+Outcome<void> renameWithoutReplacing(const EntryPlace& from, const EntryPlace& to)
+{
+    if (::renameat2(from.folder, from.name.c_str(), to.folder, to.name.c_str(), RENAME_NOREPLACE) == 0)
+        return {};
+    const SystemError refused = SystemError::last();
+    // A file system without the flag says EINVAL, which is also the answer for a folder moved into itself;
+    // the folder gets that answer again below.
+    if (refused.code != EINVAL && refused.code != ENOSYS && refused.code != EOPNOTSUPP) return refused;
+
+    const Outcome<EntryStatus> entry = EntryStatus::of(from);
+    if (!entry) return entry.error();
+    return entry->isFolder() ? renameFolder(from, to) : linkAndUnlink(from, to, *entry);
+}
+
+} // namespace harbex

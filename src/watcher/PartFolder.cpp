@@ -1,0 +1,114 @@
+#include "watcher/PartFolder.h"
+
+#include "watcher/EntryRemoval.h"
+
+#include <array>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <unistd.h>
+#include <utility>
+
+namespace harbex
+{
+
+namespace
+{
+
+constexpr std::string_view prefix = ".harbex-";
+constexpr std::string_view suffix = ".part";
+constexpr std::string_view digits = "0123456789abcdef";
+constexpr size_t randomBytes = 16;
+
+Outcome<std::string> randomPartName()
+{
+    std::array<unsigned char, randomBytes> bytes;
+    // So few bytes come in one piece.
+    if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+        return SystemError::last();
+    std::string name(prefix);
+    for (const unsigned char byte : bytes) {
+        name += digits[byte >> 4];
+        name += digits[byte & 15];
+    }
+    return name.append(suffix);
+}
+
+bool isPartName(std::string_view name)
+{
+    if (name.size() != prefix.size() + 2 * randomBytes + suffix.size()) return false;
+    if (!name.starts_with(prefix) || !name.ends_with(suffix)) return false;
+    return name.substr(prefix.size(), 2 * randomBytes).find_first_not_of(digits) == std::string_view::npos;
+}
+
+bool lock(int fd)
+{
+    return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+}
+
+// Whoever wants to know what failed cannot do anything about it either: a leftover harms nobody, and a later
+// move tries again.
+void removeIfPossible(const EntryPlace& part)
+{
+    const Outcome<void> removed = removeEntry(part, [](const EntryStatus&) { return true; });
+    static_cast<void>(removed);
+}
+
+void removeIfLeftOver(const EntryPlace& part)
+{
+    const Outcome<EntryStatus> status = EntryStatus::of(part);
+    if (!status || !status->isFolder() || status->owner != ::geteuid()) return;
+    const Outcome<FileDescriptor> opened = openSubfolder(part, *status);
+    if (opened && lock(opened->get())) removeIfPossible(part);
+}
+
+} // namespace
+
+Outcome<PartFolder> PartFolder::create(int folder)
+{
+    for (;;) {
+        const Outcome<std::string> name = randomPartName();
+        if (!name) return name.error();
+        if (::mkdirat(folder, name->c_str(), 0700) != 0) return SystemError::last();
+        PartFolder part({folder, *name});
+        const Outcome<bool> occupied = part.occupy();
+        if (!occupied) return occupied.error();
+        if (*occupied) return part;
+    }
+}
+
+Outcome<bool> PartFolder::occupy()
+{
+    m_opened = FileDescriptor(
+        ::openat(m_place.folder, m_place.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!m_opened && errno == ENOENT) return false;
+    if (!m_opened) return SystemError::last();
+    // A file system without locks refuses the one of removeLeftovers() as well.
+    if (!lock(m_opened.get()) && errno == EWOULDBLOCK) return false;
+    const Outcome<EntryStatus> status = EntryStatus::of(m_place);
+    if (!status && status.error().code == ENOENT) return false;
+    if (!status) return status.error();
+    return true;
+}
+
+void PartFolder::removeLeftovers(int folder)
+{
+    const Outcome<std::vector<std::string>> names = namesIn(folder);
+    if (!names) return;
+    for (const std::string& name : *names) {
+        if (isPartName(name)) removeIfLeftOver({folder, name});
+    }
+}
+
+PartFolder::PartFolder(PartFolder&& other) noexcept
+    : m_place({other.m_place.folder, std::exchange(other.m_place.name, {})}),
+      m_opened(std::move(other.m_opened))
+{
+}
+
+PartFolder::~PartFolder()
+{
+    if (!m_place.name.empty()) removeIfPossible(m_place);
+}
+
+} // namespace harbex

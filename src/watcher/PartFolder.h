@@ -1,0 +1,47 @@
+#pragma once
+
+#include "base/FileDescriptor.h"
+#include "base/Outcome.h"
+#include "watcher/EntryPlace.h"
+
+#include <utility>
+
+namespace harbex
+{
+
+/// A hidden folder ".harbex-<32 hexadecimal digits>.part" in which a copy is built before it gets its name
+/// in the folder around. The ending tells watchers to leave it alone; the process that works in it holds its
+/// lock (flock), which is free again when that process was killed. Used by one thread; several may have one
+/// each in the same folder.
+class PartFolder
+{
+public:
+    /// Makes one in `folder`, which must stay open longer.
+    [[nodiscard]] static Outcome<PartFolder> create(int folder);
+
+    /// Removes the part folders that killed processes of this user left in `folder`, as far as that is
+    /// possible. Those that somebody still works in stay.
+    static void removeLeftovers(int folder);
+
+    PartFolder(PartFolder&& other) noexcept;
+    PartFolder(const PartFolder&) = delete;
+    PartFolder& operator=(const PartFolder&) = delete;
+
+    /// Removes the part folder with everything in it. What cannot be removed now, a later move removes.
+    ~PartFolder();
+
+    /// The open part folder, empty at first and closed to other users.
+    [[nodiscard]] int descriptor() const { return m_opened.get(); }
+
+private:
+    explicit PartFolder(EntryPlace place) : m_place(std::move(place)) {}
+
+    /// Opens and locks what was just made; false when it was removed meanwhile by somebody who took it for a
+    /// leftover.
+    Outcome<bool> occupy();
+
+    EntryPlace m_place;
+    FileDescriptor m_opened;
+};
+
+} // namespace harbex

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "model/FilterRule.h"
+
+#include <QSet>
+#include <QString>
+
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace harbex
+{
+
+// The decision whether a rule takes an entry. Pure functions and plain values, for any thread.
+//
+// It is made in two stages, and an entry must pass both. The first looks at the name alone and costs next to
+// nothing; the second at what stands on the disk. For extension rules the two differ on purpose: the first may
+// be a substring test, the second always asks for the whole extension in lower case.
+//
+// Text is compared under canonical equivalence: an "é" that a person typed finds one that another system wrote
+// as "e" and a combining accent. Letters are folded by Unicode's lower-casing.
+
+/// The extensions of each kind, in lower case without a dot.
+extern const QSet<QString> imageExtensions;
+extern const QSet<QString> documentExtensions;
+extern const QSet<QString> videoExtensions;
+extern const QSet<QString> audioExtensions;
+extern const QSet<QString> applicationExtensions;
+
+/// A text in the two forms it is compared in.
+struct ComparableText {
+    ComparableText() = default;
+    explicit ComparableText(const QString& text);
+
+    QString exact;
+    QString lowerCased;
+};
+
+/// The name of an entry, split for the first stage.
+struct SplitName {
+    /// `name` is raw bytes; what is no UTF-8 takes part as U+FFFD.
+    explicit SplitName(std::string_view name);
+
+    /// What stands between the dots, empty pieces left out. None at all for a name made of dots only.
+    std::vector<QString> pieces;
+    /// The first and the last piece; without pieces, empty.
+    ComparableText base;
+    ComparableText tail;
+};
+
+/// A rule with its value prepared for comparing.
+struct MatchableRule {
+    explicit MatchableRule(const FilterRule& rule) : filter(rule), value(rule.value) {}
+
+    FilterRule filter;
+    ComparableText value;
+};
+
+/// The first stage. A rule without a destination takes nothing; one without a value, and one for a kind, lets
+/// every name pass; a name without pieces passes no test of its text.
+[[nodiscard]] bool passesNameFilter(const SplitName& name, const MatchableRule& rule);
+
+/// Whether an entry is the unfinished form of a download, which no rule takes.
+[[nodiscard]] bool isPartialDownload(const QString& lowerCasedExtension);
+
+/// The second stage, for an entry that exists. `isDirectory` does not follow links and is absent when it could
+/// not be read.
+[[nodiscard]] bool matches(const MatchableRule& rule, const QString& lowerCasedExtension,
+                           std::optional<bool> isDirectory);
+
+} // namespace harbex

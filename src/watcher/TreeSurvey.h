@@ -1,0 +1,60 @@
+#pragma once
+
+#include "base/Outcome.h"
+#include "watcher/EntryPlace.h"
+
+#include <cstddef>
+#include <functional>
+#include <stop_token>
+#include <string>
+#include <unordered_set>
+
+namespace harbex
+{
+
+/// What an entry and, if it is a folder, everything in it was like before it is copied to another volume: the
+/// measure by which it is recognised as unchanged before the original is removed. Used by one thread.
+class TreeSurvey
+{
+public:
+    /// Looks at the entry at `root`, to be moved into the folder open as `targetFolder`. Refuses what could
+    /// not be moved: pipes, sockets and devices (EOPNOTSUPP), mounted file systems (EBUSY), the target folder
+    /// itself or one around it (EINVAL), what this process could not remove afterwards (EACCES, EPERM), and
+    /// trees too deep (EMFILE). ECANCELED after `stop`.
+    [[nodiscard]] static Outcome<TreeSurvey> take(const EntryPlace& root, int targetFolder,
+                                                  const std::stop_token& stop);
+
+    /// What the entry itself was like.
+    [[nodiscard]] const EntryStatus& root() const { return m_root; }
+
+    /// Whether the survey found this entry, and exactly as it is `now`.
+    [[nodiscard]] bool holdsUnchanged(const EntryStatus& now) const;
+
+    /// Looks at the whole tree again: EBUSY when anything was changed, added or taken away; otherwise fails
+    /// as take() does.
+    [[nodiscard]] Outcome<void> expectUnchanged(const EntryPlace& root, int targetFolder,
+                                                const std::stop_token& stop) const;
+
+    /// Removes the tree at `root`, each entry only while it is as the survey found it. EBUSY at the first
+    /// that is not: that one and what was not yet removed stay.
+    [[nodiscard]] Outcome<void> removeTree(const EntryPlace& root) const;
+
+private:
+    struct HashOfInode {
+        size_t operator()(const EntryStatus& entry) const
+        {
+            return std::hash<uint64_t>()(entry.inode ^ (entry.device << 32U));
+        }
+    };
+    struct IsSameEntry {
+        bool operator()(const EntryStatus& a, const EntryStatus& b) const { return a.isSameEntry(b); }
+    };
+
+    /// One entry for each inode; a file with two names in the tree is one.
+    std::unordered_set<EntryStatus, HashOfInode, IsSameEntry> m_entries;
+    /// How many names led to them.
+    size_t m_names = 0;
+    EntryStatus m_root;
+};
+
+} // namespace harbex

@@ -1,0 +1,137 @@
+#include "watcher/VolumeCrossing.h"
+
+#include "watcher/EntryName.h"
+#include "watcher/EntryPlace.h"
+#include "watcher/FileCopy.h"
+#include "watcher/NoReplaceRename.h"
+#include "watcher/PartFolder.h"
+#include "watcher/TreeCopy.h"
+#include "watcher/TreeSurvey.h"
+
+#include <optional>
+#include <unistd.h>
+
+namespace harbex
+{
+
+namespace
+{
+
+/// One entry on its way from one volume to another.
+class Crossing
+{
+public:
+    Crossing(EntryPlace from, EntryPlace to, const TreeSurvey& survey, const std::stop_token& stop)
+        : m_from(std::move(from)), m_to(std::move(to)), m_survey(survey), m_stop(stop)
+    {
+    }
+
+    Outcome<void> run()
+    {
+        const Outcome<EntryStatus> copy = makeCopy();
+        if (!copy) return copy.error();
+        Outcome<void> removed = syncTargetFolder();
+        if (removed) removed = m_survey.removeTree(m_from);
+        // A folder that had its name may hold new things of others by now.
+        if (!removed && !copy->isFolder()) withdraw(m_to, *copy);
+        return removed;
+    }
+
+private:
+    /// Makes the copy appear under its name, whole, and gives what it is like.
+    Outcome<EntryStatus> makeCopy()
+    {
+        if (m_survey.root().isRegularFile()) {
+            const std::optional<Outcome<EntryStatus>> copy = makeCopyWithoutName();
+            if (copy) return *copy;
+        }
+        return makeCopyInPartFolder();
+    }
+
+    /// By a file that has no name until it is complete; nothing when this cannot be done here.
+    std::optional<Outcome<EntryStatus>> makeCopyWithoutName()
+    {
+        const FileDescriptor file(::openat(m_to.folder, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+        if (!file) {
+            if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL || errno == ENOSYS)
+                return std::nullopt;
+            return SystemError::last();
+        }
+        const Outcome<void> copied = copyFile(m_from, m_survey.root(), file.get(), m_stop);
+        if (!copied) return copied.error();
+        if (::fsync(file.get()) != 0) return SystemError::last();
+        const Outcome<void> unchanged = m_survey.expectUnchanged(m_from, m_to.folder, m_stop);
+        if (!unchanged) return unchanged.error();
+
+        const Outcome<EntryStatus> status = EntryStatus::ofOpen(file.get());
+        if (!status) return status.error();
+        const std::string opened = "/proc/self/fd/" + std::to_string(file.get());
+        if (::linkat(AT_FDCWD, opened.c_str(), m_to.folder, m_to.name.c_str(), AT_SYMLINK_FOLLOW) == 0)
+            return *status;
+        if (errno == EPERM || errno == EOPNOTSUPP || errno == ENOSYS) return std::nullopt;
+        return SystemError::last();
+    }
+
+    Outcome<EntryStatus> makeCopyInPartFolder()
+    {
+        const Outcome<PartFolder> part = PartFolder::create(m_to.folder);
+        if (!part) return part.error();
+        const EntryPlace built{part->descriptor(), "entry"};
+        const Outcome<void> copied = TreeCopy(m_survey, m_stop).copy(m_from, built);
+        if (!copied) return copied.error();
+        // One call for all files: one for each would take a journal's time for each. It tells of every error
+        // since the part folder was opened.
+        if (::syncfs(part->descriptor()) != 0) return SystemError::last();
+        const Outcome<void> unchanged = m_survey.expectUnchanged(m_from, m_to.folder, m_stop);
+        if (!unchanged) return unchanged.error();
+
+        const Outcome<EntryStatus> status = EntryStatus::of(built);
+        if (!status) return status.error();
+        const Outcome<void> published = renameWithoutReplacing(built, m_to);
+        if (!published) return published.error();
+        return *status;
+    }
+
+    Outcome<void> syncTargetFolder() const
+    {
+        // EINVAL: this file system has nothing to synchronise in a folder.
+        if (::fsync(m_to.folder) != 0 && errno != EINVAL) return SystemError::last();
+        return {};
+    }
+
+    const EntryPlace m_from;
+    const EntryPlace m_to;
+    const TreeSurvey& m_survey;
+    const std::stop_token& m_stop;
+};
+
+/// Saves copying for nothing; whether the name is free in the end is decided when the copy gets it.
+Outcome<void> expectNothingAt(const EntryPlace& place)
+{
+    const Outcome<EntryStatus> there = EntryStatus::of(place);
+    if (there) return SystemError{EEXIST};
+    if (there.error().code != ENOENT) return there.error();
+    return {};
+}
+
+} // namespace
+
+Outcome<void> moveAcrossVolumes(const std::string& source, const std::string& target,
+                                const std::stop_token& stop)
+{
+    // Both folders stay the same ones to the end, whatever becomes of their paths.
+    const FileDescriptor sourceFolder(::open(parentPath(source).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!sourceFolder) return SystemError::last();
+    const Outcome<FileDescriptor> targetFolder = openFolder(parentPath(target));
+    if (!targetFolder) return targetFolder.error();
+    const EntryPlace from{sourceFolder.get(), std::string(lastPathComponent(source))};
+    const EntryPlace to{targetFolder->get(), std::string(lastPathComponent(target))};
+
+    const Outcome<void> isFree = expectNothingAt(to);
+    if (!isFree) return isFree;
+    const Outcome<TreeSurvey> survey = TreeSurvey::take(from, to.folder, stop);
+    if (!survey) return survey.error();
+    return Crossing(from, to, *survey, stop).run();
+}
+
+} // namespace harbex
