@@ -1,0 +1,48 @@
+#include "ui/ApplicationShell.h"
+#include "ui/TerminationSignals.h"
+
+#include <QApplication>
+
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace
+{
+
+/// Whoever starts the program with a standard stream closed must not find its next file in that place: what is
+/// printed would be written into it.
+void openStandardStreams()
+{
+    int fd = ::open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) fd = ::dup(fd);
+    if (fd >= 0) ::close(fd);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    openStandardStreams();
+    // A reader of the diagnostics that goes away must not end the program.
+    std::signal(SIGPIPE, SIG_IGN);
+
+    QApplication application(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("harbex"));
+    QApplication::setApplicationDisplayName(QStringLiteral("Harbex"));
+    QApplication::setDesktopFileName(QStringLiteral("org.harbex.Harbex"));
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    harbex::ApplicationShell shell;
+    const harbex::TerminationSignals signals;
+    // exit() and not quit(), which closes the windows first: closing one saves.
+    QObject::connect(&signals, &harbex::TerminationSignals::received, &application,
+                     [] { QApplication::exit(0); });
+    shell.applicationDidFinishLaunching();
+    const int status = QApplication::exec();
+
+    // Ending waits for the moves under way, which give up at once; one that hangs in a file system that does
+    // not answer must not keep the process.
+    ::alarm(3);
+    return status;
+}
