@@ -1,0 +1,21 @@
+# The commands of everyday work. Each says what it misses and installs it (Debian), then does its job.
+
+.PHONY: build run test check format clean
+
+build: # build/release/harbex
+	@scripts/build
+
+run: # Harbex on this desktop; without a display a demonstration on a virtual one
+	@scripts/run
+
+test: # everything that must pass before a change goes in
+	@scripts/test
+
+check: # all kinds of build, the sanitizers and the linters; takes a while
+	@scripts/check
+
+format: # lays out all sources as .clang-format says
+	@scripts/format
+
+clean:
+	@rm -rf build
