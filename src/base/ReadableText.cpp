@@ -1,5 +1,6 @@
 #include "base/ReadableText.h"
 
+#include <QByteArray>
 #include <QList>
 
 namespace harbex
@@ -53,9 +54,14 @@ QString readableText(const QString& text)
     return readable;
 }
 
-QString readableName(std::string_view bytes)
+QString textOfName(std::string_view bytes)
 {
-    return readableText(QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size())));
+    // fromUtf8() takes a byte-order mark at the beginning away, so something else stands there.
+    QByteArray behindOne("x");
+    behindOne.append(bytes.data(), static_cast<qsizetype>(bytes.size()));
+    return QString::fromUtf8(behindOne).sliced(1);
 }
+
+QString readableName(std::string_view bytes) { return readableText(textOfName(bytes)); }
 
 } // namespace harbex

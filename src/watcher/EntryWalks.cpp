@@ -29,9 +29,7 @@ QString listOf(const std::vector<QString>& pieces)
 
 QString lowerCasedExtension(const std::string& name)
 {
-    const std::string_view extension = pathExtension(name);
-    return ComparableText(QString::fromUtf8(extension.data(), static_cast<qsizetype>(extension.size())))
-        .lowerCased;
+    return ComparableText(textOfName(pathExtension(name))).lowerCased;
 }
 
 bool areSameFolder(const std::string& a, const std::string& b)
@@ -150,6 +148,12 @@ void EntryWalks::moveImageToPicturesIfPossible(const std::string& path, const Fi
 void EntryWalks::move(const std::string& path, const FileUrl& destination) const
 {
     const QString name = nameOf(path);
+    // While this waited for a copy to end, the copy may have been of this very entry, for an earlier rule.
+    struct stat data;
+    if (::stat(path.c_str(), &data) != 0) {
+        m_addLog(QStringLiteral("Skipped busy file: ") + name);
+        return;
+    }
     print(QStringLiteral("Moving %1 to %2...").arg(name, readableName(destination.lastPathComponent())));
 
     const std::string target = uniqueDestination(path, destination.path());

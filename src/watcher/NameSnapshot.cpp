@@ -9,12 +9,15 @@ namespace harbex
 namespace
 {
 
-/// Takes the first name, without its NUL, off the front of `names`.
-std::string_view takeName(std::string_view& names)
+/// Calls `each` with every name, without its NUL.
+template <class Each>
+void forEachName(std::string_view names, Each&& each)
 {
-    const std::string_view name = names.substr(0, names.find('\0'));
-    names.remove_prefix(name.size() + 1);
-    return name;
+    while (!names.empty()) {
+        const std::string_view name = names.substr(0, names.find('\0'));
+        names.remove_prefix(name.size() + 1);
+        each(name);
+    }
 }
 
 /// How many bytes at the ends of both are the same whole names.
@@ -46,23 +49,17 @@ std::vector<std::string> NameSnapshot::Update::newNames() const
 {
     if (m_same) return {};
 
-    std::string_view known = std::string_view(m_known).substr(m_cursor);
-    std::string_view current = std::string_view(m_current).substr(m_cursor);
-    const size_t end = commonEnd(known, current);
-    known.remove_suffix(end);
-    current.remove_suffix(end);
+    const std::string_view known = m_known;
+    const std::string_view current = m_current;
+    const size_t end = commonEnd(known.substr(m_cursor), current.substr(m_cursor));
 
-    // What is left is short when one thing changed. A name may still stand on both sides, because the file
-    // system may give the rest in another order, and twice on one: a listing of a folder that is being changed
-    // can repeat itself.
-    std::unordered_set<std::string_view> seen;
-    while (!known.empty()) seen.insert(takeName(known));
-    std::vector<std::string> names;
-    while (!current.empty()) {
-        const std::string_view name = takeName(current);
-        if (seen.insert(name).second) names.emplace_back(name);
-    }
-    return names;
+    // What lies between the common front and the common end is short when one thing changed.
+    std::unordered_set<std::string_view> fresh;
+    forEachName(current.substr(m_cursor, current.size() - end - m_cursor), [&](auto name) { fresh.insert(name); });
+    // All of the known names, because a listing of a folder that is being changed may give the rest in another
+    // order, or a name a second time.
+    forEachName(known, [&](auto name) { fresh.erase(name); });
+    return {fresh.begin(), fresh.end()};
 }
 
 NameSnapshot NameSnapshot::Update::takeCurrent()

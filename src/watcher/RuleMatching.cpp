@@ -1,5 +1,7 @@
 #include "watcher/RuleMatching.h"
 
+#include "base/ReadableText.h"
+
 namespace harbex
 {
 
@@ -71,7 +73,7 @@ ComparableText::ComparableText(const QString& text)
 
 SplitName::SplitName(std::string_view name)
 {
-    const QString text = QString::fromUtf8(name.data(), static_cast<qsizetype>(name.size()));
+    const QString text = textOfName(name);
     for (const QStringView piece : QStringView(text).split(u'.', Qt::SkipEmptyParts))
         pieces.push_back(piece.toString());
     if (pieces.empty()) return;

@@ -35,15 +35,20 @@ void WorkerPool::stop()
 {
     m_stop.request_stop();
     Threads threads;
+    // Letting go of a task may end in a call of this pool, so it is done without the lock.
+    std::deque<Task> ready;
+    std::multimap<Clock::time_point, Task> delayed;
     {
         const MutexLock lock(m_mutex);
         m_stopped = true;
-        m_ready.clear();
-        m_delayed.clear();
+        ready.swap(m_ready);
+        delayed.swap(m_delayed);
         m_changed.notifyAll();
         threads.splice(threads.end(), m_threads);
         threads.splice(threads.end(), m_ended);
     }
+    ready.clear();
+    delayed.clear();
     for (std::thread& thread : threads) thread.join();
 }
 
@@ -66,6 +71,7 @@ void WorkerPool::addThreadIfNeeded()
     const auto self = std::prev(m_threads.end());
     try {
         *self = std::thread([this, self] { work(self); });
+        ++m_idle;
     } catch (const std::system_error&) {
         // The user's limit of processes. The task waits for a thread that there is, or for the next call.
         m_threads.erase(self);
@@ -80,7 +86,9 @@ void WorkerPool::work(Threads::iterator self)
         task();
         task = nullptr;
         m_mutex.lock();
+        ++m_idle;
     }
+    --m_idle;
     // stop() has taken the list over already and joins.
     if (!m_stopped) m_ended.splice(m_ended.end(), m_threads, self);
     m_mutex.unlock();
@@ -100,18 +108,17 @@ WorkerPool::Task WorkerPool::nextTask()
         if (!m_ready.empty()) {
             Task task = std::move(m_ready.front());
             m_ready.pop_front();
+            --m_idle;
             // Several may have fallen due at once, or this was the thread that waited for the rest.
             if (!m_ready.empty() || !m_delayed.empty()) addThreadIfNeeded();
             return task;
         }
 
-        const bool needed = !m_delayed.empty() && m_idle == 0;
+        const bool needed = !m_delayed.empty() && m_idle == 1;
         if (now >= idleEnd && !needed) return {};
         Clock::time_point wake = m_delayed.empty() ? idleEnd : m_delayed.begin()->first;
         if (!needed) wake = std::min(wake, idleEnd);
-        ++m_idle;
         m_changed.waitUntil(m_mutex, wake);
-        --m_idle;
     }
 }
 

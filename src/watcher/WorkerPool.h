@@ -68,6 +68,7 @@ private:
     Threads m_threads GUARDED_BY(m_mutex);
     /// Threads that have left the loop and wait to be joined.
     Threads m_ended GUARDED_BY(m_mutex);
+    /// How many threads have no task, those included that have yet to begin.
     std::size_t m_idle GUARDED_BY(m_mutex) = 0;
     bool m_stopped GUARDED_BY(m_mutex) = false;
 };
