@@ -12,16 +12,22 @@ using namespace harbex::test;
 namespace
 {
 
+/// The URL of a text that must be one.
+FileUrl urlOf(const QString& text)
+{
+    const auto url = FileUrl::fromString(text);
+    if (!url) qFatal("no URL: %s", qPrintable(text));
+    return *url;
+}
+
 std::string pathOf(const char* text)
 {
-    const auto url = FileUrl::fromString(QString::fromUtf8(text));
-    return url ? url->path() : "(no URL)";
+    return urlOf(QString::fromUtf8(text)).path();
 }
 
 std::string lastComponentOf(const char* text)
 {
-    const auto url = FileUrl::fromString(QString::fromUtf8(text));
-    return url ? url->lastPathComponent() : "(no URL)";
+    return urlOf(QString::fromUtf8(text)).lastPathComponent();
 }
 
 } // namespace
@@ -111,9 +117,7 @@ void TestFileUrl::textIsKeptAsGiven_data()
 void TestFileUrl::textIsKeptAsGiven()
 {
     QFETCH(const QString, text);
-    const auto url = FileUrl::fromString(text);
-    QVERIFY(url);
-    QCOMPARE(url->absoluteString(), text);
+    QCOMPARE(urlOf(text).absoluteString(), text);
 }
 
 void TestFileUrl::pathIsDecoded()
@@ -135,7 +139,10 @@ void TestFileUrl::lettersBeyondAsciiMayStandUnencoded()
     QCOMPARE(pathOf("file:///\U0001F600%C3%A9"), std::string("/\U0001F600\u00e9"));
 }
 
-void TestFileUrl::encodedSlashIsASlash() { QCOMPARE(pathOf("file:///a%2Fb"), std::string("/a/b")); }
+void TestFileUrl::encodedSlashIsASlash()
+{
+    QCOMPARE(pathOf("file:///a%2Fb"), std::string("/a/b"));
+}
 
 void TestFileUrl::trailingSlashesAreDropped()
 {
@@ -233,9 +240,7 @@ void TestFileUrl::everyByteComesBack()
         const std::string path = std::string("/a") + static_cast<char>(byte) + "z";
         const FileUrl url = FileUrl::fromPath(path);
         QCOMPARE(url.path(), path);
-        const auto read = FileUrl::fromString(url.absoluteString());
-        QVERIFY(read);
-        QCOMPARE(read->path(), path);
+        QCOMPARE(urlOf(url.absoluteString()).path(), path);
     }
 }
 
@@ -257,12 +262,11 @@ void TestFileUrl::randomPathsComeBackByteForByte()
             if (path.empty()) path = "/a";
         }
         const FileUrl url = FileUrl::fromPath(path);
-        const auto read = FileUrl::fromString(url.absoluteString());
-        QVERIFY2(read, qPrintable(url.absoluteString()));
+        const FileUrl read = urlOf(url.absoluteString());
         QVERIFY2(url.path() == path, qPrintable(url.absoluteString()));
-        QVERIFY2(read->path() == path, qPrintable(url.absoluteString()));
-        QCOMPARE(read->lastPathComponent(), path.substr(path.rfind('/') + 1));
-        QCOMPARE(read->absoluteString(), url.absoluteString());
+        QVERIFY2(read.path() == path, qPrintable(url.absoluteString()));
+        QCOMPARE(read.lastPathComponent(), path.substr(path.rfind('/') + 1));
+        QVERIFY(read == url);
     }
 }
 

@@ -59,8 +59,8 @@ private Q_SLOTS:
 
 void TestFilterRule::fieldsAreNameExtensionKindInThisOrder()
 {
-    QCOMPARE(rawValues(allRuleFields), QStringList({QStringLiteral("Name"), QStringLiteral("Extension"),
-                                                    QStringLiteral("Kind")}));
+    QCOMPARE(rawValues(allRuleFields),
+             QStringList({QStringLiteral("Name"), QStringLiteral("Extension"), QStringLiteral("Kind")}));
 }
 
 void TestFilterRule::operatorsAreContainsAndIsInThisOrder()
@@ -125,7 +125,10 @@ void TestFilterRule::newRuleHasTheStatedDefaults()
     QVERIFY(rule.kind == RuleKind::image);
 }
 
-void TestFilterRule::newRulesHaveDifferentIds() { QVERIFY(FilterRule().id != FilterRule().id); }
+void TestFilterRule::newRulesHaveDifferentIds()
+{
+    QVERIFY(FilterRule().id != FilterRule().id);
+}
 
 void TestFilterRule::newFoldersHaveDifferentIds()
 {
@@ -147,7 +150,7 @@ void TestFilterRule::copiedRuleIsEqual()
 void TestFilterRule::ruleIsUnequalAfterAChangeOfAnyField_data()
 {
     QTest::addColumn<Change>("change");
-    const auto row = [](const char* name, Change change) { QTest::newRow(name) << std::move(change); };
+    const auto row = [](const char* name, const Change& change) { QTest::newRow(name) << change; };
     row("id", [](FilterRule& rule) { rule.id = QUuid::createUuid(); });
     row("field", [](FilterRule& rule) { rule.field = RuleField::kind; });
     row("operatorType", [](FilterRule& rule) { rule.operatorType = RuleOperator::isEqual; });

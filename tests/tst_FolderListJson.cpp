@@ -20,7 +20,10 @@ namespace
 const char* const folderID = "0F8E6C1A-1111-4222-8333-ABCDEFABCDEF";
 const char* const ruleID = "2B5F0C11-AAAA-4BBB-9CCC-0123456789AB";
 
-QString text(const char* utf8) { return QString::fromUtf8(utf8); }
+QString text(const char* utf8)
+{
+    return QString::fromUtf8(utf8);
+}
 
 /// The JSON of a rule that has every key.
 QJsonObject ruleObject()
@@ -209,6 +212,7 @@ void TestFolderListJson::emptyListEncodesToAnEmptyArray()
 void TestFolderListJson::orderOfFoldersAndRulesIsKept()
 {
     std::vector<WatchedFolder> folders;
+    folders.reserve(20);
     for (int i = 0; i < 20; ++i)
         folders.push_back(folderWith({FilterRule(), FilterRule(), FilterRule()}));
     const auto json = encodeFolderList(folders);
@@ -352,11 +356,17 @@ QByteArray changed(bool isOfRule, const std::function<void(QJsonObject&)>& chang
     return isOfRule ? listWithRule(object) : listOf(object);
 }
 
-QString placeOf(bool isOfRule, const QString& key) { return text(isOfRule ? "[0].rules[0]." : "[0].") + key; }
+QString placeOf(bool isOfRule, const QString& key)
+{
+    return text(isOfRule ? "[0].rules[0]." : "[0].") + key;
+}
 
 } // namespace
 
-void TestFolderListJson::missingRequiredKeyFails_data() { addRequiredKeys(); }
+void TestFolderListJson::missingRequiredKeyFails_data()
+{
+    addRequiredKeys();
+}
 
 void TestFolderListJson::missingRequiredKeyFails()
 {
@@ -366,7 +376,10 @@ void TestFolderListJson::missingRequiredKeyFails()
     QCOMPARE(decodingError(json), placeOf(isOfRule, key) + text(": missing key"));
 }
 
-void TestFolderListJson::nullForARequiredKeyFails_data() { addRequiredKeys(); }
+void TestFolderListJson::nullForARequiredKeyFails_data()
+{
+    addRequiredKeys();
+}
 
 void TestFolderListJson::nullForARequiredKeyFails()
 {
@@ -375,7 +388,8 @@ void TestFolderListJson::nullForARequiredKeyFails()
     const QByteArray json =
         changed(isOfRule, [&key](QJsonObject& object) { object.insert(key, QJsonValue::Null); });
     QCOMPARE(decodingError(json),
-             placeOf(isOfRule, key) + text(key == text("rules") ? ": expected an array" : ": expected a string"));
+             placeOf(isOfRule, key) +
+                 text(key == text("rules") ? ": expected an array" : ": expected a string"));
 }
 
 void TestFolderListJson::wrongJsonTypeFails_data()
@@ -409,15 +423,15 @@ void TestFolderListJson::wrongJsonTypeFails()
     QFETCH(const QJsonValue, value);
     const QByteArray json = changed(isOfRule, [&](QJsonObject& object) { object.insert(key, value); });
     QCOMPARE(decodingError(json),
-             placeOf(isOfRule, key) + text(key == text("rules") ? ": expected an array" : ": expected a string"));
+             placeOf(isOfRule, key) +
+                 text(key == text("rules") ? ": expected an array" : ": expected a string"));
 }
 
 void TestFolderListJson::operatorIsEqualFailsAndIsDecodes()
 {
     QJsonObject rule = ruleObject();
     rule.insert(text("operatorType"), text("isEqual"));
-    QCOMPARE(decodingError(listWithRule(rule)),
-             text("[0].rules[0].operatorType: unknown value \"isEqual\""));
+    QCOMPARE(decodingError(listWithRule(rule)), text("[0].rules[0].operatorType: unknown value \"isEqual\""));
     rule.insert(text("operatorType"), text("is"));
     QVERIFY(decoded(listWithRule(rule)).at(0).rules[0].operatorType == RuleOperator::isEqual);
 }
@@ -450,7 +464,8 @@ void TestFolderListJson::emptyOrUnparsableUrlFails()
         QVERIFY2(decodingError(listOf(folder)).startsWith(text("[0].url: no URL ")), url);
         QJsonObject rule = ruleObject();
         rule.insert(text("destination"), text(url));
-        QVERIFY2(decodingError(listWithRule(rule)).startsWith(text("[0].rules[0].destination: no URL ")), url);
+        QVERIFY2(decodingError(listWithRule(rule)).startsWith(text("[0].rules[0].destination: no URL ")),
+                 url);
     }
 }
 
@@ -510,9 +525,9 @@ void TestFolderListJson::loneSurrogateInAValueDoesNotDecode()
 
 void TestFolderListJson::valueMayHoldAnyUnicodeText()
 {
-    const QString values[] = {
-        text("\"\\/\b\f\n\r\t\x01\x7f"), QString(QChar(u'\0')) + text("a"), text("\u2028\u202e\ufeff\uffff"),
-        text("e\u0301 \u00e9 \U0010FFFF"), QString(100'000, u'\u00e9')};
+    const QString values[] = {text("\"\\/\b\f\n\r\t\x01\x7f"), QString(QChar(u'\0')) + text("a"),
+                              text("\u2028\u202e\ufeff\uffff"), text("e\u0301 \u00e9 \U0010FFFF"),
+                              QString(100'000, u'\u00e9')};
     for (const QString& value : values) {
         FilterRule rule;
         rule.value = value;
@@ -536,15 +551,14 @@ void TestFolderListJson::unknownKeysAreIgnored()
 
 void TestFolderListJson::firstFailureInTheOrderOfTheKeysIsReported()
 {
-    const char* const keysOfRule[] = {"id",          "field",
-                                      "operatorType", "value",
-                                      "destination", "destinationBookmarkData",
-                                      "kind"};
+    const char* const keysOfRule[] = {
+        "id", "field", "operatorType", "value", "destination", "destinationBookmarkData", "kind"};
     QJsonObject rule;
     for (const char* key : keysOfRule)
         rule.insert(text(key), 1);
     for (const char* key : keysOfRule) {
-        QCOMPARE(decodingError(listWithRule(rule)), text("[0].rules[0].%1: expected a string").arg(text(key)));
+        QCOMPARE(decodingError(listWithRule(rule)),
+                 text("[0].rules[0].%1: expected a string").arg(text(key)));
         rule.insert(text(key), ruleObject().value(text(key)));
     }
     QCOMPARE(decodingError(listWithRule(rule)), QString());
@@ -683,7 +697,8 @@ void TestFolderListJson::deepNestingDoesNotCrash()
     // Below what the parser allows it is ignored like every unknown key.
     QJsonObject folder = folderObject();
     QByteArray json = listOf(folder);
-    json.replace("{\"bookmarkData\"", "{\"x\":" + QByteArray(500, '[') + QByteArray(500, ']') + ",\"bookmarkData\"");
+    json.replace("{\"bookmarkData\"",
+                 "{\"x\":" + QByteArray(500, '[') + QByteArray(500, ']') + ",\"bookmarkData\"");
     QCOMPARE(decodingError(json), QString());
 }
 
@@ -691,7 +706,8 @@ void TestFolderListJson::hugeNumbersDoNotCrash()
 {
     for (const QByteArray& number :
          {QByteArray("1e999999999"), QByteArray("-1e999999999"), QByteArray("99999999999999999999999999"),
-          QByteArray(100'000, '9'), QByteArray("1e-999999999"), QByteArray("0.") + QByteArray(100'000, '1')}) {
+          QByteArray(100'000, '9'), QByteArray("1e-999999999"),
+          QByteArray("0.") + QByteArray(100'000, '1')}) {
         QVERIFY(isOneLine(decodingError(listWithRuleValue(number))));
         QByteArray json = listOf(folderObject());
         json.replace("{\"bookmarkData\"", "{\"x\":" + number + ",\"bookmarkData\"");
@@ -712,7 +728,8 @@ void TestFolderListJson::duplicateKeysGiveOneOfTheValues()
 
 void TestFolderListJson::invalidUtf8Fails()
 {
-    for (const char* value : {"\"\xff\"", "\"\xc3\"", "\"\xed\xa0\x80\"", "\"\xc0\x80\"", "\"\xf4\x90\x80\x80\""})
+    for (const char* value :
+         {"\"\xff\"", "\"\xc3\"", "\"\xed\xa0\x80\"", "\"\xc0\x80\"", "\"\xf4\x90\x80\x80\""})
         QVERIFY2(isOneLine(decodingError(listWithRuleValue(value))), value);
 }
 
@@ -770,7 +787,7 @@ std::vector<WatchedFolder> randomList(std::mt19937& random)
 void TestFolderListJson::randomListsComeBackUnchanged()
 {
     std::mt19937 random = seededRandom();
-    for (int i = 0; i < 3'000; ++i) {
+    for (int i = 0; i < 2'000; ++i) {
         const auto folders = randomList(random);
         const auto json = encodeFolderList(folders);
         QVERIFY(json);
@@ -785,17 +802,19 @@ void TestFolderListJson::mutatedTextsNeverCrash()
     std::mt19937 random = seededRandom();
     int valid = 0;
     int invalid = 0;
-    for (int i = 0; i < 20'000; ++i) {
+    for (int i = 0; i < 8'000; ++i) {
         QByteArray json = *encodeFolderList(randomList(random));
         for (size_t mutations = 1 + randomBelow(random, 4); mutations > 0; --mutations) {
-            const auto place = static_cast<qsizetype>(randomBelow(random, static_cast<size_t>(json.size()) + 1));
-            static const QByteArray pieces[] = {"\"", "\\", "{", "}", "[", "]", ":", ",", "null", "\\ud800", "1e9"};
+            const auto place =
+                static_cast<qsizetype>(randomBelow(random, static_cast<size_t>(json.size()) + 1));
+            static const QByteArray pieces[] = {"\"", "\\", "{",    "}",       "[",  "]",
+                                                ":",  ",",  "null", "\\ud800", "1e9"};
             switch (randomBelow(random, 5)) {
             case 0:
                 json.insert(place, static_cast<char>(randomBelow(random, 256)));
                 break;
             case 1:
-                json.remove(place, static_cast<qsizetype>(1 + randomBelow(random, 3)));
+                json.remove(place, static_cast<qsizetype>(randomBelow(random, 3)) + 1);
                 break;
             case 2:
                 json.truncate(place);

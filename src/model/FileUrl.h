@@ -17,7 +17,8 @@ class FileUrl
 {
 public:
     /// Reads the text of a URL. Nothing when the text is empty or is no well-formed URL (RFC 3986; letters
-    /// beyond ASCII may stand unencoded). The text is kept as it stands, so that it is written back unchanged.
+    /// beyond ASCII may stand unencoded). The text is kept as it stands, so that it is written back
+    /// unchanged.
     [[nodiscard]] static std::optional<FileUrl> fromString(const QString& text);
 
     /// The URL of an absolute path, given as raw bytes. A folder gets no trailing slash.
@@ -31,8 +32,8 @@ public:
     /// empty path: the system answers ENOENT.
     [[nodiscard]] const std::string& path() const { return m_path; }
 
-    /// The last component of path() in raw bytes, the name shown and logged; "/" for the root. A URL without a
-    /// local path gives the text after its last slash.
+    /// The last component of path() in raw bytes, the name shown and logged; "/" for the root. A URL without
+    /// a local path gives the text after its last slash.
     [[nodiscard]] std::string lastPathComponent() const;
 
     friend bool operator==(const FileUrl& a, const FileUrl& b) { return a.m_string == b.m_string; }

@@ -32,7 +32,10 @@ constexpr QLatin1String kind("kind");
 template <class Value>
 using Decoded = Outcome<Value, JsonError>;
 
-QString placeOf(const QString& list, qsizetype index) { return QStringLiteral("%1[%2]").arg(list).arg(index); }
+QString placeOf(const QString& list, qsizetype index)
+{
+    return QStringLiteral("%1[%2]").arg(list).arg(index);
+}
 
 QString quoted(const QString& text)
 {
@@ -91,7 +94,8 @@ public:
     {
         return converted<QByteArray>(name, QStringLiteral("no Base64"), [](const QString& text) {
             const QByteArray base64 = text.toLatin1();
-            const auto result = QByteArray::fromBase64Encoding(base64, QByteArray::AbortOnBase64DecodingErrors);
+            const auto result =
+                QByteArray::fromBase64Encoding(base64, QByteArray::AbortOnBase64DecodingErrors);
             // Qt also takes text without its padding and drops stray bits at the end.
             const bool isExact = result && result.decoded.toBase64() == base64;
             return isExact ? std::optional(result.decoded) : std::nullopt;
@@ -111,7 +115,9 @@ public:
     }
 
 private:
-    ObjectReader(QJsonObject object, QString place) : m_object(std::move(object)), m_place(std::move(place)) {}
+    ObjectReader(QJsonObject object, QString place) : m_object(std::move(object)), m_place(std::move(place))
+    {
+    }
 
     [[nodiscard]] JsonError failure(QLatin1String name, const QString& what) const
     {
@@ -119,7 +125,8 @@ private:
     }
 
     template <class Value, class Convert>
-    [[nodiscard]] Decoded<Value> converted(QLatin1String name, const QString& failureText, Convert convert) const
+    [[nodiscard]] Decoded<Value> converted(QLatin1String name, const QString& failureText,
+                                           Convert convert) const
     {
         const auto found = text(name);
         if (!found) return found.error();
@@ -207,7 +214,8 @@ Outcome<QByteArray, JsonError> encodeFolderList(const std::vector<WatchedFolder>
         QJsonArray rules;
         for (const FilterRule& rule : folder.rules) {
             if (!rule.value.isValidUtf16()) {
-                const QString place = placeOf(placeOf({}, list.size()) + QStringLiteral(".rules"), rules.size());
+                const QString place =
+                    placeOf(placeOf({}, list.size()) + QStringLiteral(".rules"), rules.size());
                 return JsonError{place + QStringLiteral(".value: no Unicode text")};
             }
             rules.append(encodeRule(rule));
@@ -229,7 +237,8 @@ Outcome<std::vector<WatchedFolder>, JsonError> decodeFolderList(const QByteArray
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
     if (parseError.error != QJsonParseError::NoError)
-        return JsonError{QStringLiteral("offset %1: %2").arg(parseError.offset).arg(parseError.errorString())};
+        return JsonError{
+            QStringLiteral("offset %1: %2").arg(parseError.offset).arg(parseError.errorString())};
     if (!document.isArray()) return JsonError{QStringLiteral("top level: expected an array")};
 
     std::vector<WatchedFolder> folders;
@@ -242,7 +251,10 @@ Outcome<std::vector<WatchedFolder>, JsonError> decodeFolderList(const QByteArray
     return folders;
 }
 
-QString uuidText(const QUuid& id) { return id.toString(QUuid::WithoutBraces).toUpper(); }
+QString uuidText(const QUuid& id)
+{
+    return id.toString(QUuid::WithoutBraces).toUpper();
+}
 
 std::optional<QUuid> uuidFromText(QStringView text)
 {

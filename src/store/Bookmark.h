@@ -17,9 +17,9 @@ namespace harbex
 [[nodiscard]] Outcome<QByteArray> createBookmark(const std::string& path);
 
 /// Where the folder of a bookmark stands now: at the path it was made for, or under another name in the same
-/// parent folder. Nothing when the folder is at neither place (moved away, deleted, replaced by another one or
-/// by a restored copy) and when the bytes are no bookmark; any bytes may be given. Takes at most one listing of
-/// the parent folder. Any thread.
+/// parent folder. Nothing when the folder is at neither place (moved away, deleted, replaced by another one
+/// or by a restored copy) and when the bytes are no bookmark; any bytes may be given. Takes at most one
+/// listing of the parent folder. Any thread.
 [[nodiscard]] std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark);
 
 } // namespace harbex

@@ -14,7 +14,10 @@ namespace harbex
 namespace
 {
 
-void printText(const QString& text) { printLine(text.toStdString()); }
+void printText(const QString& text)
+{
+    printLine(text.toStdString());
+}
 
 Outcome<std::vector<WatchedFolder>, JsonError> decodeStoredList(const Preferences& stored)
 {
@@ -98,7 +101,8 @@ bool FolderStore::putAsideWhatIsUnusable(const std::optional<QByteArray>& conten
     if (stored->isDamaged || (!isListUsable && !stored->folderList))
         return m_file.putAside(*content, QStringLiteral("harbex"), QStringLiteral("conf"));
     if (!isListUsable)
-        return m_file.putAside(*stored->folderList, QStringLiteral("savedWatchedFolders"), QStringLiteral("json"));
+        return m_file.putAside(*stored->folderList, QStringLiteral("savedWatchedFolders"),
+                               QStringLiteral("json"));
     return true;
 }
 

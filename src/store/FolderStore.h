@@ -19,11 +19,11 @@ struct FolderState {
     std::optional<QUuid> selectedFolderID;
 };
 
-/// Keeps the configuration in the user's preferences. Main thread only. No failure reaches the caller: each is
-/// one line on standard output.
+/// Keeps the configuration in the user's preferences. Main thread only. No failure reaches the caller: each
+/// is one line on standard output.
 ///
-/// A stored list that cannot be used is never lost. Before a save replaces it, it is put aside, once, in a file
-/// beside the preferences: its own bytes as savedWatchedFolders-<hash>.json, or all the preferences as
+/// A stored list that cannot be used is never lost. Before a save replaces it, it is put aside, once, in a
+/// file beside the preferences: its own bytes as savedWatchedFolders-<hash>.json, or all the preferences as
 /// harbex-<hash>.conf when the damage goes beyond the list.
 class FolderStore
 {

@@ -3,13 +3,17 @@
 #include "base/FileDescriptor.h"
 
 #include <QCryptographicHash>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
 #include <QSettings>
+#include <QTemporaryDir>
 #include <QVariant>
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
@@ -24,30 +28,98 @@ namespace
 {
 
 // Both the organization's name and the program's.
-QString settingsName() { return QStringLiteral("harbex"); }
-QString folderListKey() { return QStringLiteral("savedWatchedFolders"); }
-QString selectedFolderKey() { return QStringLiteral("selectedWatchedFolderID"); }
-
-/// Whether QSettings could run out of stack over this file: typed values may stand inside each other without a
-/// limit, and it reads them by recursion. Each level takes some NUL characters, of which the file of this
-/// program has none.
-bool mayNestTooDeeply(const QByteArray& content)
+QString settingsName()
 {
-    constexpr int mostNuls = 3000;
-    int nuls = static_cast<int>(content.count('\0'));
-    for (qsizetype i = 0; i + 1 < content.size(); ++i) {
-        if (content[i] != '\\') continue;
-        const QByteArrayView escape = QByteArrayView(content).sliced(++i);
-        if (escape.startsWith('0') || escape.startsWith("x0")) ++nuls;
+    return QStringLiteral("harbex");
+}
+QString folderListKey()
+{
+    return QStringLiteral("savedWatchedFolders");
+}
+QString selectedFolderKey()
+{
+    return QStringLiteral("selectedWatchedFolderID");
+}
+
+/// Whether a line has a NUL character in it, as a byte or as an escape of QSettings: a backslash and octal
+/// digits, or a backslash, an x and hexadecimal ones.
+bool mayHaveNul(QByteArrayView line)
+{
+    if (line.contains('\0')) return true;
+    for (qsizetype i = line.indexOf('\\'); i >= 0; i = line.indexOf('\\', i + 2)) {
+        const bool isHexadecimal = line.sliced(i + 1).startsWith('x');
+        const QByteArrayView number = line.sliced(i + (isHexadecimal ? 2 : 1));
+        const auto end = std::ranges::find_if_not(number, [isHexadecimal](char c) {
+            return isHexadecimal ? std::isxdigit(static_cast<unsigned char>(c)) != 0 : c >= '0' && c <= '7';
+        });
+        const auto length = end - number.begin();
+        if (length == 0 && !isHexadecimal) continue;
+        // Of a longer number QSettings keeps the last 16 bits; it writes none itself.
+        const bool isZero = std::all_of(number.begin(), end, [](char c) { return c == '0'; });
+        if (isZero || length > 4) return true;
     }
-    return nuls > mostNuls;
+    return false;
+}
+
+/// The content without the lines that QSettings might not survive. It reads a typed value (of a list, a map)
+/// with all that it claims to hold: without a limit to its size or to how deep it nests. Each such value has
+/// NUL characters, of which what this program stores has none.
+QByteArray withoutTypedValues(const QByteArray& content)
+{
+    QByteArrayList lines = content.split('\n');
+    lines.removeIf(mayHaveNul);
+    return lines.join('\n');
+}
+
+/// Writes a file that is either complete and on disk or as it was before. Its rights are those of the file
+/// that it replaces, or else `permissions` if any are given.
+bool replaceFile(const QString& path, const QByteArray& bytes, QFile::Permissions permissions = {})
+{
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) return false;
+    if (permissions) file.setPermissions(permissions);
+    // QSaveFile on its own takes a write that was cut short for a whole one, and goes on when syncing fails.
+    const bool isWritten = file.write(bytes) == bytes.size() && file.flush() && ::fsync(file.handle()) == 0;
+    if (!isWritten || !file.commit()) return false;
+    // Not all file systems can sync a folder; then a loss of power may still bring back the old file, whole.
+    const FileDescriptor folder(
+        ::open(QFile::encodeName(QFileInfo(path).path()).constData(), O_RDONLY | O_CLOEXEC));
+    if (folder) (void)::fsync(folder.get());
+    return true;
+}
+
+/// The content of the file `old` with these values in it; nothing when there is no place to make it.
+///
+/// QSettings gives it its form in a folder for temporary files. It is not let near the file itself: on a disk
+/// that is nearly full it replaces a file by the beginning of the new one and reports success.
+std::optional<QByteArray> withValues(const QByteArray& old, const QByteArray& folderList,
+                                     const QString& selectedFolder)
+{
+    const QTemporaryDir place;
+    QFile file(place.filePath(QStringLiteral("harbex.conf")));
+    const QByteArray harmless = withoutTypedValues(old);
+    if (!file.open(QIODevice::WriteOnly)) return std::nullopt;
+    if (file.write(harmless) != harmless.size() || !file.flush()) return std::nullopt;
+    file.close();
+    {
+        QSettings settings(file.fileName(), QSettings::NativeFormat);
+        settings.setValue(folderListKey(), folderList);
+        if (selectedFolder.isEmpty())
+            settings.remove(selectedFolderKey());
+        else
+            settings.setValue(selectedFolderKey(), selectedFolder);
+    }
+    if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
+    const QByteArray bytes = file.readAll();
+    const auto written = parsePreferences(bytes);
+    const bool isWhole =
+        written && written->folderList == folderList && written->selectedFolder == selectedFolder;
+    return isWhole ? std::optional(bytes) : std::nullopt;
 }
 
 } // namespace
 
-PreferencesFile::PreferencesFile() : m_path(QSettings(settingsName(), settingsName()).fileName())
-{
-}
+PreferencesFile::PreferencesFile() : m_path(QSettings(settingsName(), settingsName()).fileName()) {}
 
 std::optional<QByteArray> PreferencesFile::content() const
 {
@@ -67,53 +139,30 @@ bool PreferencesFile::putAside(const QByteArray& bytes, const QString& stem, con
 {
     constexpr qsizetype shownHashLength = 16;
     const QByteArray hash = QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
-    const QString folder = QFileInfo(m_path).absolutePath();
-    const QString path = QStringLiteral("%1/%2-%3.%4")
-                             .arg(folder, stem, QLatin1String(hash.first(shownHashLength)), suffix);
-    if (QFileInfo::exists(path)) return true;
-
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) return false;
-    file.setPermissions(QFile::permissions(m_path));
-    // QSaveFile syncs too, but goes on when that fails.
-    const bool isWritten = file.write(bytes) == bytes.size() && file.flush() && ::fsync(file.handle()) == 0;
-    if (!isWritten || !file.commit()) return false;
-    const FileDescriptor directory(::open(QFile::encodeName(folder).constData(), O_RDONLY | O_CLOEXEC));
-    return directory && ::fsync(directory.get()) == 0;
+    const QString path =
+        QStringLiteral("%1/%2-%3.%4")
+            .arg(QFileInfo(m_path).absolutePath(), stem, QLatin1String(hash.first(shownHashLength)), suffix);
+    return QFileInfo(path).isFile() || replaceFile(path, bytes, QFile::permissions(m_path));
 }
 
 bool PreferencesFile::write(const QByteArray& folderList, const QString& selectedFolder) const
 {
-    // QSettings reads the old file for its other keys, and this one it might not survive.
-    if (const auto old = content(); old && mayNestTooDeeply(*old)) QFile::remove(m_path);
-
-    // An object of its own for each time: the status of a QSettings stays at the first error.
-    QSettings settings(settingsName(), settingsName());
-    settings.setValue(folderListKey(), folderList);
-    if (selectedFolder.isEmpty())
-        settings.remove(selectedFolderKey());
-    else
-        settings.setValue(selectedFolderKey(), selectedFolder);
-    settings.sync();
-    return settings.status() == QSettings::NoError;
+    const auto old = content();
+    const auto bytes = old ? withValues(*old, folderList, selectedFolder) : std::nullopt;
+    return bytes && QDir().mkpath(QFileInfo(m_path).absolutePath()) && replaceFile(m_path, *bytes);
 }
 
 std::optional<Preferences> parsePreferences(const QByteArray& content)
 {
-    Preferences preferences;
-    if (mayNestTooDeeply(content)) {
-        preferences.isDamaged = true;
-        return preferences;
-    }
+    const QByteArray harmless = withoutTypedValues(content);
 
-    // QSettings remembers files by name, size and time, reports damage only when it first reads one, and writes
-    // what it could not write before as soon as it reads again. So it is given a file in memory, with a time of
-    // its own.
+    // In a file in memory, since a full disk must not keep the preferences from being read. Each has a time
+    // of its own, since QSettings remembers files by name, size and time and tells of damage only once.
     QFile memory;
     const int descriptor = ::memfd_create("harbex.conf", MFD_CLOEXEC);
     if (descriptor < 0 || !memory.open(descriptor, QIODevice::ReadWrite, QFile::AutoCloseHandle))
         return std::nullopt;
-    if (memory.write(content) != content.size() || !memory.flush()) return std::nullopt;
+    if (memory.write(harmless) != harmless.size() || !memory.flush()) return std::nullopt;
     static time_t distinctTime = 0;
     ++distinctTime;
     const std::array times{timespec{.tv_sec = distinctTime, .tv_nsec = 0},
@@ -121,6 +170,7 @@ std::optional<Preferences> parsePreferences(const QByteArray& content)
     if (::futimens(descriptor, times.data()) != 0) return std::nullopt;
     const QSettings settings(QStringLiteral("/proc/self/fd/%1").arg(descriptor), QSettings::NativeFormat);
 
+    Preferences preferences;
     preferences.hasFolderList = settings.contains(folderListKey());
     const QVariant list = settings.value(folderListKey());
     // A text, too: that is what a list becomes that was put in by hand.
@@ -130,7 +180,7 @@ std::optional<Preferences> parsePreferences(const QByteArray& content)
     if (selected.typeId() == QMetaType::QString) preferences.selectedFolder = selected.toString();
     // Damage shows only once the keys have been asked for.
     if (settings.status() == QSettings::AccessError) return std::nullopt;
-    preferences.isDamaged = settings.status() != QSettings::NoError;
+    preferences.isDamaged = settings.status() != QSettings::NoError || harmless != content;
     return preferences;
 }
 

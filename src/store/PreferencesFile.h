@@ -10,7 +10,8 @@ namespace harbex
 
 /// What the preferences hold, as far as it can be understood.
 struct Preferences {
-    /// The file is not, or not only, what this program writes: something in it would be lost by the next write.
+    /// The file is not, or not only, what this program writes: something in it would be lost by the next
+    /// write.
     bool isDamaged = false;
     /// A list of folders is stored, if only one that cannot be used.
     bool hasFolderList = false;
@@ -24,7 +25,7 @@ struct Preferences {
 /// under "savedWatchedFolders" and a string under "selectedWatchedFolderID". Main thread only.
 ///
 /// Reading goes through content() and parsePreferences() and always sees the file as it stands now, whoever
-/// changed it, and never what a failed write() left behind in the memory of QSettings.
+/// changed it.
 class PreferencesFile
 {
 public:
@@ -40,16 +41,16 @@ public:
     /// from an earlier time; false says that it could not be written.
     [[nodiscard]] bool putAside(const QByteArray& bytes, const QString& stem, const QString& suffix) const;
 
-    /// Stores both values at once and leaves other keys as they are; an empty selection removes its key. False
-    /// when the file could not be written, which then stays as it was.
+    /// Stores both values at once and leaves other keys as they are; an empty selection removes its key. The
+    /// file is then on disk; false says that it could not be written and stays as it was.
     [[nodiscard]] bool write(const QByteArray& folderList, const QString& selectedFolder) const;
 
 private:
     QString m_path;
 };
 
-/// What the content of a preferences file says. Takes any bytes. Nothing when this cannot be found out for want
-/// of memory or descriptors.
+/// What the content of a preferences file says. Takes any bytes. Nothing when this cannot be found out for
+/// want of memory or descriptors.
 [[nodiscard]] std::optional<Preferences> parsePreferences(const QByteArray& content);
 
 } // namespace harbex

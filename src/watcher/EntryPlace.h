@@ -56,9 +56,11 @@ struct EntryStatus {
 
     /// Whether both are about the same inode, whatever was written into it in between.
     [[nodiscard]] bool isSameEntry(const EntryStatus& other) const;
-    /// The same inode, and neither its size nor its modification time is another.
+    /// Whether type, size and modification time are the same: nobody has written into it, and what was put in
+    /// its place, if anything, passes for it.
     [[nodiscard]] bool hasSameContent(const EntryStatus& other) const;
-    /// The same content, and no other name, owner, permission or attribute was given to it either.
+    /// The same content and change time: no other name, owner, permission or attribute was given to it either,
+    /// and nothing was put in its place.
     [[nodiscard]] bool isUnchanged(const EntryStatus& other) const;
 };
 

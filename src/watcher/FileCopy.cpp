@@ -14,9 +14,12 @@ namespace harbex
 namespace
 {
 
-constexpr uint64_t bufferSize = 1U << 20U;
+/// Larger pieces are slower: the page cache then looks for large runs of free memory.
+constexpr uint64_t bufferSize = 128U << 10U;
 /// What the kernel copies in one call, few enough to hear of a stop soon.
-constexpr uint64_t kernelChunk = 16U << 20U;
+constexpr uint64_t kernelChunk = 8U << 20U;
+/// After so much the disk is set to work, while the copy goes on.
+constexpr uint64_t writeBackChunk = 8U << 20U;
 
 /// Copies the content of one open file into another one.
 class ContentCopy
@@ -38,6 +41,7 @@ private:
     /// The next piece of the source from `from` on that is no hole; empty at the end when there is none.
     Outcome<Range> nextData(uint64_t from) const;
     Outcome<void> copy(Range range);
+    void startWriteBack(uint64_t end);
     /// Copies at most `length` bytes and gives how many.
     Outcome<uint64_t> copySome(uint64_t at, uint64_t length);
     Outcome<uint64_t> readAndWrite(uint64_t at, uint64_t length);
@@ -49,6 +53,8 @@ private:
     const int m_target;
     const uint64_t m_size;
     const std::stop_token& m_stop;
+    /// Where the part of the target begins that the disk was not yet told to write.
+    uint64_t m_notWrittenBack = 0;
     bool m_kernelCopies = true;
     std::unique_ptr<char[]> m_buffer;
 };
@@ -103,8 +109,19 @@ Outcome<void> ContentCopy::copy(Range range)
         const Outcome<uint64_t> copied = copySome(range.begin, range.end - range.begin);
         if (!copied) return copied.error();
         range.begin += *copied;
+        startWriteBack(range.begin);
     }
     return {};
+}
+
+// The final synchronising is short then, and so is the time in which a stop is not heard.
+void ContentCopy::startWriteBack(uint64_t end)
+{
+    if (end - m_notWrittenBack < writeBackChunk) return;
+    // A failure to write is told by that final synchronising, and one to begin costs nothing but time.
+    ::sync_file_range(m_target, static_cast<off_t>(m_notWrittenBack),
+                      static_cast<off_t>(end - m_notWrittenBack), SYNC_FILE_RANGE_WRITE);
+    m_notWrittenBack = end;
 }
 
 Outcome<uint64_t> ContentCopy::copySome(uint64_t at, uint64_t length)

@@ -1,0 +1,191 @@
+#include "support/EngineOutput.h"
+#include "support/EngineProbe.h"
+#include "support/EngineResources.h"
+#include "support/PrivateMounts.h"
+
+#include <memory>
+
+using namespace harbex;
+using namespace harbex::test;
+
+/// Watched folders and destinations on volumes that come, go, are full or may not be written, and a system
+/// that watches only so many folders. All of it in a namespace of the test's own.
+class TestMounts : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void aWatchedVolumeCanBeUnmounted();
+    void aVolumeMountedOverTheFolderIsLeftAlone();
+    void twoMountsOfOneVolumeAreMovedBetween();
+    void aFullVolumeIsLoggedAndLeftClean();
+    void aReadOnlyVolumeIsLogged();
+    void aReadOnlyWatchedVolumeIsLogged();
+    void aRefusedWatchLeavesTheOtherFoldersWatched();
+
+private:
+    std::unique_ptr<ScratchFolder> m_scratch;
+    std::unique_ptr<EngineOutput> m_output;
+    std::string m_inbox;
+    std::string m_out;
+};
+
+void TestMounts::init()
+{
+    m_scratch = std::make_unique<ScratchFolder>();
+    m_output = std::make_unique<EngineOutput>();
+    m_inbox = m_scratch->makeFolder("inbox");
+    m_out = m_scratch->makeFolder("out");
+}
+
+void TestMounts::cleanup()
+{
+    m_output.reset();
+}
+
+void TestMounts::aWatchedVolumeCanBeUnmounted()
+{
+    const std::string other = m_scratch->makeFolder("other");
+    Sentinel sentinel(*m_scratch, other);
+    writeFile(m_inbox + "/beneath.jpg", "was there before");
+    Mount volume = Mount::memory(m_inbox);
+    const std::vector<WatchedFolder> folders = {watched(m_inbox, {takeAll(m_out)}),
+                                                watched(other, {sentinel.rule()})};
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, folders));
+    writeFile(m_inbox + "/a.jpg", "");
+    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList{"a.jpg"}, patience);
+
+    // A scan that is under way holds it for a moment.
+    QTRY_VERIFY_WITH_TIMEOUT(volume.unmount(), patience);
+    QTRY_COMPARE_WITH_TIMEOUT(kernelWatchCount(), 1U, patience);
+    writeFile(m_inbox + "/b.jpg", "");
+    QVERIFY(sentinel.passes());
+    QCOMPARE(namesIn(m_inbox), QByteArrayList({"b.jpg", "beneath.jpg"}));
+
+    QVERIFY(restartAndWait(engine, folders));
+    writeFile(m_inbox + "/c.jpg", "");
+    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList({"a.jpg", "c.jpg"}), patience);
+    QCOMPARE(namesIn(m_inbox), QByteArrayList({"b.jpg", "beneath.jpg"}));
+}
+
+void TestMounts::aVolumeMountedOverTheFolderIsLeftAlone()
+{
+    const std::string other = m_scratch->makeFolder("other");
+    const std::string behind = m_scratch->makeFolder("behind");
+    const Mount again = Mount::again(m_inbox, behind);
+    Sentinel sentinel(*m_scratch, other);
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)}), watched(other, {sentinel.rule()})}));
+    Mount over = Mount::memory(m_inbox);
+    writeFile(m_inbox + "/over.jpg", "was there before");
+    // The watched folder is still there, out of sight: this makes the engine look at its path.
+    writeFile(behind + "/a.jpg", "");
+    QVERIFY(sentinel.passes());
+    QCOMPARE(namesIn(m_inbox), QByteArrayList{"over.jpg"});
+    QCOMPARE(namesIn(behind), QByteArrayList{"a.jpg"});
+    QVERIFY(namesIn(m_out).isEmpty());
+
+    QTRY_VERIFY_WITH_TIMEOUT(over.unmount(), patience);
+    writeFile(behind + "/b.jpg", "");
+    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList({"a.jpg", "b.jpg"}), patience);
+}
+
+/// A rename between two mounts is refused even when both show the same volume.
+void TestMounts::twoMountsOfOneVolumeAreMovedBetween()
+{
+    const std::string real = m_scratch->makeFolder("real");
+    const Mount out = Mount::again(real, m_out);
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
+    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
+    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), QStringLiteral("Moved photo.jpg -> photo.jpg"), patience);
+    QCOMPARE(namesIn(real), QByteArrayList{"photo.jpg"});
+    QCOMPARE(contents(real + "/photo.jpg"), QByteArray("content"));
+    QVERIFY(namesIn(m_inbox).isEmpty());
+}
+
+void TestMounts::aFullVolumeIsLoggedAndLeftClean()
+{
+    const Mount small = Mount::memory(m_out, "size=1m");
+    const std::string content(4 << 20, 'x');
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
+    m_scratch->arrive(m_inbox + "/film.mp4", content);
+    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine),
+                              QStringLiteral("Move failed for film.mp4: No space left on device"), patience);
+    QVERIFY(contents(m_inbox + "/film.mp4") == content.c_str());
+    QVERIFY(namesIn(m_out).isEmpty());
+
+    const std::string folder = m_scratch->makeFolder("Notes");
+    writeFile(folder + "/film.mp4", content);
+    renameEntry(folder, m_inbox + "/Notes");
+    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine),
+                              QStringLiteral("Move failed for Notes: No space left on device"), patience);
+    QVERIFY(contents(m_inbox + "/Notes/film.mp4") == content.c_str());
+    QVERIFY(namesIn(m_out).isEmpty());
+
+    // What fits still goes there.
+    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
+    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList{"photo.jpg"}, patience);
+}
+
+void TestMounts::aReadOnlyVolumeIsLogged()
+{
+    const Mount volume = Mount::memory(m_out);
+    volume.makeReadOnly();
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
+    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
+    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine),
+                              QStringLiteral("Move failed for photo.jpg: Read-only file system"), patience);
+    QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("content"));
+}
+
+/// Its entries cannot leave, so that they must not be doubled either.
+void TestMounts::aReadOnlyWatchedVolumeIsLogged()
+{
+    const std::string behind = m_scratch->makeFolder("behind");
+    const Mount writable = Mount::memory(behind);
+    const Mount inbox = Mount::again(behind, m_inbox);
+    inbox.makeReadOnly();
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
+    writeFile(behind + "/photo.jpg", "content");
+    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine),
+                              QStringLiteral("Move failed for photo.jpg: Read-only file system"), patience);
+    QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("content"));
+    QVERIFY(namesIn(m_out).isEmpty());
+}
+
+void TestMounts::aRefusedWatchLeavesTheOtherFoldersWatched()
+{
+    const std::string second = m_scratch->makeFolder("second");
+    limitWatches(1);
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)}), watched(second, {takeAll(m_out)})}));
+    QTRY_COMPARE(messages(engine), QStringList({QStringLiteral("Failed to open folder: second"),
+                                                QStringLiteral("Started watchers.")}));
+    QCOMPARE(engine.activeFDs().size(), 1U);
+    m_scratch->arrive(second + "/a.jpg", "");
+    m_scratch->arrive(m_inbox + "/b.jpg", "");
+    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList{"b.jpg"}, patience);
+    QCOMPARE(namesIn(second), QByteArrayList{"a.jpg"});
+
+    limitWatches(2);
+    QVERIFY(restartAndWait(engine, {watched(m_inbox, {takeAll(m_out)}), watched(second, {takeAll(m_out)})}));
+    QCOMPARE(engine.activeFDs().size(), 2U);
+    QCOMPARE(countMessages(engine, QStringLiteral("Failed to open folder: second")), 1);
+}
+
+int main(int argc, char** argv)
+{
+    enterPrivateNamespace();
+    reportApartFromStandardOutput();
+    return runTest<QCoreApplication, TestMounts>(argc, argv);
+}
+
+#include "tst_Mounts.moc"

@@ -1,0 +1,188 @@
+#include "support/EngineFiles.h"
+
+#include "base/FileDescriptor.h"
+
+#include <QtGlobal>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace harbex::test
+{
+
+namespace
+{
+
+void require(bool done, const char* what, const std::string& path)
+{
+    if (!done) qFatal("cannot %s %s: %s", what, path.c_str(), std::strerror(errno));
+}
+
+void writeAll(int fd, std::string_view content, const std::string& path)
+{
+    while (!content.empty()) {
+        const ssize_t written = ::write(fd, content.data(), content.size());
+        require(written > 0, "write to", path);
+        content.remove_prefix(static_cast<size_t>(written));
+    }
+}
+
+dev_t volumeOf(const std::string& path)
+{
+    struct stat data;
+    require(::stat(path.c_str(), &data) == 0, "look at", path);
+    return data.st_dev;
+}
+
+} // namespace
+
+ScratchFolder::ScratchFolder(const std::string& parent)
+    : m_path((parent.empty() ? std::filesystem::temp_directory_path().string() : parent) + "/harbex-XXXXXX")
+{
+    require(::mkdtemp(m_path.data()) != nullptr, "make a scratch folder", m_path);
+}
+
+ScratchFolder::~ScratchFolder()
+{
+    std::error_code error;
+    std::filesystem::remove_all(m_path, error);
+    if (error) qWarning("left behind: %s: %s", m_path.c_str(), error.message().c_str());
+}
+
+std::string ScratchFolder::makeFolder(std::string_view name) const
+{
+    std::string path = m_path + '/' + std::string(name);
+    test::makeFolder(path);
+    return path;
+}
+
+void ScratchFolder::arrive(const std::string& path, std::string_view content) const
+{
+    const std::string prepared = m_path + "/.arriving";
+    writeFile(prepared, content);
+    renameEntry(prepared, path);
+}
+
+void writeFile(const std::string& path, std::string_view content)
+{
+    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    require(static_cast<bool>(file), "create", path);
+    writeAll(file.get(), content, path);
+}
+
+void appendToFile(const std::string& path, std::string_view content)
+{
+    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    require(static_cast<bool>(file), "open", path);
+    writeAll(file.get(), content, path);
+}
+
+QByteArray contents(const std::string& path)
+{
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) return QByteArrayLiteral("(no file)");
+    QByteArray content;
+    std::array<char, 64 * 1024> buffer;
+    for (;;) {
+        const ssize_t size = ::read(file.get(), buffer.data(), buffer.size());
+        require(size >= 0, "read", path);
+        if (size == 0) return content;
+        content.append(buffer.data(), size);
+    }
+}
+
+bool exists(const std::string& path)
+{
+    struct stat data;
+    return ::lstat(path.c_str(), &data) == 0;
+}
+
+void makeFolder(const std::string& path)
+{
+    require(::mkdir(path.c_str(), 0755) == 0, "make the folder", path);
+}
+
+void makeLink(const std::string& path, const std::string& target)
+{
+    require(::symlink(target.c_str(), path.c_str()) == 0, "make the link", path);
+}
+
+void renameEntry(const std::string& from, const std::string& to)
+{
+    require(::rename(from.c_str(), to.c_str()) == 0, "rename", from + " to " + to);
+}
+
+void removeEntry(const std::string& path)
+{
+    require(std::remove(path.c_str()) == 0, "remove", path);
+}
+
+QByteArrayList namesIn(const std::string& folder)
+{
+    QByteArrayList names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names << QByteArray::fromStdString(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string folderOnAnotherVolume()
+{
+    const dev_t here = volumeOf(std::filesystem::temp_directory_path().string());
+    for (const char* folder : {"/dev/shm", "/run/lock", "/var/tmp", "/tmp"}) {
+        if (::access(folder, W_OK | X_OK) == 0 && volumeOf(folder) != here) return folder;
+    }
+    qFatal("no second file system that can be written: /dev/shm is one on most systems");
+}
+
+GrowingFiles::GrowingFiles(const std::vector<std::string>& paths)
+{
+    for (const std::string& path : paths) {
+        m_files.push_back(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644));
+        require(m_files.back() >= 0, "create", path);
+        writeAll(m_files.back(), ".", path);
+    }
+    m_thread = std::thread([this] {
+        while (!m_stopped) {
+            for (const int file : m_files)
+                writeAll(file, ".", "a growing file");
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+}
+
+void GrowingFiles::stop()
+{
+    if (m_stopped.exchange(true)) return;
+    m_thread.join();
+    for (const int file : m_files)
+        ::close(file);
+}
+
+ArrivingFiles::ArrivingFiles(const ScratchFolder& scratch, const std::string& folder)
+    : m_thread([this, prepared = scratch.path() + "/.arriving-next", folder] {
+          while (!m_stopped) {
+              const std::string number = std::to_string(m_count);
+              writeFile(prepared, number);
+              renameEntry(prepared, folder + "/file-" + number);
+              ++m_count;
+              std::this_thread::sleep_for(std::chrono::milliseconds(1));
+          }
+      })
+{
+}
+
+void ArrivingFiles::stop()
+{
+    if (!m_stopped.exchange(true)) m_thread.join();
+}
+
+} // namespace harbex::test

@@ -1,0 +1,128 @@
+#include "support/MoveRound.h"
+
+#include "support/EntryPicture.h"
+
+#include <QTest>
+
+#include <algorithm>
+#include <unistd.h>
+
+namespace harbex::test
+{
+
+const std::array<Road, 11>& allRoads()
+{
+    static const std::array<Road, 11> roads = {{
+        {"file", "file", false, {}},
+        {"file, cannot refuse to replace", "file", false, {.noReplace = EINVAL}},
+        {"file, nor link", "file", false, {.noReplace = EINVAL, .hardLinks = true}, true},
+        {"link, cannot refuse to replace", "link", false, {.noReplace = EINVAL}},
+        {"folder, cannot refuse to replace", "folder", false, {.noReplace = EINVAL}, true},
+        {"file across volumes", "file", true, {}},
+        {"file across volumes, no files without a name", "file", true, {.unnamedFiles = true}},
+        {"file across volumes, nothing",
+         "file",
+         true,
+         {.noReplace = EINVAL, .hardLinks = true, .unnamedFiles = true},
+         true},
+        {"link across volumes", "link", true, {}},
+        {"folder across volumes", "folder", true, {}},
+        {"folder across volumes, cannot refuse to replace", "folder", true, {.noReplace = EINVAL}, true},
+    }};
+    return roads;
+}
+
+void addRowsOfRoads()
+{
+    QTest::addColumn<int>("road");
+    for (size_t i = 0; i < allRoads().size(); ++i)
+        QTest::newRow(allRoads()[i].name) << int(i);
+}
+
+QByteArrayList partsIn(const std::string& folder)
+{
+    QByteArrayList parts;
+    for (const QByteArray& name : namesIn(folder)) {
+        if (name.startsWith(".harbex-")) parts << name;
+    }
+    return parts;
+}
+
+bool onlyReads(const GatedCall& call)
+{
+    static const std::array reading = {"faccessat2", "fgetxattr",  "flistxattr", "flock",      "getdents64",
+                                       "lseek",      "newfstatat", "pread64",    "readlinkat", "statx"};
+    if (call.name != "openat") return std::ranges::find(reading, call.name) != reading.end();
+    const uint64_t flags = call.arguments[2];
+    return (flags & O_CREAT) == 0 && (flags & O_TMPFILE) != O_TMPFILE;
+}
+
+Round::Round(const Road& road)
+    : m_road(road), m_there(road.acrossVolumes ? folderOnAnotherVolume() : std::string()),
+      source(m_here.makeFolder("in") + "/source"), out(m_there.makeFolder("out")), target(out + "/target")
+{
+    if (road.kind == "file") writeFile(source, "content");
+    if (road.kind == "link") makeLink(source, "nowhere");
+    if (road.isFolder()) {
+        makeFolder(source);
+        makeFolder(source + "/sub");
+        writeFile(source + "/file", "content");
+        writeFile(source + "/sub/other", "other content");
+        if (::link((source + "/sub/other").c_str(), (source + "/same").c_str()) != 0) qFatal("cannot link");
+        makeLink(source + "/link", "sub");
+    }
+    m_before = pictureOf(source);
+}
+
+GatedRun Round::move(const Gatekeeper& keeper) const
+{
+    return moveGated(source, target, [&](const GatedCall& call) {
+        const Answer answer = keeper(call);
+        if (answer.kind != Answer::Kind::proceed) return answer;
+        // That the volumes differ is what the kernel sees first, whatever they lack.
+        if (m_road.acrossVolumes && call.name == "renameat2" && call.ordinal == 1) return Answer::proceed();
+        return m_road.lacks.refuses(call).value_or(Answer::proceed());
+    });
+}
+
+Round::Incident Round::moveWithIncident(size_t n, const std::function<bool(const GatedCall&)>& counts,
+                                        const Gatekeeper& act) const
+{
+    Incident incident;
+    size_t seen = 0;
+    incident.run = move([&](const GatedCall& call) {
+        if (!counts(call) || seen++ != n) return Answer::proceed();
+        incident.happened = true;
+        incident.where = call.label();
+        return act(call);
+    });
+    return incident;
+}
+
+bool Round::isSourceWhole() const
+{
+    return pictureOf(source) == m_before;
+}
+
+bool Round::isTargetWhole() const
+{
+    return pictureOf(target) == m_before;
+}
+
+bool Round::isPlaceholder() const
+{
+    struct stat data = {};
+    if (::lstat(target.c_str(), &data) != 0) return false;
+    return S_ISDIR(data.st_mode) ? namesIn(target).isEmpty() : S_ISREG(data.st_mode) && data.st_size == 0;
+}
+
+bool Round::moveSomethingElse() const
+{
+    const std::string other = m_there.path() + "/other";
+    writeFile(other, "other");
+    const bool moved = errorOfMove(other, out + "/other") == 0 && contents(out + "/other") == "other";
+    if (moved) removeEntry(out + "/other");
+    return moved;
+}
+
+} // namespace harbex::test

@@ -1,0 +1,87 @@
+#pragma once
+
+#include "support/EngineFiles.h"
+#include "support/GatedMove.h"
+
+#include <QByteArray>
+#include <QByteArrayList>
+
+#include <array>
+#include <functional>
+#include <string>
+
+namespace harbex::test
+{
+
+/// One way a move can go.
+struct Road {
+    const char* name;
+    /// "file", "link" or "folder"
+    std::string kind;
+    bool acrossVolumes;
+    Lacks lacks;
+    /// Where the file system can do no better, a killed move leaves something empty under the new name.
+    bool leavesPlaceholder = false;
+
+    [[nodiscard]] bool isFolder() const { return kind == "folder"; }
+};
+
+[[nodiscard]] const std::array<Road, 11>& allRoads();
+
+/// The rows of a test that goes all roads: a column "road" with their places in that list.
+void addRowsOfRoads();
+
+/// The hidden part folders in a folder.
+[[nodiscard]] QByteArrayList partsIn(const std::string& folder);
+
+/// Which calls look at files without changing any: before such a call the world is as it is before the next.
+[[nodiscard]] bool onlyReads(const GatedCall& call);
+
+/// One move with folders of its own.
+class Round
+{
+public:
+    explicit Round(const Road& road);
+
+    /// Goes the road behind a gate. The keeper is asked about every call, before the answer that a file
+    /// system gives that lacks something.
+    GatedRun move(const Gatekeeper& keeper) const;
+
+    /// What came of a move in which something happened once.
+    struct Incident {
+        /// False when there were not so many calls.
+        bool happened = false;
+        /// "unlinkat #2"
+        std::string where;
+        GatedRun run;
+    };
+    /// The same, where `act` is asked about one call only: the n-th, from 0, of those that `counts` tells.
+    [[nodiscard]] Incident moveWithIncident(size_t n, const std::function<bool(const GatedCall&)>& counts,
+                                            const Gatekeeper& act) const;
+
+    [[nodiscard]] bool isSourceWhole() const;
+    [[nodiscard]] bool isTargetWhole() const;
+    /// Whether something empty stands at the target.
+    [[nodiscard]] bool isPlaceholder() const;
+
+    /// Moves something else into the same folder, as the program does after its next start, and takes it
+    /// away.
+    [[nodiscard]] bool moveSomethingElse() const;
+
+private:
+    const Road& m_road;
+    ScratchFolder m_here;
+    ScratchFolder m_there;
+
+public:
+    /// A file with "content", a dangling link, or a folder in which there are: "file" with that content, a
+    /// folder "sub" with another file "other", a second name "same" of that one, and a link.
+    const std::string source;
+    const std::string out;
+    const std::string target;
+
+private:
+    QByteArray m_before;
+};
+
+} // namespace harbex::test

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+
+namespace harbex::test
+{
+
+/// Moves the process into a world of its own in which it is root: what it mounts and the limits it sets
+/// concern nobody else and end with it. Called before there is a second thread. Ends the program when the
+/// system allows neither a user namespace nor, to root, a mount namespace.
+void enterPrivateNamespace();
+
+/// Something that is mounted for the length of a scope.
+class Mount
+{
+public:
+    /// An empty file system in memory over `folder`, with the options of tmpfs ("size=1m").
+    [[nodiscard]] static Mount memory(const std::string& folder, const std::string& options = {});
+
+    /// What is in `source`, a second time, at `folder`.
+    [[nodiscard]] static Mount again(const std::string& source, const std::string& folder);
+
+    ~Mount();
+    Mount(const Mount&) = delete;
+    Mount& operator=(const Mount&) = delete;
+
+    /// Refuses all writing from now on.
+    void makeReadOnly() const;
+
+    /// Unmounts as a person would. False when it is in use.
+    [[nodiscard]] bool unmount();
+
+private:
+    explicit Mount(std::string folder) : m_folder(std::move(folder)) {}
+
+    std::string m_folder;
+    bool m_isMounted = true;
+};
+
+/// Lets inotify watch only so many folders for this process. Only in a user namespace of one's own.
+void limitWatches(int count);
+
+} // namespace harbex::test

@@ -1,0 +1,342 @@
+#include "support/EntryPicture.h"
+#include "support/GatedMove.h"
+#include "support/TestMain.h"
+
+#include <array>
+#include <memory>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace harbex;
+using namespace harbex::test;
+
+namespace
+{
+
+/// A time that no copy has by itself.
+void setTimes(const std::string& path)
+{
+    const std::array<timespec, 2> times = {{{1'000'000'000, 123'456'789}, {1'234'567'890, 987'654'321}}};
+    QCOMPARE(::utimensat(AT_FDCWD, path.c_str(), times.data(), AT_SYMLINK_NOFOLLOW), 0);
+}
+
+} // namespace
+
+/// Moves of entries of every kind to a real second file system.
+class TestFileMoveAcrossVolumes : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void theVolumesDiffer();
+    void links_data();
+    void links();
+    void trees();
+    void treesWithoutHardLinks();
+    void oneOfTwoNamesOfAFile();
+    void specialFilesAreRefused_data();
+    void specialFilesAreRefused();
+    void nothingIsReplaced_data();
+    void nothingIsReplaced();
+    void aMissingDestination();
+    void theDeepestTree();
+    void tooDeepATreeIsRefused();
+    void aTreeDeeperThanTheDescriptorsIsRefused();
+    void whatCouldNotBeRemovedIsNotCopied_data();
+    void whatCouldNotBeRemovedIsNotCopied();
+    void aFolderIntoItself();
+
+private:
+    /// What a move has to keep, compared after it.
+    void moveAndCompare();
+    [[nodiscard]] bool targetFolderIsEmpty() const { return namesIn(m_out).isEmpty(); }
+
+    std::unique_ptr<ScratchFolder> m_here;
+    std::unique_ptr<ScratchFolder> m_there;
+    std::string m_source;
+    std::string m_out;
+    std::string m_target;
+};
+
+void TestFileMoveAcrossVolumes::init()
+{
+    m_here = std::make_unique<ScratchFolder>();
+    m_there = std::make_unique<ScratchFolder>(folderOnAnotherVolume());
+    m_source = m_here->makeFolder("in") + "/source.dat";
+    m_out = m_there->makeFolder("out");
+    m_target = m_out + "/target.dat";
+}
+
+void TestFileMoveAcrossVolumes::cleanup()
+{
+    m_here.reset();
+    m_there.reset();
+}
+
+void TestFileMoveAcrossVolumes::moveAndCompare()
+{
+    const QByteArray before = pictureOf(m_source);
+    QCOMPARE(errorOfMove(m_source, m_target), 0);
+    QCOMPARE(pictureOf(m_target), before);
+    QVERIFY(!exists(m_source));
+    QCOMPARE(namesIn(m_out), QByteArrayList{"target.dat"});
+    QCOMPARE(namesIn(m_here->path() + "/in"), QByteArrayList());
+}
+
+void TestFileMoveAcrossVolumes::theVolumesDiffer()
+{
+    writeFile(m_source, "");
+    QCOMPARE(::rename(m_source.c_str(), m_target.c_str()), -1);
+    QCOMPARE(errno, EXDEV);
+}
+
+void TestFileMoveAcrossVolumes::links_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::newRow("to a folder") << QByteArray("/etc");
+    QTest::newRow("dangling") << QByteArray("nowhere/at all");
+    QTest::newRow("invalid text") << QByteArray("\xff\n\x01");
+    QTest::newRow("long") << QByteArray(3000, 'x');
+}
+
+void TestFileMoveAcrossVolumes::links()
+{
+    QFETCH(const QByteArray, text);
+    makeLink(m_source, text.toStdString());
+    setTimes(m_source);
+    moveAndCompare();
+}
+
+void TestFileMoveAcrossVolumes::trees()
+{
+    makeFolder(m_source);
+    makeFolder(m_source + "/empty");
+    makeFolder(m_source + "/sub");
+    makeFolder(m_source + "/sub/sub.part");
+    makeFolder(m_source + "/closed");
+    writeFile(m_source + "/sub/file", std::string(200'000, 'x'));
+    writeFile(m_source + "/sub/sub.part/...", "dots");
+    writeFile(m_source + "/line\nbreak\xff", "name");
+    writeFile(m_source + '/' + std::string(255, 'l'), "long name");
+    QCOMPARE(::link((m_source + "/sub/file").c_str(), (m_source + "/hard link").c_str()), 0);
+    QCOMPARE(::link((m_source + "/sub/file").c_str(), (m_source + "/sub/sub.part/another").c_str()), 0);
+    makeLink(m_source + "/up", "..");
+    makeLink(m_source + "/loop", "loop");
+    makeLink(m_source + "/absolute", "/etc");
+    QCOMPARE(::chmod((m_source + "/sub/file").c_str(), 0400), 0);
+    QCOMPARE(::chmod((m_source + "/closed").c_str(), 0700), 0);
+    for (const char* name : {"/sub/file", "/sub/sub.part", "/sub", "/empty", "/up", ""})
+        setTimes(m_source + name);
+    moveAndCompare();
+    QVERIFY(QFile::exists(QStringLiteral("/etc")));
+}
+
+void TestFileMoveAcrossVolumes::treesWithoutHardLinks()
+{
+    makeFolder(m_source);
+    writeFile(m_source + "/a", "content");
+    QCOMPARE(::link((m_source + "/a").c_str(), (m_source + "/b").c_str()), 0);
+    QCOMPARE(moveGated(m_source, m_target, Lacks{.hardLinks = true}).error, 0);
+    QCOMPARE(contents(m_target + "/a"), QByteArray("content"));
+    QCOMPARE(contents(m_target + "/b"), QByteArray("content"));
+    QVERIFY(!exists(m_source));
+}
+
+void TestFileMoveAcrossVolumes::oneOfTwoNamesOfAFile()
+{
+    writeFile(m_source, "content");
+    const std::string other = m_here->path() + "/other";
+    QCOMPARE(::link(m_source.c_str(), other.c_str()), 0);
+    moveAndCompare();
+    QCOMPARE(contents(other), QByteArray("content"));
+}
+
+void TestFileMoveAcrossVolumes::specialFilesAreRefused_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<bool>("inFolder");
+    for (const char* kind : {"pipe", "socket", "device"}) {
+        QTest::addRow("%s", kind) << QByteArray(kind) << false;
+        QTest::addRow("%s in a folder", kind) << QByteArray(kind) << true;
+    }
+}
+
+void TestFileMoveAcrossVolumes::specialFilesAreRefused()
+{
+    QFETCH(const QByteArray, kind);
+    QFETCH(const bool, inFolder);
+    if (inFolder) makeFolder(m_source);
+    if (inFolder) writeFile(m_source + "/file", "content");
+    const std::string path = inFolder ? m_source + "/special" : m_source;
+    if (kind == "pipe") QCOMPARE(::mkfifo(path.c_str(), 0600), 0);
+    if (kind == "socket") {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+        QCOMPARE(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    if (kind == "device" && ::mknod(path.c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0)
+        QSKIP("only root makes devices");
+    const QByteArray before = pictureOf(m_source);
+    QCOMPARE(errorOfMove(m_source, m_target), EOPNOTSUPP);
+    QCOMPARE(pictureOf(m_source), before);
+    QVERIFY(targetFolderIsEmpty());
+}
+
+void TestFileMoveAcrossVolumes::nothingIsReplaced_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<QByteArray>("victim");
+    for (const char* kind : {"file", "link", "folder"}) {
+        for (const char* victim : victimKinds)
+            QTest::addRow("%s onto %s", kind, victim) << QByteArray(kind) << QByteArray(victim);
+    }
+}
+
+void TestFileMoveAcrossVolumes::nothingIsReplaced()
+{
+    QFETCH(const QByteArray, kind);
+    QFETCH(const QByteArray, victim);
+    if (kind == "file") writeFile(m_source, "content");
+    if (kind == "link") makeLink(m_source, "nowhere");
+    if (kind == "folder") makeFolder(m_source);
+    makeVictim(victim.toStdString(), m_target);
+    const QByteArray source = pictureOf(m_source);
+    const QByteArray target = pictureOf(m_target);
+    QCOMPARE(errorOfMove(m_source, m_target), EEXIST);
+    QCOMPARE(pictureOf(m_source), source);
+    QCOMPARE(pictureOf(m_target), target);
+    QCOMPARE(namesIn(m_out), QByteArrayList{"target.dat"});
+}
+
+void TestFileMoveAcrossVolumes::aMissingDestination()
+{
+    writeFile(m_source, "content");
+    QCOMPARE(errorOfMove(m_source, m_out + "/missing/target"), ENOENT);
+    QCOMPARE(contents(m_source), QByteArray("content"));
+    QCOMPARE(errorOfMove(m_source + "-missing", m_target), ENOENT);
+    QVERIFY(targetFolderIsEmpty());
+}
+
+namespace
+{
+
+/// A folder with `depth` levels of folders in it and a file in the last. Its paths are too long to be said.
+void makeDeepTree(const std::string& root, int depth)
+{
+    makeFolder(root);
+    FileDescriptor level(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (int i = 0; i < depth; ++i) {
+        const std::string name(100, 'd');
+        QCOMPARE(::mkdirat(level.get(), name.c_str(), 0755), 0);
+        level = FileDescriptor(::openat(level.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    QVERIFY(FileDescriptor(::openat(level.get(), "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644)));
+}
+
+int depthOf(const std::string& root)
+{
+    FileDescriptor level(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int depth = 0;
+    for (;; ++depth) {
+        FileDescriptor next(
+            ::openat(level.get(), std::string(100, 'd').c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!next) break;
+        level = std::move(next);
+    }
+    return ::faccessat(level.get(), "file", F_OK, 0) == 0 ? depth : -1;
+}
+
+} // namespace
+
+void TestFileMoveAcrossVolumes::theDeepestTree()
+{
+    makeDeepTree(m_source, 399);
+    QCOMPARE(errorOfMove(m_source, m_target), 0);
+    QCOMPARE(depthOf(m_target), 399);
+    QVERIFY(!exists(m_source));
+}
+
+void TestFileMoveAcrossVolumes::tooDeepATreeIsRefused()
+{
+    makeDeepTree(m_source, 400);
+    QCOMPARE(errorOfMove(m_source, m_target), EMFILE);
+    QCOMPARE(depthOf(m_source), 400);
+    QVERIFY(targetFolderIsEmpty());
+}
+
+void TestFileMoveAcrossVolumes::aTreeDeeperThanTheDescriptorsIsRefused()
+{
+    makeDeepTree(m_source, 150);
+    rlimit before = {};
+    QCOMPARE(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    // Enough to look at the tree, too few to copy it.
+    const rlimit few = {250, before.rlim_max};
+    QCOMPARE(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    const int error = errorOfMove(m_source, m_target);
+    QCOMPARE(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    QCOMPARE(error, EMFILE);
+    QCOMPARE(depthOf(m_source), 150);
+    QVERIFY(targetFolderIsEmpty());
+}
+
+void TestFileMoveAcrossVolumes::whatCouldNotBeRemovedIsNotCopied_data()
+{
+    QTest::addColumn<QByteArray>("closed");
+    QTest::addColumn<int>("mode");
+    QTest::newRow("the source's folder is read-only") << QByteArray("in") << 0555;
+    QTest::newRow("a folder in the tree is read-only") << QByteArray("in/source.dat/sub") << 0555;
+    QTest::newRow("a folder in the tree cannot be listed") << QByteArray("in/source.dat/sub") << 0333;
+    QTest::newRow("a folder in the tree cannot be entered") << QByteArray("in/source.dat/sub") << 0666;
+}
+
+void TestFileMoveAcrossVolumes::whatCouldNotBeRemovedIsNotCopied()
+{
+    QFETCH(const QByteArray, closed);
+    QFETCH(const int, mode);
+    makeFolder(m_source);
+    makeFolder(m_source + "/sub");
+    writeFile(m_source + "/sub/file", "content");
+    for (const std::string& folder :
+         {m_here->path(), m_here->path() + "/in", m_source, m_source + "/sub", m_there->path(), m_out})
+        QCOMPARE(::chmod(folder.c_str(), 0777), 0);
+    const std::string closedPath = m_here->path() + '/' + closed.toStdString();
+    QCOMPARE(::chmod(closedPath.c_str(), mode_t(mode)), 0);
+
+    const GatedRun run = runGated(
+        {"mkdirat", "pwrite64"},
+        [this] {
+            becomeOrdinary();
+            return FileMove().moveItem(m_source, m_target);
+        },
+        [](const GatedCall&) { return Answer::proceed(); });
+    QCOMPARE(run.error, EACCES);
+    QVERIFY(run.calls.empty());
+    QCOMPARE(::chmod(closedPath.c_str(), 0777), 0);
+    QCOMPARE(contents(m_source + "/sub/file"), QByteArray("content"));
+    QVERIFY(targetFolderIsEmpty());
+}
+
+// The kernel says so by itself only within one volume; a folder that is mounted twice looks like two.
+void TestFileMoveAcrossVolumes::aFolderIntoItself()
+{
+    makeFolder(m_source);
+    makeFolder(m_source + "/sub");
+    writeFile(m_source + "/sub/file", "content");
+    for (const char* inside : {"/target", "/sub/target"}) {
+        QCOMPARE(moveGated(m_source, m_source + inside, crossing).error, EINVAL);
+        QCOMPARE(namesIn(m_source), QByteArrayList{"sub"});
+        QCOMPARE(namesIn(m_source + "/sub"), QByteArrayList{"file"});
+    }
+}
+
+HARBEX_TEST_MAIN(TestFileMoveAcrossVolumes)
+
+#include "tst_FileMoveAcrossVolumes.moc"

@@ -1,0 +1,221 @@
+#include "support/EngineFiles.h"
+#include "support/SyscallGate.h"
+#include "support/TestMain.h"
+#include "watcher/PartFolder.h"
+
+#include <QRegularExpression>
+
+#include <memory>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace harbex;
+
+namespace
+{
+
+const std::string partName = ".harbex-0123456789abcdef0123456789abcdef.part";
+
+} // namespace
+
+class TestPartFolder : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void isHiddenPrivateAndGoesWithAllThatIsInIt();
+    void leftoversAreRemoved();
+    void aLinkInALeftoverIsNotFollowed();
+    void onesInUseStay();
+    void similarNamesStay_data();
+    void similarNamesStay();
+    void aLeftoverOfSomebodyElseStays();
+    void removedBeforeItWasLocked();
+    void takenForALeftoverBeforeItWasLocked();
+    void withoutLocksNothingIsTakenForALeftover();
+
+private:
+    [[nodiscard]] std::string inFolder(const std::string& name) const
+    {
+        return m_scratch->path() + '/' + name;
+    }
+    [[nodiscard]] QByteArrayList names() const { return test::namesIn(m_scratch->path()); }
+    void removeLeftovers() const { PartFolder::removeLeftovers(m_folder.get()); }
+
+    std::unique_ptr<test::ScratchFolder> m_scratch;
+    FileDescriptor m_folder;
+};
+
+void TestPartFolder::init()
+{
+    m_scratch = std::make_unique<test::ScratchFolder>();
+    Outcome<FileDescriptor> opened = openFolder(m_scratch->path());
+    QVERIFY(opened);
+    m_folder = std::move(*opened);
+}
+
+void TestPartFolder::cleanup()
+{
+    m_folder = FileDescriptor();
+    m_scratch.reset();
+}
+
+void TestPartFolder::isHiddenPrivateAndGoesWithAllThatIsInIt()
+{
+    {
+        const Outcome<PartFolder> part = PartFolder::create(m_folder.get());
+        QVERIFY(part);
+        QCOMPARE(names().size(), 1);
+        const QRegularExpression pattern(QStringLiteral("^\\.harbex-[0-9a-f]{32}\\.part$"));
+        QVERIFY(pattern.match(QString::fromUtf8(names()[0])).hasMatch());
+        struct stat data = {};
+        QCOMPARE(::fstat(part->descriptor(), &data), 0);
+        QCOMPARE(data.st_mode & 07777, mode_t(0700));
+
+        QCOMPARE(::mkdirat(part->descriptor(), "sub", 0700), 0);
+        QCOMPARE(::mkdirat(part->descriptor(), "sub/sub", 0700), 0);
+        test::writeFile(inFolder(names()[0].toStdString()) + "/sub/file", "content");
+    }
+    QCOMPARE(names(), QByteArrayList());
+}
+
+void TestPartFolder::leftoversAreRemoved()
+{
+    test::makeFolder(inFolder(partName));
+    test::makeFolder(inFolder(partName) + "/entry");
+    test::writeFile(inFolder(partName) + "/entry/file", "content");
+    test::writeFile(inFolder("photo.jpg"), "content");
+    removeLeftovers();
+    QCOMPARE(names(), QByteArrayList{"photo.jpg"});
+}
+
+void TestPartFolder::aLinkInALeftoverIsNotFollowed()
+{
+    test::makeFolder(inFolder("precious"));
+    test::writeFile(inFolder("precious/file"), "content");
+    test::makeFolder(inFolder(partName));
+    test::makeLink(inFolder(partName) + "/entry", inFolder("precious"));
+    removeLeftovers();
+    QCOMPARE(names(), QByteArrayList{"precious"});
+    QCOMPARE(test::contents(inFolder("precious/file")), QByteArray("content"));
+}
+
+void TestPartFolder::onesInUseStay()
+{
+    std::optional<Outcome<PartFolder>> part = PartFolder::create(m_folder.get());
+    QVERIFY(*part);
+    removeLeftovers();
+    QCOMPARE(names().size(), 1);
+    part.reset();
+    QCOMPARE(names(), QByteArrayList());
+}
+
+void TestPartFolder::similarNamesStay_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    QTest::addColumn<QByteArray>("kind");
+    const auto row = [](const char* tag, const char* name, const char* kind = "folder") {
+        QTest::newRow(tag) << QByteArray(name) << QByteArray(kind);
+    };
+    row("a digit less", ".harbex-0123456789abcdef0123456789abcde.part");
+    row("a digit more", ".harbex-0123456789abcdef0123456789abcdef0.part");
+    row("upper case", ".harbex-0123456789ABCDEF0123456789ABCDEF.part");
+    row("no digit", ".harbex-0123456789abcdef0123456789abcdeg.part");
+    row("not hidden", "xharbex-0123456789abcdef0123456789abcdef.part");
+    row("another ending", ".harbex-0123456789abcdef0123456789abcdef.par1");
+    row("more at the end", ".harbex-0123456789abcdef0123456789abcdef.part2");
+    row("a file", partName.c_str(), "file");
+    row("a link to a folder", partName.c_str(), "link");
+}
+
+void TestPartFolder::similarNamesStay()
+{
+    QFETCH(const QByteArray, name);
+    QFETCH(const QByteArray, kind);
+    const std::string path = inFolder(name.toStdString());
+    if (kind == "folder") test::makeFolder(path);
+    if (kind == "file") test::writeFile(path, "content");
+    if (kind == "link") test::makeLink(path, m_scratch->path());
+    removeLeftovers();
+    QCOMPARE(names(), QByteArrayList{name});
+}
+
+void TestPartFolder::aLeftoverOfSomebodyElseStays()
+{
+    if (::geteuid() != 0) QSKIP("only root makes folders of somebody else");
+    test::makeFolder(inFolder(partName));
+    QCOMPARE(::chown(inFolder(partName).c_str(), 12345, 12345), 0);
+    removeLeftovers();
+    QCOMPARE(names().size(), 1);
+}
+
+namespace
+{
+
+/// Makes a part folder behind a gate that calls `act` before the first call named `moment`. Gives how many
+/// were made, or -1 when creating failed or one was left behind.
+int partsMadeWhile(int folder, const char* moment, const std::function<test::Answer()>& act)
+{
+    int made = 0;
+    const test::GatedRun run = test::runGated(
+        {"mkdirat", "openat", "flock"},
+        [folder]() -> Outcome<void> {
+            const Outcome<PartFolder> part = PartFolder::create(folder);
+            if (!part) return part.error();
+            // Somebody else's lock on it would be refused.
+            PartFolder::removeLeftovers(folder);
+            const Outcome<std::vector<std::string>> names = harbex::namesIn(folder);
+            if (!names || names->size() != 1) return SystemError{ENOTEMPTY};
+            return {};
+        },
+        [&](const test::GatedCall& call) {
+            made += call.name == "mkdirat";
+            return call.name == moment && call.ordinal == 1 ? act() : test::Answer::proceed();
+        });
+    return run.succeeded() ? made : -1;
+}
+
+} // namespace
+
+void TestPartFolder::removedBeforeItWasLocked()
+{
+    for (const char* moment : {"openat", "flock"}) {
+        const int made = partsMadeWhile(m_folder.get(), moment, [this] {
+            removeLeftovers();
+            return test::Answer::proceed();
+        });
+        QCOMPARE(made, 2);
+        QCOMPARE(names(), QByteArrayList());
+    }
+}
+
+void TestPartFolder::takenForALeftoverBeforeItWasLocked()
+{
+    const int made = partsMadeWhile(m_folder.get(), "flock", [] { return test::Answer::fail(EWOULDBLOCK); });
+    QCOMPARE(made, 2);
+    QCOMPARE(names(), QByteArrayList());
+}
+
+void TestPartFolder::withoutLocksNothingIsTakenForALeftover()
+{
+    const auto work = [this]() -> Outcome<void> {
+        const Outcome<PartFolder> part = PartFolder::create(m_folder.get());
+        if (!part) return part.error();
+        PartFolder::removeLeftovers(m_folder.get());
+        if (names().size() != 1) return SystemError{ENOTEMPTY};
+        return {};
+    };
+    const test::GatedRun run =
+        test::runGated({"flock"}, work, [](const test::GatedCall&) { return test::Answer::fail(ENOLCK); });
+    QCOMPARE(run.error, 0);
+    QCOMPARE(run.calls.size(), 2U);
+    QCOMPARE(names(), QByteArrayList());
+}
+
+HARBEX_TEST_MAIN(TestPartFolder)
+
+#include "tst_PartFolder.moc"
