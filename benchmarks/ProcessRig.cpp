@@ -1,0 +1,143 @@
+#include "ProcessRig.h"
+
+#include "EngineRig.h"
+#include "store/FolderStore.h"
+
+#include <QProcess>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+namespace harbex::bench
+{
+
+namespace
+{
+
+using std::filesystem::path;
+
+/// A program that runs until the end of this object.
+class Running
+{
+public:
+    explicit Running(const char* program)
+    {
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.setStandardOutputFile(QProcess::nullDevice());
+        m_process.start(QString::fromUtf8(program), QStringList());
+        if (!m_process.waitForStarted()) std::abort();
+    }
+    ~Running()
+    {
+        m_process.terminate();
+        m_process.waitForFinished();
+    }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+    [[nodiscard]] path proc() const { return "/proc/" + std::to_string(m_process.processId()); }
+
+    /// Closes its window as a person does.
+    void closeWindow() const
+    {
+        const std::string command = "xdotool search --sync --onlyvisible --pid " +
+                                    std::to_string(m_process.processId()) + " windowquit";
+        if (std::system(command.c_str()) != 0) std::abort();
+    }
+
+private:
+    QProcess m_process;
+};
+
+/// The sum of the numbers behind `key` in a file of /proc.
+long sumOf(const path& file, const std::string& key)
+{
+    std::ifstream in(file);
+    long sum = 0;
+    for (std::string line; std::getline(in, line);)
+        if (line.starts_with(key)) sum += std::strtol(line.c_str() + key.size(), nullptr, 10);
+    return sum;
+}
+
+bool hasInotifyWatch(const path& proc)
+{
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(proc / "fdinfo", ignored)) {
+        std::ifstream in(entry.path());
+        for (std::string line; std::getline(in, line);)
+            if (line.starts_with("inotify wd:")) return true;
+    }
+    return false;
+}
+
+/// How often a thread of the process was put on a processor since it began.
+long wakeUps(const path& proc)
+{
+    long sum = 0;
+    for (const auto& task : std::filesystem::directory_iterator(proc / "task"))
+        sum += sumOf(task.path() / "status", "voluntary_ctxt_switches:") +
+               sumOf(task.path() / "status", "nonvoluntary_ctxt_switches:");
+    return sum;
+}
+
+double memory(const Running& running)
+{
+    return static_cast<double>(sumOf(running.proc() / "smaps_rollup", "Pss:")) / 1024;
+}
+
+void pause(std::chrono::milliseconds time) { std::this_thread::sleep_for(time); }
+
+} // namespace
+
+void measureProcess(Table& table)
+{
+    if (!std::getenv("DISPLAY")) {
+        table.addImpossible("the program as a process", "no display");
+        return;
+    }
+    const ScratchFolder scratch;
+    ::setenv("XDG_CONFIG_HOME", scratch.folder("config").c_str(), 1);
+    FolderState state;
+    for (int i = 0; i < 10; ++i)
+        state.folders.push_back(picturesRule(scratch.folder("in" + std::to_string(i)), scratch.folder("out")));
+    FolderStore().saveState(state);
+
+    std::vector<double> starts;
+    for (int i = 0; i < 7; ++i) {
+        const auto begin = Clock::now();
+        const Running running(HARBEX_PROGRAM);
+        while (!hasInotifyWatch(running.proc())) pause(std::chrono::milliseconds(1));
+        starts.push_back(secondsSince(begin) * 1000);
+    }
+    table.addLimit("process start to first watched folder, 10 folders", "ms", median(starts), 150);
+
+    const Running empty(HARBEX_EMPTY_WINDOW);
+    const Running harbex(HARBEX_PROGRAM);
+    empty.closeWindow();
+    harbex.closeWindow();
+    // What a start leaves to be done in the background ends, and idle threads go.
+    pause(std::chrono::seconds(15));
+
+    const long before = wakeUps(harbex.proc());
+    pause(std::chrono::seconds(30));
+    table.addLimit("idle for 30 s, window closed: wake-ups", "", static_cast<double>(wakeUps(harbex.proc()) - before),
+                   0);
+    table.addRatio("idle, window closed: memory / empty Qt window with an icon", "MB",
+                   {memory(harbex), memory(empty)}, 1.15);
+
+    const path download = scratch.folder("in0") / "film.mp4.crdownload";
+    const FileDescriptor file(::open(download.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+    pause(std::chrono::seconds(8));
+    const long beforeGrowth = wakeUps(harbex.proc());
+    for (int i = 0; i < 1000; ++i)
+        if (::write(file.get(), "x", 1) != 1) std::abort();
+    pause(std::chrono::seconds(1));
+    table.addLimit("a download grows 1,000 times: wake-ups", "",
+                   static_cast<double>(wakeUps(harbex.proc()) - beforeGrowth), 0);
+}
+
+} // namespace harbex::bench

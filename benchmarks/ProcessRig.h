@@ -1,0 +1,11 @@
+#pragma once
+
+#include "Measure.h"
+
+namespace harbex::bench
+{
+
+/// Measures the program as a whole process: start-up, memory and wake-ups. Needs an X11 display and xdotool.
+void measureProcess(Table& table);
+
+} // namespace harbex::bench

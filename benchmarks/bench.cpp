@@ -1,0 +1,295 @@
+// Prints how fast Harbex is, each measure beside a baseline that was timed in the same run. Run it from a folder
+// on the disk: the files it needs are made there.
+
+#include "EngineRig.h"
+#include "Measure.h"
+#include "ProcessRig.h"
+#include "watcher/DirectoryListing.h"
+#include "watcher/FileMove.h"
+#include "watcher/FreeName.h"
+#include "watcher/NameSnapshot.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace harbex;
+using namespace harbex::bench;
+using std::filesystem::path;
+
+namespace
+{
+
+// The two samplings that every file waits for.
+constexpr double waits = 0.30;
+
+double bareListing(const path& folder)
+{
+    const auto begin = Clock::now();
+    const FileDescriptor directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    alignas(8) static char buffer[64 * 1024];
+    while (::getdents64(directory.get(), buffer, sizeof buffer) > 0) {}
+    return secondsSince(begin);
+}
+
+/// One scan as the engine does it; gives how many names were new.
+size_t scan(const path& folder, NameSnapshot& known)
+{
+    Outcome<DirectoryListing> listing = DirectoryListing::open(folder.native());
+    NameSnapshot::Update update(known);
+    if (!listing || !listing->forEachName([&](auto name) { update.add(name); })) std::abort();
+    if (update.isUnchanged()) return 0;
+    const size_t count = update.newNames().size();
+    known = update.takeCurrent();
+    return count;
+}
+
+void measureScan(Table& table)
+{
+    const ScratchFolder scratch;
+    const path folder = scratch.folder("in");
+    makeFiles(folder, "IMG_20260", 100'000);
+    NameSnapshot known;
+    scan(folder, known);
+
+    size_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        bytes += entry.path().filename().native().size();
+    table.addRatio("memory of a snapshot of 100,000 names / bytes of the names", "bytes",
+                   {static_cast<double>(known.capacity()), static_cast<double>(bytes)}, 1.6);
+
+    int number = 0;
+    const Pair oneNew = inTurn(
+        21, [&] { return bareListing(folder) * 1000; },
+        [&] {
+            makeFiles(folder, "new" + std::to_string(number++) + "-", 1);
+            const auto begin = Clock::now();
+            if (scan(folder, known) != 1) std::abort();
+            return secondsSince(begin) * 1000;
+        });
+    table.addRatio("scan of 100,000 entries, one new / getdents64 pass", "ms", oneNew, 1.3);
+
+    const Pair unchanged = inTurn(
+        21, [&] { return bareListing(folder) * 1000; },
+        [&] {
+            const auto begin = Clock::now();
+            if (scan(folder, known) != 0) std::abort();
+            return secondsSince(begin) * 1000;
+        });
+    table.addRatio("scan of 100,000 entries, nothing new / getdents64 pass", "ms", unchanged, 1.3);
+}
+
+void measureBurst(Table& table)
+{
+    constexpr int count = 10'000;
+    const ScratchFolder scratch;
+    const path in = scratch.folder("in");
+    const path out = scratch.folder("out");
+    const path stage = scratch.folder("stage");
+    makeFiles(stage, "photo", count);
+    EngineRig rig({picturesRule(in, out)});
+
+    int moved = 0;
+    const Pair pair = inTurn(
+        5,
+        [&] {
+            const path bare = scratch.folder("bare");
+            const auto begin = Clock::now();
+            renameFiles(stage, bare, "photo", count);
+            const double seconds = secondsSince(begin);
+            renameFiles(bare, stage, "photo", count);
+            return waits + seconds;
+        },
+        [&] {
+            EngineRig::settle(std::chrono::milliseconds(500));
+            renameFiles(stage, in, "photo", count);
+            const auto begin = Clock::now();
+            rig.waitForMoved(moved += count);
+            const double seconds = secondsSince(begin);
+            renameFiles(out, stage, "photo", count);
+            return seconds;
+        });
+    table.addRatio("10,000 files in a burst, last arrival to last move / 0.30 s + renames", "s", pair, 1.5);
+}
+
+void measureManyFolders(Table& table)
+{
+    constexpr int folders = 50;
+    constexpr int count = 1000;
+    const ScratchFolder scratch;
+    const path out = scratch.folder("out");
+    std::vector<WatchedFolder> watched;
+    for (int i = 0; i < folders; ++i) {
+        const std::string name = std::to_string(i);
+        watched.push_back(picturesRule(scratch.folder("in" + name), scratch.folder("out" + name)));
+        makeFiles(scratch.folder("stage" + name), "photo", count);
+    }
+    EngineRig rig(watched);
+    EngineRig::settle(std::chrono::milliseconds(500));
+    for (int i = 0; i < folders; ++i) {
+        const std::string name = std::to_string(i);
+        renameFiles(scratch.folder("stage" + name), scratch.folder("in" + name), "photo", count);
+    }
+    const auto begin = Clock::now();
+    rig.waitForMoved(folders * count);
+    table.addLimit("1,000 entries in each of 50 folders, last arrival to last move", "s", secondsSince(begin), 2);
+    table.addLimit("    threads at most meanwhile", "", static_cast<double>(rig.mostThreads()), 64);
+    EngineRig::settle(std::chrono::seconds(10));
+    table.addLimit("    threads ten seconds later", "", static_cast<double>(rig.engine().threadCount()), 0);
+}
+
+void measureOneFile(Table& table)
+{
+    const ScratchFolder scratch;
+    const path in = scratch.folder("in");
+    const path out = scratch.folder("out");
+    makeFiles(in, "old", 100'000);
+    EngineRig rig({picturesRule(in, out)});
+    std::vector<double> seconds;
+    for (int i = 1; i <= 5; ++i) {
+        EngineRig::settle(std::chrono::milliseconds(500));
+        makeFiles(in, "new" + std::to_string(i) + "-", 1);
+        const auto begin = Clock::now();
+        rig.waitForMoved(i);
+        seconds.push_back(secondsSince(begin));
+    }
+    table.addRatio("one file, arrival to moved, in a folder of 100,000 / 0.30 s", "s", {median(seconds), waits},
+                   1.15);
+}
+
+void measureStart(Table& table)
+{
+    constexpr int folders = 2000;
+    const ScratchFolder scratch;
+    const path out = scratch.folder("out");
+    std::vector<WatchedFolder> watched;
+    for (int i = 0; i < folders; ++i) {
+        const path folder = scratch.folder("in/" + std::to_string(i));
+        makeFiles(folder, "old", 100);
+        watched.push_back(picturesRule(folder, out));
+    }
+    const Pair pair = inTurn(
+        9,
+        [&] {
+            double seconds = 0;
+            for (int i = 0; i < folders; ++i) seconds += bareListing(scratch.folder("in/" + std::to_string(i)));
+            return seconds * 1000;
+        },
+        [&] {
+            const auto begin = Clock::now();
+            const EngineRig rig(watched);
+            return secondsSince(begin) * 1000;
+        });
+    table.addRatio("start with 2,000 folders of 100 entries / listing them", "ms", pair, 2);
+}
+
+void measureFreeName(Table& table)
+{
+    const ScratchFolder scratch;
+    const path out = scratch.folder("out");
+    makeFiles(out, "photo-", 10'000);
+    std::filesystem::rename(out / "photo-0.jpg", out / "photo.jpg");
+    std::vector<double> times;
+    for (int i = 0; i < 21; ++i) {
+        const auto begin = Clock::now();
+        if (uniqueDestination("/in/photo.jpg", out.native()) != (out / "photo-10000.jpg").native()) std::abort();
+        times.push_back(secondsSince(begin) * 1000);
+    }
+    table.addLimit("a free name behind 10,000 taken ones", "ms", median(times), 20);
+}
+
+void measureBusy(Table& table)
+{
+    constexpr int count = 1000;
+    const ScratchFolder scratch;
+    const path in = scratch.folder("in");
+    const path out = scratch.folder("out");
+    EngineRig rig({picturesRule(in, out)});
+    EngineRig::settle(std::chrono::milliseconds(300));
+
+    // Every file grows until its first test has failed, and is done when its attempt comes.
+    makeFiles(in, "busy", count);
+    const auto arrival = Clock::now();
+    while (secondsSince(arrival) < 0.5)
+        for (int i = 0; i < count; ++i) {
+            const path file = in / ("busy" + std::to_string(i) + ".jpg");
+            const FileDescriptor fd(::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+            if (fd && ::write(fd.get(), "x", 1) != 1) std::abort();
+        }
+    // On a machine too slow to write to each file within 0.15 second some pass their first test early and are
+    // given up; they end no later.
+    rig.waitForEnded(count);
+    // Due at the earliest a second after the first test, which ended 0.15 second after the arrival.
+    table.addLimit("1,000 busy entries, attempt due to the end of the last", "s", secondsSince(arrival) - 1.15, 0.5);
+}
+
+void measureCopy(Table& table)
+{
+    const path memory = "/dev/shm";
+    struct stat here;
+    struct stat there;
+    if (::stat(".", &here) != 0 || ::stat(memory.c_str(), &there) != 0 || here.st_dev == there.st_dev) {
+        table.addImpossible("a file of 2 GB to another volume / cp + sync", "no second volume");
+        return;
+    }
+    const ScratchFolder scratch;
+    const path out = scratch.folder("out");
+    const path source = memory / ("harbex-bench-" + std::to_string(::getpid()));
+    const auto makeSource = [&] {
+        if (std::system(("head -c 2G /dev/urandom > " + source.string()).c_str()) != 0) std::abort();
+    };
+    makeSource();
+    const Pair pair = inTurn(
+        3,
+        [&] {
+            const std::string target = (out / "copy").string();
+            const auto begin = Clock::now();
+            if (std::system(("cp --sparse=auto " + source.string() + ' ' + target + " && sync " + target).c_str()) !=
+                0)
+                std::abort();
+            const double seconds = secondsSince(begin);
+            std::filesystem::remove(target);
+            return seconds;
+        },
+        [&] {
+            FileMove fileMove;
+            const std::string target = (out / "moved").string();
+            const auto begin = Clock::now();
+            if (!fileMove.moveItem(source.string(), target)) std::abort();
+            const double seconds = secondsSince(begin);
+            std::filesystem::remove(target);
+            makeSource();
+            return seconds;
+        });
+    std::filesystem::remove(source);
+    table.addRatio("a file of 2 GB to another volume / cp + sync", "s", pair, 1.1);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // The diagnostics of the engine would drown the table, which goes where they came from.
+    const int terminal = ::dup(STDOUT_FILENO);
+    if (terminal < 0 || !std::freopen("/dev/null", "w", stdout)) return 2;
+    stdout = ::fdopen(terminal, "w");
+
+    QCoreApplication application(argc, argv);
+    Table table;
+    measureScan(table);
+    measureBurst(table);
+    measureOneFile(table);
+    measureManyFolders(table);
+    measureBusy(table);
+    measureStart(table);
+    measureFreeName(table);
+    measureProcess(table);
+    measureCopy(table);
+    return table.allMet() ? 0 : 1;
+}
