@@ -1,21 +1,27 @@
+#include "ui/ActivationToken.h"
+#include "ui/ApplicationService.h"
 #include "ui/ApplicationShell.h"
+#include "ui/ColorScheme.h"
 #include "ui/TerminationSignals.h"
 
 #include <QApplication>
 
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace
 {
 
-/// Whoever starts the program with a standard stream closed must not find its next file in that place: what is
-/// printed would be written into it.
+/// Whoever starts the program with a standard stream closed must not find its next file in that place: what
+/// is printed would be written into it.
 void openStandardStreams()
 {
     int fd = ::open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) fd = ::dup(fd);
+    while (fd >= 0 && fd <= STDERR_FILENO)
+        fd = ::dup(fd);
     if (fd >= 0) ::close(fd);
 }
 
@@ -27,13 +33,27 @@ int main(int argc, char** argv)
     // A reader of the diagnostics that goes away must not end the program.
     std::signal(SIGPIPE, SIG_IGN);
 
+    const QString activationToken = harbex::activationTokenOfEnvironment();
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("harbex"));
     QApplication::setApplicationDisplayName(QStringLiteral("Harbex"));
     QApplication::setDesktopFileName(QStringLiteral("org.harbex.Harbex"));
     QApplication::setQuitOnLastWindowClosed(false);
 
-    harbex::ApplicationShell shell;
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    harbex::ApplicationService service(bus);
+    switch (service.start(activationToken)) {
+    case harbex::ApplicationService::Start::first:
+        break;
+    case harbex::ApplicationService::Start::handedOver:
+        return EXIT_SUCCESS;
+    case harbex::ApplicationService::Start::refused:
+        std::fputs("Harbex runs already, but does not answer.\n", stderr);
+        return EXIT_FAILURE;
+    }
+
+    const harbex::ColorScheme colorScheme;
+    harbex::ApplicationShell shell(bus, service);
     const harbex::TerminationSignals signals;
     // exit() and not quit(), which closes the windows first: closing one saves.
     QObject::connect(&signals, &harbex::TerminationSignals::received, &application,

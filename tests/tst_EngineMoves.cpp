@@ -472,12 +472,12 @@ void TestEngineMoves::aBusyEntryOfTwoRulesGoesToAnotherVolumeOnce()
     renameEntry(far.path() + "/film.mp4", inbox + "/film.mp4");
     QVERIFY(sentinel.passes());
     download.stop();
-    const qsizetype size = contents(inbox + "/film.mp4").size();
     QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(QStringLiteral("film")).size(), 2, patience);
     QCOMPARE(countMessages(engine, moved("film.mp4")), 1);
     QCOMPARE(countMessages(engine, skipped("film.mp4")), 1);
     QCOMPARE(namesIn(m_out).size() + namesIn(other).size(), 1);
-    QCOMPARE(contents((namesIn(m_out).isEmpty() ? other : m_out) + "/film.mp4").size(), size);
+    QVERIFY(contents((namesIn(m_out).isEmpty() ? other : m_out) + "/film.mp4").size() > (256 << 20));
+    QVERIFY(!exists(inbox + "/film.mp4"));
 }
 
 void TestEngineMoves::aStandardOutputThatNobodyReadsDisturbsNothing()

@@ -38,7 +38,11 @@ private Q_SLOTS:
     void links_data();
     void links();
     void trees();
-    void treesWithoutHardLinks();
+    void withoutHardLinks_data();
+    void withoutHardLinks();
+    void inodeNumbersThatChange_data();
+    void inodeNumbersThatChange();
+    void inodeNumbersThatAreGivenTwice();
     void oneOfTwoNamesOfAFile();
     void specialFilesAreRefused_data();
     void specialFilesAreRefused();
@@ -137,14 +141,76 @@ void TestFileMoveAcrossVolumes::trees()
     QVERIFY(QFile::exists(QStringLiteral("/etc")));
 }
 
-void TestFileMoveAcrossVolumes::treesWithoutHardLinks()
+void TestFileMoveAcrossVolumes::withoutHardLinks_data()
 {
+    QTest::addColumn<bool>("isFolder");
+    QTest::newRow("file") << false;
+    QTest::newRow("folder") << true;
+}
+
+void TestFileMoveAcrossVolumes::withoutHardLinks()
+{
+    QFETCH(const bool, isFolder);
+    if (!isFolder) {
+        // Without links a file without a name can get none.
+        writeFile(m_source, "content");
+        const QByteArray before = pictureOf(m_source);
+        QCOMPARE(moveGated(m_source, m_target, Lacks{.hardLinks = true}).error, 0);
+        QCOMPARE(pictureOf(m_target), before);
+        QVERIFY(!exists(m_source));
+        QCOMPARE(namesIn(m_out), QByteArrayList{"target.dat"});
+        return;
+    }
     makeFolder(m_source);
     writeFile(m_source + "/a", "content");
     QCOMPARE(::link((m_source + "/a").c_str(), (m_source + "/b").c_str()), 0);
     QCOMPARE(moveGated(m_source, m_target, Lacks{.hardLinks = true}).error, 0);
     QCOMPARE(contents(m_target + "/a"), QByteArray("content"));
     QCOMPARE(contents(m_target + "/b"), QByteArray("content"));
+    QVERIFY(!exists(m_source));
+}
+
+void TestFileMoveAcrossVolumes::inodeNumbersThatChange_data()
+{
+    withoutHardLinks_data();
+}
+
+// Some file systems number their entries anew when the kernel has forgotten them, as it may during a long
+// copy.
+void TestFileMoveAcrossVolumes::inodeNumbersThatChange()
+{
+    QFETCH(const bool, isFolder);
+    if (isFolder) makeFolder(m_source);
+    writeFile(isFolder ? m_source + "/file" : m_source, "content");
+    const QByteArray before = pictureOf(m_source);
+    uint64_t age = 0;
+    const auto keeper = [&age](const GatedCall& call) {
+        age += call.name == "fsync" || call.name == "syncfs";
+        if (call.name != "statx") return Answer::proceed();
+        return answerStatus(call, [age](struct statx& data) { data.stx_ino += age * 1'000'000; });
+    };
+    QCOMPARE(moveGated(m_source, m_target, keeper).error, 0);
+    QCOMPARE(age, 2U);
+    QCOMPARE(pictureOf(m_target), before);
+    QVERIFY(!exists(m_source));
+}
+
+void TestFileMoveAcrossVolumes::inodeNumbersThatAreGivenTwice()
+{
+    makeFolder(m_source);
+    writeFile(m_source + "/a", "one content");
+    writeFile(m_source + "/b", "another content");
+    const QByteArray before = pictureOf(m_source);
+    const auto keeper = [](const GatedCall& call) {
+        if (call.name != "statx") return Answer::proceed();
+        return answerStatus(call, [](struct statx& data) {
+            if (!S_ISREG(data.stx_mode)) return;
+            data.stx_ino = 12345;
+            data.stx_nlink = 2;
+        });
+    };
+    QCOMPARE(moveGated(m_source, m_target, keeper).error, 0);
+    QCOMPARE(pictureOf(m_target), before);
     QVERIFY(!exists(m_source));
 }
 

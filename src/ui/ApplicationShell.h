@@ -6,10 +6,13 @@
 #include "ui/StatusItem.h"
 #include "watcher/DownloadImageRedirector.h"
 
+#include <QDBusConnection>
 #include <QObject>
 
 namespace harbex
 {
+
+class ApplicationService;
 
 /// The root of the process: owns the one engine, which outlives every window, the main window and the status
 /// item. Main thread only.
@@ -18,7 +21,9 @@ class ApplicationShell : public QObject
     Q_OBJECT
 
 public:
-    ApplicationShell();
+    /// The status item goes onto `bus`; what others ask the program for comes from `service`, which must live
+    /// longer.
+    ApplicationShell(const QDBusConnection& bus, const ApplicationService& service);
 
     /// Opens the main window, which starts the engine. Called once, before the main loop.
     void applicationDidFinishLaunching();

@@ -37,7 +37,10 @@ void ContentState::appear()
     if (!m_watcher.isRunning()) m_watcher.start(m_folders);
 }
 
-void ContentState::disappear() { saveState(); }
+void ContentState::disappear()
+{
+    saveState();
+}
 
 void ContentState::loadState()
 {
@@ -47,33 +50,43 @@ void ContentState::loadState()
     select(state.selectedFolderID);
 }
 
-void ContentState::saveState() { m_store.saveState({m_folders, m_selectedFolderID}); }
+void ContentState::saveState()
+{
+    m_store.saveState({m_folders, m_selectedFolderID});
+}
 
 void ContentState::select(std::optional<QUuid> folderID)
 {
     if (m_selectedFolderID == folderID) return;
+    changeSelection(folderID);
+    saveState();
+}
+
+void ContentState::changeSelection(std::optional<QUuid> folderID)
+{
     m_selectedFolderID = folderID;
     Q_EMIT selectionChanged();
-    saveState();
 }
 
 void ContentState::addFolder(const FileUrl& url, const std::optional<QByteArray>& bookmarkData)
 {
     m_folders.push_back({.url = url, .bookmarkData = bookmarkData, .rules = {FilterRule()}});
     Q_EMIT foldersChanged();
-    select(m_folders.back().id);
+    changeSelection(m_folders.back().id);
     restart();
+    saveState();
 }
 
-void ContentState::deleteFolder(const QUuid& folderID)
+void ContentState::deleteFolder(QUuid folderID)
 {
     const auto folder = findById(m_folders, folderID);
     if (folder == m_folders.end()) return;
     m_folders.erase(folder);
     Q_EMIT foldersChanged();
-    if (m_selectedFolderID == folderID)
-        select(m_folders.empty() ? std::nullopt : std::optional(m_folders.front().id));
+    const bool wasSelected = m_selectedFolderID == folderID;
+    if (wasSelected) changeSelection(m_folders.empty() ? std::nullopt : std::optional(m_folders.front().id));
     restart();
+    if (wasSelected) saveState();
 }
 
 void ContentState::addRule()
@@ -84,7 +97,7 @@ void ContentState::addRule()
     Q_EMIT rulesChanged();
 }
 
-void ContentState::deleteRule(const QUuid& ruleID)
+void ContentState::deleteRule(QUuid ruleID)
 {
     WatchedFolder* folder = findSelectedFolder();
     if (!folder) return;
@@ -95,7 +108,7 @@ void ContentState::deleteRule(const QUuid& ruleID)
     restart();
 }
 
-void ContentState::setField(const QUuid& ruleID, RuleField field)
+void ContentState::setField(QUuid ruleID, RuleField field)
 {
     FilterRule* rule = findRule(ruleID);
     if (!rule || rule->field == field) return;
@@ -105,15 +118,18 @@ void ContentState::setField(const QUuid& ruleID, RuleField field)
     restart();
 }
 
-void ContentState::setOperator(const QUuid& ruleID, RuleOperator operatorType)
+void ContentState::setOperator(QUuid ruleID, RuleOperator operatorType)
 {
     setChoice(ruleID, &FilterRule::operatorType, operatorType);
 }
 
-void ContentState::setKind(const QUuid& ruleID, RuleKind kind) { setChoice(ruleID, &FilterRule::kind, kind); }
+void ContentState::setKind(QUuid ruleID, RuleKind kind)
+{
+    setChoice(ruleID, &FilterRule::kind, kind);
+}
 
 template <class Value>
-void ContentState::setChoice(const QUuid& ruleID, Value FilterRule::*member, Value value)
+void ContentState::setChoice(QUuid ruleID, Value FilterRule::* member, Value value)
 {
     FilterRule* rule = findRule(ruleID);
     if (!rule || rule->*member == value) return;
@@ -122,14 +138,17 @@ void ContentState::setChoice(const QUuid& ruleID, Value FilterRule::*member, Val
     restart();
 }
 
-void ContentState::setValue(const QUuid& ruleID, const QString& value)
+void ContentState::setValue(QUuid ruleID, const QString& value)
 {
     if (FilterRule* rule = findRule(ruleID)) rule->value = value;
 }
 
-void ContentState::submitValue() { restart(); }
+void ContentState::submitValue()
+{
+    restart();
+}
 
-void ContentState::setDestination(const QUuid& ruleID, const FileUrl& url,
+void ContentState::setDestination(QUuid ruleID, const FileUrl& url,
                                   const std::optional<QByteArray>& bookmarkData)
 {
     FilterRule* rule = findRule(ruleID);
@@ -142,7 +161,10 @@ void ContentState::setDestination(const QUuid& ruleID, const FileUrl& url,
     restart();
 }
 
-void ContentState::restart() { m_watcher.restart(m_folders); }
+void ContentState::restart()
+{
+    m_watcher.restart(m_folders);
+}
 
 WatchedFolder* ContentState::findSelectedFolder()
 {
@@ -151,7 +173,7 @@ WatchedFolder* ContentState::findSelectedFolder()
     return folder == m_folders.end() ? nullptr : &*folder;
 }
 
-FilterRule* ContentState::findRule(const QUuid& ruleID)
+FilterRule* ContentState::findRule(QUuid ruleID)
 {
     WatchedFolder* folder = findSelectedFolder();
     if (!folder) return nullptr;

@@ -1,27 +1,53 @@
 #pragma once
 
+#include "ui/FolderPanel.h"
+
 #include <QWidget>
 
-class QListWidget;
+class QLabel;
+class QStackedWidget;
 
 namespace harbex
 {
 
 class ContentState;
+class FlatButton;
+class FolderList;
+class RuleList;
 
-/// The content of the main window: the names of the watched folders. Main thread only; `state` must live longer.
+/// The content of the main window: the watched folders on the left, the rules of the selected one on the
+/// right. Main thread only; `state` must live longer.
 class ContentView : public QWidget
 {
     Q_OBJECT
 
 public:
-    explicit ContentView(ContentState& state, QWidget* parent = nullptr);
+    /// `showPanel` is how the user chooses a folder to watch or a destination.
+    ContentView(ContentState& state, DirectoryChooser showPanel, QWidget* parent = nullptr);
+
+protected:
+    void showEvent(QShowEvent* event) override;
+    void changeEvent(QEvent* event) override;
 
 private:
-    void showFolders();
+    QWidget* sidebar();
+    QWidget* detailView();
+    QWidget* ruleView();
+    void showDetail();
+    void dimEmptyText();
+    void selectDirectory(const DirectoryCompletion& completion);
+    void addFolder();
+    void addRule();
 
     ContentState& m_state;
-    QListWidget* m_sidebar;
+    const DirectoryChooser m_showPanel;
+    bool m_isPanelShown = false;
+    FlatButton* m_addFolder = nullptr;
+    FolderList* m_folderList = nullptr;
+    QStackedWidget* m_detail = nullptr;
+    QWidget* m_ruleView = nullptr;
+    RuleList* m_ruleList = nullptr;
+    QLabel* m_emptyText = nullptr;
 };
 
 } // namespace harbex

@@ -2,21 +2,66 @@
 
 #include "ui/ContentState.h"
 #include "ui/ContentView.h"
+#include "ui/FolderPanel.h"
 
 #include <QCloseEvent>
+#include <QGuiApplication>
+
+#include <array>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <xcb/xcb.h>
 
 namespace harbex
 {
 
-MainWindow::MainWindow(ContentState& state) : m_state(state)
+namespace
 {
-    setWindowTitle(QStringLiteral("Harbex"));
-    setCentralWidget(new ContentView(state, this));
+
+xcb_atom_t atom(xcb_connection_t* connection, std::string_view name)
+{
+    const auto cookie = xcb_intern_atom(connection, 0, static_cast<uint16_t>(name.size()), name.data());
+    const std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> reply(
+        xcb_intern_atom_reply(connection, cookie, nullptr), &std::free);
+    return reply ? reply->atom : static_cast<xcb_atom_t>(XCB_ATOM_NONE);
 }
 
-void MainWindow::open()
+/// Leaves an X11 window out of taskbars and pagers. The window must not be mapped: what is written here is
+/// what the window manager finds when it is, and takes away when it is not any more.
+void leaveOutOfTaskbar(WId window)
 {
-    if (!isVisible()) m_state.appear();
+    const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    // Some platforms that are not X11 have the interface, and no connection.
+    xcb_connection_t* connection = x11 ? x11->connection() : nullptr;
+    if (!connection) return;
+    const std::array states{atom(connection, "_NET_WM_STATE_SKIP_TASKBAR"),
+                            atom(connection, "_NET_WM_STATE_SKIP_PAGER")};
+    xcb_change_property(connection, XCB_PROP_MODE_REPLACE, static_cast<xcb_window_t>(window),
+                        atom(connection, "_NET_WM_STATE"), XCB_ATOM_ATOM, 32, states.size(), states.data());
+}
+
+} // namespace
+
+MainWindow::MainWindow(ContentState& state) : m_state(state)
+{
+    setWindowTitle(tr("Harbex"));
+    const auto chooser = [this](const DirectoryCompletion& completion) { selectDirectory(this, completion); };
+    setCentralWidget(new ContentView(state, chooser, this));
+}
+
+void MainWindow::open(const QString& activationToken)
+{
+    if (!m_isOpen) {
+        m_isOpen = true;
+        m_state.appear();
+        setWindowState(Qt::WindowNoState);
+        resize(1100, 640);
+    }
+    // Where Qt's Wayland plugin looks for it.
+    if (!activationToken.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
+    setWindowState(windowState() & ~Qt::WindowMinimized);
     show();
     raise();
     activateWindow();
@@ -25,7 +70,16 @@ void MainWindow::open()
 void MainWindow::closeEvent(QCloseEvent* event)
 {
     QMainWindow::closeEvent(event);
+    // A window that is not open can be closed too.
+    if (!std::exchange(m_isOpen, false)) return;
     m_state.disappear();
+}
+
+void MainWindow::showEvent(QShowEvent* event)
+{
+    // One that comes from outside tells of a window that is mapped.
+    if (!event->spontaneous()) leaveOutOfTaskbar(winId());
+    QMainWindow::showEvent(event);
 }
 
 } // namespace harbex

@@ -1,18 +1,65 @@
 #include "ui/StatusItem.h"
 
+#include <QCursor>
+#include <QGuiApplication>
+#include <QSystemTrayIcon>
+
 namespace harbex
 {
 
-StatusItem::StatusItem(QObject* parent) : QObject(parent)
+namespace
 {
-    connect(m_menu.addAction(tr("Open Harbex")), &QAction::triggered, this, &StatusItem::openRequested);
+
+constexpr QLatin1String iconName("folder");
+
+bool isWayland()
+{
+    return QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
+}
+
+} // namespace
+
+StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
+    : QObject(parent), m_icon(QStringLiteral(":/icons/panel-folder.svg"))
+{
+    connect(m_menu.addAction(tr("Open Harbex")), &QAction::triggered, this,
+            [this] { Q_EMIT openRequested(m_notifierItem->takeActivationToken()); });
     m_menu.addSeparator();
     connect(m_menu.addAction(tr("Quit")), &QAction::triggered, this, &StatusItem::quitRequested);
 
-    m_icon.setIcon(QIcon::fromTheme(QStringLiteral("folder")));
-    m_icon.setToolTip(tr("Harbex"));
-    m_icon.setContextMenu(&m_menu);
-    m_icon.show();
+    m_notifierItem = std::make_unique<StatusNotifierItem>(bus, tr("Harbex"), iconName, m_icon, m_menu);
+    connect(m_notifierItem.get(), &StatusNotifierItem::menuRequested, this, &StatusItem::popUp);
+    connect(m_notifierItem.get(), &StatusNotifierItem::shownChanged, this,
+            [this](bool isShown) { showInOldTray(!isShown); });
+}
+
+void StatusItem::popUp(const QPoint& position)
+{
+    // Under Wayland a menu needs a window of ours to hang on; without one it would cover the screen. Panels
+    // there draw the menu themselves; for one that cannot, the window is better than nothing.
+    if (isWayland())
+        Q_EMIT openRequested(m_notifierItem->takeActivationToken());
+    else
+        m_menu.popup(position);
+}
+
+void StatusItem::showInOldTray(bool isShown)
+{
+    if (isWayland()) return; // It has no old tray.
+
+    // Qt decides at the first icon, for the life of the process, which protocol its icons speak. Made while
+    // no panel speaks the newer one, this speaks that of the old tray, and from then on follows every old
+    // tray that comes and goes by itself.
+    if (isShown && !m_trayIcon) {
+        m_trayIcon = new QSystemTrayIcon(QIcon::fromTheme(iconName, m_icon), this);
+        m_trayIcon->setToolTip(tr("Harbex"));
+        m_trayIcon->setContextMenu(&m_menu);
+        connect(m_trayIcon, &QSystemTrayIcon::activated, this,
+                [this](QSystemTrayIcon::ActivationReason reason) {
+                    if (reason == QSystemTrayIcon::Trigger) popUp(QCursor::pos());
+                });
+    }
+    if (m_trayIcon) m_trayIcon->setVisible(isShown);
 }
 
 } // namespace harbex

@@ -21,7 +21,8 @@ void wakeMainThread(int)
     const int savedErrno = errno;
     const char byte = 0;
     // A full pipe holds a byte that was not read yet: that one serves.
-    if (::write(writeEnd, &byte, 1) < 0) {}
+    if (::write(writeEnd, &byte, 1) < 0) {
+    }
     errno = savedErrno;
 }
 
@@ -45,13 +46,15 @@ TerminationSignals::TerminationSignals(QObject* parent) : QObject(parent)
     struct sigaction action = {};
     action.sa_handler = wakeMainThread;
     action.sa_flags = SA_RESTART;
-    for (const int signal : signals) ::sigaction(signal, &action, nullptr);
+    for (const int signal : signals)
+        ::sigaction(signal, &action, nullptr);
 }
 
 TerminationSignals::~TerminationSignals()
 {
     if (!m_writeEnd) return;
-    for (const int signal : signals) std::signal(signal, SIG_DFL);
+    for (const int signal : signals)
+        std::signal(signal, SIG_DFL);
 }
 
 } // namespace harbex

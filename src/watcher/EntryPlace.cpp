@@ -62,7 +62,8 @@ bool EntryStatus::isSameEntry(const EntryStatus& other) const
 
 bool EntryStatus::hasSameContent(const EntryStatus& other) const
 {
-    return isSameEntry(other) && size == other.size && isSameTime(modificationTime, other.modificationTime);
+    return (mode & S_IFMT) == (other.mode & S_IFMT) && size == other.size &&
+           isSameTime(modificationTime, other.modificationTime);
 }
 
 bool EntryStatus::isUnchanged(const EntryStatus& other) const
@@ -102,7 +103,8 @@ Outcome<std::vector<std::string>> namesIn(int folder)
 void withdraw(const EntryPlace& place, const EntryStatus& ours)
 {
     const Outcome<EntryStatus> now = EntryStatus::of(place);
-    if (now && now->hasSameContent(ours)) ::unlinkat(place.folder, place.name.c_str(), 0);
+    if (now && now->isSameEntry(ours) && now->hasSameContent(ours))
+        ::unlinkat(place.folder, place.name.c_str(), 0);
 }
 
 } // namespace harbex

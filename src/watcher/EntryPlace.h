@@ -59,8 +59,8 @@ struct EntryStatus {
     /// Whether type, size and modification time are the same: nobody has written into it, and what was put in
     /// its place, if anything, passes for it.
     [[nodiscard]] bool hasSameContent(const EntryStatus& other) const;
-    /// The same content and change time: no other name, owner, permission or attribute was given to it either,
-    /// and nothing was put in its place.
+    /// The same content and change time: no other name, owner, permission or attribute was given to it
+    /// either, and nothing was put in its place.
     [[nodiscard]] bool isUnchanged(const EntryStatus& other) const;
 };
 

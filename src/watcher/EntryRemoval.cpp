@@ -28,7 +28,8 @@ public:
     }
 
 private:
-    Outcome<void> empty(const EntryPlace& place, const EntryStatus& status, const std::string& path, size_t depth)
+    Outcome<void> empty(const EntryPlace& place, const EntryStatus& status, const std::string& path,
+                        size_t depth)
     {
         // One more than a copied tree has: the hidden folder around it.
         if (depth > maximumTreeDepth) return SystemError{EMFILE};

@@ -198,7 +198,7 @@ Outcome<void> copyFile(const EntryPlace& source, const EntryStatus& seen, int ta
     if (!file) return SystemError::last();
     const Outcome<EntryStatus> opened = EntryStatus::ofOpen(file.get());
     if (!opened) return opened.error();
-    if (!opened->isUnchanged(seen)) return SystemError{EBUSY};
+    if (!opened->isSameEntry(seen) || !opened->isUnchanged(seen)) return SystemError{EBUSY};
 
     const Outcome<void> copied = ContentCopy(file.get(), target, seen.size, stop).run();
     if (!copied) return copied;

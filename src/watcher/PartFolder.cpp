@@ -50,7 +50,8 @@ bool lock(int fd)
 // move tries again.
 void removeIfPossible(const EntryPlace& part)
 {
-    const Outcome<void> removed = removeEntry(part, [](const EntryStatus&) { return true; });
+    const Outcome<void> removed =
+        removeEntry(part, [](const std::string&, const EntryStatus&) { return true; });
     static_cast<void>(removed);
 }
 

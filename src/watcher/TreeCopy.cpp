@@ -11,8 +11,8 @@ namespace harbex
 
 Outcome<void> TreeCopy::copy(const EntryPlace& source, const EntryPlace& target)
 {
-    m_rootFolder = target.folder;
-    return copyEntry(source, target, target.name);
+    m_root = target;
+    return copyEntry(source, target, {});
 }
 
 Outcome<void> TreeCopy::copyEntry(const EntryPlace& source, const EntryPlace& target, const std::string& path)
@@ -20,7 +20,7 @@ Outcome<void> TreeCopy::copyEntry(const EntryPlace& source, const EntryPlace& ta
     if (m_stop.stop_requested()) return SystemError{ECANCELED};
     const Outcome<EntryStatus> seen = EntryStatus::of(source);
     if (!seen) return seen.error();
-    if (!m_survey.holdsUnchanged(*seen)) return SystemError{EBUSY};
+    if (!m_survey.holdsUnchanged(path, *seen)) return SystemError{EBUSY};
 
     if (seen->isFolder()) return copyFolder(source, *seen, target, path);
     if (seen->links > 1) {
@@ -34,10 +34,12 @@ Outcome<void> TreeCopy::copyEntry(const EntryPlace& source, const EntryPlace& ta
 Outcome<bool> TreeCopy::linkToEarlierCopy(const EntryStatus& seen, const EntryPlace& target,
                                           const std::string& path)
 {
-    const auto [first, isFirst] = m_firstCopies.try_emplace({seen.device, seen.inode}, path);
-    if (isFirst) return false;
-    if (::linkat(m_rootFolder, first->second.c_str(), target.folder, target.name.c_str(), 0) == 0)
-        return true;
+    const auto [found, isFirst] = m_firstCopies.try_emplace({seen.device, seen.inode}, FirstCopy{seen, path});
+    const FirstCopy& first = found->second;
+    // The number alone may have been given to another file by now.
+    if (isFirst || !seen.isUnchanged(first.original)) return false;
+    const std::string copy = m_root.name + first.path;
+    if (::linkat(m_root.folder, copy.c_str(), target.folder, target.name.c_str(), 0) == 0) return true;
     switch (errno) {
     // No (more) links there, or a path that is too long to say: it becomes a file of its own.
     case EPERM:

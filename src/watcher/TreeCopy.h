@@ -21,13 +21,18 @@ public:
     /// Copies what `survey` found; every entry that is not as it was then ends the copy.
     TreeCopy(const TreeSurvey& survey, std::stop_token stop) : m_survey(survey), m_stop(std::move(stop)) {}
 
-    /// Makes a copy of the entry at `source` at `target`, where nothing stands yet, in a folder that nobody
-    /// else works in. EBUSY when the source was changed, ECANCELED soon after the stop. What was copied by
-    /// then stays, to be thrown away. Nothing is synchronised with the disk.
+    /// Makes a copy of the surveyed entry at `source` at `target`, where nothing stands yet, in a folder that
+    /// nobody else works in. EBUSY when the source was changed, ECANCELED soon after the stop. What was
+    /// copied by then stays, to be thrown away. Nothing is synchronised with the disk.
     [[nodiscard]] Outcome<void> copy(const EntryPlace& source, const EntryPlace& target);
 
 private:
-    /// `path` is that of the target within the folder in which the root of the copy stands.
+    struct FirstCopy {
+        EntryStatus original;
+        std::string path;
+    };
+
+    /// `path` is that from the root of the tree: "" for the root, "/a/b" below.
     Outcome<void> copyEntry(const EntryPlace& source, const EntryPlace& target, const std::string& path);
     Outcome<void> copyRegularFile(const EntryPlace& source, const EntryStatus& seen,
                                   const EntryPlace& target);
@@ -40,9 +45,9 @@ private:
 
     const TreeSurvey& m_survey;
     std::stop_token m_stop;
-    int m_rootFolder = -1;
-    /// The path of the first copy of each inode with several names, by device and inode.
-    std::map<std::pair<uint64_t, uint64_t>, std::string> m_firstCopies;
+    EntryPlace m_root;
+    /// The first copy of each entry with several names, by device and inode.
+    std::map<std::pair<uint64_t, uint64_t>, FirstCopy> m_firstCopies;
 };
 
 } // namespace harbex

@@ -14,7 +14,7 @@ namespace
 class Walk
 {
 public:
-    using Visit = std::function<Outcome<void>(const EntryStatus&)>;
+    using Visit = std::function<Outcome<void>(const std::string& path, const EntryStatus&)>;
 
     Walk(const EntryStatus& targetFolder, const std::stop_token& stop, const Visit& visit)
         : m_targetFolder(targetFolder), m_stop(stop), m_visit(visit)
@@ -22,16 +22,17 @@ public:
     }
 
     /// `folder` is what `place.folder` is like.
-    Outcome<void> run(const EntryPlace& place, const EntryStatus& folder, size_t depth)
+    Outcome<void> run(const EntryPlace& place, const std::string& path, const EntryStatus& folder,
+                      size_t depth)
     {
         if (m_stop.stop_requested()) return SystemError{ECANCELED};
         const Outcome<EntryStatus> status = EntryStatus::of(place);
         if (!status) return status.error();
         const Outcome<void> possible = expectMovable(*status, folder);
         if (!possible) return possible;
-        const Outcome<void> visited = m_visit(*status);
+        const Outcome<void> visited = m_visit(path, *status);
         if (!visited) return visited;
-        return status->isFolder() ? enter(place, *status, depth) : Outcome<void>();
+        return status->isFolder() ? enter(place, path, *status, depth) : Outcome<void>();
     }
 
 private:
@@ -48,7 +49,8 @@ private:
         return {};
     }
 
-    Outcome<void> enter(const EntryPlace& place, const EntryStatus& status, size_t depth)
+    Outcome<void> enter(const EntryPlace& place, const std::string& path, const EntryStatus& status,
+                        size_t depth)
     {
         if (depth == maximumTreeDepth) return SystemError{EMFILE};
         const Outcome<FileDescriptor> folder = openSubfolder(place, status);
@@ -56,8 +58,9 @@ private:
         if (::faccessat(folder->get(), ".", R_OK | W_OK | X_OK, AT_EACCESS) != 0) return SystemError::last();
         const Outcome<std::vector<std::string>> names = namesIn(folder->get());
         if (!names) return names.error();
+        const std::string prefix = path + '/';
         for (const std::string& name : *names) {
-            const Outcome<void> walked = run({folder->get(), name}, status, depth + 1);
+            const Outcome<void> walked = run({folder->get(), name}, prefix + name, status, depth + 1);
             if (!walked) return walked;
         }
         return {};
@@ -76,7 +79,7 @@ Outcome<void> walk(const EntryPlace& root, int targetFolder, const std::stop_tok
     if (!folder) return folder.error();
     const Outcome<EntryStatus> target = EntryStatus::ofOpen(targetFolder);
     if (!target) return target.error();
-    return Walk(*target, stop, visit).run(root, *folder, 0);
+    return Walk(*target, stop, visit).run(root, {}, *folder, 0);
 }
 
 } // namespace
@@ -84,45 +87,46 @@ Outcome<void> walk(const EntryPlace& root, int targetFolder, const std::stop_tok
 Outcome<TreeSurvey> TreeSurvey::take(const EntryPlace& root, int targetFolder, const std::stop_token& stop)
 {
     TreeSurvey survey;
-    const Outcome<void> walked =
-        walk(root, targetFolder, stop, [&survey](const EntryStatus& entry) -> Outcome<void> {
-            if (survey.m_names++ == 0) survey.m_root = entry;
-            survey.m_entries.insert(entry);
-            return {};
-        });
+    const auto remember = [&survey](const std::string& path, const EntryStatus& entry) -> Outcome<void> {
+        if (path.empty()) survey.m_root = entry;
+        survey.m_entries.emplace(path, entry);
+        return {};
+    };
+    const Outcome<void> walked = walk(root, targetFolder, stop, remember);
     if (!walked) return walked.error();
     return survey;
 }
 
-bool TreeSurvey::holdsUnchanged(const EntryStatus& now) const
+bool TreeSurvey::holdsUnchanged(const std::string& path, const EntryStatus& now) const
 {
-    const auto found = m_entries.find(now);
-    return found != m_entries.end() && now.isUnchanged(*found);
+    const auto found = m_entries.find(path);
+    return found != m_entries.end() && now.isUnchanged(found->second);
 }
 
 Outcome<void> TreeSurvey::expectUnchanged(const EntryPlace& root, int targetFolder,
                                           const std::stop_token& stop) const
 {
-    size_t names = 0;
-    const Outcome<void> walked =
-        walk(root, targetFolder, stop, [this, &names](const EntryStatus& now) -> Outcome<void> {
-            ++names;
-            if (!holdsUnchanged(now)) return SystemError{EBUSY};
-            return {};
-        });
+    size_t count = 0;
+    const auto compare = [this, &count](const std::string& path, const EntryStatus& now) -> Outcome<void> {
+        ++count;
+        if (!holdsUnchanged(path, now)) return SystemError{EBUSY};
+        return {};
+    };
+    const Outcome<void> walked = walk(root, targetFolder, stop, compare);
     if (!walked) return walked;
-    if (names != m_names) return SystemError{EBUSY};
+    if (count != m_entries.size()) return SystemError{EBUSY};
     return {};
 }
 
 Outcome<void> TreeSurvey::removeTree(const EntryPlace& root) const
 {
-    return removeEntry(root, [this](const EntryStatus& now) {
-        const auto found = m_entries.find(now);
+    return removeEntry(root, [this](const std::string& path, const EntryStatus& now) {
+        const auto found = m_entries.find(path);
         if (found == m_entries.end() || now.isMountPoint) return false;
+        const EntryStatus& then = found->second;
         // Emptying a folder changes its times, and removing one of its names the change time of a file.
-        if (now.isFolder()) return true;
-        return found->links > 1 ? now.hasSameContent(*found) : now.isUnchanged(*found);
+        if (now.isFolder()) return then.isFolder();
+        return then.links > 1 ? now.hasSameContent(then) : now.isUnchanged(then);
     });
 }
 

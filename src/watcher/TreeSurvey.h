@@ -3,11 +3,9 @@
 #include "base/Outcome.h"
 #include "watcher/EntryPlace.h"
 
-#include <cstddef>
-#include <functional>
 #include <stop_token>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 
 namespace harbex
 {
@@ -27,8 +25,9 @@ public:
     /// What the entry itself was like.
     [[nodiscard]] const EntryStatus& root() const { return m_root; }
 
-    /// Whether the survey found this entry, and exactly as it is `now`.
-    [[nodiscard]] bool holdsUnchanged(const EntryStatus& now) const;
+    /// Whether the survey found the entry at `path` (from the root: "" for the root, "/a/b" below), and
+    /// exactly as it is `now`.
+    [[nodiscard]] bool holdsUnchanged(const std::string& path, const EntryStatus& now) const;
 
     /// Looks at the whole tree again: EBUSY when anything was changed, added or taken away; otherwise fails
     /// as take() does.
@@ -40,20 +39,8 @@ public:
     [[nodiscard]] Outcome<void> removeTree(const EntryPlace& root) const;
 
 private:
-    struct HashOfInode {
-        size_t operator()(const EntryStatus& entry) const
-        {
-            return std::hash<uint64_t>()(entry.inode ^ (entry.device << 32U));
-        }
-    };
-    struct IsSameEntry {
-        bool operator()(const EntryStatus& a, const EntryStatus& b) const { return a.isSameEntry(b); }
-    };
-
-    /// One entry for each inode; a file with two names in the tree is one.
-    std::unordered_set<EntryStatus, HashOfInode, IsSameEntry> m_entries;
-    /// How many names led to them.
-    size_t m_names = 0;
+    // By path and not by inode: some file systems give an entry another inode number after a while.
+    std::unordered_map<std::string, EntryStatus> m_entries;
     EntryStatus m_root;
 };
 

@@ -58,6 +58,21 @@ struct Lacks {
     return call.name == "renameat2" && call.ordinal == 1 ? Answer::fail(EXDEV) : Answer::proceed();
 }
 
+/// Answers a waiting statx(2) with what it gives, changed by `falsify`.
+[[nodiscard]] inline Answer answerStatus(const GatedCall& call,
+                                         const std::function<void(struct statx&)>& falsify)
+{
+    const bool isPath = static_cast<int>(call.arguments[0]) == AT_FDCWD;
+    const FileDescriptor folder = isPath ? FileDescriptor() : call.descriptor(0);
+    struct statx data = {};
+    if (::statx(isPath ? AT_FDCWD : folder.get(), call.text(1).c_str(), static_cast<int>(call.arguments[2]),
+                static_cast<unsigned>(call.arguments[3]), &data) != 0)
+        return Answer::fail(errno);
+    falsify(data);
+    call.writeMemory(call.arguments[4], std::string(reinterpret_cast<const char*>(&data), sizeof data));
+    return Answer::give(0);
+}
+
 /// Gives up being root, if one is. For a child process.
 inline void becomeOrdinary()
 {

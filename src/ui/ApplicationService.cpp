@@ -1,0 +1,94 @@
+#include "ui/ApplicationService.h"
+
+#include "ui/ActivationToken.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusReply>
+#include <QDeadlineTimer>
+
+namespace harbex
+{
+
+namespace
+{
+
+constexpr int patienceMilliseconds = 5000;
+
+constexpr QLatin1String busName("org.harbex.Harbex");
+constexpr QLatin1String objectPath("/org/harbex/Harbex");
+constexpr QLatin1String interfaceName("org.freedesktop.Application");
+// The same token under the name of either display system, as launchers send it.
+constexpr QLatin1String waylandTokenKey("activation-token");
+constexpr QLatin1String x11TokenKey("desktop-startup-id");
+
+QDBusMessage activateCall(const QString& activationToken)
+{
+    QVariantMap platformData;
+    if (!activationToken.isEmpty()) {
+        platformData.insert(waylandTokenKey, activationToken);
+        platformData.insert(x11TokenKey, activationToken);
+    }
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(busName, objectPath, interfaceName, QLatin1String("Activate"));
+    call << platformData;
+    return call;
+}
+
+/// Whether the owner may have ended before it could answer. An owner that is slow looks the same.
+bool mayHaveEnded(const QDBusMessage& answer)
+{
+    const QDBusError::ErrorType error = QDBusError(answer).type();
+    return error == QDBusError::ServiceUnknown || error == QDBusError::NoReply;
+}
+
+} // namespace
+
+ApplicationService::ApplicationService(const QDBusConnection& bus, QObject* parent)
+    : QObject(parent), m_bus(bus)
+{
+}
+
+ApplicationService::Start ApplicationService::start(const QString& activationToken)
+{
+    // Before the name is claimed: whoever sees the name finds the object.
+    m_bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableInvokables);
+
+    QDBusMessage answer;
+    const QDeadlineTimer patience(patienceMilliseconds);
+    do {
+        if (claimName()) return Start::first;
+        answer = m_bus.call(activateCall(activationToken), QDBus::Block, int(patience.remainingTime()));
+        if (answer.type() == QDBusMessage::ReplyMessage) return Start::handedOver;
+    } while (mayHaveEnded(answer) && !patience.hasExpired());
+    return Start::refused;
+}
+
+bool ApplicationService::claimName()
+{
+    if (!m_bus.isConnected()) return true;
+    const auto reply = m_bus.interface()->registerService(busName, QDBusConnectionInterface::DontQueueService,
+                                                          QDBusConnectionInterface::DontAllowReplacement);
+    // A bus that gives no name, in a sandbox perhaps, is as good as none.
+    return !reply.isValid() || reply.value() == QDBusConnectionInterface::ServiceRegistered;
+}
+
+void ApplicationService::Activate(const QVariantMap& platformData)
+{
+    const QString token = platformData.value(waylandTokenKey).toString();
+    Q_EMIT openRequested(
+        checkedActivationToken(token.isEmpty() ? platformData.value(x11TokenKey).toString() : token));
+}
+
+void ApplicationService::Open(const QStringList& /*uris*/, const QVariantMap& platformData)
+{
+    Activate(platformData);
+}
+
+void ApplicationService::ActivateAction(const QString& name, const QVariantList& /*parameter*/,
+                                        const QVariantMap& /*platformData*/)
+{
+    if (name == QLatin1String("quit")) Q_EMIT quitRequested();
+}
+
+} // namespace harbex

@@ -1,0 +1,139 @@
+#include "ui/DirectorySelector.h"
+
+#include "base/ReadableText.h"
+#include "ui/Icons.h"
+
+#include <QDir>
+#include <QHBoxLayout>
+#include <QHelpEvent>
+#include <QLabel>
+#include <QPainter>
+#include <QPointer>
+#include <QStyle>
+#include <QTextBoundaryFinder>
+#include <QToolButton>
+#include <QToolTip>
+
+#include <utility>
+
+namespace harbex
+{
+
+namespace
+{
+
+constexpr int longestPath = 40;
+
+bool hasMoreCharactersThan(int limit, const QString& text)
+{
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    int count = 0;
+    while (count <= limit && finder.toNextBoundary() != -1)
+        ++count;
+    return count > limit;
+}
+
+} // namespace
+
+/// One line of text on a rounded ground; shortened in the middle where it does not fit, because the end of a
+/// path tells most.
+class PathLabel : public QLabel
+{
+public:
+    explicit PathLabel(QWidget* parent) : QLabel(parent)
+    {
+        setTextFormat(Qt::PlainText);
+        setContentsMargins(7, 3, 7, 3);
+    }
+
+    [[nodiscard]] QSize minimumSizeHint() const override { return {0, sizeHint().height()}; }
+
+protected:
+    bool event(QEvent* event) override
+    {
+        if (event->type() != QEvent::ToolTip) return QLabel::event(event);
+        const QPoint position = static_cast<QHelpEvent*>(event)->globalPos();
+        QToolTip::showText(position, shownText() == text() ? QString() : text(), this);
+        return true;
+    }
+
+    void paintEvent(QPaintEvent* /*event*/) override
+    {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        QColor ground = palette().color(QPalette::WindowText);
+        ground.setAlphaF(0.08F);
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(ground);
+        painter.drawRoundedRect(rect(), 5, 5);
+        style()->drawItemText(
+            &painter, contentsRect(),
+            static_cast<int>(QStyle::visualAlignment(layoutDirection(), Qt::AlignLeading | Qt::AlignVCenter)),
+            palette(), isEnabled(), shownText(), QPalette::WindowText);
+    }
+
+private:
+    [[nodiscard]] QString shownText() const
+    {
+        return fontMetrics().elidedText(text(), Qt::ElideMiddle, contentsRect().width());
+    }
+};
+
+QString folderLabel(const FileUrl& url)
+{
+    const std::string& bytes = url.path();
+    const QString path = QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size()));
+    if (path.isEmpty() || hasMoreCharactersThan(longestPath, path))
+        return readableName(url.lastPathComponent());
+    const QString home = QDir::homePath();
+    return readableText(home == QLatin1String("/") ? path : QString(path).replace(home, QStringLiteral("~")));
+}
+
+DirectorySelector::DirectorySelector(DirectoryChooser selectDirectory, QWidget* parent)
+    : QWidget(parent), m_selectDirectory(std::move(selectDirectory)), m_label(new PathLabel(this)),
+      m_button(new QToolButton(this))
+{
+    m_label->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    m_button->setIcon(symbolIcon(Symbol::folder));
+    m_button->setFocusPolicy(Qt::StrongFocus);
+    m_button->setAccessibleName(tr("Select destination..."));
+    // As high as the rest of its line.
+    m_button->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Ignored);
+    connect(m_button, &QToolButton::clicked, this, &DirectorySelector::choose);
+
+    auto* layout = new QHBoxLayout(this);
+    layout->setContentsMargins({});
+    layout->addWidget(m_label);
+    layout->addWidget(m_button);
+    showUrl(std::nullopt);
+}
+
+void DirectorySelector::showUrl(const std::optional<FileUrl>& url)
+{
+    m_label->setText(url ? folderLabel(*url) : tr("Select destination..."));
+    m_button->setAccessibleDescription(m_label->text());
+}
+
+QString DirectorySelector::text() const
+{
+    return m_label->text();
+}
+
+QWidget* DirectorySelector::button() const
+{
+    return m_button;
+}
+
+void DirectorySelector::choose()
+{
+    // The panel runs a loop of its own, in which the rule may go, and this with it.
+    const QPointer self(this);
+    const DirectoryChooser selectDirectory = m_selectDirectory;
+    selectDirectory([self](const std::optional<FileUrl>& url, const std::optional<QByteArray>& bookmarkData) {
+        if (!url || !self) return;
+        const auto report = [self, url = *url, bookmarkData] { Q_EMIT self->chosen(url, bookmarkData); };
+        QMetaObject::invokeMethod(self, report, Qt::QueuedConnection);
+    });
+}
+
+} // namespace harbex

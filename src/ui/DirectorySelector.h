@@ -1,0 +1,53 @@
+#pragma once
+
+#include "model/FileUrl.h"
+#include "ui/FolderPanel.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QWidget>
+
+#include <optional>
+
+class QToolButton;
+
+namespace harbex
+{
+
+class PathLabel;
+
+/// Shows a chosen folder in one line and, beside it, a button to choose another. Main thread only.
+class DirectorySelector : public QWidget
+{
+    Q_OBJECT
+
+public:
+    /// `selectDirectory` is what the button calls.
+    explicit DirectorySelector(DirectoryChooser selectDirectory, QWidget* parent = nullptr);
+
+    /// Shows a folder, or the prompt when there is none. Emits nothing.
+    void showUrl(const std::optional<FileUrl>& url);
+
+    /// What is shown, in full even where there is no room for it.
+    [[nodiscard]] QString text() const;
+
+    /// The button, the one control here that takes the focus.
+    [[nodiscard]] QWidget* button() const;
+
+Q_SIGNALS:
+    /// The user has chosen a folder. Comes in a later turn of the main loop than the end of the panel.
+    void chosen(const harbex::FileUrl& url, const std::optional<QByteArray>& bookmarkData);
+
+private:
+    void choose();
+
+    const DirectoryChooser m_selectDirectory;
+    PathLabel* m_label;
+    QToolButton* m_button;
+};
+
+/// How a folder is written in a line: its path up to 40 characters as people count them, with "~" for the
+/// home folder; a longer one by its last component. Readable whatever the bytes of the path.
+[[nodiscard]] QString folderLabel(const FileUrl& url);
+
+} // namespace harbex

@@ -1,0 +1,182 @@
+#include "ui/FolderList.h"
+
+#include "base/ReadableText.h"
+#include "ui/ContentState.h"
+#include "ui/FocusRing.h"
+#include "ui/Icons.h"
+
+#include <QContextMenuEvent>
+#include <QKeyEvent>
+#include <QMenu>
+#include <QMouseEvent>
+#include <QScopedValueRollback>
+#include <QStyle>
+#include <QStyledItemDelegate>
+
+#include <algorithm>
+
+namespace harbex
+{
+
+namespace
+{
+
+constexpr int idRole = Qt::UserRole;
+
+/// Rows as high as the style makes them for its larger icons, in which the focus can be seen.
+class RowDelegate : public QStyledItemDelegate
+{
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+    [[nodiscard]] QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override
+    {
+        const QWidget* list = option.widget;
+        const int height = list->style()->pixelMetric(QStyle::PM_ListViewIconSize, &option, list) + 2;
+        return QStyledItemDelegate::sizeHint(option, index).expandedTo({0, height});
+    }
+
+    void paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const override
+    {
+        QStyleOptionViewItem unfocused = option;
+        unfocused.state.setFlag(QStyle::State_HasFocus, false);
+        QStyledItemDelegate::paint(painter, unfocused, index);
+        if (!option.state.testFlag(QStyle::State_HasFocus)) return;
+        const bool isSelected = option.state.testFlag(QStyle::State_Selected);
+        const auto ink = isSelected ? QPalette::HighlightedText : QPalette::Highlight;
+        drawFocusRing(*painter, *option.widget, option.rect, ink);
+    }
+};
+
+QUuid idOf(const QListWidgetItem& row)
+{
+    return row.data(idRole).toUuid();
+}
+
+} // namespace
+
+FolderList::FolderList(ContentState& state, QWidget* parent) : QListWidget(parent), m_state(state)
+{
+    setAccessibleName(tr("Folders"));
+    setFrameShape(QFrame::NoFrame);
+    setSelectionMode(SingleSelection);
+    setEditTriggers(NoEditTriggers);
+    setDragDropMode(NoDragDrop);
+    setUniformItemSizes(true);
+    const int iconSize = style()->pixelMetric(QStyle::PM_SmallIconSize, nullptr, this);
+    setIconSize({iconSize, iconSize});
+    setItemDelegate(new RowDelegate(this));
+    setTextElideMode(Qt::ElideMiddle);
+    setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    viewport()->setBackgroundRole(QPalette::AlternateBase);
+
+    connect(this, &FolderList::itemSelectionChanged, this, &FolderList::select);
+    connect(&m_state, &ContentState::foldersChanged, this, &FolderList::showFolders);
+    connect(&m_state, &ContentState::selectionChanged, this, &FolderList::showSelection);
+    showFolders();
+}
+
+// Other buttons than the left one would select the row.
+void FolderList::mousePressEvent(QMouseEvent* event)
+{
+    if (event->button() == Qt::LeftButton) QListWidget::mousePressEvent(event);
+}
+
+void FolderList::mouseReleaseEvent(QMouseEvent* event)
+{
+    if (event->button() == Qt::LeftButton) QListWidget::mouseReleaseEvent(event);
+}
+
+void FolderList::contextMenuEvent(QContextMenuEvent* event)
+{
+    // The menu key comes as a key too.
+    if (event->reason() == QContextMenuEvent::Keyboard) return;
+    if (const QListWidgetItem* row = itemAt(event->pos())) openMenu(*row, event->globalPos());
+}
+
+void FolderList::keyPressEvent(QKeyEvent* event)
+{
+    // Not every platform makes a request for the menu of these keys.
+    const bool asksForMenu = event->key() == Qt::Key_Menu ||
+                             (event->key() == Qt::Key_F10 && event->modifiers() == Qt::ShiftModifier);
+    if (!asksForMenu) {
+        QListWidget::keyPressEvent(event);
+        return;
+    }
+    const QListWidgetItem* row = currentItem();
+    if (!row) return;
+    scrollToItem(row);
+    openMenu(*row, viewport()->mapToGlobal(visualItemRect(row).center()));
+}
+
+/// Brings the rows in line with the folders. Rows before and after what has changed stay as they are, and
+/// with them the place the user has scrolled to.
+void FolderList::showFolders()
+{
+    const QScopedValueRollback guard(m_isShowing, true);
+    const std::vector<WatchedFolder>& folders = m_state.folders();
+    const int before = count();
+    const int after = static_cast<int>(folders.size());
+    const auto isSame = [&](int row, int index) {
+        return idOf(*item(row)) == folders[static_cast<std::size_t>(index)].id;
+    };
+    int front = 0;
+    while (front < std::min(before, after) && isSame(front, front))
+        ++front;
+    int back = 0;
+    while (back < std::min(before, after) - front && isSame(before - 1 - back, after - 1 - back))
+        ++back;
+
+    for (int row = before - back; row-- > front;)
+        delete takeItem(row);
+    for (int row = front; row < after - back; ++row) {
+        auto* added = new QListWidgetItem(symbolIcon(Symbol::folder), {});
+        added->setData(idRole, folders[static_cast<std::size_t>(row)].id);
+        insertItem(row, added);
+    }
+    for (int row = 0; row < after; ++row)
+        item(row)->setText(readableName(folders[static_cast<std::size_t>(row)].url.lastPathComponent()));
+    showSelection();
+
+    // In an empty list the focus cannot be seen and is of no use.
+    if (after == 0 && hasFocus()) focusNextPrevChild(false);
+    setFocusPolicy(after == 0 ? Qt::NoFocus : Qt::StrongFocus);
+}
+
+void FolderList::showSelection()
+{
+    const QScopedValueRollback guard(m_isShowing, true);
+    const auto id = m_state.selectedFolderID();
+    const auto isSelected = [&id](const QListWidgetItem* row) { return id && idOf(*row) == *id; };
+    if (std::ranges::any_of(selectedItems(), isSelected)) return;
+
+    const auto& folders = m_state.folders();
+    const auto folder = std::ranges::find_if(folders, [&id](const auto& each) { return id == each.id; });
+    if (folder == folders.end()) {
+        clearSelection();
+        // The frame around the row with the keyboard's attention looks like a selection.
+        setCurrentItem(nullptr);
+    } else {
+        setCurrentRow(static_cast<int>(folder - folders.begin()), QItemSelectionModel::ClearAndSelect);
+    }
+}
+
+void FolderList::select()
+{
+    if (m_isShowing) return;
+    const QList<QListWidgetItem*> rows = selectedItems();
+    m_state.select(rows.isEmpty() ? std::nullopt : std::optional(idOf(*rows.first())));
+}
+
+void FolderList::openMenu(const QListWidgetItem& row, const QPoint& position)
+{
+    auto* menu = new QMenu(this);
+    menu->setAttribute(Qt::WA_DeleteOnClose);
+    const QIcon trash = symbolIcon(Symbol::trash, QPalette::HighlightedText);
+    QAction* deletion = menu->addAction(trash, tr("Delete"));
+    deletion->setIconVisibleInMenu(true);
+    connect(deletion, &QAction::triggered, &m_state, [this, id = idOf(row)] { m_state.deleteFolder(id); });
+    menu->popup(position);
+}
+
+} // namespace harbex

@@ -1,0 +1,131 @@
+#include "ui/Icons.h"
+
+#include <QGuiApplication>
+#include <QIconEngine>
+#include <QImage>
+#include <QPainter>
+#include <QPalette>
+#include <QPixmapCache>
+#include <QSvgRenderer>
+
+// The linker leaves the resources of a static library out unless they are asked for, which only a function
+// outside every namespace can do.
+static void bringResourcesIn()
+{
+    Q_INIT_RESOURCE(icons);
+}
+
+namespace harbex
+{
+
+namespace
+{
+
+struct Drawing {
+    /// The name in the desktop's theme; empty where themes have no name for what is meant.
+    QString themeName;
+    QString resource;
+};
+
+Drawing drawingOf(Symbol symbol)
+{
+    switch (symbol) {
+    case Symbol::folder:
+        return {QStringLiteral("folder-symbolic"), QStringLiteral(":/icons/folder.svg")};
+    case Symbol::plus:
+        return {QStringLiteral("list-add-symbolic"), QStringLiteral(":/icons/plus.svg")};
+    case Symbol::trash:
+        return {QStringLiteral("user-trash-symbolic"), QStringLiteral(":/icons/trash.svg")};
+    case Symbol::minusCircle:
+        return {{}, QStringLiteral(":/icons/minus-circle.svg")};
+    }
+    Q_UNREACHABLE();
+}
+
+/// Draws the shape of a symbol in one colour, chosen anew at each drawing: a symbolic icon is black, and Qt
+/// would leave it so on a dark ground.
+class SymbolEngine : public QIconEngine
+{
+public:
+    SymbolEngine(Symbol symbol, QPalette::ColorRole activeInk) : m_symbol(symbol), m_activeInk(activeInk) {}
+
+    void paint(QPainter* painter, const QRect& rect, QIcon::Mode mode, QIcon::State state) override
+    {
+        const qreal scale = painter->device()->devicePixelRatioF();
+        painter->drawPixmap(rect, scaledPixmap((QSizeF(rect.size()) * scale).toSize(), mode, state, scale));
+    }
+
+    QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override
+    {
+        return scaledPixmap(size, mode, state, 1.0);
+    }
+
+    /// `size` is in pixels of the device, of which `scale` make one unit of the layout.
+    QPixmap scaledPixmap(const QSize& size, QIcon::Mode mode, QIcon::State /*state*/, qreal scale) override
+    {
+        const QColor ink = inkFor(mode);
+        const QString key = QStringLiteral("harbex-symbol %1 %2 %3x%4 %5 %6")
+                                .arg(static_cast<int>(m_symbol))
+                                .arg(QIcon::themeName())
+                                .arg(size.width())
+                                .arg(size.height())
+                                .arg(scale)
+                                .arg(ink.rgba(), 0, 16);
+        QPixmap pixmap;
+        if (QPixmapCache::find(key, &pixmap)) return pixmap;
+        pixmap = QPixmap::fromImage(draw(size, scale, ink));
+        QPixmapCache::insert(key, pixmap);
+        return pixmap;
+    }
+
+    [[nodiscard]] QIconEngine* clone() const override { return new SymbolEngine(m_symbol, m_activeInk); }
+
+    bool isNull() override { return false; }
+
+private:
+    [[nodiscard]] QColor inkFor(QIcon::Mode mode) const
+    {
+        const QPalette palette = QGuiApplication::palette();
+        switch (mode) {
+        case QIcon::Disabled:
+            return palette.color(QPalette::Disabled, QPalette::WindowText);
+        case QIcon::Selected:
+            return palette.color(QPalette::HighlightedText);
+        case QIcon::Active:
+            return palette.color(m_activeInk);
+        case QIcon::Normal:
+            break;
+        }
+        return palette.color(QPalette::WindowText);
+    }
+
+    [[nodiscard]] QImage draw(const QSize& size, qreal scale, const QColor& ink) const
+    {
+        QImage image(size, QImage::Format_ARGB32_Premultiplied);
+        image.fill(Qt::transparent);
+        image.setDevicePixelRatio(scale);
+        QPainter painter(&image);
+        const QRectF area(QPointF(), QSizeF(size) / scale);
+        const Drawing drawing = drawingOf(m_symbol);
+        if (!drawing.themeName.isEmpty() && QIcon::hasThemeIcon(drawing.themeName))
+            QIcon::fromTheme(drawing.themeName).paint(&painter, area.toRect());
+        else
+            QSvgRenderer(drawing.resource).render(&painter, area);
+        painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+        painter.fillRect(area, ink);
+        return image;
+    }
+
+    Symbol m_symbol;
+    QPalette::ColorRole m_activeInk;
+};
+
+} // namespace
+
+QIcon symbolIcon(Symbol symbol, QPalette::ColorRole activeInk)
+{
+    bringResourcesIn();
+    return QIcon(new SymbolEngine(symbol, activeInk));
+}
+
+} // namespace harbex

@@ -1,0 +1,137 @@
+#include "ui/RuleRow.h"
+
+#include "ui/ContentState.h"
+#include "ui/DirectorySelector.h"
+#include "ui/FlatButton.h"
+#include "ui/Icons.h"
+#include "ui/Picker.h"
+
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QSignalBlocker>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <limits>
+
+namespace harbex
+{
+
+namespace
+{
+
+// The raw values, which are also the labels, for the tool that collects what is to be translated.
+[[maybe_unused]] constexpr std::array labels{
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Name"),       QT_TRANSLATE_NOOP("harbex::RuleRow", "Extension"),
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Kind"),       QT_TRANSLATE_NOOP("harbex::RuleRow", "contains"),
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "is"),         QT_TRANSLATE_NOOP("harbex::RuleRow", "Image"),
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Video"),      QT_TRANSLATE_NOOP("harbex::RuleRow", "Document"),
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Folder"),     QT_TRANSLATE_NOOP("harbex::RuleRow", "Audio"),
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Application")};
+
+template <class Cases>
+Picker* makePicker(const Cases& cases, const QString& title, QWidget* parent)
+{
+    auto* picker = new Picker(title, parent);
+    picker->setFixedWidth(120);
+    for (const auto value : cases)
+        picker->addItem(RuleRow::tr(rawValue(value).toUtf8().constData()));
+    return picker;
+}
+
+template <class Cases, class Case>
+void showCase(Picker* picker, const Cases& cases, Case shown)
+{
+    picker->setCurrentIndex(static_cast<int>(std::ranges::find(cases, shown) - cases.begin()));
+}
+
+/// Has the user's choice handed to `set` of the state.
+template <class Case, std::size_t Count>
+void setOnChoice(Picker* picker, const std::array<Case, Count>& cases, ContentState& state,
+                 void (ContentState::*set)(QUuid, Case), QUuid ruleID)
+{
+    QObject::connect(picker, &Picker::activated, &state, [&cases, &state, set, ruleID](int index) {
+        (state.*set)(ruleID, cases.at(static_cast<std::size_t>(index)));
+    });
+}
+
+} // namespace
+
+RuleRow::RuleRow(ContentState& state, const FilterRule& rule, const DirectoryChooser& selectDirectory,
+                 QWidget* parent)
+    : QWidget(parent), m_ruleID(rule.id), m_field(makePicker(allRuleFields, tr("Field"), this)),
+      m_operator(makePicker(allRuleOperators, tr("Operator"), this)), m_value(new QLineEdit(this)),
+      m_kind(makePicker(allRuleKinds, tr("Kind"), this)), m_destination(nullptr), m_delete(nullptr)
+{
+    m_value->setFixedWidth(180);
+    m_value->setPlaceholderText(tr("Default: All Files"));
+    m_value->setAccessibleName(tr("Value"));
+    // A longer value from the store would be cut, and the next keystroke would make that the rule.
+    m_value->setMaxLength(std::numeric_limits<int>::max());
+    // Rules of every field have what follows in one column.
+    QSizePolicy policy = m_value->sizePolicy();
+    policy.setRetainSizeWhenHidden(true);
+    m_value->setSizePolicy(policy);
+
+    auto* moveTo = new QLabel(tr("move to"), this);
+    m_destination = new DirectorySelector(selectDirectory, this);
+    m_destination->setMinimumWidth(220);
+    m_delete = new FlatButton(this);
+    m_delete->setIcon(symbolIcon(Symbol::minusCircle));
+    m_delete->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Ignored);
+    m_delete->setAccessibleName(tr("Delete"));
+
+    auto* layout = new QHBoxLayout(this);
+    layout->setContentsMargins({});
+    layout->addWidget(m_field);
+    layout->addWidget(m_operator);
+    layout->addWidget(m_kind);
+    layout->addWidget(m_value);
+    layout->addWidget(moveTo);
+    layout->addWidget(m_destination, 1);
+    layout->addWidget(m_delete);
+    showRule(rule);
+
+    setOnChoice(m_field, allRuleFields, state, &ContentState::setField, m_ruleID);
+    setOnChoice(m_operator, allRuleOperators, state, &ContentState::setOperator, m_ruleID);
+    setOnChoice(m_kind, allRuleKinds, state, &ContentState::setKind, m_ruleID);
+    // Not textEdited, which assistive technology that writes into the field does not cause.
+    connect(m_value, &QLineEdit::textChanged, &state,
+            [&state, id = m_ruleID](const QString& text) { state.setValue(id, text); });
+    connect(m_value, &QLineEdit::returnPressed, &state, &ContentState::submitValue);
+    connect(m_destination, &DirectorySelector::chosen, &state,
+            [&state, id = m_ruleID](const FileUrl& url, const std::optional<QByteArray>& bookmarkData) {
+                state.setDestination(id, url, bookmarkData);
+            });
+    connect(m_delete, &FlatButton::clicked, &state, [&state, id = m_ruleID] { state.deleteRule(id); });
+}
+
+void RuleRow::showRule(const FilterRule& rule)
+{
+    showCase(m_field, allRuleFields, rule.field);
+    showCase(m_operator, allRuleOperators, rule.operatorType);
+    showCase(m_kind, allRuleKinds, rule.kind);
+    if (m_value->text() != rule.value) {
+        const QSignalBlocker blocker(m_value);
+        m_value->setText(rule.value);
+    }
+    const bool isOfKind = rule.field == RuleField::kind;
+    m_operator->setVisible(!isOfKind);
+    m_value->setVisible(!isOfKind);
+    m_kind->setVisible(isOfKind);
+    m_destination->showUrl(rule.destination);
+}
+
+QList<QWidget*> RuleRow::controls() const
+{
+    return {m_field, m_operator, m_kind, m_value, m_destination->button(), m_delete};
+}
+
+void RuleRow::focusDeleteButton()
+{
+    m_delete->setFocus(Qt::OtherFocusReason);
+}
+
+} // namespace harbex

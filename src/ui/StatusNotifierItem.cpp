@@ -1,0 +1,172 @@
+#include "ui/StatusNotifierItem.h"
+
+#include "ui/ActivationToken.h"
+
+#include <QCoreApplication>
+#include <QDBusMessage>
+#include <QDBusMetaType>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QImage>
+#include <QtEndian>
+
+#include <utility>
+
+namespace harbex
+{
+
+namespace
+{
+
+constexpr QLatin1String objectPath("/StatusNotifierItem");
+constexpr QLatin1String menuPath("/MenuBar");
+constexpr QLatin1String watcherName("org.kde.StatusNotifierWatcher");
+constexpr QLatin1String watcherPath("/StatusNotifierWatcher");
+
+StatusNotifierPixmap pixmapOf(const QImage& image)
+{
+    const QImage argb = image.convertToFormat(QImage::Format_ARGB32);
+    StatusNotifierPixmap pixmap{argb.width(), argb.height(),
+                                QByteArray(argb.sizeInBytes(), Qt::Uninitialized)};
+    // In one piece: rows of 32-bit pixels have no padding.
+    qToBigEndian<quint32>(argb.constBits(), argb.sizeInBytes() / 4, pixmap.pixels.data());
+    return pixmap;
+}
+
+} // namespace
+
+QDBusArgument& operator<<(QDBusArgument& argument, const StatusNotifierPixmap& pixmap)
+{
+    argument.beginStructure();
+    argument << pixmap.width << pixmap.height << pixmap.pixels;
+    argument.endStructure();
+    return argument;
+}
+
+const QDBusArgument& operator>>(const QDBusArgument& argument, StatusNotifierPixmap& pixmap)
+{
+    argument.beginStructure();
+    argument >> pixmap.width >> pixmap.height >> pixmap.pixels;
+    argument.endStructure();
+    return argument;
+}
+
+QDBusArgument& operator<<(QDBusArgument& argument, const StatusNotifierToolTip& toolTip)
+{
+    argument.beginStructure();
+    argument << toolTip.iconName << toolTip.iconPixmap << toolTip.title << toolTip.text;
+    argument.endStructure();
+    return argument;
+}
+
+const QDBusArgument& operator>>(const QDBusArgument& argument, StatusNotifierToolTip& toolTip)
+{
+    argument.beginStructure();
+    argument >> toolTip.iconName >> toolTip.iconPixmap >> toolTip.title >> toolTip.text;
+    argument.endStructure();
+    return argument;
+}
+
+StatusNotifierItem::StatusNotifierItem(const QDBusConnection& bus, const QString& title,
+                                       const QString& iconName, const QIcon& icon, const QMenu& menu,
+                                       QObject* parent)
+    : QObject(parent), m_bus(bus), m_title(title), m_iconName(iconName), m_icon(icon),
+      m_dbusMenu(bus, menuPath, menu), m_watcherOwner(watcherName, bus)
+{
+    qDBusRegisterMetaType<StatusNotifierPixmap>();
+    qDBusRegisterMetaType<QList<StatusNotifierPixmap>>();
+    qDBusRegisterMetaType<StatusNotifierToolTip>();
+    m_bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableContents);
+
+    m_busName = QStringLiteral("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid());
+    // Taken by a process of the same number in a container, or not allowed in a sandbox.
+    if (!m_bus.registerService(m_busName)) m_busName = m_bus.baseService();
+
+    connect(&m_watcherOwner, &QDBusServiceWatcher::serviceOwnerChanged, this,
+            [this](const QString&, const QString&, const QString& newOwner) {
+                if (newOwner.isEmpty())
+                    setShown(false);
+                else
+                    registerAtWatcher();
+            });
+    for (const auto* signal : {"StatusNotifierHostRegistered", "StatusNotifierHostUnregistered"})
+        m_bus.connect(watcherName, watcherPath, watcherName, QLatin1String(signal), this,
+                      SLOT(askWhetherShown()));
+    registerAtWatcher();
+}
+
+QString StatusNotifierItem::takeActivationToken()
+{
+    return std::exchange(m_activationToken, {});
+}
+
+QList<StatusNotifierPixmap> StatusNotifierItem::iconPixmap() const
+{
+    QList<StatusNotifierPixmap> pixmaps;
+    for (const int size : {16, 22, 24, 32, 48, 64}) {
+        const QImage image = m_icon.pixmap(QSize(size, size), 1.0).toImage();
+        if (!image.isNull()) pixmaps.append(pixmapOf(image));
+    }
+    return pixmaps;
+}
+
+QDBusObjectPath StatusNotifierItem::menu() const
+{
+    return QDBusObjectPath(menuPath);
+}
+
+void StatusNotifierItem::Activate(int x, int y)
+{
+    Q_EMIT menuRequested({x, y});
+}
+
+void StatusNotifierItem::ContextMenu(int x, int y)
+{
+    Q_EMIT menuRequested({x, y});
+}
+
+void StatusNotifierItem::SecondaryActivate(int /*x*/, int /*y*/) {}
+
+void StatusNotifierItem::Scroll(int /*delta*/, const QString& /*orientation*/) {}
+
+void StatusNotifierItem::ProvideXdgActivationToken(const QString& token)
+{
+    m_activationToken = checkedActivationToken(token);
+}
+
+void StatusNotifierItem::registerAtWatcher()
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(watcherName, watcherPath, watcherName,
+                                                       QStringLiteral("RegisterStatusNotifierItem"));
+    call << m_busName;
+    // Where there is no watcher this fails, and its appearance is the next occasion.
+    m_bus.send(call);
+    askWhetherShown();
+}
+
+void StatusNotifierItem::askWhetherShown()
+{
+    if (!m_bus.isConnected()) {
+        // Later, as any answer: whoever makes this object must have a chance to hear it.
+        QMetaObject::invokeMethod(this, [this] { setShown(false); }, Qt::QueuedConnection);
+        return;
+    }
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        watcherName, watcherPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    call << QString(watcherName) << QStringLiteral("IsStatusNotifierHostRegistered");
+    auto* const answer = new QDBusPendingCallWatcher(m_bus.asyncCall(call), this);
+    connect(answer, &QDBusPendingCallWatcher::finished, this, [this, answer] {
+        const QDBusPendingReply<QDBusVariant> reply = *answer;
+        setShown(reply.isValid() && reply.value().variant().toBool());
+        answer->deleteLater();
+    });
+}
+
+void StatusNotifierItem::setShown(bool isShown)
+{
+    if (m_isShown == isShown) return;
+    m_isShown = isShown;
+    Q_EMIT shownChanged(isShown);
+}
+
+} // namespace harbex

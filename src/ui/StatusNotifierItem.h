@@ -1,0 +1,119 @@
+#pragma once
+
+#include "ui/DBusMenu.h"
+
+#include <QByteArray>
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusObjectPath>
+#include <QDBusServiceWatcher>
+#include <QIcon>
+#include <QList>
+#include <QObject>
+#include <QPoint>
+#include <QString>
+
+#include <optional>
+
+class QMenu;
+
+namespace harbex
+{
+
+/// What org.kde.StatusNotifierItem sends: a picture, 32 bits a pixel (alpha, red, green, blue, in this
+/// order), and a tool tip.
+struct StatusNotifierPixmap {
+    int width = 0;
+    int height = 0;
+    QByteArray pixels;
+};
+struct StatusNotifierToolTip {
+    QString iconName;
+    QList<StatusNotifierPixmap> iconPixmap;
+    QString title;
+    QString text;
+};
+
+QDBusArgument& operator<<(QDBusArgument& argument, const StatusNotifierPixmap& pixmap);
+const QDBusArgument& operator>>(const QDBusArgument& argument, StatusNotifierPixmap& pixmap);
+QDBusArgument& operator<<(QDBusArgument& argument, const StatusNotifierToolTip& toolTip);
+const QDBusArgument& operator>>(const QDBusArgument& argument, StatusNotifierToolTip& toolTip);
+
+/// The status item as today's panels draw it: org.kde.StatusNotifierItem on the session bus, whose left and
+/// right click open the menu. It makes itself known to each panel that appears, whenever that is. Main thread
+/// only.
+class StatusNotifierItem : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierItem")
+    Q_PROPERTY(QString Category READ category CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QString Id READ id CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QString Title READ title CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QString Status READ status CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(int WindowId READ windowId CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QString IconName READ iconName CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QList<harbex::StatusNotifierPixmap> IconPixmap READ iconPixmap CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QString IconThemePath READ nothing CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QString OverlayIconName READ nothing CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QList<harbex::StatusNotifierPixmap> OverlayIconPixmap READ noPixmap CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QString AttentionIconName READ nothing CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QList<harbex::StatusNotifierPixmap> AttentionIconPixmap READ noPixmap CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(harbex::StatusNotifierToolTip ToolTip READ toolTip CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(bool ItemIsMenu READ itemIsMenu CONSTANT SCRIPTABLE true)
+    Q_PROPERTY(QDBusObjectPath Menu READ menu CONSTANT SCRIPTABLE true)
+
+public:
+    /// `title` is what the item is called. The panel draws `iconName` of its own theme, or else `icon`.
+    /// `menu` must be complete and live longer.
+    StatusNotifierItem(const QDBusConnection& bus, const QString& title, const QString& iconName,
+                       const QIcon& icon, const QMenu& menu, QObject* parent = nullptr);
+
+    /// The activation token that came with the latest click, which it serves alone: it is empty afterwards.
+    [[nodiscard]] QString takeActivationToken();
+
+    [[nodiscard]] QString category() const { return QStringLiteral("ApplicationStatus"); }
+    [[nodiscard]] QString id() const { return QStringLiteral("harbex"); }
+    [[nodiscard]] QString title() const { return m_title; }
+    [[nodiscard]] QString status() const { return QStringLiteral("Active"); }
+    [[nodiscard]] int windowId() const { return 0; }
+    [[nodiscard]] QString iconName() const { return m_iconName; }
+    [[nodiscard]] QList<StatusNotifierPixmap> iconPixmap() const;
+    [[nodiscard]] StatusNotifierToolTip toolTip() const { return {{}, {}, m_title, {}}; }
+    [[nodiscard]] bool itemIsMenu() const { return true; }
+    [[nodiscard]] QDBusObjectPath menu() const;
+    [[nodiscard]] QString nothing() const { return {}; }
+    [[nodiscard]] QList<StatusNotifierPixmap> noPixmap() const { return {}; }
+
+    // The calls of the protocol. Positions are of the screen, in the panel's pixels. The middle button and
+    // the wheel do nothing.
+    Q_SCRIPTABLE void Activate(int x, int y);
+    Q_SCRIPTABLE void ContextMenu(int x, int y);
+    Q_SCRIPTABLE void SecondaryActivate(int x, int y);
+    Q_SCRIPTABLE void Scroll(int delta, const QString& orientation);
+    Q_SCRIPTABLE void ProvideXdgActivationToken(const QString& token);
+
+Q_SIGNALS:
+    /// Whether a panel shows this item. Comes once it is known, and at each change.
+    void shownChanged(bool isShown);
+    /// A panel that does not draw the menu itself wants it opened there.
+    void menuRequested(const QPoint& position);
+
+private Q_SLOTS:
+    void askWhetherShown();
+
+private:
+    void registerAtWatcher();
+    void setShown(bool isShown);
+
+    QDBusConnection m_bus;
+    QString m_busName;
+    QString m_title;
+    QString m_iconName;
+    QIcon m_icon;
+    DBusMenu m_dbusMenu;
+    QDBusServiceWatcher m_watcherOwner;
+    QString m_activationToken;
+    std::optional<bool> m_isShown;
+};
+
+} // namespace harbex

@@ -1,0 +1,104 @@
+#include "support/SessionBus.h"
+
+#include <QDBusPendingCallWatcher>
+#include <QDBusVariant>
+#include <QEventLoop>
+#include <QFile>
+
+#include <csignal>
+#include <sys/prctl.h>
+
+namespace harbex::test
+{
+
+namespace
+{
+
+QDBusMessage messageTo(const RemoteObject& object, const QString& method, const QVariantList& arguments)
+{
+    QDBusMessage message =
+        QDBusMessage::createMethodCall(object.service, object.path, object.interface, method);
+    message.setArguments(arguments);
+    return message;
+}
+
+} // namespace
+
+SessionBus::SessionBus()
+{
+    // Neither limits nor programs to start, unlike the machine's own configuration.
+    QFile configuration(m_folder.filePath(QStringLiteral("bus.conf")));
+    const bool isWritten = configuration.open(QIODevice::WriteOnly) && configuration.write(R"(
+        <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+         "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+        <busconfig>
+          <type>session</type>
+          <listen>unix:dir=)" + m_folder.path().toUtf8() + R"(</listen>
+          <auth>EXTERNAL</auth>
+          <policy context="default">
+            <allow send_destination="*"/>
+            <allow receive_sender="*"/>
+            <allow own="*"/>
+          </policy>
+        </busconfig>)") > 0;
+    if (!isWritten) qFatal("no bus configuration: %s", qPrintable(configuration.errorString()));
+    configuration.close();
+
+    m_daemon.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+    m_daemon.start(QStringLiteral("dbus-daemon"),
+                   {QStringLiteral("--config-file"), configuration.fileName(), QStringLiteral("--nofork"),
+                    QStringLiteral("--print-address")});
+    while (m_daemon.state() != QProcess::NotRunning && !m_daemon.canReadLine()) {
+        if (!m_daemon.waitForReadyRead()) break;
+    }
+    m_address = QString::fromUtf8(m_daemon.readLine()).trimmed();
+    if (m_address.isEmpty())
+        qFatal("no session bus: %s %s", qPrintable(m_daemon.errorString()),
+               m_daemon.readAllStandardError().constData());
+}
+
+SessionBus::~SessionBus()
+{
+    for (const QString& name : m_connections)
+        QDBusConnection::disconnectFromBus(name);
+    m_daemon.kill();
+    m_daemon.waitForFinished();
+}
+
+QDBusConnection SessionBus::connect()
+{
+    static int count = 0;
+    m_connections.append(QStringLiteral("connection of a test %1").arg(++count));
+    QDBusConnection connection = QDBusConnection::connectToBus(m_address, m_connections.last());
+    if (!connection.isConnected()) qFatal("no connection: %s", qPrintable(connection.lastError().message()));
+    return connection;
+}
+
+void SessionBus::close(const QDBusConnection& connection)
+{
+    m_connections.removeOne(connection.name());
+    QDBusConnection::disconnectFromBus(connection.name());
+}
+
+QDBusMessage RemoteObject::call(const QString& method, const QVariantList& arguments) const
+{
+    const QDBusPendingCallWatcher answer(bus.asyncCall(messageTo(*this, method, arguments)));
+    QEventLoop loop;
+    QObject::connect(&answer, &QDBusPendingCallWatcher::finished, &loop, &QEventLoop::quit);
+    loop.exec();
+    return answer.reply();
+}
+
+void RemoteObject::send(const QString& method, const QVariantList& arguments) const
+{
+    bus.send(messageTo(*this, method, arguments));
+}
+
+QVariant RemoteObject::property(const QString& name) const
+{
+    const RemoteObject properties{bus, service, path, QStringLiteral("org.freedesktop.DBus.Properties")};
+    const QDBusMessage answer = properties.call(QStringLiteral("Get"), {interface, name});
+    return answer.arguments().value(0).value<QDBusVariant>().variant();
+}
+
+} // namespace harbex::test
