@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cerrno>
-#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -52,14 +51,14 @@ class [[nodiscard]] Outcome<void, Error>
 {
 public:
     Outcome() = default;
-    Outcome(Error error) : m_error(std::move(error)) {}
+    Outcome(Error error) : m_state(std::move(error)) {}
 
-    explicit operator bool() const { return !m_error; }
+    explicit operator bool() const { return m_state.index() == 0; }
 
-    [[nodiscard]] const Error& error() const { return m_error.value(); }
+    [[nodiscard]] const Error& error() const { return std::get<1>(m_state); }
 
 private:
-    std::optional<Error> m_error;
+    std::variant<std::monostate, Error> m_state;
 };
 
 } // namespace harbex

@@ -74,6 +74,7 @@ std::vector<int> DownloadImageRedirector::activeFDs() const
 {
     m_mainThread.assertHere();
     std::vector<int> descriptors;
+    descriptors.reserve(m_activeSources.size());
     for (const auto& source : m_activeSources) descriptors.push_back(source->descriptor());
     return descriptors;
 }

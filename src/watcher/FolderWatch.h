@@ -69,7 +69,7 @@ private:
     /// A scan waits in the queue: further events need none of their own.
     std::atomic<bool> m_scanWaits = false;
     /// Before this a burst of events leads to no further scan.
-    std::atomic<SerialQueue::Clock::time_point> m_nextScan{};
+    std::atomic<SerialQueue::Clock::time_point> m_nextScan;
     std::atomic<bool> m_cancelled = false;
 };
 
