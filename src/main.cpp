@@ -32,6 +32,8 @@ int main(int argc, char** argv)
     openStandardStreams();
     // A reader of the diagnostics that goes away must not end the program.
     std::signal(SIGPIPE, SIG_IGN);
+    // A copy that grows beyond the user's limit of file sizes fails with a line in the log instead.
+    std::signal(SIGXFSZ, SIG_IGN);
 
     const QString activationToken = harbex::activationTokenOfEnvironment();
     QApplication application(argc, argv);
