@@ -24,7 +24,7 @@ QString labelOf(const char* path)
 
 QString labelOfUrl(const char* url)
 {
-    return folderLabel(*FileUrl::fromString(QString::fromUtf8(url)));
+    return folderLabel(FileUrl::fromString(QString::fromUtf8(url)).value_or(FileUrl::fromPath("/")));
 }
 
 /// A path of `count` characters, each written as `character`, whose last component is "end".

@@ -119,9 +119,8 @@ void RuleList::showAddedOrDeleted()
     const auto focused = focusedRow();
     const RuleRow* row = focused ? m_rows[*focused] : nullptr;
     showRules();
-    const bool isGone = row && std::ranges::find(m_rows, row) == m_rows.end();
     // When no row is left, Qt has moved the focus on to what comes after the list.
-    if (!isGone || m_rows.empty()) return;
+    if (!focused || m_rows.empty() || std::ranges::find(m_rows, row) != m_rows.end()) return;
     const std::size_t index = std::min(*focused, m_rows.size() - 1);
     build(index)->focusDeleteButton();
 }
@@ -145,10 +144,16 @@ void RuleList::measureRow()
     m_rowSize = {row.minimumSizeHint().width(), row.sizeHint().height()};
 }
 
+/// From the top of a row to the top of the next.
+int RuleList::rowPitch() const
+{
+    return m_rowSize.height() + rowSpacing;
+}
+
 QRect RuleList::placeOf(std::size_t index) const
 {
-    const QRect place(0, static_cast<int>(index) * (m_rowSize.height() + rowSpacing),
-                      widget()->width() - trailingPadding, m_rowSize.height());
+    const QRect place(0, static_cast<int>(index) * rowPitch(), widget()->width() - trailingPadding,
+                      m_rowSize.height());
     return QStyle::visualRect(layoutDirection(), widget()->rect(), place);
 }
 
@@ -157,7 +162,7 @@ void RuleList::layOut()
 {
     const int width = std::max(viewport()->width(), m_rowSize.width() + trailingPadding);
     const int count = static_cast<int>(m_rows.size());
-    widget()->resize(width, std::max(0, count * (m_rowSize.height() + rowSpacing) - rowSpacing));
+    widget()->resize(width, std::max(0, count * rowPitch() - rowSpacing));
     for (std::size_t i = 0; i < m_rows.size(); ++i)
         if (m_rows[i]) m_rows[i]->setGeometry(placeOf(i));
     buildWanted();
@@ -168,10 +173,10 @@ void RuleList::buildWanted()
     // Between a change of the state and the signal that tells of it.
     if (m_rows.size() != rules().size()) return;
 
-    const auto rowHeight = static_cast<std::size_t>(m_rowSize.height() + rowSpacing);
+    const auto pitch = static_cast<std::size_t>(rowPitch());
     const auto top = static_cast<std::size_t>(verticalScrollBar()->value());
-    const auto firstSeen = top / rowHeight;
-    const auto lastSeen = (top + static_cast<std::size_t>(viewport()->height())) / rowHeight;
+    const auto firstSeen = top / pitch;
+    const auto lastSeen = (top + static_cast<std::size_t>(viewport()->height())) / pitch;
     const auto focused = focusedRow();
     const auto isWanted = [&](std::size_t index) {
         const bool isEnd = index == 0 || index + 1 == m_rows.size();

@@ -47,6 +47,7 @@ private:
     [[nodiscard]] const std::vector<FilterRule>& rules() const;
 
     void measureRow();
+    [[nodiscard]] int rowPitch() const;
     [[nodiscard]] QRect placeOf(std::size_t index) const;
     void layOut();
     void buildWanted();

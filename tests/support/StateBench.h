@@ -10,6 +10,7 @@
 #include <QStandardPaths>
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -74,18 +75,18 @@ public:
     /// Whether the store was written since the last time this was asked.
     [[nodiscard]] bool wasSaved() { return QFile::remove(preferencesPath()); }
 
-    /// What was saved since then; nothing if it was not.
-    [[nodiscard]] std::optional<FolderState> takeSaved()
+    /// What was saved since then; null if it was not.
+    [[nodiscard]] std::unique_ptr<const FolderState> takeSaved()
     {
-        if (!QFile::exists(preferencesPath())) return std::nullopt;
+        if (!QFile::exists(preferencesPath())) return nullptr;
         FolderStore reader;
-        auto saved = reader.loadState({});
+        auto saved = std::make_unique<const FolderState>(reader.loadState({}));
         QFile::remove(preferencesPath());
         return saved;
     }
 
     /// Lets the main loop do what waits in it.
-    static void settle()
+    void settle() const
     {
         // A restart takes three turns, one after the other.
         for (int turn = 0; turn < 5; ++turn)
