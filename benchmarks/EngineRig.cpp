@@ -16,7 +16,10 @@ namespace harbex::bench
 namespace
 {
 
-std::filesystem::path fileName(const std::string& prefix, int i) { return prefix + std::to_string(i) + ".jpg"; }
+std::filesystem::path fileName(const std::string& prefix, int i)
+{
+    return prefix + std::to_string(i) + ".jpg";
+}
 
 } // namespace
 
@@ -48,8 +51,8 @@ void makeFiles(const std::filesystem::path& folder, const std::string& prefix, i
     }
 }
 
-void renameFiles(const std::filesystem::path& from, const std::filesystem::path& to, const std::string& prefix,
-                 int count)
+void renameFiles(const std::filesystem::path& from, const std::filesystem::path& to,
+                 const std::string& prefix, int count)
 {
     for (int i = 0; i < count; ++i) {
         const std::filesystem::path name = fileName(prefix, i);
@@ -74,17 +77,20 @@ EngineRig::EngineRig(const std::vector<WatchedFolder>& folders)
         m_mostThreads = std::max(m_mostThreads, m_engine.threadCount());
     });
     m_engine.start(folders);
-    while (!m_engine.isRunning()) QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    while (!m_engine.isRunning())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }
 
 void EngineRig::waitForMoved(int count)
 {
-    while (m_moved < count) QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    while (m_moved < count)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }
 
 void EngineRig::waitForEnded(int count)
 {
-    while (m_moved + m_givenUp < count) QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    while (m_moved + m_givenUp < count)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }
 
 void EngineRig::settle(std::chrono::milliseconds time)

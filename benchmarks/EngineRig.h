@@ -30,8 +30,8 @@ private:
 void makeFiles(const std::filesystem::path& folder, const std::string& prefix, int count);
 
 /// Renames those files into another folder, one call of rename(2) each.
-void renameFiles(const std::filesystem::path& from, const std::filesystem::path& to, const std::string& prefix,
-                 int count);
+void renameFiles(const std::filesystem::path& from, const std::filesystem::path& to,
+                 const std::string& prefix, int count);
 
 /// A folder that is watched with one rule: pictures go to `destination`.
 [[nodiscard]] WatchedFolder picturesRule(const std::filesystem::path& folder,

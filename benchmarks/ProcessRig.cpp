@@ -89,7 +89,10 @@ double memory(const Running& running)
     return static_cast<double>(sumOf(running.proc() / "smaps_rollup", "Pss:")) / 1024;
 }
 
-void pause(std::chrono::milliseconds time) { std::this_thread::sleep_for(time); }
+void pause(std::chrono::milliseconds time)
+{
+    std::this_thread::sleep_for(time);
+}
 
 } // namespace
 
@@ -103,14 +106,16 @@ void measureProcess(Table& table)
     ::setenv("XDG_CONFIG_HOME", scratch.folder("config").c_str(), 1);
     FolderState state;
     for (int i = 0; i < 10; ++i)
-        state.folders.push_back(picturesRule(scratch.folder("in" + std::to_string(i)), scratch.folder("out")));
+        state.folders.push_back(
+            picturesRule(scratch.folder("in" + std::to_string(i)), scratch.folder("out")));
     FolderStore().saveState(state);
 
     std::vector<double> starts;
     for (int i = 0; i < 7; ++i) {
         const auto begin = Clock::now();
         const Running running(HARBEX_PROGRAM);
-        while (!hasInotifyWatch(running.proc())) pause(std::chrono::milliseconds(1));
+        while (!hasInotifyWatch(running.proc()))
+            pause(std::chrono::milliseconds(1));
         starts.push_back(secondsSince(begin) * 1000);
     }
     table.addLimit("process start to first watched folder, 10 folders", "ms", median(starts), 150);
@@ -124,8 +129,8 @@ void measureProcess(Table& table)
 
     const long before = wakeUps(harbex.proc());
     pause(std::chrono::seconds(30));
-    table.addLimit("idle for 30 s, window closed: wake-ups", "", static_cast<double>(wakeUps(harbex.proc()) - before),
-                   0);
+    table.addLimit("idle for 30 s, window closed: wake-ups", "",
+                   static_cast<double>(wakeUps(harbex.proc()) - before), 0);
     table.addRatio("idle, window closed: memory / empty Qt window with an icon", "MB",
                    {memory(harbex), memory(empty)}, 1.15);
 

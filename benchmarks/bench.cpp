@@ -1,12 +1,12 @@
-// Prints how fast Harbex is, each measure beside a baseline that was timed in the same run. Run it from a folder
-// on the disk: the files it needs are made there.
+// Prints how fast Harbex is, each measure beside a baseline that was timed in the same run. Run it from a
+// folder on the disk: the files it needs are made there.
 
 #include "EngineRig.h"
 #include "Measure.h"
 #include "ProcessRig.h"
-#include "watcher/DirectoryListing.h"
-#include "watcher/FileMove.h"
-#include "watcher/FreeName.h"
+#include "files/DirectoryListing.h"
+#include "files/FileMove.h"
+#include "files/FreeName.h"
 #include "watcher/NameSnapshot.h"
 
 #include <QCoreApplication>
@@ -34,7 +34,8 @@ double bareListing(const path& folder)
     const auto begin = Clock::now();
     const FileDescriptor directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     alignas(8) static char buffer[64 * 1024];
-    while (::getdents64(directory.get(), buffer, sizeof buffer) > 0) {}
+    while (::getdents64(directory.get(), buffer, sizeof buffer) > 0) {
+    }
     return secondsSince(begin);
 }
 
@@ -138,7 +139,8 @@ void measureManyFolders(Table& table)
     }
     const auto begin = Clock::now();
     rig.waitForMoved(folders * count);
-    table.addLimit("1,000 entries in each of 50 folders, last arrival to last move", "s", secondsSince(begin), 2);
+    table.addLimit("1,000 entries in each of 50 folders, last arrival to last move", "s", secondsSince(begin),
+                   2);
     table.addLimit("    threads at most meanwhile", "", static_cast<double>(rig.mostThreads()), 64);
     EngineRig::settle(std::chrono::seconds(10));
     table.addLimit("    threads ten seconds later", "", static_cast<double>(rig.engine().threadCount()), 0);
@@ -159,8 +161,8 @@ void measureOneFile(Table& table)
         rig.waitForMoved(i);
         seconds.push_back(secondsSince(begin));
     }
-    table.addRatio("one file, arrival to moved, in a folder of 100,000 / 0.30 s", "s", {median(seconds), waits},
-                   1.15);
+    table.addRatio("one file, arrival to moved, in a folder of 100,000 / 0.30 s", "s",
+                   {median(seconds), waits}, 1.15);
 }
 
 void measureStart(Table& table)
@@ -178,7 +180,8 @@ void measureStart(Table& table)
         9,
         [&] {
             double seconds = 0;
-            for (int i = 0; i < folders; ++i) seconds += bareListing(scratch.folder("in/" + std::to_string(i)));
+            for (int i = 0; i < folders; ++i)
+                seconds += bareListing(scratch.folder("in/" + std::to_string(i)));
             return seconds * 1000;
         },
         [&] {
@@ -198,7 +201,8 @@ void measureFreeName(Table& table)
     std::vector<double> times;
     for (int i = 0; i < 21; ++i) {
         const auto begin = Clock::now();
-        if (uniqueDestination("/in/photo.jpg", out.native()) != (out / "photo-10000.jpg").native()) std::abort();
+        if (uniqueDestination("/in/photo.jpg", out.native()) != (out / "photo-10000.jpg").native())
+            std::abort();
         times.push_back(secondsSince(begin) * 1000);
     }
     table.addLimit("a free name behind 10,000 taken ones", "ms", median(times), 20);
@@ -226,7 +230,8 @@ void measureBusy(Table& table)
     // given up; they end no later.
     rig.waitForEnded(count);
     // Due at the earliest a second after the first test, which ended 0.15 second after the arrival.
-    table.addLimit("1,000 busy entries, attempt due to the end of the last", "s", secondsSince(arrival) - 1.15, 0.5);
+    table.addLimit("1,000 busy entries, attempt due to the end of the last", "s",
+                   secondsSince(arrival) - 1.15, 0.5);
 }
 
 void measureCopy(Table& table)
@@ -250,7 +255,8 @@ void measureCopy(Table& table)
         [&] {
             const std::string target = (out / "copy").string();
             const auto begin = Clock::now();
-            if (std::system(("cp --sparse=auto " + source.string() + ' ' + target + " && sync " + target).c_str()) !=
+            if (std::system(
+                    ("cp --sparse=auto " + source.string() + ' ' + target + " && sync " + target).c_str()) !=
                 0)
                 std::abort();
             const double seconds = secondsSince(begin);

@@ -1,5 +1,5 @@
-// The least that a Qt program with a window and an icon in the tray needs: what the memory of Harbex is measured
-// against.
+// The least that a Qt program with a window and an icon in the tray needs: what the memory of Harbex is
+// measured against.
 
 #include <QApplication>
 #include <QIcon>

@@ -22,7 +22,8 @@ FilterRule nameRule()
 
 void splitName(benchmark::State& state)
 {
-    for (auto _ : state) benchmark::DoNotOptimize(SplitName("Screenshot 2026-11-21 at 10.14.png"));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(SplitName("Screenshot 2026-11-21 at 10.14.png"));
 }
 BENCHMARK(splitName);
 
@@ -30,7 +31,8 @@ void nameFilter(benchmark::State& state)
 {
     const MatchableRule rule(nameRule());
     const SplitName name("Screenshot 2026-11-21 at 10.14.png");
-    for (auto _ : state) benchmark::DoNotOptimize(passesNameFilter(name, rule));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(passesNameFilter(name, rule));
 }
 BENCHMARK(nameFilter);
 
@@ -38,16 +40,19 @@ BENCHMARK(nameFilter);
 void snapshotUpdate(benchmark::State& state, bool oneNew)
 {
     std::vector<std::string> names;
-    for (int i = 0; i < state.range(0); ++i) names.push_back("IMG_" + std::to_string(20'260'000 + i) + ".jpg");
+    for (int i = 0; i < state.range(0); ++i)
+        names.push_back("IMG_" + std::to_string(20'260'000 + i) + ".jpg");
     NameSnapshot known;
     NameSnapshot::Update first(known);
-    for (const std::string& name : names) first.add(name);
+    for (const std::string& name : names)
+        first.add(name);
     known = first.takeCurrent();
     if (oneNew) names.insert(names.begin() + state.range(0) / 2, "new.jpg");
 
     for (auto _ : state) {
         NameSnapshot::Update update(known);
-        for (const std::string& name : names) update.add(name);
+        for (const std::string& name : names)
+            update.add(name);
         if (update.isUnchanged()) continue;
         benchmark::DoNotOptimize(update.newNames());
         benchmark::DoNotOptimize(update.takeCurrent());

@@ -1,7 +1,7 @@
+#include "files/DirectoryListing.h"
 #include "support/EngineFiles.h"
 #include "support/EngineResources.h"
 #include "support/TestMain.h"
-#include "watcher/DirectoryListing.h"
 
 #include <algorithm>
 #include <cerrno>

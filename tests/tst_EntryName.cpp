@@ -1,5 +1,5 @@
+#include "files/EntryName.h"
 #include "support/TestMain.h"
-#include "watcher/EntryName.h"
 
 using namespace harbex;
 

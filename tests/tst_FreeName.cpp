@@ -1,6 +1,6 @@
+#include "files/FreeName.h"
 #include "support/EngineFiles.h"
 #include "support/TestMain.h"
-#include "watcher/FreeName.h"
 
 #include <QElapsedTimer>
 

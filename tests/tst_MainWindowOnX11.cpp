@@ -142,10 +142,14 @@ void TestMainWindowOnX11::openingBringsItInFrontOfOtherWindows()
 void TestMainWindowOnX11::closedByTheWindowManagerItSaves()
 {
     WindowBench bench;
-    // As its close button does.
-    outputOf(QStringLiteral("xdotool"),
-             {QStringLiteral("key"), QStringLiteral("--clearmodifiers"), QStringLiteral("alt+F4")});
-    QTRY_VERIFY(!bench.window->isVisible());
+    // As its close button does. Openbox now and then handles one key only when the next one comes.
+    const auto isClosed = [&bench] { return !bench.window->isVisible(); };
+    for (int press = 0; press < 5 && !isClosed(); ++press) {
+        outputOf(QStringLiteral("xdotool"),
+                 {QStringLiteral("key"), QStringLiteral("--clearmodifiers"), QStringLiteral("alt+F4")});
+        (void)QTest::qWaitFor(isClosed, 1000);
+    }
+    QVERIFY(isClosed());
     QVERIFY(bench.wasSaved());
 }
 

@@ -1,7 +1,7 @@
+#include "files/PartFolder.h"
 #include "support/EngineFiles.h"
 #include "support/SyscallGate.h"
 #include "support/TestMain.h"
-#include "watcher/PartFolder.h"
 
 #include <QRegularExpression>
 

@@ -8,7 +8,8 @@ namespace harbex
 {
 
 /// What tells one file or folder from every other while the system runs, whatever its name: inode numbers
-/// are used again after a deletion, so the time of birth belongs to it (zero where the file system keeps none).
+/// are used again after a deletion, so the time of birth belongs to it (zero where the file system keeps
+/// none).
 struct FileIdentity {
     uint64_t device = 0;
     uint64_t inode = 0;

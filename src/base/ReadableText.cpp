@@ -62,6 +62,9 @@ QString textOfName(std::string_view bytes)
     return QString::fromUtf8(behindOne).sliced(1);
 }
 
-QString readableName(std::string_view bytes) { return readableText(textOfName(bytes)); }
+QString readableName(std::string_view bytes)
+{
+    return readableText(textOfName(bytes));
+}
 
 } // namespace harbex

@@ -11,7 +11,8 @@ void ActivityLog::add(const QString& message)
 {
     const QString time = QTime::currentTime().toString(QStringLiteral("HH:mm:ss"));
     m_lines.prepend(u'[' + time + QStringLiteral("] ") + readableText(message));
-    while (m_lines.size() > maximumLines) m_lines.removeLast();
+    while (m_lines.size() > maximumLines)
+        m_lines.removeLast();
 }
 
 } // namespace harbex

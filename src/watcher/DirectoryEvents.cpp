@@ -51,7 +51,8 @@ DirectoryEvents::~DirectoryEvents()
     if (!m_reader.joinable()) return;
     const uint64_t one = 1;
     // An eventfd takes this unless its counter is full, and then the reader is awake already.
-    if (::write(m_wakeUp.get(), &one, sizeof one) < 0) {}
+    if (::write(m_wakeUp.get(), &one, sizeof one) < 0) {
+    }
     m_reader.join();
 }
 

@@ -14,8 +14,8 @@
 namespace harbex
 {
 
-/// The one inotify instance of an engine and the thread that reads it. Turns whatever happens to the entries of
-/// a folder, or to the folder itself, into one call: "something changed there".
+/// The one inotify instance of an engine and the thread that reads it. Turns whatever happens to the entries
+/// of a folder, or to the folder itself, into one call: "something changed there".
 class DirectoryEvents
 {
 public:
@@ -59,9 +59,9 @@ public:
     DirectoryEvents(const DirectoryEvents&) = delete;
     DirectoryEvents& operator=(const DirectoryEvents&) = delete;
 
-    /// Watches the folder at `path` (raw bytes) from now on; calls begin with Source::resume(). The handler runs
-    /// on the reading thread, briefly, and must not call back in here. Fails with the errno of inotify: no such
-    /// folder, no permission to read it, the user's limit of watches or instances. Any thread.
+    /// Watches the folder at `path` (raw bytes) from now on; calls begin with Source::resume(). The handler
+    /// runs on the reading thread, briefly, and must not call back in here. Fails with the errno of inotify:
+    /// no such folder, no permission to read it, the user's limit of watches or instances. Any thread.
     [[nodiscard]] Outcome<std::unique_ptr<Source>> watch(const std::string& path, Handler handler);
 
 private:

@@ -28,7 +28,8 @@ void DownloadImageRedirector::start(const std::vector<WatchedFolder>& folders)
     // isRunning() turns true only in a later turn. Whoever starts twice before it gets one watch for each
     // folder all the same.
     cancelSources();
-    for (const WatchedFolder& folder : folders) watch(folder);
+    for (const WatchedFolder& folder : folders)
+        watch(folder);
     publish([this] {
         setRunning(true);
         appendLog(QStringLiteral("Started watchers."));
@@ -75,7 +76,8 @@ std::vector<int> DownloadImageRedirector::activeFDs() const
     m_mainThread.assertHere();
     std::vector<int> descriptors;
     descriptors.reserve(m_activeSources.size());
-    for (const auto& source : m_activeSources) descriptors.push_back(source->descriptor());
+    for (const auto& source : m_activeSources)
+        descriptors.push_back(source->descriptor());
     return descriptors;
 }
 
@@ -102,7 +104,8 @@ void DownloadImageRedirector::runPublished()
         const MutexLock lock(m_publishedMutex);
         changes.swap(m_published);
     }
-    for (const Change& change : changes) change();
+    for (const Change& change : changes)
+        change();
 }
 
 void DownloadImageRedirector::setRunning(bool isRunning)
@@ -144,7 +147,8 @@ void DownloadImageRedirector::watch(const WatchedFolder& folder)
 void DownloadImageRedirector::cancelSources()
 {
     m_mainThread.assertHere();
-    for (const auto& source : m_activeSources) source->cancel();
+    for (const auto& source : m_activeSources)
+        source->cancel();
     m_activeSources.clear();
 }
 

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "base/Mutex.h"
+#include "files/FileMove.h"
 #include "model/WatchedFolder.h"
 #include "watcher/ActivityLog.h"
 #include "watcher/DirectoryEvents.h"
-#include "watcher/FileMove.h"
 #include "watcher/FolderWatch.h"
 #include "watcher/WorkerPool.h"
 
@@ -19,10 +19,10 @@
 namespace harbex
 {
 
-/// The engine: watches folders and moves what newly arrives in them as their rules say. One for the life of the
-/// process. Every public function belongs to the main thread and returns at once, whatever the folders hold;
-/// the work is done on other threads. Destroying it ends everything: a copy under way is given up and its source
-/// stays.
+/// The engine: watches folders and moves what newly arrives in them as their rules say. One for the life of
+/// the process. Every public function belongs to the main thread and returns at once, whatever the folders
+/// hold; the work is done on other threads. Destroying it ends everything: a copy under way is given up and
+/// its source stays.
 class DownloadImageRedirector : public QObject
 {
     Q_OBJECT
@@ -33,9 +33,9 @@ public:
     explicit DownloadImageRedirector(QObject* parent = nullptr);
     ~DownloadImageRedirector() override;
 
-    /// Begins to watch these folders, unless isRunning() already. What is in them now stays where it is. A folder
-    /// that cannot be listed is passed over; one that the system refuses to watch is logged. isRunning() turns
-    /// true in a later turn of the main loop.
+    /// Begins to watch these folders, unless isRunning() already. What is in them now stays where it is. A
+    /// folder that cannot be listed is passed over; one that the system refuses to watch is logged.
+    /// isRunning() turns true in a later turn of the main loop.
     void start(const std::vector<WatchedFolder>& folders);
 
     /// Ends all watching and forgets what was seen. isRunning() turns false in a later turn of the main loop.

@@ -2,8 +2,8 @@
 
 #include "base/ReadableText.h"
 #include "base/StandardOutput.h"
-#include "watcher/EntryName.h"
-#include "watcher/FreeName.h"
+#include "files/EntryName.h"
+#include "files/FreeName.h"
 
 #include <QStringList>
 
@@ -17,13 +17,17 @@ namespace harbex
 namespace
 {
 
-void print(const QString& line) { printLine(line.toStdString()); }
+void print(const QString& line)
+{
+    printLine(line.toStdString());
+}
 
 /// ["report", "final", "PDF"]
 QString listOf(const std::vector<QString>& pieces)
 {
     QStringList quoted;
-    for (const QString& piece : pieces) quoted << u'"' + readableText(piece) + u'"';
+    for (const QString& piece : pieces)
+        quoted << u'"' + readableText(piece) + u'"';
     return u'[' + quoted.join(QStringLiteral(", ")) + u']';
 }
 
@@ -40,7 +44,10 @@ bool areSameFolder(const std::string& a, const std::string& b)
            dataA.st_ino == dataB.st_ino;
 }
 
-QString nameOf(const std::string& path) { return readableName(lastPathComponent(path)); }
+QString nameOf(const std::string& path)
+{
+    return readableName(lastPathComponent(path));
+}
 
 } // namespace
 
@@ -89,7 +96,8 @@ bool EntryWalks::matchesOnDisk(const Entry& entry, const MatchableRule& rule) co
     return matches(rule, extension, isDirectory);
 }
 
-// What is put into a queue holds this object; what waits in a round is held by this object and must not hold it.
+// What is put into a queue holds this object; what waits in a round is held by this object and must not hold
+// it.
 void EntryWalks::processIfImage(const EntryPointer& entry, size_t ruleIndex)
 {
     const FileUrl& destination = *m_rules[ruleIndex].filter.destination;

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "files/FileMove.h"
 #include "model/FileUrl.h"
-#include "watcher/FileMove.h"
 #include "watcher/RuleMatching.h"
 #include "watcher/SerialQueue.h"
 #include "watcher/StabilityRound.h"
@@ -17,10 +17,10 @@
 namespace harbex
 {
 
-/// Takes the new entries of one folder through the folder's rules: tests, waits, moves, and records what became
-/// of them. Everything but the moves runs on the folder's queue; the moves run one after the other on a queue
-/// of their own, so that a long one holds up neither a scan nor the samplings of other entries. Nothing blocks
-/// while an entry waits. Entries keep it alive until the last of them has arrived.
+/// Takes the new entries of one folder through the folder's rules: tests, waits, moves, and records what
+/// became of them. Everything but the moves runs on the folder's queue; the moves run one after the other on
+/// a queue of their own, so that a long one holds up neither a scan nor the samplings of other entries.
+/// Nothing blocks while an entry waits. Entries keep it alive until the last of them has arrived.
 class EntryWalks : public std::enable_shared_from_this<EntryWalks>
 {
 public:
@@ -33,8 +33,8 @@ public:
     /// How long after its failed first test a busy entry gets its one more attempt.
     static constexpr std::chrono::seconds retryDelay{1};
 
-    /// For the folder at `folder` (raw bytes) with these rules, in the order in which they are tried. `fileMove`
-    /// must live as long as the pool of the queues runs tasks.
+    /// For the folder at `folder` (raw bytes) with these rules, in the order in which they are tried.
+    /// `fileMove` must live as long as the pool of the queues runs tasks.
     EntryWalks(std::string folder, const std::vector<FilterRule>& rules, std::shared_ptr<SerialQueue> queue,
                std::shared_ptr<SerialQueue> moves, FileMove& fileMove, AddLog addLog);
 

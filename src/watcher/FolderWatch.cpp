@@ -1,7 +1,7 @@
 #include "watcher/FolderWatch.h"
 
+#include "files/DirectoryListing.h"
 #include "model/FolderListJson.h"
-#include "watcher/DirectoryListing.h"
 
 #include <utility>
 
@@ -73,8 +73,8 @@ void FolderWatch::scanForNewFiles(SerialQueue::Token token)
     const SerialQueue::Clock::time_point begin = SerialQueue::Clock::now();
     const std::vector<std::string> names = takeNewNames();
     const SerialQueue::Clock::time_point end = SerialQueue::Clock::now();
-    // Each of ten thousand arrivals and departures is an event of its own. Listing a large folder for every one
-    // would keep a processor busy and the folder locked against the very moves that cause them.
+    // Each of ten thousand arrivals and departures is an event of its own. Listing a large folder for every
+    // one would keep a processor busy and the folder locked against the very moves that cause them.
     m_nextScan = end + restPerScan * (end - begin);
     if (!names.empty()) m_walks->begin(token, names);
 }

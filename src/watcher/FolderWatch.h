@@ -16,25 +16,26 @@
 namespace harbex
 {
 
-/// The names that were in a folder at its last listing. Held from before a listing until its result is written:
-/// two records of the same folder share this, and an older listing must never replace a newer one.
+/// The names that were in a folder at its last listing. Held from before a listing until its result is
+/// written: two records of the same folder share this, and an older listing must never replace a newer one.
 struct KnownItems {
     Mutex mutex;
     NameSnapshot names GUARDED_BY(mutex);
 };
 
-/// One folder for as long as it is watched, from a start to the next stop: its URL and rules as they were then,
-/// its queue and its source of events. Made and cancelled on the main thread.
+/// One folder for as long as it is watched, from a start to the next stop: its URL and rules as they were
+/// then, its queue and its source of events. Made and cancelled on the main thread.
 class FolderWatch : public std::enable_shared_from_this<FolderWatch>
 {
 public:
     FolderWatch(const WatchedFolder& folder, WorkerPool& pool, FileMove& fileMove, EntryWalks::AddLog addLog);
 
-    /// Remembers which folder stands at the URL and, where `known` is new, takes its first snapshot. Fails when
-    /// the folder cannot be listed.
+    /// Remembers which folder stands at the URL and, where `known` is new, takes its first snapshot. Fails
+    /// when the folder cannot be listed.
     [[nodiscard]] Outcome<void> list(std::shared_ptr<KnownItems> known, bool isNew);
 
-    /// Asks for the events of the folder. Fails with the errno of the refusal. Nothing happens before begin().
+    /// Asks for the events of the folder. Fails with the errno of the refusal. Nothing happens before
+    /// begin().
     [[nodiscard]] Outcome<void> open(DirectoryEvents& events);
 
     /// Lets events through and scans once for what has arrived since the snapshot.

@@ -55,9 +55,10 @@ std::vector<std::string> NameSnapshot::Update::newNames() const
 
     // What lies between the common front and the common end is short when one thing changed.
     std::unordered_set<std::string_view> fresh;
-    forEachName(current.substr(m_cursor, current.size() - end - m_cursor), [&](auto name) { fresh.insert(name); });
-    // All of the known names, because a listing of a folder that is being changed may give the rest in another
-    // order, or a name a second time.
+    forEachName(current.substr(m_cursor, current.size() - end - m_cursor),
+                [&](auto name) { fresh.insert(name); });
+    // All of the known names, because a listing of a folder that is being changed may give the rest in
+    // another order, or a name a second time.
     forEachName(known, [&](auto name) { fresh.erase(name); });
     return {fresh.begin(), fresh.end()};
 }

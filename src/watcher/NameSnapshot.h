@@ -10,7 +10,8 @@ namespace harbex
 
 /// The set of names of one folder as a listing gave them: exact to the byte, and little larger than the names
 /// themselves, because they stand one after the other, each ended by a NUL, in the order of the listing. That
-/// order is the same as long as nothing changes, so that a folder is recognised by comparing from front to back.
+/// order is the same as long as nothing changes, so that a folder is recognised by comparing from front to
+/// back.
 class NameSnapshot
 {
 public:

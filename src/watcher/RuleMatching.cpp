@@ -2,35 +2,18 @@
 
 #include "base/ReadableText.h"
 
+#include <QList>
+
+#include <algorithm>
+#include <span>
+
 namespace harbex
 {
-
-const QSet<QString> imageExtensions{
-    QStringLiteral("jpg"),  QStringLiteral("jpeg"), QStringLiteral("png"), QStringLiteral("gif"),
-    QStringLiteral("heic"), QStringLiteral("heif"), QStringLiteral("webp"), QStringLiteral("bmp"),
-    QStringLiteral("tif"),  QStringLiteral("tiff"), QStringLiteral("avif")};
-
-const QSet<QString> documentExtensions{
-    QStringLiteral("pdf"),  QStringLiteral("doc"), QStringLiteral("docx"), QStringLiteral("xls"),
-    QStringLiteral("xlsx"), QStringLiteral("ppt"), QStringLiteral("pptx"), QStringLiteral("txt"),
-    QStringLiteral("rtf")};
-
-const QSet<QString> videoExtensions{
-    QStringLiteral("mp4"), QStringLiteral("mov"), QStringLiteral("avi"), QStringLiteral("mkv"),
-    QStringLiteral("flv"), QStringLiteral("wmv"), QStringLiteral("webm")};
-
-const QSet<QString> audioExtensions{
-    QStringLiteral("mp3"), QStringLiteral("wav"),  QStringLiteral("aac"), QStringLiteral("flac"),
-    QStringLiteral("ogg"), QStringLiteral("m4a"),  QStringLiteral("opus"), QStringLiteral("wma"),
-    QStringLiteral("alac"), QStringLiteral("dsd")};
-
-const QSet<QString> applicationExtensions{QStringLiteral("app"), QStringLiteral("exe")};
 
 namespace
 {
 
-const QSet<QString> partialDownloadExtensions{QStringLiteral("download"), QStringLiteral("crdownload"),
-                                              QStringLiteral("part"), QStringLiteral("tmp")};
+constexpr std::array<QStringView, 4> partialDownloadExtensions{u"download", u"crdownload", u"part", u"tmp"};
 
 bool compare(const ComparableText& text, const MatchableRule& rule)
 {
@@ -43,21 +26,26 @@ bool compare(const ComparableText& text, const MatchableRule& rule)
     Q_UNREACHABLE();
 }
 
+bool contains(std::span<const QStringView> extensions, const QString& extension)
+{
+    return std::ranges::find(extensions, extension) != extensions.end();
+}
+
 bool isOfKind(RuleKind kind, const QString& extension, std::optional<bool> isDirectory)
 {
     switch (kind) {
     case RuleKind::image:
-        return imageExtensions.contains(extension);
+        return contains(imageExtensions, extension);
     case RuleKind::video:
-        return videoExtensions.contains(extension);
+        return contains(videoExtensions, extension);
     case RuleKind::document:
-        return documentExtensions.contains(extension);
+        return contains(documentExtensions, extension);
     case RuleKind::folder:
         return isDirectory.value_or(false);
     case RuleKind::audio:
-        return audioExtensions.contains(extension);
+        return contains(audioExtensions, extension);
     case RuleKind::application:
-        return applicationExtensions.contains(extension);
+        return contains(applicationExtensions, extension);
     }
     Q_UNREACHABLE();
 }
@@ -91,7 +79,7 @@ bool passesNameFilter(const SplitName& name, const MatchableRule& rule)
 
 bool isPartialDownload(const QString& lowerCasedExtension)
 {
-    return partialDownloadExtensions.contains(lowerCasedExtension);
+    return contains(partialDownloadExtensions, lowerCasedExtension);
 }
 
 bool matches(const MatchableRule& rule, const QString& lowerCasedExtension, std::optional<bool> isDirectory)

@@ -2,9 +2,10 @@
 
 #include "model/FilterRule.h"
 
-#include <QSet>
 #include <QString>
+#include <QStringView>
 
+#include <array>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -15,18 +16,22 @@ namespace harbex
 // The decision whether a rule takes an entry. Pure functions and plain values, for any thread.
 //
 // It is made in two stages, and an entry must pass both. The first looks at the name alone and costs next to
-// nothing; the second at what stands on the disk. For extension rules the two differ on purpose: the first may
-// be a substring test, the second always asks for the whole extension in lower case.
+// nothing; the second at what stands on the disk. For extension rules the two differ on purpose: the first
+// may be a substring test, the second always asks for the whole extension in lower case.
 //
-// Text is compared under canonical equivalence: an "é" that a person typed finds one that another system wrote
-// as "e" and a combining accent. Letters are folded by Unicode's lower-casing.
+// Text is compared under canonical equivalence: an "é" that a person typed finds one that another system
+// wrote as "e" and a combining accent. Letters are folded by Unicode's lower-casing.
 
 /// The extensions of each kind, in lower case without a dot.
-extern const QSet<QString> imageExtensions;
-extern const QSet<QString> documentExtensions;
-extern const QSet<QString> videoExtensions;
-extern const QSet<QString> audioExtensions;
-extern const QSet<QString> applicationExtensions;
+inline constexpr std::array<QStringView, 11> imageExtensions{
+    u"jpg", u"jpeg", u"png", u"gif", u"heic", u"heif", u"webp", u"bmp", u"tif", u"tiff", u"avif"};
+inline constexpr std::array<QStringView, 9> documentExtensions{u"pdf", u"doc",  u"docx", u"xls", u"xlsx",
+                                                               u"ppt", u"pptx", u"txt",  u"rtf"};
+inline constexpr std::array<QStringView, 7> videoExtensions{u"mp4", u"mov", u"avi", u"mkv",
+                                                            u"flv", u"wmv", u"webm"};
+inline constexpr std::array<QStringView, 10> audioExtensions{u"mp3", u"wav",  u"aac", u"flac", u"ogg",
+                                                             u"m4a", u"opus", u"wma", u"alac", u"dsd"};
+inline constexpr std::array<QStringView, 2> applicationExtensions{u"app", u"exe"};
 
 /// A text in the two forms it is compared in.
 struct ComparableText {
@@ -64,8 +69,8 @@ struct MatchableRule {
 /// Whether an entry is the unfinished form of a download, which no rule takes.
 [[nodiscard]] bool isPartialDownload(const QString& lowerCasedExtension);
 
-/// The second stage, for an entry that exists. `isDirectory` does not follow links and is absent when it could
-/// not be read.
+/// The second stage, for an entry that exists. `isDirectory` does not follow links and is absent when it
+/// could not be read.
 [[nodiscard]] bool matches(const MatchableRule& rule, const QString& lowerCasedExtension,
                            std::optional<bool> isDirectory);
 

@@ -68,8 +68,8 @@ void SerialQueue::runTasks()
     }
 }
 
-// The queue keeps its delayed tasks itself and asks the pool for one call only, for the next of them: two tasks
-// that the pool had fallen due together could change places on its threads.
+// The queue keeps its delayed tasks itself and asks the pool for one call only, for the next of them: two
+// tasks that the pool had fallen due together could change places on its threads.
 void SerialQueue::armTimer()
 {
     if (m_delayed.empty()) return;

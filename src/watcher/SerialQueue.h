@@ -14,9 +14,10 @@
 namespace harbex
 {
 
-/// Runs tasks one after the other on whatever thread of a WorkerPool is free: those of async() in the order in
-/// which they came, those of asyncAt() in the order in which they fall due. Nothing is blocked while a task
-/// waits for its time. The pool must live longer; when it stops, the tasks that have not begun are dropped.
+/// Runs tasks one after the other on whatever thread of a WorkerPool is free: those of async() in the order
+/// in which they came, those of asyncAt() in the order in which they fall due. Nothing is blocked while a
+/// task waits for its time. The pool must live longer; when it stops, the tasks that have not begun are
+/// dropped.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue>
 {
 public:

@@ -26,7 +26,8 @@ void StabilityRound::add(std::string path, Result result)
 
 void StabilityRound::readFirstSizes()
 {
-    for (Entry& entry : m_entries) entry.firstSize = fileSize(entry.path);
+    for (Entry& entry : m_entries)
+        entry.firstSize = fileSize(entry.path);
 }
 
 void StabilityRound::finish()
@@ -38,8 +39,10 @@ void StabilityRound::finish()
         (isStable ? stable : unstable).push_back(std::move(entry));
     }
     m_entries.clear();
-    for (const Entry& entry : unstable) entry.result(false);
-    for (const Entry& entry : stable) entry.result(true);
+    for (const Entry& entry : unstable)
+        entry.result(false);
+    for (const Entry& entry : stable)
+        entry.result(true);
 }
 
 } // namespace harbex

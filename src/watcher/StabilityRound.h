@@ -9,9 +9,9 @@
 namespace harbex
 {
 
-/// Entries that share one wait to find out whether they have stopped growing: all of them have their size read,
-/// time passes, all have it read again, and only then each goes on. Used by one thread at a time; the time is
-/// the caller's.
+/// Entries that share one wait to find out whether they have stopped growing: all of them have their size
+/// read, time passes, all have it read again, and only then each goes on. Used by one thread at a time; the
+/// time is the caller's.
 class StabilityRound
 {
 public:
@@ -26,9 +26,9 @@ public:
     /// Reads the first size of every entry.
     void readFirstSizes();
 
-    /// Reads the second size of every entry, then calls every result: an entry is stable when both sizes could
-    /// be read and are equal. The unstable ones go first: what is to be tried again later is not held up by the
-    /// work that the stable ones set off.
+    /// Reads the second size of every entry, then calls every result: an entry is stable when both sizes
+    /// could be read and are equal. The unstable ones go first: what is to be tried again later is not held
+    /// up by the work that the stable ones set off.
     void finish();
 
 private:

@@ -10,7 +10,10 @@ namespace harbex
 
 WorkerPool::WorkerPool(std::chrono::milliseconds idleTime) : m_idleTime(idleTime) {}
 
-WorkerPool::~WorkerPool() { stop(); }
+WorkerPool::~WorkerPool()
+{
+    stop();
+}
 
 void WorkerPool::run(Task task)
 {
@@ -49,7 +52,8 @@ void WorkerPool::stop()
     }
     ready.clear();
     delayed.clear();
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads)
+        thread.join();
 }
 
 std::size_t WorkerPool::threadCount()
@@ -60,7 +64,8 @@ std::size_t WorkerPool::threadCount()
 
 void WorkerPool::addThreadIfNeeded()
 {
-    for (std::thread& thread : m_ended) thread.join();
+    for (std::thread& thread : m_ended)
+        thread.join();
     m_ended.clear();
 
     // A delayed task needs one thread that waits for it; a ready one needs a thread of its own.

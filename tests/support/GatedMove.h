@@ -1,8 +1,8 @@
 #pragma once
 
+#include "files/FileMove.h"
 #include "support/EngineFiles.h"
 #include "support/SyscallGate.h"
-#include "watcher/FileMove.h"
 
 #include <QtGlobal>
 

@@ -7,8 +7,8 @@
 namespace harbex::test
 {
 
-/// A home folder of the test's own: HOME and the XDG folders point into it, the session bus nowhere, and it is
-/// removed at the end. Make it before anything asks Qt where things are.
+/// A home folder of the test's own: HOME and the XDG folders point into it, the session bus nowhere, and it
+/// is removed at the end. Make it before anything asks Qt where things are.
 class ScratchHome
 {
 public:

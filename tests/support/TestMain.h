@@ -26,5 +26,8 @@ int runTest(int argc, char** argv)
 } // namespace harbex::test
 
 /// The main function of a test without windows.
-#define HARBEX_TEST_MAIN(Test)                                                                                \
-    int main(int argc, char** argv) { return harbex::test::runTest<QCoreApplication, Test>(argc, argv); }
+#define HARBEX_TEST_MAIN(Test)                                                                               \
+    int main(int argc, char** argv)                                                                          \
+    {                                                                                                        \
+        return harbex::test::runTest<QCoreApplication, Test>(argc, argv);                                    \
+    }

@@ -1,4 +1,4 @@
-#include "watcher/NoReplaceRename.h"
+#include "files/NoReplaceRename.h"
 
 #include <cstdio>
 #include <unistd.h>

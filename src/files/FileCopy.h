@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Outcome.h"
-#include "watcher/EntryPlace.h"
+#include "files/EntryPlace.h"
 
 #include <stop_token>
 

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "base/Outcome.h"
-#include "watcher/EntryPlace.h"
-#include "watcher/TreeSurvey.h"
+#include "files/EntryPlace.h"
+#include "files/TreeSurvey.h"
 
 #include <cstdint>
 #include <map>

@@ -1,7 +1,7 @@
-#include "watcher/FreeName.h"
+#include "files/FreeName.h"
 
 #include "base/FileDescriptor.h"
-#include "watcher/EntryName.h"
+#include "files/EntryName.h"
 
 #include <cstdint>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "watcher/EntryAttributes.h"
+#include "files/EntryAttributes.h"
 
 #include <array>
 #include <string_view>

@@ -1,4 +1,4 @@
-#include "watcher/EntryRemoval.h"
+#include "files/EntryRemoval.h"
 
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
-#include "watcher/TreeCopy.h"
+#include "files/TreeCopy.h"
 
-#include "watcher/EntryAttributes.h"
-#include "watcher/FileCopy.h"
+#include "files/EntryAttributes.h"
+#include "files/FileCopy.h"
 
 #include <climits>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 
 #include "base/FileDescriptor.h"
 #include "base/Outcome.h"
-#include "watcher/EntryPlace.h"
+#include "files/EntryPlace.h"
 
 #include <utility>
 

@@ -1,6 +1,6 @@
-#include "watcher/EntryPlace.h"
+#include "files/EntryPlace.h"
 
-#include "watcher/DirectoryListing.h"
+#include "files/DirectoryListing.h"
 
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -91,7 +91,7 @@ Outcome<FileDescriptor> openSubfolder(const EntryPlace& place, const EntryStatus
 
 Outcome<std::vector<std::string>> namesIn(int folder)
 {
-    Outcome<DirectoryListing> listing = DirectoryListing::open("/proc/self/fd/" + std::to_string(folder));
+    Outcome<DirectoryListing> listing = DirectoryListing::openAgain(folder);
     if (!listing) return listing.error();
     std::vector<std::string> names;
     const Outcome<void> listed =

@@ -1,6 +1,6 @@
-#include "watcher/FileCopy.h"
+#include "files/FileCopy.h"
 
-#include "watcher/EntryAttributes.h"
+#include "files/EntryAttributes.h"
 
 #include <algorithm>
 #include <linux/fs.h>

@@ -1,4 +1,4 @@
-#include "watcher/EntryName.h"
+#include "files/EntryName.h"
 
 namespace harbex
 {

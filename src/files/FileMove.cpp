@@ -1,10 +1,10 @@
-#include "watcher/FileMove.h"
+#include "files/FileMove.h"
 
-#include "watcher/EntryName.h"
-#include "watcher/EntryPlace.h"
-#include "watcher/NoReplaceRename.h"
-#include "watcher/PartFolder.h"
-#include "watcher/VolumeCrossing.h"
+#include "files/EntryName.h"
+#include "files/EntryPlace.h"
+#include "files/NoReplaceRename.h"
+#include "files/PartFolder.h"
+#include "files/VolumeCrossing.h"
 
 #include <algorithm>
 #include <utility>

@@ -20,11 +20,14 @@ public:
     /// Opens the folder at `path` (raw bytes).
     [[nodiscard]] static Outcome<DirectoryListing> open(const std::string& path);
 
+    /// The same for a folder that is open already, with a position of its own: `folder` is not moved on.
+    [[nodiscard]] static Outcome<DirectoryListing> openAgain(int folder);
+
     /// Which folder was opened.
     [[nodiscard]] const FileIdentity& identity() const { return m_identity; }
 
-    /// Calls `name` with the name of every entry, hidden ones included, "." and ".." left out, in the order in
-    /// which the file system gives them. Reads no attributes. On failure some names may have been given.
+    /// Calls `name` with the name of every entry, hidden ones included, "." and ".." left out, in the order
+    /// in which the file system gives them. Reads no attributes. On failure some names may have been given.
     template <class Name>
     [[nodiscard]] Outcome<void> forEachName(Name&& name);
 
@@ -34,6 +37,8 @@ private:
         static constexpr size_t lengthOffset = 16;
         static constexpr size_t nameOffset = 19;
     };
+
+    static Outcome<DirectoryListing> openAt(int folder, const char* path);
 
     DirectoryListing(FileDescriptor directory, FileIdentity identity)
         : m_directory(std::move(directory)), m_identity(identity)

@@ -1,6 +1,6 @@
-#include "watcher/TreeSurvey.h"
+#include "files/TreeSurvey.h"
 
-#include "watcher/EntryRemoval.h"
+#include "files/EntryRemoval.h"
 
 #include <unistd.h>
 

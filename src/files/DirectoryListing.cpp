@@ -1,4 +1,4 @@
-#include "watcher/DirectoryListing.h"
+#include "files/DirectoryListing.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -9,7 +9,17 @@ namespace harbex
 
 Outcome<DirectoryListing> DirectoryListing::open(const std::string& path)
 {
-    FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return openAt(AT_FDCWD, path.c_str());
+}
+
+Outcome<DirectoryListing> DirectoryListing::openAgain(int folder)
+{
+    return openAt(folder, ".");
+}
+
+Outcome<DirectoryListing> DirectoryListing::openAt(int folder, const char* path)
+{
+    FileDescriptor directory(::openat(folder, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return SystemError::last();
     const Outcome<FileIdentity> identity = identityOf(directory.get());
     if (!identity) return identity.error();

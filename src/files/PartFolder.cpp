@@ -1,6 +1,6 @@
-#include "watcher/PartFolder.h"
+#include "files/PartFolder.h"
 
-#include "watcher/EntryRemoval.h"
+#include "files/EntryRemoval.h"
 
 #include <array>
 #include <string_view>

@@ -1,12 +1,12 @@
-#include "watcher/VolumeCrossing.h"
+#include "files/VolumeCrossing.h"
 
-#include "watcher/EntryName.h"
-#include "watcher/EntryPlace.h"
-#include "watcher/FileCopy.h"
-#include "watcher/NoReplaceRename.h"
-#include "watcher/PartFolder.h"
-#include "watcher/TreeCopy.h"
-#include "watcher/TreeSurvey.h"
+#include "files/EntryName.h"
+#include "files/EntryPlace.h"
+#include "files/FileCopy.h"
+#include "files/NoReplaceRename.h"
+#include "files/PartFolder.h"
+#include "files/TreeCopy.h"
+#include "files/TreeSurvey.h"
 
 #include <optional>
 #include <unistd.h>
