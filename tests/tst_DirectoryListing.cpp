@@ -1,12 +1,17 @@
 #include "files/DirectoryListing.h"
 #include "support/EngineFiles.h"
 #include "support/EngineResources.h"
+#include "support/SyscallGate.h"
 #include "support/TestMain.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <ctime>
+#include <fcntl.h>
+#include <map>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -85,6 +90,9 @@ private Q_SLOTS:
     void identityStaysWhileTheFolderDoes();
     void identityDiffersAfterReplacement();
     void identityDiffersWhenTheFolderWasDeletedAndMadeAgain();
+    void aFolderListedAgainHasAPositionOfItsOwn();
+    void volumesThatOthersChangeUnseenAreRemote();
+    void modificationTimeIsThatOfTheFolder();
     void keepsNothingOpenAfterItsLife();
 };
 
@@ -277,6 +285,65 @@ void TestDirectoryListing::identityDiffersWhenTheFolderWasDeletedAndMadeAgain()
         makeFolder(folder);
         QVERIFY(!(identityAt(folder) == identity));
     }
+}
+
+void TestDirectoryListing::aFolderListedAgainHasAPositionOfItsOwn()
+{
+    const ScratchFolder scratch;
+    writeFile(scratch.path() + "/a", {});
+    const FileDescriptor folder(::open(scratch.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (int round = 0; round < 2; ++round) {
+        Outcome<DirectoryListing> listing = DirectoryListing::openAgain(folder.get());
+        QVERIFY(listing && listing->identity() == identityAt(scratch.path()));
+        int names = 0;
+        QVERIFY(listing->forEachName([&](std::string_view) { ++names; }));
+        QCOMPARE(names, 1);
+    }
+}
+
+void TestDirectoryListing::volumesThatOthersChangeUnseenAreRemote()
+{
+    const ScratchFolder scratch;
+    // What statfs(2) gives, as the kernel's headers and the sources of these systems have it.
+    const std::map<uint32_t, bool> isRemote{
+        {0x6969, true},      {0xff534d42, true},  {0xfe534d42, true},  {0x517b, true},
+        {0x65735546, true},  {0x01021997, true},  {0x00c36400, true},  {0x5346414f, true},
+        {0x6b414653, true},  {0x73757245, true},  {0x564c, true},      {0x7461636f, true},
+        {0x786f4256, true},  {0x0bd00bd3, true},  {0xef53, false},     {0x9123683e, false},
+        {0x58465342, false}, {0x01021994, false}, {0x794c7630, false}, {0x4d44, false},
+        {0x2011bab0, false}, {0x5346544e, false}, {0xf2f52010, false}, {0, false}};
+    const auto work = [&]() -> Outcome<void> {
+        const Outcome<DirectoryListing> listing = DirectoryListing::open(scratch.path());
+        if (!listing) return listing.error();
+        for (const auto& [type, remote] : isRemote)
+            if (listing->isRemote() != remote) return SystemError{EMEDIUMTYPE};
+        // The last one cannot be read.
+        return listing->isRemote() ? SystemError{EMEDIUMTYPE} : Outcome<void>();
+    };
+    auto next = isRemote.begin();
+    uint32_t asked = 0;
+    const GatedRun run = runGated({"fstatfs"}, work, [&](const GatedCall& call) {
+        if (next == isRemote.end()) return Answer::fail(EIO);
+        struct statfs volume = {};
+        volume.f_type = asked = (next++)->first;
+        call.writeMemory(call.arguments[1],
+                         std::string(reinterpret_cast<const char*>(&volume), sizeof volume));
+        return Answer::give(0);
+    });
+    QVERIFY2(run.succeeded(), qPrintable(QString::number(asked, 16)));
+}
+
+void TestDirectoryListing::modificationTimeIsThatOfTheFolder()
+{
+    const ScratchFolder scratch;
+    const std::array<timespec, 2> times{timespec{1, 2}, timespec{1234567890, 123456789}};
+    QCOMPARE(::utimensat(AT_FDCWD, scratch.path().c_str(), times.data(), 0), 0);
+    const Outcome<DirectoryListing> listing = DirectoryListing::open(scratch.path());
+    QVERIFY(listing);
+    const Outcome<timespec> time = listing->modificationTime();
+    QVERIFY(time);
+    QCOMPARE(time->tv_sec, times[1].tv_sec);
+    QCOMPARE(time->tv_nsec, times[1].tv_nsec);
 }
 
 void TestDirectoryListing::keepsNothingOpenAfterItsLife()

@@ -5,6 +5,7 @@
 #include "base/Outcome.h"
 
 #include <cstddef>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -25,6 +26,13 @@ public:
 
     /// Which folder was opened.
     [[nodiscard]] const FileIdentity& identity() const { return m_identity; }
+
+    /// Whether it lies on a volume where others change things of which the kernel here is not told: a network
+    /// file system, or one that a program serves. False when that cannot be read.
+    [[nodiscard]] bool isRemote() const;
+
+    /// When an entry was last added, removed or renamed.
+    [[nodiscard]] Outcome<timespec> modificationTime() const;
 
     /// Calls `name` with the name of every entry, hidden ones included, "." and ".." left out, in the order
     /// in which the file system gives them. Reads no attributes. On failure some names may have been given.

@@ -24,6 +24,7 @@ Outcome<void> FolderWatch::list(std::shared_ptr<KnownItems> known, bool isNew)
     Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
     if (!listing) return listing.error();
     m_identity = listing->identity();
+    m_isRemote = listing->isRemote();
     m_known = std::move(known);
     if (!isNew) return {};
 
@@ -47,6 +48,7 @@ void FolderWatch::begin()
 {
     requestScan();
     m_source->resume();
+    if (m_isRemote) m_queue->async([self = shared_from_this()](auto token) { self->look(token); });
 }
 
 void FolderWatch::cancel()
@@ -64,6 +66,24 @@ void FolderWatch::requestScan()
         m_queue->async(std::move(scan));
     else
         m_queue->asyncAt(next, std::move(scan));
+}
+
+void FolderWatch::look(SerialQueue::Token token)
+{
+    if (m_cancelled) return;
+    // A server that does not answer now may do so at the next look.
+    if (const Outcome<DirectoryListing> listing = DirectoryListing::open(m_path)) {
+        if (const Outcome<timespec> modified = listing->modificationTime()) {
+            const bool isChanged = !m_lastModified || m_lastModified->tv_sec != modified->tv_sec ||
+                                   m_lastModified->tv_nsec != modified->tv_nsec;
+            m_lastModified = *modified;
+            // Once more after a change: times can be as coarse as two seconds, and what came after that look
+            // may bear the same one.
+            if (std::exchange(m_wasChanged, isChanged) || isChanged) scanForNewFiles(token);
+        }
+    }
+    m_queue->asyncAt(SerialQueue::Clock::now() + lookInterval,
+                     [self = shared_from_this()](auto next) { self->look(next); });
 }
 
 void FolderWatch::scanForNewFiles(SerialQueue::Token token)

@@ -11,7 +11,10 @@
 #include "watcher/WorkerPool.h"
 
 #include <atomic>
+#include <chrono>
+#include <ctime>
 #include <memory>
+#include <optional>
 
 namespace harbex
 {
@@ -54,7 +57,11 @@ private:
     /// How many times as long as its last scan took a folder rests before it is scanned again.
     static constexpr int restPerScan = 3;
 
+    /// How often a folder is looked at of whose changes the kernel does not tell.
+    static constexpr std::chrono::seconds lookInterval{2};
+
     void requestScan();
+    void look(SerialQueue::Token token);
     void scanForNewFiles(SerialQueue::Token token);
     [[nodiscard]] std::vector<std::string> takeNewNames() const;
 
@@ -65,7 +72,14 @@ private:
     /// The folder that was listed first. Another one at the same path, after a rename or an unmount, holds
     /// entries that were there before: it is not looked at.
     FileIdentity m_identity;
+    /// Others may change the folder without an event here.
+    bool m_isRemote = false;
     std::unique_ptr<DirectoryEvents::Source> m_source;
+
+    /// The folder's modification time at the last look. Used on the queue only.
+    std::optional<timespec> m_lastModified;
+    /// Whether that look found it changed. Used on the queue only.
+    bool m_wasChanged = false;
 
     /// A scan waits in the queue: further events need none of their own.
     std::atomic<bool> m_scanWaits = false;

@@ -90,7 +90,7 @@ QByteArray contents(const std::string& path)
     const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file) return QByteArrayLiteral("(no file)");
     QByteArray content;
-    std::array<char, 64 * 1024> buffer;
+    std::array<char, size_t{64} * 1024> buffer;
     for (;;) {
         const ssize_t size = ::read(file.get(), buffer.data(), buffer.size());
         require(size >= 0, "read", path);

@@ -1,0 +1,206 @@
+#include "watcher/FolderWatch.h"
+
+#include "files/FileMove.h"
+#include "support/EngineFiles.h"
+#include "support/EngineProbe.h"
+#include "support/SyscallGate.h"
+#include "support/TestMain.h"
+
+#include <cerrno>
+#include <chrono>
+#include <linux/magic.h>
+#include <memory>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <thread>
+
+using namespace harbex;
+using namespace harbex::test;
+
+namespace
+{
+
+bool waitUntilThereIs(const std::string& path)
+{
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(patience);
+    while (!exists(path)) {
+        if (Clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+/// Folders that are watched without a main loop around them: everything that arrives is moved to `out`.
+class Watches
+{
+public:
+    Watches(const ScratchFolder& scratch, std::string out) : m_scratch(scratch), m_out(std::move(out)) {}
+    ~Watches()
+    {
+        for (const auto& watch : m_watches)
+            watch->cancel();
+        m_pool.stop();
+    }
+    Watches(const Watches&) = delete;
+    Watches& operator=(const Watches&) = delete;
+
+    /// Watches a folder; an entry of the name "first" arrives before its scan of the beginning, and is moved.
+    [[nodiscard]] Outcome<void> add(const std::string& inbox)
+    {
+        const auto watch = std::make_shared<FolderWatch>(watched(inbox, {takeAll(m_out)}), m_pool, m_fileMove,
+                                                         [](const QString&) {});
+        if (Outcome<void> listed = watch->list(std::make_shared<KnownItems>(), true); !listed) return listed;
+        if (Outcome<void> opened = watch->open(m_events); !opened) return opened;
+        arrive(inbox, "first");
+        watch->begin();
+        m_watches.push_back(watch);
+        return waitForMoved("first");
+    }
+
+    void arrive(const std::string& inbox, const std::string& name) const
+    {
+        m_scratch.arrive(inbox + '/' + name, name);
+    }
+
+    /// Takes the entry away again; fails with ETIME when it is not moved.
+    [[nodiscard]] Outcome<void> waitForMoved(const std::string& name) const
+    {
+        const std::string target = m_out + '/' + name;
+        if (!waitUntilThereIs(target)) return SystemError{ETIME};
+        removeEntry(target);
+        return {};
+    }
+
+private:
+    const ScratchFolder& m_scratch;
+    const std::string m_out;
+    FileMove m_fileMove;
+    WorkerPool m_pool;
+    DirectoryEvents m_events;
+    std::vector<std::shared_ptr<FolderWatch>> m_watches;
+};
+
+/// A kernel that takes watches and tells nothing of what happens in the folders. They lie on volumes of these
+/// types, in the order in which they are watched.
+Gatekeeper blindKernel(const std::vector<uint32_t>& volumeTypes)
+{
+    return [volumeTypes](const GatedCall& call) {
+        if (call.name == "inotify_add_watch") return Answer::give(int64_t(call.ordinal));
+        struct statfs volume = {};
+        volume.f_type = volumeTypes.at(call.ordinal - 1);
+        call.writeMemory(call.arguments[1],
+                         std::string(reinterpret_cast<const char*>(&volume), sizeof volume));
+        return Answer::give(0);
+    };
+}
+
+const std::vector<std::string> gatedCalls{"fstatfs", "inotify_add_watch"};
+
+} // namespace
+
+/// What a watch does beyond listening to events; the rest is tested with the whole engine.
+class TestFolderWatch : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init()
+    {
+        m_scratch = std::make_unique<ScratchFolder>();
+        m_inbox = m_scratch->makeFolder("inbox");
+        m_out = m_scratch->makeFolder("out");
+    }
+
+    void changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume_data();
+    void changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume();
+    void timesThatAreTooCoarseToTellHideNothing();
+    void aLocalVolumeIsNotLookedAt_data();
+    void aLocalVolumeIsNotLookedAt();
+
+private:
+    std::unique_ptr<ScratchFolder> m_scratch;
+    std::string m_inbox;
+    std::string m_out;
+};
+
+void TestFolderWatch::changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume_data()
+{
+    QTest::addColumn<uint>("type");
+    QTest::newRow("NFS") << uint(NFS_SUPER_MAGIC);
+    QTest::newRow("FUSE") << uint(FUSE_SUPER_MAGIC);
+}
+
+void TestFolderWatch::changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume()
+{
+    QFETCH(const uint, type);
+    const auto work = [this]() -> Outcome<void> {
+        Watches watches(*m_scratch, m_out);
+        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
+        // The first may be found by the scan of the beginning, the second follows upon what the first
+        // changed.
+        for (const char* name : {"second", "third"}) {
+            watches.arrive(m_inbox, name);
+            if (Outcome<void> moved = watches.waitForMoved(name); !moved) return moved;
+        }
+        return {};
+    };
+    const GatedRun run = runGated(gatedCalls, work, blindKernel({type}));
+    QCOMPARE(run.calls, (std::vector<std::string>{"fstatfs #1", "inotify_add_watch #1"}));
+    QVERIFY(run.succeeded());
+}
+
+void TestFolderWatch::timesThatAreTooCoarseToTellHideNothing()
+{
+    const auto work = [this]() -> Outcome<void> {
+        Watches watches(*m_scratch, m_out);
+        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
+        return watches.waitForMoved("second");
+    };
+    const Gatekeeper blind = blindKernel({NFS_SUPER_MAGIC});
+    int looks = 0;
+    const auto keeper = [&](const GatedCall& call) {
+        if (call.name != "statx") return blind(call);
+        if (call.arguments[3] != STATX_MTIME) return Answer::proceed();
+        // The second look finds a change. What arrives after it, within the same tick of the clock of the
+        // volume, changes the time no more.
+        if (++looks == 3) m_scratch->arrive(m_inbox + "/second", "");
+        struct statx status = {};
+        status.stx_mtime.tv_sec = looks == 1 ? 1000 : 2000;
+        call.writeMemory(call.arguments[4],
+                         std::string(reinterpret_cast<const char*>(&status), sizeof status));
+        return Answer::give(0);
+    };
+    const GatedRun run = runGated({"fstatfs", "inotify_add_watch", "statx"}, work, keeper);
+    QVERIFY(run.succeeded());
+}
+
+void TestFolderWatch::aLocalVolumeIsNotLookedAt_data()
+{
+    QTest::addColumn<uint>("type");
+    QTest::newRow("ext4") << uint(EXT4_SUPER_MAGIC);
+    QTest::newRow("overlay") << uint(OVERLAYFS_SUPER_MAGIC);
+}
+
+void TestFolderWatch::aLocalVolumeIsNotLookedAt()
+{
+    QFETCH(const uint, type);
+    const std::string local = m_scratch->makeFolder("local");
+    const auto work = [&]() -> Outcome<void> {
+        Watches watches(*m_scratch, m_out);
+        if (Outcome<void> added = watches.add(local); !added) return added;
+        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
+        watches.arrive(local, "unseen");
+        for (const char* name : {"second", "third"}) {
+            watches.arrive(m_inbox, name);
+            if (Outcome<void> moved = watches.waitForMoved(name); !moved) return moved;
+        }
+        return {};
+    };
+    const GatedRun run = runGated(gatedCalls, work, blindKernel({type, NFS_SUPER_MAGIC}));
+    QVERIFY(run.succeeded());
+    QVERIFY(exists(local + "/unseen"));
+}
+
+HARBEX_TEST_MAIN(TestFolderWatch)
+#include "tst_FolderWatch.moc"
