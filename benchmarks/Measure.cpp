@@ -48,22 +48,33 @@ void Table::addRatio(const std::string& what, const std::string& unit, Pair pair
 {
     const double ratio = pair.ours / pair.baseline;
     print(what, format("%.4g", pair.ours, unit), format("%.4g", pair.baseline, unit), format("%.2f", ratio),
-          format("<= %.2f x", target), ratio <= target * tolerance);
+          format("<= %.2f x", target), verdict(ratio <= target * tolerance));
 }
 
 void Table::addLimit(const std::string& what, const std::string& unit, double ours, double target)
 {
     print(what, format("%.4g", ours, unit), "-", "-", format("<= %.4g", target, unit),
-          ours <= target * tolerance);
+          verdict(ours <= target * tolerance));
+}
+
+void Table::addFigure(const std::string& what, const std::string& unit, double ours)
+{
+    print(what, format("%.4g", ours, unit), "-", "-", "-", "");
 }
 
 void Table::addImpossible(const std::string& what, const std::string& why)
 {
-    print(what, "not measured", why, "-", "-", false);
+    print(what, "not measured", why, "-", "-", verdict(false));
+}
+
+const char* Table::verdict(bool met)
+{
+    m_allMet = m_allMet && met;
+    return met ? "met" : "MISSED";
 }
 
 void Table::print(const std::string& what, const std::string& ours, const std::string& baseline,
-                  const std::string& ratio, const std::string& target, bool met)
+                  const std::string& ratio, const std::string& target, const char* verdict)
 {
     const auto row = [](const char* a, const char* b, const char* c, const char* d, const char* e,
                         const char* f) {
@@ -72,8 +83,7 @@ void Table::print(const std::string& what, const std::string& ours, const std::s
     };
     if (!m_begun) row("what", "ours", "baseline", "ratio", "target", "");
     m_begun = true;
-    row(what.c_str(), ours.c_str(), baseline.c_str(), ratio.c_str(), target.c_str(), met ? "met" : "MISSED");
-    m_allMet = m_allMet && met;
+    row(what.c_str(), ours.c_str(), baseline.c_str(), ratio.c_str(), target.c_str(), verdict);
 }
 
 } // namespace harbex::bench

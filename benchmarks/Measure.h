@@ -36,6 +36,9 @@ public:
     /// A measure that is met when ours is at most `target`.
     void addLimit(const std::string& what, const std::string& unit, double ours, double target);
 
+    /// A figure without a target.
+    void addFigure(const std::string& what, const std::string& unit, double ours);
+
     /// A measure that this machine cannot take. It counts as missed.
     void addImpossible(const std::string& what, const std::string& why);
 
@@ -44,7 +47,9 @@ public:
 
 private:
     void print(const std::string& what, const std::string& ours, const std::string& baseline,
-               const std::string& ratio, const std::string& target, bool met);
+               const std::string& ratio, const std::string& target, const char* verdict);
+    /// Takes note of it and gives the word for it.
+    const char* verdict(bool met);
 
     bool m_allMet = true;
     bool m_begun = false;

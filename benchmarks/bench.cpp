@@ -1,23 +1,30 @@
 // Prints how fast Harbex is, each measure beside a baseline that was timed in the same run. Run it from a
-// folder on the disk: the files it needs are made there.
+// folder on the disk: the files it needs are made there. Without arguments it measures all; with some, only
+// what they name ("scan", "copy", ...).
 
 #include "EngineRig.h"
+#include "Growth.h"
 #include "Measure.h"
 #include "ProcessRig.h"
+#include "WindowRig.h"
 #include "files/DirectoryListing.h"
 #include "files/FileMove.h"
 #include "files/FreeName.h"
 #include "watcher/NameSnapshot.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 using namespace harbex;
 using namespace harbex::bench;
@@ -286,16 +293,15 @@ int main(int argc, char** argv)
     if (terminal < 0 || !std::freopen("/dev/null", "w", stdout)) return 2;
     stdout = ::fdopen(terminal, "w");
 
-    QCoreApplication application(argc, argv);
+    const QApplication application(argc, argv);
+    const std::vector<std::pair<std::string_view, void (*)(Table&)>> all{
+        {"scan", measureScan},           {"burst", measureBurst},     {"file", measureOneFile},
+        {"folders", measureManyFolders}, {"busy", measureBusy},       {"start", measureStart},
+        {"name", measureFreeName},       {"process", measureProcess}, {"window", measureWindow},
+        {"copy", measureCopy},           {"growth", measureGrowth}};
+    const std::vector<std::string_view> wanted(argv + 1, argv + argc);
     Table table;
-    measureScan(table);
-    measureBurst(table);
-    measureOneFile(table);
-    measureManyFolders(table);
-    measureBusy(table);
-    measureStart(table);
-    measureFreeName(table);
-    measureProcess(table);
-    measureCopy(table);
+    for (const auto& [name, measure] : all)
+        if (wanted.empty() || std::ranges::find(wanted, name) != wanted.end()) measure(table);
     return table.allMet() ? 0 : 1;
 }

@@ -78,6 +78,8 @@ class TestMainWindow : public QObject
 private Q_SLOTS:
     // The window.
     void itIsTitledHarbexAndHoldsTheContent();
+    void nothingOfAClosedWindowIsLeft();
+    void reopenedAtOnceItIsWhole();
     void itCannotBeSmallerThan1000By400();
     void itsFirstSizeFitsASmallScreen();
     void everyOpeningBeginsWithTheSameSize();
@@ -106,10 +108,36 @@ private Q_SLOTS:
 
 void TestMainWindow::itIsTitledHarbexAndHoldsTheContent()
 {
-    const WindowBench bench;
+    WindowBench bench;
     QCOMPARE(bench.window->windowTitle(), QStringLiteral("Harbex"));
-    QVERIFY(qobject_cast<ContentView*>(bench.window->centralWidget()));
     QVERIFY(!bench.window->isVisible());
+    bench.open();
+    QVERIFY(qobject_cast<ContentView*>(bench.window->centralWidget()));
+}
+
+void TestMainWindow::nothingOfAClosedWindowIsLeft()
+{
+    WindowBench bench;
+    for (int opening = 0; opening < 2; ++opening) {
+        bench.open();
+        bench.window->close();
+        QTRY_VERIFY(!bench.window->centralWidget());
+        QVERIFY(!bench.window->windowHandle());
+        QVERIFY(bench.window->findChildren<QWidget*>().isEmpty());
+    }
+}
+
+void TestMainWindow::reopenedAtOnceItIsWhole()
+{
+    WindowBench bench;
+    bench.open();
+    bench.window->close();
+    bench.window->open();
+    bench.settle();
+    QVERIFY(bench.window->isVisible());
+    QVERIFY(bench.window->windowHandle());
+    QCOMPARE(bench.window->findChildren<ContentView*>().size(), 1);
+    QVERIFY(bench.window->centralWidget()->isVisible());
 }
 
 void TestMainWindow::itCannotBeSmallerThan1000By400()

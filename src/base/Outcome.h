@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -51,14 +52,14 @@ class [[nodiscard]] Outcome<void, Error>
 {
 public:
     Outcome() = default;
-    Outcome(Error error) : m_state(std::move(error)) {}
+    Outcome(Error error) : m_error(std::move(error)) {}
 
-    explicit operator bool() const { return m_state.index() == 0; }
+    explicit operator bool() const { return !m_error; }
 
-    [[nodiscard]] const Error& error() const { return std::get<1>(m_state); }
+    [[nodiscard]] const Error& error() const { return m_error.value(); }
 
 private:
-    std::variant<std::monostate, Error> m_state;
+    std::optional<Error> m_error;
 };
 
 } // namespace harbex

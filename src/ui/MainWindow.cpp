@@ -3,6 +3,7 @@
 #include "ui/ContentState.h"
 #include "ui/ContentView.h"
 #include "ui/FolderPanel.h"
+#include "ui/IdleMemory.h"
 
 #include <QCloseEvent>
 #include <QGuiApplication>
@@ -47,8 +48,6 @@ void leaveOutOfTaskbar(WId window)
 MainWindow::MainWindow(ContentState& state) : m_state(state)
 {
     setWindowTitle(tr("Harbex"));
-    const auto chooser = [this](const DirectoryCompletion& completion) { selectDirectory(this, completion); };
-    setCentralWidget(new ContentView(state, chooser, this));
 }
 
 void MainWindow::open(const QString& activationToken)
@@ -56,6 +55,9 @@ void MainWindow::open(const QString& activationToken)
     if (!m_isOpen) {
         m_isOpen = true;
         m_state.appear();
+        delete takeCentralWidget();
+        const auto chooser = [this](const DirectoryCompletion& done) { selectDirectory(this, done); };
+        setCentralWidget(new ContentView(m_state, chooser, this));
         setWindowState(Qt::WindowNoState);
         resize(1100, 640);
     }
@@ -73,6 +75,16 @@ void MainWindow::closeEvent(QCloseEvent* event)
     // A window that is not open can be closed too.
     if (!std::exchange(m_isOpen, false)) return;
     m_state.disappear();
+    // Not before Qt has hidden the window.
+    QMetaObject::invokeMethod(this, &MainWindow::releaseContent, Qt::QueuedConnection);
+}
+
+void MainWindow::releaseContent()
+{
+    if (m_isOpen) return;
+    delete takeCentralWidget();
+    destroy();
+    releaseIdleMemory();
 }
 
 void MainWindow::showEvent(QShowEvent* event)

@@ -27,6 +27,9 @@ protected:
     void showEvent(QShowEvent* event) override;
 
 private:
+    /// Has nothing left of a closed window: it may stay closed for weeks.
+    void releaseContent();
+
     ContentState& m_state;
     bool m_isOpen = false;
 };

@@ -172,7 +172,7 @@ ArrivingFiles::ArrivingFiles(const ScratchFolder& scratch, const std::string& fo
           while (!m_stopped) {
               const std::string number = std::to_string(m_count);
               writeFile(prepared, number);
-              renameEntry(prepared, folder + "/file-" + number);
+              renameEntry(prepared, std::string(folder).append("/file-").append(number));
               ++m_count;
               std::this_thread::sleep_for(std::chrono::milliseconds(1));
           }
