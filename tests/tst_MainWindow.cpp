@@ -110,6 +110,7 @@ void TestMainWindow::itIsTitledHarbexAndHoldsTheContent()
 {
     WindowBench bench;
     QCOMPARE(bench.window->windowTitle(), QStringLiteral("Harbex"));
+    QCOMPARE(bench.window->windowIcon().pixmap(32, 32).toImage().pixelColor(6, 24), QColor(0x27, 0x96, 0xb8));
     QVERIFY(!bench.window->isVisible());
     bench.open();
     QVERIFY(qobject_cast<ContentView*>(bench.window->centralWidget()));

@@ -7,6 +7,7 @@
 
 #include <QCloseEvent>
 #include <QGuiApplication>
+#include <QIcon>
 
 #include <array>
 #include <cstdlib>
@@ -48,6 +49,9 @@ void leaveOutOfTaskbar(WId window)
 MainWindow::MainWindow(ContentState& state) : m_state(state)
 {
     setWindowTitle(tr("Harbex"));
+    // The theme has it where the program is installed.
+    setWindowIcon(QIcon::fromTheme(QStringLiteral("org.harbex.Harbex"),
+                                   QIcon(QStringLiteral(":/icons/application.svg"))));
 }
 
 void MainWindow::open(const QString& activationToken)
