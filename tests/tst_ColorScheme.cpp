@@ -1,15 +1,16 @@
+#include "support/SessionBus.h"
 #include "support/WindowTestMain.h"
 #include "ui/ColorScheme.h"
 
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
 #include <QElapsedTimer>
-#include <QProcess>
 #include <QWidget>
 
 #include <cmath>
 
 using namespace harbex;
+using namespace harbex::test;
 
 namespace
 {
@@ -17,36 +18,6 @@ namespace
 const QString portalPath = QStringLiteral("/org/freedesktop/portal/desktop");
 const QString appearance = QStringLiteral("org.freedesktop.appearance");
 const QString colorScheme = QStringLiteral("color-scheme");
-
-/// A session bus that nothing else is on.
-class SessionBus
-{
-public:
-    SessionBus()
-    {
-        m_daemon.start(
-            QStringLiteral("dbus-daemon"),
-            {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
-        if (!m_daemon.waitForStarted() || !m_daemon.waitForReadyRead()) qFatal("no dbus-daemon");
-        m_address = QString::fromLatin1(m_daemon.readLine().trimmed());
-    }
-    ~SessionBus()
-    {
-        m_daemon.kill();
-        m_daemon.waitForFinished();
-    }
-
-    /// A new connection to it.
-    [[nodiscard]] QDBusConnection connection() const
-    {
-        static int count = 0;
-        return QDBusConnection::connectToBus(m_address, QStringLiteral("test %1").arg(++count));
-    }
-
-private:
-    QProcess m_daemon;
-    QString m_address;
-};
 
 /// The part of the desktop portal that tells settings. It answers in the main loop of the test: a program
 /// that waited for the answer would wait for ever.
@@ -56,7 +27,7 @@ class Portal : public QObject
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Settings")
 
 public:
-    Portal(const SessionBus& bus, const QVariant& scheme) : m_connection(bus.connection()), m_scheme(scheme)
+    Portal(SessionBus& bus, const QVariant& scheme) : m_connection(bus.connect()), m_scheme(scheme)
     {
         m_connection.registerObject(portalPath, this, QDBusConnection::ExportAllSlots);
         m_connection.registerService(QStringLiteral("org.freedesktop.portal.Desktop"));
@@ -89,7 +60,7 @@ private:
 class SilentPortal : public QDBusVirtualObject
 {
 public:
-    explicit SilentPortal(const SessionBus& bus) : m_connection(bus.connection())
+    explicit SilentPortal(SessionBus& bus) : m_connection(bus.connect())
     {
         m_connection.registerVirtualObject(portalPath, this);
         m_connection.registerService(QStringLiteral("org.freedesktop.portal.Desktop"));
@@ -169,10 +140,10 @@ private Q_SLOTS:
 
 void TestColorScheme::aDarkDesktopMakesTheProgramDark()
 {
-    const SessionBus bus;
+    SessionBus bus;
     const Portal portal(bus, dark);
     QWidget window;
-    const ColorScheme scheme(bus.connection());
+    const ColorScheme scheme(bus.connect());
     // The answer is not waited for.
     QVERIFY(!isDark());
     QTRY_VERIFY(isDark());
@@ -185,9 +156,9 @@ void TestColorScheme::aLightDesktopOrNoPreferenceLeavesThePalette()
 {
     const QPalette before = QApplication::palette();
     for (const uint answer : {noPreference, light, 3U}) {
-        const SessionBus bus;
+        SessionBus bus;
         const Portal portal(bus, answer);
-        const ColorScheme scheme(bus.connection());
+        const ColorScheme scheme(bus.connect());
         QTRY_COMPARE(portal.questions, 1);
         QTest::qWait(20);
         QCOMPARE(QApplication::palette(), before);
@@ -197,9 +168,9 @@ void TestColorScheme::aLightDesktopOrNoPreferenceLeavesThePalette()
 void TestColorScheme::aChangeOfTheDesktopIsFollowedWithoutARestart()
 {
     const QPalette before = QApplication::palette();
-    const SessionBus bus;
+    SessionBus bus;
     const Portal portal(bus, light);
-    const ColorScheme scheme(bus.connection());
+    const ColorScheme scheme(bus.connect());
     QTRY_COMPARE(portal.questions, 1);
     portal.change(appearance, colorScheme, dark);
     QTRY_VERIFY(isDark());
@@ -214,9 +185,9 @@ void TestColorScheme::aChangeOfTheDesktopIsFollowedWithoutARestart()
 
 void TestColorScheme::otherSettingsAreNotLookedAt()
 {
-    const SessionBus bus;
+    SessionBus bus;
     const Portal portal(bus, dark);
-    const ColorScheme scheme(bus.connection());
+    const ColorScheme scheme(bus.connect());
     QTRY_VERIFY(isDark());
     const PaletteWitness witness;
     portal.change(appearance, QStringLiteral("contrast"), light);
@@ -230,8 +201,8 @@ void TestColorScheme::otherSettingsAreNotLookedAt()
 void TestColorScheme::withoutAPortalNothingChanges()
 {
     const QPalette before = QApplication::palette();
-    const SessionBus bus;
-    const ColorScheme scheme(bus.connection());
+    SessionBus bus;
+    const ColorScheme scheme(bus.connect());
     QTest::qWait(100);
     QCOMPARE(QApplication::palette(), before);
     // One that comes later is followed.
@@ -251,12 +222,12 @@ void TestColorScheme::withoutABusNothingChanges()
 
 void TestColorScheme::aPortalThatDoesNotAnswerHoldsNothingUp()
 {
-    const SessionBus bus;
+    SessionBus bus;
     const SilentPortal portal(bus);
     QElapsedTimer timer;
     timer.start();
     {
-        const ColorScheme scheme(bus.connection());
+        const ColorScheme scheme(bus.connect());
         QVERIFY(timer.elapsed() < 5000);
         QTRY_COMPARE(portal.questions, 1);
         timer.restart();
@@ -269,9 +240,9 @@ void TestColorScheme::anAnswerOfAnotherTypeIsNoDarkness()
 {
     for (const QVariant& answer :
          {QVariant(QStringLiteral("dark")), QVariant(QStringList{QStringLiteral("1")})}) {
-        const SessionBus bus;
+        SessionBus bus;
         const Portal portal(bus, answer);
-        const ColorScheme scheme(bus.connection());
+        const ColorScheme scheme(bus.connect());
         QTRY_COMPARE(portal.questions, 1);
         QTest::qWait(20);
         QVERIFY(!isDark());
@@ -284,9 +255,9 @@ void TestColorScheme::aPaletteOfTheDesktopsOwnIsLeftAlone()
     QPalette own = QApplication::palette();
     own.setColor(QPalette::Window, QColor(0xf6, 0xf0, 0xe0));
     QApplication::setPalette(own);
-    const SessionBus bus;
+    SessionBus bus;
     const Portal portal(bus, dark);
-    const ColorScheme scheme(bus.connection());
+    const ColorScheme scheme(bus.connect());
     portal.change(appearance, colorScheme, dark);
     QTest::qWait(100);
     QCOMPARE(portal.questions, 0);

@@ -10,7 +10,6 @@
 #include <QEvent>
 #include <QHBoxLayout>
 #include <QPushButton>
-#include <QScopedValueRollback>
 #include <QSplitter>
 #include <QStackedWidget>
 #include <QStyle>
@@ -151,8 +150,15 @@ void ContentView::selectDirectory(const DirectoryCompletion& completion)
         completion(std::nullopt, std::nullopt);
         return;
     }
-    const QScopedValueRollback guard(m_isPanelShown, true);
-    m_showPanel(completion);
+    m_isPanelShown = true;
+    // In a later turn: it also waits for the press of its button to be over, which the panel would prolong.
+    QMetaObject::invokeMethod(
+        this,
+        [this, completion] {
+            m_showPanel(completion);
+            m_isPanelShown = false;
+        },
+        Qt::QueuedConnection);
 }
 
 void ContentView::addFolder()

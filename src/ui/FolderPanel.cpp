@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileDialog>
+#include <QTimer>
 #include <QUrl>
 
 #include <sys/stat.h>
@@ -20,6 +21,9 @@ void selectDirectory(QWidget* parent, const DirectoryCompletion& completion)
     panel.setOption(QFileDialog::ShowDirsOnly);
     panel.setLabelText(QFileDialog::Accept, prompt);
     const bool isAccepted = panel.exec() == QDialog::Accepted;
+    // Some window managers give the keyboard back to no window that is left out of the taskbar. Later,
+    // because the window of a panel that is not Qt's own goes only when the main loop runs.
+    if (parent) QTimer::singleShot(0, parent, [parent] { parent->activateWindow(); });
     const QList<QUrl> answers = isAccepted ? panel.selectedUrls() : QList<QUrl>();
 
     const auto url = answers.isEmpty() ? std::nullopt : chosenFolder(answers.first());

@@ -8,6 +8,7 @@
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QIcon>
+#include <QScreen>
 
 #include <array>
 #include <cstdlib>
@@ -63,7 +64,7 @@ void MainWindow::open(const QString& activationToken)
         const auto chooser = [this](const DirectoryCompletion& done) { selectDirectory(this, done); };
         setCentralWidget(new ContentView(m_state, chooser, this));
         setWindowState(Qt::WindowNoState);
-        resize(1100, 640);
+        resize(QSize(1100, 640).boundedTo(screen()->availableSize()));
     }
     // Where Qt's Wayland plugin looks for it.
     if (!activationToken.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());

@@ -91,7 +91,6 @@ void TestBurst::burstsIntoManyFoldersUseFewThreadsAndNoneAfterwards()
 {
     constexpr int folderCount = 20;
     constexpr int count = 1000;
-    const std::string prepared = m_scratch->makeFolder("prepared");
     const auto path = [&](const char* what, int folder) {
         return m_scratch->path() + '/' + what + ' ' + std::to_string(folder);
     };
@@ -117,9 +116,11 @@ void TestBurst::burstsIntoManyFoldersUseFewThreadsAndNoneAfterwards()
     timer.start();
     size_t mostThreads = 0;
     for (int folder = 0; folder < folderCount; ++folder) {
-        QTRY_VERIFY_WITH_TIMEOUT(
-            (mostThreads = std::max(mostThreads, threadCount()), countEntries(path("out", folder)) == count),
-            patience);
+        const auto areThere = [&] {
+            mostThreads = std::max(mostThreads, threadCount());
+            return countEntries(path("out", folder)) == count;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(areThere(), patience);
     }
     qInfo("%d files in %d folders moved %lld ms after the last arrival, by at most %zu threads",
           folderCount * count, folderCount, timer.elapsed(), mostThreads - threadsBefore);

@@ -1,0 +1,72 @@
+#include "endtoend/HarbexRun.h"
+#include "support/TestMain.h"
+
+#include <QFile>
+
+using namespace harbex;
+using namespace harbex::test;
+
+/// With the folder panels of desktops, which Qt shows instead of its own.
+class TestFolderPanels : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses_data();
+    void theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses();
+};
+
+void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses_data()
+{
+    QTest::addColumn<QString>("platformTheme");
+    QTest::newRow("GTK's own") << QStringLiteral("gtk3");
+    QTest::newRow("the portal's") << QStringLiteral("xdgdesktopportal");
+}
+
+void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses()
+{
+    QFETCH(const QString, platformTheme);
+    DesktopSession desktop;
+    if (platformTheme == QLatin1String("xdgdesktopportal")) {
+        desktop.set("XDG_CURRENT_DESKTOP", QStringLiteral("GNOME"));
+        desktop.startService(QStringLiteral("org.freedesktop.impl.portal.desktop.gtk"));
+        desktop.startService(QStringLiteral("org.freedesktop.portal.Desktop"));
+    }
+    desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
+    // GTK never gives back what it has, which a sanitizer would report at the end.
+    desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+    HarbexRun harbex(desktop);
+    harbex.start();
+    const auto panel = [&] { return desktop.window(QStringLiteral("file chooser")); };
+
+    STEP("the window opens", harbex.window().has(Accessible::State::active));
+    QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
+             "a click on \"Add Folder\"");
+    STEP("the desktop's panel opens", panel().has(Accessible::State::active));
+    STEP("it has the confirm text",
+         panel().find(QStringLiteral("push button"), QStringLiteral("Select Focus Folder")));
+    QVERIFY2(desktop.press({QStringLiteral("Escape")}), "Escape");
+    STEP("the panel is gone", !panel());
+    STEP("the window has the keyboard again", harbex.focused());
+    QVERIFY2(harbex.control("label", "Select a folder from the sidebar"), "there is no folder");
+
+    QVERIFY2(desktop.press({QStringLiteral("space")}), "space on \"Add Folder\"");
+    STEP("the panel opens again", panel().has(Accessible::State::active));
+    const auto line = [&] { return panel().find(QStringLiteral("text")); };
+    QVERIFY2(desktop.press({QStringLiteral("slash")}), "a path is begun");
+    STEP("the panel shows a line for it", line().has(Accessible::State::focused) && line().text() == u'/');
+    QVERIFY2(desktop.type(HarbexRun::inbox().mid(1)), "the rest of the path is typed");
+    STEP("the panel has taken it", line().text().startsWith(HarbexRun::inbox()));
+    QVERIFY2(desktop.press({QStringLiteral("Return")}), "Return");
+    STEP("the panel is gone after Return", !panel());
+    STEP("the folder is in the list", harbex.control("list item", "Inbox"));
+    QVERIFY2(harbex.closeWindow(), "the window closes");
+    const FolderState stored = HarbexRun::stored();
+    QCOMPARE(stored.folders.size(), 1U);
+    QCOMPARE(stored.folders[0].url.path(), HarbexRun::inbox().toStdString());
+    harbex.signal(SIGTERM);
+    STEP("the program ends with status 0", harbex.exitStatus() == 0);
+}
+
+HARBEX_TEST_MAIN(TestFolderPanels)
+#include "tst_FolderPanels.moc"
