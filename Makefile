@@ -1,6 +1,6 @@
 # The commands of everyday work. Each says what it misses and installs it (Debian), then does its job.
 
-.PHONY: build run test check bench format clean
+.PHONY: build run test check attack bench format clean
 
 build: # build/release/harbex
 	@scripts/build
@@ -13,6 +13,9 @@ test: # everything that must pass before a change goes in
 
 check: # all kinds of build, the sanitizers and the linters; takes a while
 	@scripts/check
+
+attack: # faults, races, hostile files, long life and fuzzing, in full; takes hours
+	@scripts/attack
 
 bench: # how fast it is, beside a baseline; leave the machine alone meanwhile
 	@scripts/bench

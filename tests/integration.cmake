@@ -1,3 +1,3 @@
-harbex_test(integration/tst_Burst LINKS harbex_watcher)
-harbex_test(integration/tst_Mounts LINKS harbex_watcher)
-harbex_test(integration/tst_RandomFolders LINKS harbex_watcher)
+harbex_test(integration/tst_Burst LINKS harbex_watcher LABELS attack)
+harbex_test(integration/tst_Mounts LINKS harbex_watcher LABELS attack)
+harbex_test(integration/tst_RandomFolders LINKS harbex_watcher LABELS attack)

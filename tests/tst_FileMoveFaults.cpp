@@ -1,3 +1,4 @@
+#include "support/Attack.h"
 #include "support/MoveRound.h"
 #include "support/TestMain.h"
 
@@ -54,7 +55,7 @@ void TestFileMoveFaults::killedAtEveryCall()
         if (!incident.happened) {
             QVERIFY(incident.run.succeeded() && n > 0);
             QVERIFY(round.isTargetWhole() && !exists(round.source));
-            qInfo("killed %zu times", n);
+            reportRuns(n);
             break;
         }
         const char* where = incident.where.c_str();
@@ -92,7 +93,8 @@ void TestFileMoveFaults::everyCallFails()
     const Road& way = allRoads().at(size_t(road));
     const auto anyCall = [](const GatedCall&) { return true; };
     int failures = 0;
-    for (size_t n = 0;; ++n) {
+    size_t n = 0;
+    for (;; ++n) {
         const Round round(way);
         const Round::Incident incident =
             round.moveWithIncident(n, anyCall, [error](const GatedCall&) { return Answer::fail(error); });
@@ -113,6 +115,7 @@ void TestFileMoveFaults::everyCallFails()
         QVERIFY2(partsIn(round.out).isEmpty(), where);
     }
     QVERIFY(failures > 0);
+    reportRuns(n);
 }
 
 void TestFileMoveFaults::aStopDuringTheCopy_data()

@@ -3,6 +3,9 @@
 #include "support/TestMain.h"
 
 #include <array>
+#include <cerrno>
+#include <linux/magic.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 using namespace harbex;
@@ -66,6 +69,8 @@ private Q_SLOTS:
     void somethingIsAddedToTheFolderBeforeEveryCall();
     void foldersWhoseTimesStandStill_data();
     void foldersWhoseTimesStandStill();
+    void aRemovalWhoseAnswerWasLost_data();
+    void aRemovalWhoseAnswerWasLost();
     void whatWasChangedNeverGetsItsName_data();
     void whatWasChangedNeverGetsItsName();
 };
@@ -204,6 +209,38 @@ void TestFileMoveRaces::foldersWhoseTimesStandStill()
     QVERIFY(!exists(round.target));
     QCOMPARE(contents(round.source + "/added"), QByteArray(isAdded ? "new" : "(no file)"));
     QCOMPARE(contents(round.source + "/file"), QByteArray("content"));
+}
+
+void TestFileMoveRaces::aRemovalWhoseAnswerWasLost_data()
+{
+    QTest::addColumn<uint>("volumeType");
+    QTest::addColumn<bool>("staysAtTarget");
+    QTest::newRow("NFS") << uint(NFS_SUPER_MAGIC) << true;
+    // Here only somebody else's hand can be the reason, and whoever took it has it.
+    QTest::newRow("local") << uint(EXT4_SUPER_MAGIC) << false;
+}
+
+void TestFileMoveRaces::aRemovalWhoseAnswerWasLost()
+{
+    QFETCH(const uint, volumeType);
+    QFETCH(const bool, staysAtTarget);
+    const Road way = {"file across volumes", "file", true, {}};
+    const Round round(way);
+    const GatedRun run = round.move([&](const GatedCall& call) {
+        if (call.name == "unlinkat" && exists(round.target) && exists(round.source)) {
+            removeEntry(round.source);
+            return Answer::fail(ENOENT);
+        }
+        if (call.name != "fstatfs") return Answer::proceed();
+        struct statfs volume = {};
+        volume.f_type = volumeType;
+        call.writeMemory(call.arguments[1],
+                         std::string(reinterpret_cast<const char*>(&volume), sizeof volume));
+        return Answer::give(0);
+    });
+    QVERIFY(!exists(round.source));
+    QCOMPARE(contents(round.target), QByteArray(staysAtTarget ? "content" : "(no file)"));
+    QCOMPARE(run.error, staysAtTarget ? 0 : ENOENT);
 }
 
 void TestFileMoveRaces::whatWasChangedNeverGetsItsName_data()

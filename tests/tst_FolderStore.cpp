@@ -415,6 +415,7 @@ private Q_SLOTS:
     void deeplyNestedValueNeitherCrashesNorStaysInTheWay();
     void typedValuesOfEveryKindNeverCrash();
     void typedValueUnderAnotherKeyDoesNotCostTheList();
+    void fileThatDoesNotTakeTheValuesIsPutAsideAndReplaced();
     void everySpellingOfANulIsFound();
     void zeroesInPlaceOfTheContentAreDamage();
     void randomDamageNeverCrashesAndLosesNothing();
@@ -1254,6 +1255,17 @@ void TestFolderStore::typedValueUnderAnotherKeyDoesNotCostTheList()
     QCOMPARE(save(folderStore, loaded.state), QStringList());
     QCOMPARE(contentOf(folder() / asideConfName(content).toStdString()), content);
     QCOMPARE(stored("other").toString(), text("1"));
+}
+
+void TestFolderStore::fileThatDoesNotTakeTheValuesIsPutAsideAndReplaced()
+{
+    const QByteArray content = "[]\nselectedWatchedFolderID=somebody\n";
+    writeConf(content);
+    FolderStore().saveState({{folderAt("/a")}, std::nullopt});
+    QCOMPARE(FolderStore().loadState({}).folders.size(), 1U);
+    QVERIFY(!stored(selectionKey).isValid());
+    QCOMPARE(asideNames(), QStringList{asideConfName(content)});
+    QCOMPARE(contentOf(folder() / asideConfName(content).toStdString()), content);
 }
 
 void TestFolderStore::everySpellingOfANulIsFound()

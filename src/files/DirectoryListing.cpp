@@ -1,12 +1,8 @@
 #include "files/DirectoryListing.h"
 
-#include <algorithm>
-#include <array>
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace harbex
@@ -29,23 +25,6 @@ Outcome<DirectoryListing> DirectoryListing::openAt(int folder, const char* path)
     const Outcome<FileIdentity> identity = identityOf(directory.get());
     if (!identity) return identity.error();
     return DirectoryListing(std::move(directory), *identity);
-}
-
-bool DirectoryListing::isRemote() const
-{
-    constexpr uint32_t virtualBoxFolders = 0x786f4256;
-    constexpr uint32_t lustre = 0x0bd00bd3;
-    constexpr std::array<uint32_t, 14> types{AFS_FS_MAGIC,      AFS_SUPER_MAGIC,
-                                             CEPH_SUPER_MAGIC,  CIFS_SUPER_MAGIC,
-                                             CODA_SUPER_MAGIC,  FUSE_SUPER_MAGIC,
-                                             NCP_SUPER_MAGIC,   NFS_SUPER_MAGIC,
-                                             OCFS2_SUPER_MAGIC, SMB2_SUPER_MAGIC,
-                                             SMB_SUPER_MAGIC,   V9FS_MAGIC,
-                                             virtualBoxFolders, lustre};
-    struct statfs volume = {};
-    if (::fstatfs(m_directory.get(), &volume) != 0) return false;
-    // The kernel widens the number with its sign on some machines.
-    return std::ranges::find(types, static_cast<uint32_t>(volume.f_type)) != types.end();
 }
 
 Outcome<timespec> DirectoryListing::modificationTime() const

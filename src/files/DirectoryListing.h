@@ -3,6 +3,7 @@
 #include "base/FileDescriptor.h"
 #include "base/FileIdentity.h"
 #include "base/Outcome.h"
+#include "files/RemoteVolume.h"
 
 #include <cstddef>
 #include <ctime>
@@ -27,9 +28,8 @@ public:
     /// Which folder was opened.
     [[nodiscard]] const FileIdentity& identity() const { return m_identity; }
 
-    /// Whether it lies on a volume where others change things of which the kernel here is not told: a network
-    /// file system, or one that a program serves. False when that cannot be read.
-    [[nodiscard]] bool isRemote() const;
+    /// Whether others may change the folder without an event here.
+    [[nodiscard]] bool isRemote() const { return isOnRemoteVolume(m_directory.get()); }
 
     /// When an entry was last added, removed or renamed.
     [[nodiscard]] Outcome<timespec> modificationTime() const;

@@ -77,6 +77,8 @@ Outcome<void> walk(const EntryPlace& root, int targetFolder, const std::stop_tok
     if (::faccessat(root.folder, ".", W_OK | X_OK, AT_EACCESS) != 0) return SystemError::last();
     const Outcome<EntryStatus> folder = EntryStatus::ofOpen(root.folder);
     if (!folder) return folder.error();
+    // Nothing may leave a folder with one of these flags.
+    if (folder->isProtected) return SystemError{EPERM};
     const Outcome<EntryStatus> target = EntryStatus::ofOpen(targetFolder);
     if (!target) return target.error();
     return Walk(*target, stop, visit).run(root, {}, *folder, 0);

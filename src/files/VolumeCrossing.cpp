@@ -5,6 +5,7 @@
 #include "files/FileCopy.h"
 #include "files/NoReplaceRename.h"
 #include "files/PartFolder.h"
+#include "files/RemoteVolume.h"
 #include "files/TreeCopy.h"
 #include "files/TreeSurvey.h"
 
@@ -33,7 +34,11 @@ public:
         Outcome<void> removed = syncTargetFolder();
         if (removed) removed = m_survey.removeTree(m_from);
         // A folder that had its name may hold new things of others by now.
-        if (!removed && !copy->isFolder()) withdraw(m_to, *copy);
+        if (removed || copy->isFolder()) return removed;
+        // Gone by somebody else's hand, an original must not leave two of it. But a server may have removed
+        // it for us, lost the answer, and found nothing when it was asked again.
+        if (removed.error().code == ENOENT && isOnRemoteVolume(m_from.folder)) return {};
+        withdraw(m_to, *copy);
         return removed;
     }
 

@@ -6,7 +6,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QVariant>
@@ -15,8 +14,12 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <ctime>
 #include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -71,24 +74,107 @@ QByteArray withoutTypedValues(const QByteArray& content)
     return lines.join('\n');
 }
 
-/// Writes a file that is either complete and on disk or as it was before. Its rights are those of the file
-/// that it replaces, or else `permissions` if any are given.
-bool replaceFile(const QString& path, const QByteArray& bytes, QFile::Permissions permissions = {})
+std::string nativePath(const QString& path)
 {
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) return false;
-    if (permissions) file.setPermissions(permissions);
-    // QSaveFile on its own takes a write that was cut short for a whole one, and goes on when syncing fails.
-    const bool isWritten = file.write(bytes) == bytes.size() && file.flush() && ::fsync(file.handle()) == 0;
-    if (!isWritten || !file.commit()) return false;
+    return QFile::encodeName(path).toStdString();
+}
+
+/// The file that a path leads to at last through links, whether it exists or not; nothing when they have no
+/// end or cannot be read.
+std::optional<std::string> endOfLinks(std::string path)
+{
+    constexpr int maximumLinks = 40;
+    for (int i = 0; i < maximumLinks; ++i) {
+        std::array<char, PATH_MAX> text;
+        const ssize_t size = ::readlink(path.c_str(), text.data(), text.size());
+        if (size < 0 && (errno == EINVAL || errno == ENOENT)) return path;
+        if (size <= 0) return std::nullopt;
+        const std::string_view target(text.data(), static_cast<size_t>(size));
+        if (target.front() == '/')
+            path = target;
+        else
+            path.replace(path.rfind('/') + 1, std::string::npos, target);
+    }
+    return std::nullopt;
+}
+
+enum class Draft { ours, gone, somebodyElses };
+
+/// What is open as `fd` and should be the draft at `path`. One that another user made, or gave a second name
+/// that is a file of this user's, must not be written into.
+Draft draftAt(const std::string& path, int fd)
+{
+    struct stat opened;
+    struct stat there;
+    if (::fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) return Draft::somebodyElses;
+    if (::lstat(path.c_str(), &there) != 0 || opened.st_dev != there.st_dev || opened.st_ino != there.st_ino)
+        return Draft::gone;
+    return opened.st_uid == ::geteuid() && opened.st_nlink == 1 ? Draft::ours : Draft::somebodyElses;
+}
+
+/// Opens the draft of a file, empty and for this process alone. Its name is always the same, so that a
+/// process that was killed leaves one at most, which the next one uses.
+FileDescriptor openDraft(const std::string& path)
+{
+    constexpr int maximumTries = 10;
+    for (int i = 0; i < maximumTries; ++i) {
+        FileDescriptor draft(
+            ::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+        if (!draft) return draft;
+        // A file system may have no locks.
+        if (::flock(draft.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return {};
+        // Whoever had the lock until now may have given the draft its final name.
+        const Draft found = draftAt(path, draft.get());
+        if (found == Draft::gone) continue;
+        if (found == Draft::somebodyElses || ::ftruncate(draft.get(), 0) != 0) return {};
+        return draft;
+    }
+    return {};
+}
+
+bool writeAll(int fd, QByteArrayView bytes)
+{
+    while (!bytes.isEmpty()) {
+        const ssize_t written = ::write(fd, bytes.data(), static_cast<size_t>(bytes.size()));
+        if (written <= 0) return false;
+        bytes = bytes.sliced(written);
+    }
+    return true;
+}
+
+/// Writes a file that is either complete and on disk or as it was before; through links, which stay. It gets
+/// the permissions of the file `model`, where there is one.
+bool replaceFile(const std::string& path, const QByteArray& bytes, const std::string& model)
+{
+    const std::optional<std::string> target = endOfLinks(path);
+    if (!target) return false;
+    // Somebody may have protected it on purpose.
+    if (::access(target->c_str(), W_OK) != 0 && errno != ENOENT) return false;
+
+    const std::string draftPath = *target + ".new";
+    const FileDescriptor draft = openDraft(draftPath);
+    if (!draft) return false;
+    struct stat rights;
+    bool isWritten = false;
+    // On a draft that is ours EPERM says that the file system has no permissions.
+    if (::stat(model.c_str(), &rights) == 0)
+        isWritten = ::fchmod(draft.get(), rights.st_mode & 07777) == 0 || errno == EPERM;
+    else
+        isWritten = errno == ENOENT;
+    isWritten = isWritten && writeAll(draft.get(), bytes) && ::fsync(draft.get()) == 0;
+    if (!isWritten || ::rename(draftPath.c_str(), target->c_str()) != 0) {
+        ::unlink(draftPath.c_str());
+        return false;
+    }
     // Not all file systems can sync a folder; then a loss of power may still bring back the old file, whole.
     const FileDescriptor folder(
-        ::open(QFile::encodeName(QFileInfo(path).path()).constData(), O_RDONLY | O_CLOEXEC));
+        ::open(target->substr(0, target->rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder) (void)::fsync(folder.get());
     return true;
 }
 
-/// The content of the file `old` with these values in it; nothing when there is no place to make it.
+/// The content of the file `old` with these values in it, as far as it takes them; nothing when there is no
+/// place to make it.
 ///
 /// QSettings gives it its form in a folder for temporary files. It is not let near the file itself: on a disk
 /// that is nearly full it replaces a file by the beginning of the new one and reports success.
@@ -110,11 +196,14 @@ std::optional<QByteArray> withValues(const QByteArray& old, const QByteArray& fo
             settings.setValue(selectedFolderKey(), selectedFolder);
     }
     if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
-    const QByteArray bytes = file.readAll();
-    const auto written = parsePreferences(bytes);
-    const bool isWhole =
-        written && written->folderList == folderList && written->selectedFolder == selectedFolder;
-    return isWhole ? std::optional(bytes) : std::nullopt;
+    return file.readAll();
+}
+
+bool holds(const std::optional<QByteArray>& content, const QByteArray& folderList,
+           const QString& selectedFolder)
+{
+    const auto written = content ? parsePreferences(*content) : std::nullopt;
+    return written && written->folderList == folderList && written->selectedFolder == selectedFolder;
 }
 
 } // namespace
@@ -142,14 +231,23 @@ bool PreferencesFile::putAside(const QByteArray& bytes, const QString& stem, con
     const QString path =
         QStringLiteral("%1/%2-%3.%4")
             .arg(QFileInfo(m_path).absolutePath(), stem, QLatin1String(hash.first(shownHashLength)), suffix);
-    return QFileInfo(path).isFile() || replaceFile(path, bytes, QFile::permissions(m_path));
+    return QFileInfo(path).isFile() || replaceFile(nativePath(path), bytes, nativePath(m_path));
 }
 
 bool PreferencesFile::write(const QByteArray& folderList, const QString& selectedFolder) const
 {
     const auto old = content();
-    const auto bytes = old ? withValues(*old, folderList, selectedFolder) : std::nullopt;
-    return bytes && QDir().mkpath(QFileInfo(m_path).absolutePath()) && replaceFile(m_path, *bytes);
+    if (!old) return false;
+    auto bytes = withValues(*old, folderList, selectedFolder);
+    bool isWhole = holds(bytes, folderList, selectedFolder);
+    // A file can be such that it does not take them: a value in a section without a name stays for ever.
+    if (bytes && !isWhole) {
+        bytes = withValues({}, folderList, selectedFolder);
+        isWhole = holds(bytes, folderList, selectedFolder) &&
+                  putAside(*old, QStringLiteral("harbex"), QStringLiteral("conf"));
+    }
+    return isWhole && QDir().mkpath(QFileInfo(m_path).absolutePath()) &&
+           replaceFile(nativePath(m_path), *bytes, nativePath(m_path));
 }
 
 std::optional<Preferences> parsePreferences(const QByteArray& content)

@@ -41,8 +41,9 @@ public:
     /// from an earlier time; false says that it could not be written.
     [[nodiscard]] bool putAside(const QByteArray& bytes, const QString& stem, const QString& suffix) const;
 
-    /// Stores both values at once and leaves other keys as they are; an empty selection removes its key. The
-    /// file is then on disk; false says that it could not be written and stays as it was.
+    /// Stores both values at once and leaves other keys as they are; an empty selection removes its key. A
+    /// file that does not take the values is put aside and replaced as a whole. The file is then on disk;
+    /// false says that it could not be written and stays as it was.
     [[nodiscard]] bool write(const QByteArray& folderList, const QString& selectedFolder) const;
 
 private:

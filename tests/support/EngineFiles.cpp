@@ -140,7 +140,7 @@ std::string folderOnAnotherVolume()
     for (const char* folder : {"/dev/shm", "/run/lock", "/var/tmp", "/tmp"}) {
         if (::access(folder, W_OK | X_OK) == 0 && volumeOf(folder) != here) return folder;
     }
-    qFatal("no second file system that can be written: /dev/shm is one on most systems");
+    qFatal("not possible here: a second file system that can be written; /dev/shm is one on most systems");
 }
 
 GrowingFiles::GrowingFiles(const std::vector<std::string>& paths)

@@ -46,7 +46,7 @@ void enterPrivateNamespace()
         write("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
         write("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
     } else {
-        require(::unshare(CLONE_NEWNS) == 0, "neither a user namespace nor a mount namespace");
+        require(::unshare(CLONE_NEWNS) == 0, "not possible here: a namespace with mounts of its own");
     }
     mount("none", "/", nullptr, MS_REC | MS_PRIVATE);
 }

@@ -87,7 +87,7 @@ void closeGate(const std::vector<std::string>& names, int socket)
         if (added != 0) failSetup(name.c_str(), -added);
     }
     const int loaded = ::seccomp_load(filter);
-    if (loaded != 0) failSetup("this kernel does not let a process watch another's calls", -loaded);
+    if (loaded != 0) failSetup("not possible here: watching the system calls of another process", -loaded);
     if (!DescriptorMessage().send(socket, ::seccomp_notify_fd(filter)))
         failSetup("cannot hand over the gate", errno);
     ::seccomp_release(filter);

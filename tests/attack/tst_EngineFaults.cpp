@@ -1,0 +1,235 @@
+#include "support/Attack.h"
+#include "support/EngineOutput.h"
+#include "support/EngineProbe.h"
+#include "support/SyscallGate.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace harbex;
+using namespace harbex::test;
+
+namespace
+{
+
+/// Between the calls with these paths something may fail.
+const char* const beginMark = "/begin of the attack";
+const char* const endMark = "/end of the attack";
+
+/// The calls by which the engine learns of entries, judges and moves them. Reading and writing is left to the
+/// moves of single files; here it is also how the main loop and the reader of events are woken.
+const std::vector<std::string>& gatedCalls()
+{
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> all = fileSystemCalls();
+        std::erase(all, "read");
+        std::erase(all, "write");
+        return all;
+    }();
+    return names;
+}
+
+/// What the process behind the gate tells: lines in memory that outlives it.
+class Notes
+{
+public:
+    void add(const QString& line) const
+    {
+        const QByteArray bytes = line.toUtf8() + '\n';
+        if (::write(m_file.get(), bytes.constData(), size_t(bytes.size())) != bytes.size()) ::_exit(3);
+    }
+
+    [[nodiscard]] QStringList lines() const
+    {
+        struct stat data;
+        if (::fstat(m_file.get(), &data) != 0) qFatal("the notes are lost");
+        QByteArray text(data.st_size, '\0');
+        text.resize(::pread(m_file.get(), text.data(), size_t(text.size()), 0));
+        return QString::fromUtf8(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+
+private:
+    FileDescriptor m_file{::memfd_create("notes", MFD_CLOEXEC)};
+};
+
+/// One life of an engine, in which two entries arrive, one after the other.
+class Life
+{
+public:
+    Life(const std::string& kind, bool acrossVolumes)
+        : m_kind(kind), m_there(acrossVolumes ? folderOnAnotherVolume() : std::string()),
+          m_inbox(m_here.makeFolder("inbox")), m_out(m_there.makeFolder("out"))
+    {
+    }
+
+    [[nodiscard]] GatedRun live(const Gatekeeper& keeper) const
+    {
+        return runGated(gatedCalls(), [this] { return work(); }, keeper);
+    }
+
+    [[nodiscard]] QStringList messages() const { return m_notes.lines(); }
+
+    [[nodiscard]] bool isFirstIn(const std::string& folder) const { return isWhole(folder + "/first"); }
+    [[nodiscard]] const std::string& inbox() const { return m_inbox; }
+    [[nodiscard]] const std::string& out() const { return m_out; }
+
+private:
+    /// In the process behind the gate.
+    Outcome<void> work() const
+    {
+        DownloadImageRedirector engine;
+        QObject context;
+        QObject::connect(&engine, &DownloadImageRedirector::logsChanged, &context,
+                         [&] { m_notes.add(lastMessage(engine)); });
+        if (!startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})})) return SystemError{ETIME};
+        makeEntry("first");
+        makeEntry("second");
+        const auto isTold = [&engine](const char* start) {
+            return !test::messages(engine).filter(QString::fromUtf8(start)).isEmpty();
+        };
+        tellTheKeeper(beginMark);
+        letArrive("first");
+        // Its end, unless it is not even noticed: then the next arrival leads to it.
+        (void)QTest::qWaitFor(
+            [&] {
+                return isTold("Moved first") || isTold("Move failed for first") ||
+                       isTold("Skipped busy file: first");
+            },
+            2500);
+        tellTheKeeper(endMark);
+        letArrive("second");
+        if (!QTest::qWaitFor([&] { return isTold("Moved second -> second"); }, patience))
+            return SystemError{ETIME};
+        return {};
+    }
+
+    /// By a call that fails and that nobody else makes.
+    static void tellTheKeeper(const char* mark)
+    {
+        if (::access(mark, F_OK) == 0) qFatal("%s exists", mark);
+    }
+
+    void makeEntry(const std::string& name) const
+    {
+        const std::string path = m_here.path() + '/' + name;
+        if (m_kind == "file") writeFile(path, "content");
+        if (m_kind == "folder") {
+            makeFolder(path);
+            writeFile(path + "/file", "content");
+        }
+    }
+
+    void letArrive(const std::string& name) const
+    {
+        renameEntry(m_here.path() + '/' + name, m_inbox + '/' + name);
+    }
+
+    [[nodiscard]] bool isWhole(const std::string& path) const
+    {
+        return contents(m_kind == "file" ? path : path + "/file") == "content";
+    }
+
+    const std::string m_kind;
+    const ScratchFolder m_here;
+    const ScratchFolder m_there;
+    const std::string m_inbox;
+    const std::string m_out;
+    const Notes m_notes;
+};
+
+} // namespace
+
+/// The whole engine, with one failing call in its life. Nothing is lost, the log names the reason, and the
+/// next entry is moved.
+class TestEngineFaults : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void everyCallFails_data();
+    void everyCallFails();
+};
+
+void TestEngineFaults::everyCallFails_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<bool>("acrossVolumes");
+    QTest::addColumn<int>("error");
+    static constexpr std::array errors = {EIO, ENOSPC, EDQUOT, EACCES, EINTR, EMFILE, EROFS};
+    const bool isFull = attackSize(false, true);
+    for (const int error : errors) {
+        for (const char* kind : {"file", "folder"}) {
+            for (const bool acrossVolumes : {false, true}) {
+                if (!isFull && (error != EIO || !acrossVolumes || kind[1] != 'i')) continue;
+                QTest::addRow("%s, %s, %s", kind, acrossVolumes ? "across volumes" : "same volume",
+                              strerrorname_np(error))
+                    << QString::fromUtf8(kind) << acrossVolumes << error;
+            }
+        }
+    }
+}
+
+void TestEngineFaults::everyCallFails()
+{
+    QFETCH(const QString, kind);
+    QFETCH(const bool, acrossVolumes);
+    QFETCH(const int, error);
+    const EngineOutput output;
+    const QString reason = QString::fromStdString(SystemError{error}.description());
+    size_t failures = 0;
+    size_t named = 0;
+    size_t skipped = 0;
+    QByteArrayList silent;
+    for (;; ++failures) {
+        const Life life(kind.toStdString(), acrossVolumes);
+        bool mayFail = false;
+        size_t seen = 0;
+        std::string where;
+        std::map<std::string, int> counts;
+        const GatedRun run = life.live([&](const GatedCall& call) {
+            // Those of the test itself, and of nothing else here.
+            if (call.name == "access") mayFail = call.text(0) == beginMark;
+            if (call.name == "access" || call.name == "rename" || !mayFail) return Answer::proceed();
+            ++counts[call.name];
+            if (seen++ != failures) return Answer::proceed();
+            where = call.name + " #" + std::to_string(counts[call.name]);
+            return Answer::fail(error);
+        });
+        if (where.empty()) break;
+        const QString told = life.messages().join(u'|');
+        const QByteArray what = QByteArray::fromStdString(where) + ": " + told.toUtf8();
+        QVERIFY2(run.succeeded(), what.constData());
+        QVERIFY2(contents(life.out() + (kind == u"file" ? "/second" : "/second/file")) == "content",
+                 what.constData());
+        const bool isThere = life.isFirstIn(life.out());
+        const bool isHere = life.isFirstIn(life.inbox());
+        QVERIFY2(isThere || isHere, what.constData());
+        if (life.messages().contains(QStringLiteral("Moved first -> first"))) {
+            QVERIFY2(isThere && !exists(life.inbox() + "/first"), what.constData());
+            continue;
+        }
+        // Of a folder that was being removed when something failed, the whole copy stays.
+        QVERIFY2(isHere != isThere || (kind == u"folder" && acrossVolumes), what.constData());
+        if (told.contains(QStringLiteral("Move failed for first: ") + reason))
+            ++named;
+        else if (told.contains(QStringLiteral("Skipped busy file: first")))
+            ++skipped;
+        else
+            silent << what;
+    }
+    qInfo("%zu calls, the reason named for %zu, skipped for %zu", failures, named, skipped);
+    // What cannot be looked at when it arrives counts as gone.
+    for (const QByteArray& what : silent)
+        QVERIFY2(what.startsWith("newfstatat #1:"), what.constData());
+    QVERIFY(named > 0);
+    reportRuns(failures);
+}
+
+HARBEX_ENGINE_TEST_MAIN(TestEngineFaults)
+
+#include "tst_EngineFaults.moc"

@@ -1,0 +1,275 @@
+#include "store/FolderStore.h"
+#include "store/PreferencesFile.h"
+#include "support/Attack.h"
+#include "support/EngineFiles.h"
+#include "support/SyscallGate.h"
+#include "support/TestMain.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+
+using namespace harbex;
+using namespace harbex::test;
+namespace fs = std::filesystem;
+
+namespace
+{
+
+const char* const situations[] = {"file", "first save", "link to a link", "link", "damaged", "broken list"};
+
+FolderState stateWith(const std::string& path)
+{
+    FolderState state;
+    FilterRule rule;
+    rule.destination = FileUrl::fromPath("/somewhere/else");
+    rule.id = QUuid(QStringLiteral("{0f8e6c1a-2222-4222-8333-abcdefabcdef}"));
+    // Of fixed identity, so that the same state is the same bytes each time.
+    const QUuid id(QStringLiteral("{0f8e6c1a-1111-4222-8333-abcdefabcdef}"));
+    state.folders = {{id, FileUrl::fromPath(path), std::nullopt, {rule}}};
+    state.selectedFolderID = id;
+    return state;
+}
+
+const std::vector<std::string>& callsOfASave()
+{
+    static const std::vector<std::string> calls = [] {
+        std::vector<std::string> names = fileSystemCalls();
+        names.emplace_back("memfd_create");
+        return names;
+    }();
+    return calls;
+}
+
+/// Stores that are saved once, behind a gate.
+class SaveRound
+{
+public:
+    explicit SaveRound(const std::string& situation)
+        : m_config(qEnvironmentVariable("XDG_CONFIG_HOME").toStdString() + "/harbex"),
+          m_elsewhere(m_scratch.makeFolder("elsewhere")), m_temporary(m_scratch.makeFolder("temporary"))
+    {
+        // The same for all rounds of the process: Qt asks the environment only once.
+        fs::remove_all(m_config);
+        qputenv("TMPDIR", QByteArray::fromStdString(m_temporary));
+        m_path = m_config + "/harbex.conf";
+        if (situation == "first save") return;
+
+        FolderStore().saveState(stateWith("/old"));
+        if (situation == "broken list") writeBroken("[General]\nsavedWatchedFolders=@ByteArray([{]\n");
+        if (situation == "damaged") writeBroken("[General\nsavedWatchedFolders=@ByteArray([])\n\\x0\n");
+        m_old = contents(m_path);
+        if (situation.starts_with("link")) {
+            renameEntry(m_path, m_elsewhere + "/real.conf");
+            std::string target = m_elsewhere + "/real.conf";
+            if (situation == "link to a link") makeLink(m_elsewhere + "/second.conf", "real.conf");
+            if (situation == "link to a link") target = m_elsewhere + "/second.conf";
+            makeLink(m_path, target);
+            m_isLink = true;
+        }
+    }
+
+    ~SaveRound() { qunsetenv("TMPDIR"); }
+    SaveRound(const SaveRound&) = delete;
+    SaveRound& operator=(const SaveRound&) = delete;
+
+    [[nodiscard]] GatedRun save(const Gatekeeper& keeper) const
+    {
+        return runGated(
+            callsOfASave(),
+            []() -> Outcome<void> {
+                FolderStore().saveState(stateWith("/new"));
+                return {};
+            },
+            keeper);
+    }
+
+    /// What a save without any fault makes of a situation.
+    [[nodiscard]] static QByteArray undisturbed(const std::string& situation)
+    {
+        const SaveRound round(situation);
+        round.saveUndisturbed();
+        return round.now();
+    }
+
+    void saveUndisturbed() const { FolderStore().saveState(stateWith("/new")); }
+
+    /// The bytes of the configuration; empty when there is none.
+    [[nodiscard]] QByteArray now() const { return exists(m_path) ? contents(m_path) : QByteArray(); }
+    [[nodiscard]] const QByteArray& old() const { return m_old; }
+
+    [[nodiscard]] bool isStillLink() const { return !m_isLink || fs::is_symlink(m_path); }
+
+    /// What is in the folders of the configuration besides it and what was put aside on purpose.
+    [[nodiscard]] QByteArrayList leftovers() const
+    {
+        QByteArrayList names;
+        if (exists(m_config)) names = namesIn(m_config);
+        names += namesIn(m_elsewhere);
+        names.removeIf([](const QByteArray& name) {
+            const bool isAside = (name.startsWith("savedWatchedFolders-") && name.endsWith(".json")) ||
+                                 (name.startsWith("harbex-") && name.endsWith(".conf"));
+            return isAside || name == "harbex.conf" || name == "real.conf" || name == "second.conf";
+        });
+        return names;
+    }
+
+    /// Whether the old bytes are there, in the file itself or put aside, wholly or at least the list.
+    [[nodiscard]] bool hasOldListSomewhere() const
+    {
+        const QByteArray list = oldList();
+        for (const auto& entry : fs::directory_iterator(m_config)) {
+            const QByteArray content = contents(entry.path().string());
+            if (content == m_old || content == list) return true;
+        }
+        return false;
+    }
+
+private:
+    [[nodiscard]] QByteArray oldList() const
+    {
+        const auto parsed = parsePreferences(m_old);
+        return parsed ? parsed->folderList.value_or(QByteArray()) : QByteArray();
+    }
+
+    void writeBroken(const char* content) const
+    {
+        removeEntry(m_path);
+        writeFile(m_path, content);
+    }
+
+    const ScratchFolder m_scratch;
+    const std::string m_config;
+    const std::string m_elsewhere;
+    const std::string m_temporary;
+    std::string m_path;
+    QByteArray m_old;
+    bool m_isLink = false;
+};
+
+void addRowsOfSituations()
+{
+    QTest::addColumn<QString>("situation");
+    for (const char* situation : situations)
+        QTest::newRow(situation) << QString::fromUtf8(situation);
+}
+
+} // namespace
+
+/// Saves of the configuration that are killed or failed at every single call. The old configuration is there
+/// in the end or the new one, whole.
+class TestSaveFaults : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void killedAtEveryCall_data() { addRowsOfSituations(); }
+    void killedAtEveryCall();
+    void everyCallFails_data();
+    void everyCallFails();
+    void killedSavesDoNotPileUp();
+};
+
+void TestSaveFaults::killedAtEveryCall()
+{
+    QFETCH(const QString, situation);
+    const QByteArray wanted = SaveRound::undisturbed(situation.toStdString());
+
+    size_t kills = 0;
+    for (;; ++kills) {
+        const SaveRound round(situation.toStdString());
+        std::string where;
+        const GatedRun run = round.save([&](const GatedCall& call) {
+            if (call.index != kills) return Answer::proceed();
+            where = call.label();
+            return Answer::kill();
+        });
+        if (where.empty()) {
+            QVERIFY(run.succeeded());
+            QCOMPARE(round.now(), wanted);
+            break;
+        }
+        QVERIFY2(run.wasKilled, where.c_str());
+        QVERIFY2(round.now() == round.old() || round.now() == wanted, where.c_str());
+        QVERIFY2(round.isStillLink(), where.c_str());
+        QVERIFY2(round.old().isEmpty() || round.now() == round.old() || situation.startsWith(u"link") ||
+                     situation == u"file" || round.hasOldListSomewhere(),
+                 where.c_str());
+
+        // The next one works, and clears away what the killed one left.
+        round.saveUndisturbed();
+        QVERIFY2(round.now() == wanted, where.c_str());
+        QVERIFY2(round.isStillLink(), where.c_str());
+        QVERIFY2(round.leftovers().isEmpty(), where.c_str());
+    }
+    QVERIFY(kills > 20);
+    reportRuns(kills);
+}
+
+void TestSaveFaults::everyCallFails_data()
+{
+    QTest::addColumn<QString>("situation");
+    QTest::addColumn<int>("error");
+    static constexpr std::array errors = {EIO, ENOSPC, EDQUOT, EACCES, EINTR, EMFILE, EROFS};
+    // In brief one error, and every other situation.
+    for (size_t n = 0; n < std::size(situations); n += attackSize(size_t(2), size_t(1))) {
+        const char* const situation = situations[n];
+        for (size_t i = 0; i < attackSize(size_t(1), errors.size()); ++i)
+            QTest::addRow("%s, %s", situation, strerrorname_np(errors[i]))
+                << QString::fromUtf8(situation) << errors[i];
+    }
+}
+
+void TestSaveFaults::everyCallFails()
+{
+    QFETCH(const QString, situation);
+    QFETCH(const int, error);
+    const QByteArray wanted = SaveRound::undisturbed(situation.toStdString());
+
+    size_t failures = 0;
+    size_t kept = 0;
+    for (;; ++failures) {
+        const SaveRound round(situation.toStdString());
+        std::string where;
+        // Not standard output, on which the failure is told.
+        const GatedRun run = round.save([&](const GatedCall& call) {
+            if (call.index != failures || (call.name == "write" && call.arguments[0] == 1))
+                return Answer::proceed();
+            where = call.label();
+            return Answer::fail(error);
+        });
+        if (where.empty() && run.calls.size() <= failures) break;
+        QVERIFY2(run.succeeded(), where.c_str());
+        QVERIFY2(round.now() == round.old() || round.now() == wanted, where.c_str());
+        QVERIFY2(round.isStillLink(), where.c_str());
+        kept += round.now() != wanted;
+        round.saveUndisturbed();
+        QVERIFY2(round.now() == wanted, where.c_str());
+        QVERIFY2(round.leftovers().isEmpty(), where.c_str());
+    }
+    QVERIFY(failures > 20 && kept > 0);
+    reportRuns(failures);
+}
+
+/// Killed at every call, without a save in between that succeeds.
+void TestSaveFaults::killedSavesDoNotPileUp()
+{
+    const SaveRound round("file");
+    size_t kills = 0;
+    for (bool wasKilled = true; wasKilled; ++kills) {
+        // Each call twice.
+        const GatedRun run = round.save([kills](const GatedCall& call) {
+            return call.index == kills / 2 ? Answer::kill() : Answer::proceed();
+        });
+        wasKilled = run.wasKilled;
+        const QByteArrayList leftovers = round.leftovers();
+        QVERIFY2(leftovers.size() <= 1, leftovers.join(' ').constData());
+    }
+    QVERIFY(kills > 20);
+    QCOMPARE(round.leftovers(), QByteArrayList());
+    reportRuns(kills);
+}
+
+HARBEX_TEST_MAIN(TestSaveFaults)
+
+#include "tst_SaveFaults.moc"

@@ -1,0 +1,50 @@
+#include "model/FolderListJson.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <source_location>
+
+using namespace harbex;
+
+namespace
+{
+
+void require(bool holds, const std::source_location& where = std::source_location::current())
+{
+    if (holds) return;
+    std::fprintf(stderr, "what must hold does not: line %u\n", unsigned(where.line()));
+    std::abort();
+}
+
+} // namespace
+
+/// Any bytes as a stored list of folders: an error of one line, or a list that is written and read again as
+/// it is.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    const auto folders = decodeFolderList(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
+    if (!folders) {
+        const QString& description = folders.error().description;
+        require(!description.isEmpty() && !description.contains(u'\n') && !description.contains(u'\r'));
+        return 0;
+    }
+    const auto written = encodeFolderList(*folders);
+    if (!written) {
+        // Text with half a character in it can be read but not be written.
+        require(!written.error().description.isEmpty());
+        return 0;
+    }
+    const auto again = decodeFolderList(*written);
+    require(bool(again) && again->size() == folders->size());
+    for (size_t i = 0; i < folders->size(); ++i) {
+        const WatchedFolder& before = (*folders)[i];
+        const WatchedFolder& after = (*again)[i];
+        require(before.id == after.id && before.url == after.url &&
+                before.bookmarkData == after.bookmarkData && before.rules == after.rules);
+    }
+    const auto writtenAgain = encodeFolderList(*again);
+    require(writtenAgain && *writtenAgain == *written);
+    return 0;
+}
