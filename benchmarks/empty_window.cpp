@@ -12,6 +12,7 @@ int main(int argc, char** argv)
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     QMainWindow window;
+    window.setWindowTitle(QStringLiteral("Empty"));
     QMenu menu;
     QSystemTrayIcon icon(QIcon::fromTheme(QStringLiteral("folder")));
     icon.setContextMenu(&menu);

@@ -50,8 +50,9 @@ public:
     {
         const auto watch = std::make_shared<FolderWatch>(watched(inbox, {takeAll(m_out)}), m_pool, m_fileMove,
                                                          [](const QString&) {});
-        if (Outcome<void> listed = watch->list(std::make_shared<KnownItems>(), true); !listed) return listed;
         if (Outcome<void> opened = watch->open(m_events); !opened) return opened;
+        // With the snapshot of an empty folder, from before.
+        if (Outcome<void> listed = watch->list(std::make_shared<KnownItems>(), false); !listed) return listed;
         arrive(inbox, "first");
         watch->begin();
         m_watches.push_back(watch);
@@ -146,7 +147,7 @@ void TestFolderWatch::changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume()
         return {};
     };
     const GatedRun run = runGated(gatedCalls, work, blindKernel({type}));
-    QCOMPARE(run.calls, (std::vector<std::string>{"fstatfs #1", "inotify_add_watch #1"}));
+    QCOMPARE(run.calls, (std::vector<std::string>{"inotify_add_watch #1", "fstatfs #1"}));
     QVERIFY(run.succeeded());
 }
 

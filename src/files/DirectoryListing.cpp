@@ -10,21 +10,17 @@ namespace harbex
 
 Outcome<DirectoryListing> DirectoryListing::open(const std::string& path)
 {
-    return openAt(AT_FDCWD, path.c_str());
-}
-
-Outcome<DirectoryListing> DirectoryListing::openAgain(int folder)
-{
-    return openAt(folder, ".");
-}
-
-Outcome<DirectoryListing> DirectoryListing::openAt(int folder, const char* path)
-{
-    FileDescriptor directory(::openat(folder, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return SystemError::last();
     const Outcome<FileIdentity> identity = identityOf(directory.get());
     if (!identity) return identity.error();
     return DirectoryListing(std::move(directory), *identity);
+}
+
+Outcome<DirectoryListing> DirectoryListing::openAgain(int folder)
+{
+    // Not "." in it: that needs the right to search the folder, which is not needed to list it.
+    return open("/proc/self/fd/" + std::to_string(folder));
 }
 
 Outcome<timespec> DirectoryListing::modificationTime() const

@@ -46,8 +46,6 @@ private:
         static constexpr size_t nameOffset = 19;
     };
 
-    static Outcome<DirectoryListing> openAt(int folder, const char* path);
-
     DirectoryListing(FileDescriptor directory, FileIdentity identity)
         : m_directory(std::move(directory)), m_identity(identity)
     {

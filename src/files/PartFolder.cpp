@@ -6,6 +6,8 @@
 #include <string_view>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include <utility>
 
@@ -84,6 +86,11 @@ Outcome<bool> PartFolder::occupy()
         ::openat(m_place.folder, m_place.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!m_opened && errno == ENOENT) return false;
     if (!m_opened) return SystemError::last();
+    // What the folder around it has its entries inherit is not for the copy, and may even keep us out.
+    if (::fchmod(m_opened.get(), 0700) != 0 && errno != EPERM) return SystemError::last();
+    if (::fremovexattr(m_opened.get(), "system.posix_acl_default") != 0 && errno != ENODATA &&
+        errno != EOPNOTSUPP)
+        return SystemError::last();
     // A file system without locks refuses the one of removeLeftovers() as well.
     if (!lock(m_opened.get()) && errno == EWOULDBLOCK) return false;
     const Outcome<EntryStatus> status = EntryStatus::of(m_place);

@@ -93,6 +93,7 @@ Outcome<void> DirectoryEvents::openIfNeeded()
 
 void DirectoryEvents::readEvents()
 {
+    constexpr int restMilliseconds = 1;
     alignas(inotify_event) char buffer[64 * 1024];
     std::array<pollfd, 2> polled = {{{m_inotify.get(), POLLIN, 0}, {m_wakeUp.get(), POLLIN, 0}}};
     for (;;) {
@@ -101,8 +102,13 @@ void DirectoryEvents::readEvents()
 
         const ssize_t size = ::read(m_inotify.get(), buffer, sizeof buffer);
         if (size <= 0) continue;
-        const MutexLock lock(m_mutex);
-        deliver(buffer, static_cast<size_t>(size));
+        {
+            const MutexLock lock(m_mutex);
+            deliver(buffer, static_cast<size_t>(size));
+        }
+        // What comes in quick succession is read together: each of ten thousand renames would wake this
+        // thread.
+        (void)::poll(&polled[1], 1, restMilliseconds);
     }
 }
 

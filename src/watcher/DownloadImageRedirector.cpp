@@ -133,10 +133,12 @@ void DownloadImageRedirector::watch(const WatchedFolder& folder)
     const auto known = m_knownItemsByFolder.find(folder.url);
     const bool isNew = known == m_knownItemsByFolder.end();
     const auto items = isNew ? std::make_shared<KnownItems>() : known->second;
+    // Before the listing: what arrives after it is told, so that no folder needs to be listed twice.
+    const Outcome<void> opened = source->open(m_events);
     if (!source->list(items, isNew)) return;
     m_knownItemsByFolder.insert_or_assign(folder.url, items);
 
-    if (!source->open(m_events)) {
+    if (!opened) {
         addLog(QStringLiteral("Failed to open folder: ") + readableName(folder.url.lastPathComponent()));
         return;
     }

@@ -44,6 +44,13 @@ bool areSameFolder(const std::string& a, const std::string& b)
            dataA.st_ino == dataB.st_ino;
 }
 
+/// Through links: one that leads nowhere does not.
+bool doesExist(const std::string& path)
+{
+    struct stat data;
+    return ::stat(path.c_str(), &data) == 0;
+}
+
 QString nameOf(const std::string& path)
 {
     return readableName(lastPathComponent(path));
@@ -148,7 +155,9 @@ void EntryWalks::moveImageToPicturesIfPossible(const std::string& path, const Fi
         }
         m_moves->async([self = shared_from_this(), path, &destination, then](Token) {
             self->move(path, destination);
-            self->m_queue->async([self, then](Token) { then(); });
+            // The next rules find an entry that is gone: most walks end here, without another turn of the
+            // queue.
+            if (doesExist(path)) self->m_queue->async([self, then](Token) { then(); });
         });
     });
 }
@@ -157,8 +166,7 @@ void EntryWalks::move(const std::string& path, const FileUrl& destination) const
 {
     const QString name = nameOf(path);
     // While this waited for a copy to end, the copy may have been of this very entry, for an earlier rule.
-    struct stat data;
-    if (::stat(path.c_str(), &data) != 0) {
+    if (!doesExist(path)) {
         m_addLog(QStringLiteral("Skipped busy file: ") + name);
         return;
     }

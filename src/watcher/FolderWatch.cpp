@@ -19,6 +19,14 @@ FolderWatch::FolderWatch(const WatchedFolder& folder, WorkerPool& pool, FileMove
 {
 }
 
+Outcome<void> FolderWatch::open(DirectoryEvents& events)
+{
+    auto source = events.watch(m_path, [this] { requestScan(); });
+    if (!source) return source.error();
+    m_source = *std::move(source);
+    return {};
+}
+
 Outcome<void> FolderWatch::list(std::shared_ptr<KnownItems> known, bool isNew)
 {
     Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
@@ -26,6 +34,7 @@ Outcome<void> FolderWatch::list(std::shared_ptr<KnownItems> known, bool isNew)
     m_identity = listing->identity();
     m_isRemote = listing->isRemote();
     m_known = std::move(known);
+    m_mayHaveMissed = !isNew;
     if (!isNew) return {};
 
     const MutexLock lock(m_known->mutex);
@@ -36,17 +45,9 @@ Outcome<void> FolderWatch::list(std::shared_ptr<KnownItems> known, bool isNew)
     return {};
 }
 
-Outcome<void> FolderWatch::open(DirectoryEvents& events)
-{
-    auto source = events.watch(m_path, [this] { requestScan(); });
-    if (!source) return source.error();
-    m_source = *std::move(source);
-    return {};
-}
-
 void FolderWatch::begin()
 {
-    requestScan();
+    if (m_mayHaveMissed) requestScan();
     m_source->resume();
     if (m_isRemote) m_queue->async([self = shared_from_this()](auto token) { self->look(token); });
 }

@@ -33,15 +33,15 @@ class FolderWatch : public std::enable_shared_from_this<FolderWatch>
 public:
     FolderWatch(const WatchedFolder& folder, WorkerPool& pool, FileMove& fileMove, EntryWalks::AddLog addLog);
 
-    /// Remembers which folder stands at the URL and, where `known` is new, takes its first snapshot. Fails
-    /// when the folder cannot be listed.
-    [[nodiscard]] Outcome<void> list(std::shared_ptr<KnownItems> known, bool isNew);
-
     /// Asks for the events of the folder. Fails with the errno of the refusal. Nothing happens before
     /// begin().
     [[nodiscard]] Outcome<void> open(DirectoryEvents& events);
 
-    /// Lets events through and scans once for what has arrived since the snapshot.
+    /// Remembers which folder stands at the URL and, where `known` is new, takes its first snapshot. Fails
+    /// when the folder cannot be listed.
+    [[nodiscard]] Outcome<void> list(std::shared_ptr<KnownItems> known, bool isNew);
+
+    /// Lets events through; first scans once where the snapshot is from before open().
     void begin();
 
     /// Ends the watch: no scan begins after this, and one that is under way finds nothing. Entries that were
@@ -72,6 +72,8 @@ private:
     /// The folder that was listed first. Another one at the same path, after a rename or an unmount, holds
     /// entries that were there before: it is not looked at.
     FileIdentity m_identity;
+    /// The snapshot is older than the source of events.
+    bool m_mayHaveMissed = false;
     /// Others may change the folder without an event here.
     bool m_isRemote = false;
     std::unique_ptr<DirectoryEvents::Source> m_source;

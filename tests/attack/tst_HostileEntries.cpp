@@ -244,7 +244,9 @@ private:
     void decorate(const std::string& path)
     {
         static constexpr std::array<mode_t, 6> modes = {0644, 0755, 0600, 0700, 0777, 01777};
-        if (::chmod(path.c_str(), anyOf(modes)) != 0) qFatal("cannot change the mode");
+        // Into a folder that is being filled its owner must get.
+        const mode_t needed = ::access((path + "/.").c_str(), F_OK) == 0 ? 0700 : 0;
+        if (::chmod(path.c_str(), anyOf(modes) | needed) != 0) qFatal("cannot change the mode");
         const time_t time = anyOf(std::array<time_t, 4>{0, 1, 1'000'000'000, 4'000'000'000});
         const std::array<timespec, 2> times = {timespec{time, 1}, timespec{time, 999'999'999}};
         if (::utimensat(AT_FDCWD, path.c_str(), times.data(), 0) != 0) qFatal("cannot change the time");
