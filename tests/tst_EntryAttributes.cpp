@@ -243,12 +243,12 @@ void TestEntryAttributes::anAccessListThatIsLostTakesTheGroupAlong()
     const std::string target = scratch.makeFolder("out") + "/target";
     writeFile(source, "content");
     QVERIFY(setAttribute(source, "system.posix_acl_access", accessList(12345, 0)));
-    QCOMPARE(statusOf(source).st_mode & 0777, mode_t(0660));
+    QCOMPARE(statusOf(source).st_mode & 0777, mode_t(0760));
     const GatedRun run = moveGated(source, target, [](const GatedCall& call) {
         return call.name == "fsetxattr" ? Answer::fail(EOPNOTSUPP) : crossing(call);
     });
     QCOMPARE(run.error, 0);
-    QCOMPARE(statusOf(target).st_mode & 0777, mode_t(0600));
+    QCOMPARE(statusOf(target).st_mode & 0777, mode_t(0700));
 }
 
 void TestEntryAttributes::attributesThatOnlyTheSystemMaySet()

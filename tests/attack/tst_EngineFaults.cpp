@@ -95,16 +95,20 @@ private:
         tellTheKeeper(beginMark);
         letArrive("first");
         // Its end, unless it is not even noticed: then the next arrival leads to it.
-        (void)QTest::qWaitFor(
-            [&] {
-                return isTold("Moved first") || isTold("Move failed for first") ||
-                       isTold("Skipped busy file: first");
-            },
-            2500);
+        const auto waitForTheFirst = [&isTold] {
+            (void)QTest::qWaitFor(
+                [&] {
+                    return isTold("Moved first") || isTold("Move failed for first") ||
+                           isTold("Skipped busy file: first");
+                },
+                2500);
+        };
+        waitForTheFirst();
         tellTheKeeper(endMark);
         letArrive("second");
         if (!QTest::qWaitFor([&] { return isTold("Moved second -> second"); }, patience))
             return SystemError{ETIME};
+        waitForTheFirst();
         return {};
     }
 

@@ -89,12 +89,12 @@ void doWithout(const Lacks& lacks, bool acrossVolumes)
     };
     // Between volumes that is said by the kernel before any file system is asked: paths are renamed by it,
     // and names in open folders on one volume.
-    const scmp_arg_cmp isOpenFolder = SCMP_CMP(0, SCMP_CMP_NE, uint32_t(AT_FDCWD));
+    const scmp_arg_cmp isOpenFolder{0, SCMP_CMP_NE, uint32_t(AT_FDCWD), 0};
     if (lacks.noReplace != 0 && acrossVolumes) refuse(lacks.noReplace, "renameat2", {isOpenFolder});
     if (lacks.noReplace != 0 && !acrossVolumes) refuse(lacks.noReplace, "renameat2", {});
     if (lacks.hardLinks) refuse(EPERM, "linkat", {});
     if (lacks.unnamedFiles)
-        refuse(EOPNOTSUPP, "openat", {SCMP_CMP(2, SCMP_CMP_MASKED_EQ, O_TMPFILE, O_TMPFILE)});
+        refuse(EOPNOTSUPP, "openat", {scmp_arg_cmp{2, SCMP_CMP_MASKED_EQ, O_TMPFILE, O_TMPFILE}});
     if (::seccomp_load(filter) != 0) ::_exit(3);
     ::seccomp_release(filter);
 }
