@@ -173,8 +173,8 @@ void TestStatusNotifierPanel::aPersonsFirstDay()
     first.field = RuleField::fileExtension;
     first.operatorType = RuleOperator::isEqual;
     first.value = QStringLiteral("pdf");
-    first.destination = FileUrl::fromPath(harbex.sorted().toStdString());
-    first.destinationBookmarkData = *createBookmark(harbex.sorted().toStdString());
+    first.destination = FileUrl::fromPath(HarbexRun::sorted().toStdString());
+    first.destinationBookmarkData = *createBookmark(HarbexRun::sorted().toStdString());
     FilterRule second = first;
     second.id = folder.rules[1].id;
     second.field = RuleField::kind;
