@@ -42,7 +42,9 @@ ColorScheme::ColorScheme(QDBusConnection bus, QObject* parent) : QObject(parent)
     if (!areColoursOurs()) return;
     // Without the service's name: with it, Qt would wait for the bus to say who owns it.
     bus.connect({}, path, interface, QStringLiteral("SettingChanged"), this,
-                SLOT(settingChanged(QString, QString, QDBusVariant)));
+                // clang-format off
+                SLOT(settingChanged(QString,QString,QDBusVariant)));
+    // clang-format on
 
     auto question = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Read"));
     question << appearance << colorScheme;

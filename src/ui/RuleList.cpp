@@ -10,7 +10,6 @@
 #include <QStyle>
 
 #include <algorithm>
-#include <ranges>
 #include <utility>
 
 namespace harbex
@@ -102,8 +101,9 @@ void RuleList::showRules()
 {
     QMultiHash<QUuid, RuleRow*> former;
     // A hash gives equal ids back last in, first out.
-    for (RuleRow* row : std::exchange(m_rows, {}) | std::views::reverse)
-        if (row) former.insert(row->ruleID(), row);
+    const std::vector<RuleRow*> rows = std::exchange(m_rows, {});
+    for (auto row = rows.rbegin(); row != rows.rend(); ++row)
+        if (*row) former.insert((*row)->ruleID(), *row);
 
     for (const FilterRule& rule : rules()) {
         m_rows.push_back(former.take(rule.id));
@@ -222,7 +222,8 @@ void RuleList::putInOrder()
 
     const QObjectList& children = widget()->children();
     RuleRow* below = nullptr;
-    for (RuleRow* row : m_rows | std::views::reverse) {
+    for (auto place = m_rows.rbegin(); place != m_rows.rend(); ++place) {
+        RuleRow* const row = *place;
         if (!row) continue;
         if (below && children.indexOf(row) > children.indexOf(below)) row->stackUnder(below);
         below = row;

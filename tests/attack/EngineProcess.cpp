@@ -22,7 +22,7 @@ namespace
 {
 
 const char* const mark = "--engine";
-const QByteArray prefix = "log: ";
+const char* const prefix = "log: ";
 
 } // namespace
 
@@ -98,7 +98,7 @@ int EngineProcess::runEngine(int argc, char** argv)
         folders.push_back(watched(argv[i], {takeAll(argv[i + 1])}));
     DownloadImageRedirector engine;
     QObject::connect(&engine, &DownloadImageRedirector::logsChanged, &application,
-                     [&] { printLine((prefix + engine.logs().first().toUtf8()).toStdString()); });
+                     [&] { printLine((QByteArray(prefix) + engine.logs().first().toUtf8()).toStdString()); });
     engine.start(folders);
     return QCoreApplication::exec();
 }

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <malloc.h>
 #include <unistd.h>
 
 using namespace harbex;
@@ -24,8 +25,9 @@ size_t residentMemory()
     return pages * size_t(::sysconf(_SC_PAGESIZE));
 }
 
+/// What is in use; what was freed and only kept by the allocator is none of it.
 struct Use {
-    size_t memory = residentMemory();
+    size_t memory = (::malloc_trim(0), residentMemory());
     size_t descriptors = descriptorCount();
     size_t threads = threadCount();
 };

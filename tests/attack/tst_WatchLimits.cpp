@@ -171,7 +171,6 @@ void TestWatchLimits::watchesRefusedAtRandom()
     for (size_t round = 0; round < rounds; ++round) {
         const size_t limit = round == 0 ? 0 : randomBelow(random, folderCount + 1);
         limitWatches(int(limit));
-        const QStringList before = engine.logs();
         QVERIFY(restartAndWait(engine, watchedIn(pairs)));
         QCOMPARE(engine.activeFDs().size(), limit);
         // The folders are asked for in their order, so the last ones are refused, each with its line.

@@ -8,7 +8,6 @@
 #include <QSettings>
 
 #include <csignal>
-#include <ranges>
 #include <sys/prctl.h>
 
 namespace harbex::test
@@ -52,7 +51,8 @@ DesktopSession::~DesktopSession()
 {
     if (QTest::currentTestFailed()) keepEvidence();
     QDBusConnection::disconnectFromBus(m_accessibilityBus.name());
-    for (const auto& program : m_programs | std::views::reverse) {
+    for (auto last = m_programs.rbegin(); last != m_programs.rend(); ++last) {
+        QProcess* const program = last->get();
         // In order: the one that has started the accessibility bus ends it.
         program->terminate();
         if (program->waitForFinished(5000)) continue;
