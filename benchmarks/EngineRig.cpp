@@ -1,5 +1,8 @@
 #include "EngineRig.h"
 
+#include "Measure.h"
+#include "files/DirectoryListing.h"
+
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QTimer>
@@ -68,6 +71,17 @@ WatchedFolder picturesRule(const std::filesystem::path& folder, const std::files
     return {.url = FileUrl::fromPath(folder.native()), .bookmarkData = {}, .rules = {rule}};
 }
 
+size_t scan(const std::filesystem::path& folder, NameSnapshot& known)
+{
+    Outcome<DirectoryListing> listing = DirectoryListing::open(folder.native());
+    NameSnapshot::Update update(known);
+    if (!listing || !listing->forEachName([&](auto name) { update.add(name); })) std::abort();
+    if (update.isUnchanged()) return 0;
+    const size_t count = update.newNames().size();
+    known = update.takeCurrent();
+    return count;
+}
+
 EngineRig::EngineRig(const std::vector<WatchedFolder>& folders)
 {
     QObject::connect(&m_engine, &DownloadImageRedirector::logsChanged, [this] {
@@ -98,6 +112,34 @@ void EngineRig::settle(std::chrono::milliseconds time)
     QEventLoop loop;
     QTimer::singleShot(time, &loop, &QEventLoop::quit);
     loop.exec();
+}
+
+BurstRig::BurstRig(int count)
+    : m_count(count), m_in(m_scratch.folder("in")), m_out(m_scratch.folder("out")),
+      m_stage(m_scratch.folder("stage")), m_rig({picturesRule(m_in, m_out)})
+{
+    makeFiles(m_stage, "photo", m_count);
+}
+
+double BurstRig::secondsToMove()
+{
+    EngineRig::settle(std::chrono::milliseconds(500));
+    renameFiles(m_stage, m_in, "photo", m_count);
+    const auto begin = Clock::now();
+    m_rig.waitForMoved(m_moved += m_count);
+    const double seconds = secondsSince(begin);
+    renameFiles(m_out, m_stage, "photo", m_count);
+    return seconds;
+}
+
+double BurstRig::secondsOfBareRenames()
+{
+    const std::filesystem::path bare = m_scratch.folder("bare");
+    const auto begin = Clock::now();
+    renameFiles(m_stage, bare, "photo", m_count);
+    const double seconds = secondsSince(begin);
+    renameFiles(bare, m_stage, "photo", m_count);
+    return seconds;
 }
 
 } // namespace harbex::bench

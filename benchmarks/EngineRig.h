@@ -2,6 +2,7 @@
 
 #include "model/WatchedFolder.h"
 #include "watcher/DownloadImageRedirector.h"
+#include "watcher/NameSnapshot.h"
 
 #include <filesystem>
 #include <memory>
@@ -37,6 +38,9 @@ void renameFiles(const std::filesystem::path& from, const std::filesystem::path&
 [[nodiscard]] WatchedFolder picturesRule(const std::filesystem::path& folder,
                                          const std::filesystem::path& destination);
 
+/// One scan as the engine does it; gives how many names were new.
+size_t scan(const std::filesystem::path& folder, NameSnapshot& known);
+
 /// An engine that runs, and the counts of what it logged.
 class EngineRig
 {
@@ -62,6 +66,28 @@ private:
     int m_moved = 0;
     int m_givenUp = 0;
     std::size_t m_mostThreads = 0;
+};
+
+/// Files that arrive in a watched folder one right after the other, as often as it is asked for.
+class BurstRig
+{
+public:
+    explicit BurstRig(int count);
+
+    /// From the last arrival to the last move.
+    [[nodiscard]] double secondsToMove();
+
+    /// Of as many calls of rename(2).
+    [[nodiscard]] double secondsOfBareRenames();
+
+private:
+    const int m_count;
+    const ScratchFolder m_scratch;
+    const std::filesystem::path m_in;
+    const std::filesystem::path m_out;
+    const std::filesystem::path m_stage;
+    EngineRig m_rig;
+    int m_moved = 0;
 };
 
 } // namespace harbex::bench

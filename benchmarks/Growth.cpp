@@ -1,8 +1,6 @@
 #include "Growth.h"
 
 #include "EngineRig.h"
-#include "files/DirectoryListing.h"
-#include "watcher/NameSnapshot.h"
 #include "watcher/RuleMatching.h"
 
 #include <cstdlib>
@@ -26,17 +24,13 @@ void entries(Table& table, int count)
     const path folder = scratch.folder("in");
     makeFiles(folder, "IMG_20260", count);
     NameSnapshot known;
-    const auto scan = [&] {
+    (void)scan(folder, known);
+    const double cost = medianOf(21, [&] {
         const auto begin = Clock::now();
-        Outcome<DirectoryListing> listing = DirectoryListing::open(folder.native());
-        NameSnapshot::Update update(known);
-        if (!listing || !listing->forEachName([&](auto name) { update.add(name); })) std::abort();
-        if (!update.isUnchanged()) known = update.takeCurrent();
+        if (scan(folder, known) != 0) std::abort();
         return secondsSince(begin) * 1000;
-    };
-    scan();
-    table.addFigure("scan of an unchanged folder of " + std::to_string(count) + " entries", "ms",
-                    medianOf(21, scan));
+    });
+    table.addFigure("scan of an unchanged folder of " + std::to_string(count) + " entries", "ms", cost);
 }
 
 void folders(Table& table, int count)
@@ -74,23 +68,9 @@ void rules(Table& table, int count)
 
 void events(Table& table, int count)
 {
-    const ScratchFolder scratch;
-    const path in = scratch.folder("in");
-    const path out = scratch.folder("out");
-    const path stage = scratch.folder("stage");
-    makeFiles(stage, "photo", count);
-    EngineRig rig({picturesRule(in, out)});
-    int moved = 0;
-    const double cost = medianOf(5, [&] {
-        EngineRig::settle(std::chrono::milliseconds(500));
-        renameFiles(stage, in, "photo", count);
-        const auto begin = Clock::now();
-        rig.waitForMoved(moved += count);
-        const double seconds = secondsSince(begin);
-        renameFiles(out, stage, "photo", count);
-        return seconds * 1000;
-    });
-    table.addFigure(std::to_string(count) + " arrivals at once, the last to the last move", "ms", cost);
+    BurstRig burst(count);
+    table.addFigure(std::to_string(count) + " arrivals at once, the last to the last move", "ms",
+                    medianOf(5, [&] { return burst.secondsToMove() * 1000; }));
 }
 
 } // namespace

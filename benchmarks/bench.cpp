@@ -7,7 +7,6 @@
 #include "Measure.h"
 #include "ProcessRig.h"
 #include "WindowRig.h"
-#include "files/DirectoryListing.h"
 #include "files/FileMove.h"
 #include "files/FreeName.h"
 #include "watcher/NameSnapshot.h"
@@ -44,18 +43,6 @@ double bareListing(const path& folder)
     while (::getdents64(directory.get(), buffer, sizeof buffer) > 0) {
     }
     return secondsSince(begin);
-}
-
-/// One scan as the engine does it; gives how many names were new.
-size_t scan(const path& folder, NameSnapshot& known)
-{
-    Outcome<DirectoryListing> listing = DirectoryListing::open(folder.native());
-    NameSnapshot::Update update(known);
-    if (!listing || !listing->forEachName([&](auto name) { update.add(name); })) std::abort();
-    if (update.isUnchanged()) return 0;
-    const size_t count = update.newNames().size();
-    known = update.takeCurrent();
-    return count;
 }
 
 void measureScan(Table& table)
@@ -95,34 +82,9 @@ void measureScan(Table& table)
 
 void measureBurst(Table& table)
 {
-    constexpr int count = 10'000;
-    const ScratchFolder scratch;
-    const path in = scratch.folder("in");
-    const path out = scratch.folder("out");
-    const path stage = scratch.folder("stage");
-    makeFiles(stage, "photo", count);
-    EngineRig rig({picturesRule(in, out)});
-
-    int moved = 0;
+    BurstRig burst(10'000);
     const Pair pair = inTurn(
-        5,
-        [&] {
-            const path bare = scratch.folder("bare");
-            const auto begin = Clock::now();
-            renameFiles(stage, bare, "photo", count);
-            const double seconds = secondsSince(begin);
-            renameFiles(bare, stage, "photo", count);
-            return waits + seconds;
-        },
-        [&] {
-            EngineRig::settle(std::chrono::milliseconds(500));
-            renameFiles(stage, in, "photo", count);
-            const auto begin = Clock::now();
-            rig.waitForMoved(moved += count);
-            const double seconds = secondsSince(begin);
-            renameFiles(out, stage, "photo", count);
-            return seconds;
-        });
+        5, [&] { return waits + burst.secondsOfBareRenames(); }, [&] { return burst.secondsToMove(); });
     table.addRatio("10,000 files in a burst, last arrival to last move / 0.30 s + renames", "s", pair, 1.5);
 }
 

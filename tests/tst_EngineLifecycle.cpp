@@ -1,6 +1,8 @@
 #include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
 #include "support/EngineResources.h"
+#include "support/Eventually.h"
+#include "support/SyscallGate.h"
 
 #include <QRegularExpression>
 #include <QSet>
@@ -8,6 +10,7 @@
 #include <QThread>
 #include <QTime>
 
+#include <cerrno>
 #include <memory>
 #include <set>
 #include <sys/stat.h>
@@ -80,6 +83,7 @@ private Q_SLOTS:
     void twoUrlsOfOneFolderEachTryTheirRules();
 
     void whatArrivesDuringAStartIsKnownOrMoved();
+    void whatArrivesBeforeAFolderIsWatchedIsKnown();
     void restartsDuringABurstLoseNothing();
     void stopDuringABurstLosesNothing();
     void destructionDuringABurstLosesNothing();
@@ -462,6 +466,28 @@ void TestEngineLifecycle::whatArrivesDuringAStartIsKnownOrMoved()
     QCOMPARE(*known.rbegin(), static_cast<int>(known.size()) - 1);
     QVERIFY(static_cast<int>(known.size()) >= before);
     QVERIFY(static_cast<int>(known.size()) <= after);
+}
+
+/// Listed first and watched afterwards, a folder would hide what arrives in between until something else does.
+void TestEngineLifecycle::whatArrivesBeforeAFolderIsWatchedIsKnown()
+{
+    const auto work = [this]() -> Outcome<void> {
+        DownloadImageRedirector engine;
+        engine.start({watched(m_inbox, {takeAll(m_out)})});
+        // Found together with the first or not at all: it would have been moved before the second.
+        for (const char* name : {"first", "second"}) {
+            m_scratch->arrive(m_inbox + '/' + name, name);
+            if (!eventually([&] { return exists(m_out + '/' + name); })) return SystemError{ETIME};
+        }
+        return {};
+    };
+    const GatedRun run = runGated({"inotify_add_watch"}, work, [this](const GatedCall&) {
+        m_scratch->arrive(m_inbox + "/early", "early");
+        return Answer::proceed();
+    });
+    QVERIFY(run.succeeded());
+    QCOMPARE(run.calls, std::vector<std::string>{"inotify_add_watch #1"});
+    QCOMPARE(namesIn(m_inbox), QByteArrayList{"early"});
 }
 
 void TestEngineLifecycle::restartsDuringABurstLoseNothing()

@@ -3,33 +3,21 @@
 #include "files/FileMove.h"
 #include "support/EngineFiles.h"
 #include "support/EngineProbe.h"
+#include "support/Eventually.h"
 #include "support/SyscallGate.h"
 #include "support/TestMain.h"
 
 #include <cerrno>
-#include <chrono>
 #include <linux/magic.h>
 #include <memory>
 #include <sys/stat.h>
 #include <sys/vfs.h>
-#include <thread>
 
 using namespace harbex;
 using namespace harbex::test;
 
 namespace
 {
-
-bool waitUntilThereIs(const std::string& path)
-{
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(patience);
-    while (!exists(path)) {
-        if (Clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 /// Folders that are watched without a main loop around them: everything that arrives is moved to `out`.
 class Watches
@@ -68,7 +56,7 @@ public:
     [[nodiscard]] Outcome<void> waitForMoved(const std::string& name) const
     {
         const std::string target = m_out + '/' + name;
-        if (!waitUntilThereIs(target)) return SystemError{ETIME};
+        if (!eventually([&target] { return exists(target); })) return SystemError{ETIME};
         removeEntry(target);
         return {};
     }

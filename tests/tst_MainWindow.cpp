@@ -6,8 +6,10 @@
 #include "ui/RuleRow.h"
 
 #include <QComboBox>
+#include <QDialog>
 #include <QLineEdit>
 #include <QMenu>
+#include <QPointer>
 #include <QSignalSpy>
 #include <QTimer>
 #include <QToolBar>
@@ -80,6 +82,7 @@ private Q_SLOTS:
     void itIsTitledHarbexAndHoldsTheContent();
     void nothingOfAClosedWindowIsLeft();
     void reopenedAtOnceItIsWhole();
+    void closedBehindAPanelItKeepsWhatThePanelAnswersTo();
     void itCannotBeSmallerThan1000By400();
     void itsFirstSizeFitsASmallScreen();
     void everyOpeningBeginsWithTheSameSize();
@@ -126,6 +129,23 @@ void TestMainWindow::nothingOfAClosedWindowIsLeft()
         QVERIFY(!bench.window->windowHandle());
         QVERIFY(bench.window->findChildren<QWidget*>().isEmpty());
     }
+}
+
+void TestMainWindow::closedBehindAPanelItKeepsWhatThePanelAnswersTo()
+{
+    WindowBench bench;
+    bench.open();
+    QDialog panel(bench.window.get());
+    panel.open();
+    const QPointer<QWidget> content = bench.window->centralWidget();
+    bench.window->close();
+    bench.settle();
+    QVERIFY(content);
+    bench.window->open();
+    QCOMPARE(bench.window->centralWidget(), content.data());
+    panel.reject();
+    bench.window->close();
+    QTRY_VERIFY(!content);
 }
 
 void TestMainWindow::reopenedAtOnceItIsWhole()

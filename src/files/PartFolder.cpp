@@ -87,7 +87,8 @@ Outcome<bool> PartFolder::occupy()
     if (!m_opened && errno == ENOENT) return false;
     if (!m_opened) return SystemError::last();
     // What the folder around it has its entries inherit is not for the copy, and may even keep us out.
-    if (::fchmod(m_opened.get(), 0700) != 0 && errno != EPERM) return SystemError::last();
+    if (::fchmod(m_opened.get(), 0700) != 0 && errno != EPERM && errno != EOPNOTSUPP)
+        return SystemError::last();
     if (::fremovexattr(m_opened.get(), "system.posix_acl_default") != 0 && errno != ENODATA &&
         errno != EOPNOTSUPP)
         return SystemError::last();

@@ -5,8 +5,8 @@
 #include "ui/FolderPanel.h"
 #include "ui/IdleMemory.h"
 
+#include <QApplication>
 #include <QCloseEvent>
-#include <QGuiApplication>
 #include <QIcon>
 #include <QScreen>
 
@@ -60,9 +60,8 @@ void MainWindow::open(const QString& activationToken)
     if (!m_isOpen) {
         m_isOpen = true;
         m_state.appear();
-        delete takeCentralWidget();
         const auto chooser = [this](const DirectoryCompletion& done) { selectDirectory(this, done); };
-        setCentralWidget(new ContentView(m_state, chooser, this));
+        if (!centralWidget()) setCentralWidget(new ContentView(m_state, chooser, this));
         setWindowState(Qt::WindowNoState);
         resize(QSize(1100, 640).boundedTo(screen()->availableSize()));
     }
@@ -86,7 +85,8 @@ void MainWindow::closeEvent(QCloseEvent* event)
 
 void MainWindow::releaseContent()
 {
-    if (m_isOpen) return;
+    // A panel that is still up answers to the content.
+    if (m_isOpen || QApplication::activeModalWidget()) return;
     delete takeCentralWidget();
     destroy();
     releaseIdleMemory();

@@ -1,24 +1,11 @@
 #include "model/FolderListJson.h"
+#include "fuzz/Require.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <source_location>
 
 using namespace harbex;
-
-namespace
-{
-
-void require(bool holds, const std::source_location& where = std::source_location::current())
-{
-    if (holds) return;
-    std::fprintf(stderr, "what must hold does not: line %u\n", unsigned(where.line()));
-    std::abort();
-}
-
-} // namespace
+using namespace harbex::test;
 
 /// Any bytes as a stored list of folders: an error of one line, or a list that is written and read again as
 /// it is.

@@ -1,4 +1,5 @@
 #include "store/FolderStore.h"
+#include "fuzz/Require.h"
 #include "model/FolderListJson.h"
 #include "store/PreferencesFile.h"
 #include "support/ScratchHome.h"
@@ -10,23 +11,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <source_location>
 #include <unistd.h>
 
 using namespace harbex;
+using namespace harbex::test;
 
 namespace
 {
-
-void require(bool holds, const std::source_location& where = std::source_location::current())
-{
-    if (holds) return;
-    std::fprintf(stderr, "what must hold does not: line %u\n", unsigned(where.line()));
-    std::abort();
-}
 
 /// What the preferences and what was put aside hold, one after the other.
 QByteArrayList everythingKept(const QString& folder)
