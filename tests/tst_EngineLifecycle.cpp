@@ -468,7 +468,8 @@ void TestEngineLifecycle::whatArrivesDuringAStartIsKnownOrMoved()
     QVERIFY(static_cast<int>(known.size()) <= after);
 }
 
-/// Listed first and watched afterwards, a folder would hide what arrives in between until something else does.
+/// Listed first and watched afterwards, a folder would hide what arrives in between until something else
+/// does.
 void TestEngineLifecycle::whatArrivesBeforeAFolderIsWatchedIsKnown()
 {
     const auto work = [this]() -> Outcome<void> {
