@@ -48,8 +48,8 @@ public:
 private:
     void print(const std::string& what, const std::string& ours, const std::string& baseline,
                const std::string& ratio, const std::string& target, const char* verdict);
-    /// Takes note of it and gives the word for it.
-    const char* verdict(bool met);
+    /// Takes note of whether the target is met, and gives the word for it.
+    const char* verdict(double value, double target);
 
     bool m_allMet = true;
     bool m_begun = false;

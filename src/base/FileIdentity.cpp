@@ -7,10 +7,13 @@
 namespace harbex
 {
 
-Outcome<FileIdentity> identityOf(int fd)
+namespace
+{
+
+Outcome<FileIdentity> identityAt(int fd, const char* path, int flags)
 {
     struct statx data = {};
-    if (::statx(fd, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &data) != 0) return SystemError::last();
+    if (::statx(fd, path, flags, STATX_INO | STATX_BTIME, &data) != 0) return SystemError::last();
     FileIdentity identity;
     identity.device = ::makedev(data.stx_dev_major, data.stx_dev_minor);
     identity.inode = data.stx_ino;
@@ -19,6 +22,18 @@ Outcome<FileIdentity> identityOf(int fd)
         identity.birthNanoseconds = data.stx_btime.tv_nsec;
     }
     return identity;
+}
+
+} // namespace
+
+Outcome<FileIdentity> identityOf(int fd)
+{
+    return identityAt(fd, "", AT_EMPTY_PATH);
+}
+
+Outcome<FileIdentity> identityOf(const std::string& path)
+{
+    return identityAt(AT_FDCWD, path.c_str(), 0);
 }
 
 } // namespace harbex

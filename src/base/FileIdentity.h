@@ -3,6 +3,7 @@
 #include "base/Outcome.h"
 
 #include <cstdint>
+#include <string>
 
 namespace harbex
 {
@@ -21,5 +22,8 @@ struct FileIdentity {
 
 /// The identity of what is open as `fd`.
 [[nodiscard]] Outcome<FileIdentity> identityOf(int fd);
+
+/// The identity of what stands at `path` (raw bytes); a link is followed.
+[[nodiscard]] Outcome<FileIdentity> identityOf(const std::string& path);
 
 } // namespace harbex

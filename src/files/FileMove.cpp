@@ -25,11 +25,10 @@ Outcome<void> FileMove::moveItem(const std::string& source, const std::string& t
 void FileMove::removeLeftoversOnce(const std::string& path)
 {
     if (m_stop.stop_requested()) return;
-    // A folder that cannot be opened is one that nothing was moved into.
-    const Outcome<FileDescriptor> folder = openFolder(path);
-    if (!folder) return;
-    const Outcome<FileIdentity> identity = identityOf(folder->get());
-    if (identity && isFirstMoveInto(*identity)) PartFolder::removeLeftovers(folder->get());
+    // A folder that nothing can be told of is one that nothing was moved into.
+    const Outcome<FileIdentity> identity = identityOf(path);
+    if (!identity || !isFirstMoveInto(*identity)) return;
+    if (const Outcome<FileDescriptor> folder = openFolder(path)) PartFolder::removeLeftovers(folder->get());
 }
 
 bool FileMove::isFirstMoveInto(const FileIdentity& folder)

@@ -2,10 +2,21 @@
 
 #include "base/ReadableText.h"
 
+#include <QTimer>
+
+#include <chrono>
 #include <utility>
 
 namespace harbex
 {
+
+namespace
+{
+
+/// How long lines of the log are gathered before they are recorded.
+constexpr std::chrono::milliseconds logDelay{5};
+
+} // namespace
 
 DownloadImageRedirector::DownloadImageRedirector(QObject* parent)
     : QObject(parent), m_fileMove(m_pool.stopToken())
@@ -84,17 +95,20 @@ std::vector<int> DownloadImageRedirector::activeFDs() const
 /// Records a line. Any thread.
 void DownloadImageRedirector::addLog(const QString& message)
 {
-    publish([this, message] { appendLog(message); });
+    const MutexLock lock(m_publishedMutex);
+    m_published.push_back([this, message] { appendLog(message); });
+    if (m_published.size() > 1) return;
+    // A burst logs thousands of lines. Waking the main loop for each costs as much as half a move.
+    const auto runLater = [this] { QTimer::singleShot(logDelay, this, [this] { runPublished(); }); };
+    QMetaObject::invokeMethod(this, runLater, Qt::QueuedConnection);
 }
 
-/// Has `change` run in a later turn of the main loop, after those that wait already. Any thread.
+/// Has `change` run in the next turn of the main loop, after all that waits already. Any thread.
 void DownloadImageRedirector::publish(Change change)
 {
     const MutexLock lock(m_publishedMutex);
     m_published.push_back(std::move(change));
-    // One call for all that wait: a burst logs thousands of lines.
-    if (m_published.size() == 1)
-        QMetaObject::invokeMethod(this, &DownloadImageRedirector::runPublished, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, &DownloadImageRedirector::runPublished, Qt::QueuedConnection);
 }
 
 void DownloadImageRedirector::runPublished()

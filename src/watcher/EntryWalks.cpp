@@ -154,21 +154,20 @@ void EntryWalks::moveImageToPicturesIfPossible(const std::string& path, const Fi
             return;
         }
         m_moves->async([self = shared_from_this(), path, &destination, then](Token) {
-            self->move(path, destination);
-            // The next rules find an entry that is gone: most walks end here, without another turn of the
-            // queue.
-            if (doesExist(path)) self->m_queue->async([self, then](Token) { then(); });
+            // Of an entry that was moved the next rules would find nothing: most walks end here, without
+            // another turn of the queue.
+            if (!self->move(path, destination)) self->m_queue->async([self, then](Token) { then(); });
         });
     });
 }
 
-void EntryWalks::move(const std::string& path, const FileUrl& destination) const
+bool EntryWalks::move(const std::string& path, const FileUrl& destination) const
 {
     const QString name = nameOf(path);
     // While this waited for a copy to end, the copy may have been of this very entry, for an earlier rule.
     if (!doesExist(path)) {
         m_addLog(QStringLiteral("Skipped busy file: ") + name);
-        return;
+        return false;
     }
     print(QStringLiteral("Moving %1 to %2...").arg(name, readableName(destination.lastPathComponent())));
 
@@ -181,6 +180,7 @@ void EntryWalks::move(const std::string& path, const FileUrl& destination) const
     else
         m_addLog(QStringLiteral("Move failed for ") + name + QStringLiteral(": ") +
                  QString::fromStdString(moved.error().description()));
+    return bool(moved);
 }
 
 } // namespace harbex

@@ -58,8 +58,8 @@ private:
     void sample();
     void moveImageToPicturesIfPossible(const std::string& path, const FileUrl& destination, Then then);
 
-    /// On the queue of the moves.
-    void move(const std::string& path, const FileUrl& destination) const;
+    /// Whether the entry was moved; what became of it is recorded. On the queue of the moves.
+    [[nodiscard]] bool move(const std::string& path, const FileUrl& destination) const;
 
     const std::string m_folder;
     const std::vector<MatchableRule> m_rules;
