@@ -53,8 +53,7 @@ void Table::addRatio(const std::string& what, const std::string& unit, Pair pair
 
 void Table::addLimit(const std::string& what, const std::string& unit, double ours, double target)
 {
-    print(what, format("%.4g", ours, unit), "-", "-", format("<= %.4g", target, unit),
-          verdict(ours, target));
+    print(what, format("%.4g", ours, unit), "-", "-", format("<= %.4g", target, unit), verdict(ours, target));
 }
 
 void Table::addFigure(const std::string& what, const std::string& unit, double ours)

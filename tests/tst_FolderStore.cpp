@@ -1074,6 +1074,7 @@ QByteArray onASmallDisk(const std::function<QByteArray()>& check)
     const QByteArray text = answer.readAll();
     int status = 0;
     ::waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == notPossibleHere) return "not possible here";
     return status == 0 ? text : "the child ended with status " + QByteArray::number(status);
 }
 
@@ -1108,6 +1109,7 @@ void TestFolderStore::fullDiskPrintsOneLineAndKeepsTheOldOne()
         if (!save(folderStore, later).isEmpty()) return "saving fails when there is room again";
         return storedList() == encoded(later) ? "" : "not what was saved";
     });
+    if (answer == "not possible here") QSKIP("no disk of its own size without a namespace of one's own");
     QCOMPARE(answer, QByteArray());
 }
 

@@ -3,6 +3,8 @@
 #include <QtGlobal>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sched.h>
@@ -40,14 +42,15 @@ void enterPrivateNamespace()
 {
     const uid_t user = ::getuid();
     const gid_t group = ::getgid();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) {
-        // The kernel wants this before an ordinary user may map groups.
-        write("/proc/self/setgroups", "deny");
-        write("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
-        write("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
-    } else {
-        require(::unshare(CLONE_NEWNS) == 0, "not possible here: a namespace with mounts of its own");
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+        std::fprintf(stderr, "not possible here: a namespace of one's own: %s\n", std::strerror(errno));
+        // Quickly: what the program has set up so far concerns nobody.
+        std::_Exit(notPossibleHere);
     }
+    // The kernel wants this before an ordinary user may map groups.
+    write("/proc/self/setgroups", "deny");
+    write("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
+    write("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
     mount("none", "/", nullptr, MS_REC | MS_PRIVATE);
 }
 

@@ -5,9 +5,12 @@
 namespace harbex::test
 {
 
+/// The exit status of a program that needs what this system does not allow. ctest counts it as skipped.
+constexpr int notPossibleHere = 77;
+
 /// Moves the process into a world of its own in which it is root: what it mounts and the limits it sets
-/// concern nobody else and end with it. Called before there is a second thread. Ends the program when the
-/// system allows neither a user namespace nor, to root, a mount namespace.
+/// concern nobody else and end with it. Called before any test and before there is a second thread. Ends the
+/// program with `notPossibleHere` when the system allows no user namespace (in many a container or chroot).
 void enterPrivateNamespace();
 
 /// Something that is mounted for the length of a scope.
