@@ -73,10 +73,13 @@ private Q_SLOTS:
     void changesComeInALaterTurnOfTheMainLoop();
     void observersAreToldBeforeEachChange();
     void aLogLineCarriesTheLocalTime();
+    void aLogLineCarriesTheTimeAtWhichItIsRecorded();
     void theLogKeepsThe200NewestLines();
 
     void aFolderThatCannotBeListedIsPassedOver_data();
     void aFolderThatCannotBeListedIsPassedOver();
+    void aFolderThatCanBeWatchedButNotListedIsPassedOver();
+    void aFolderWhoseListingBreaksOffIsPassedOver();
     void aRefusedWatchIsLoggedAndAskedForAgainAtTheNextStart();
 
     void twoRecordsOfOneFolderShareItsDescriptorAndMoveEachEntryOnce();
@@ -337,6 +340,18 @@ void TestEngineLifecycle::aLogLineCarriesTheLocalTime()
     QVERIFY2(sinceBefore <= passed + 1, qPrintable(engine.logs().first()));
 }
 
+/// Not at which it came about: the main loop was held up.
+void TestEngineLifecycle::aLogLineCarriesTheTimeAtWhichItIsRecorded()
+{
+    DownloadImageRedirector engine;
+    const auto text = [] { return QTime::currentTime().toString(QStringLiteral("HH:mm:ss")); };
+    const QString before = text();
+    engine.stop();
+    QVERIFY(eventually([&] { return text() != before; }));
+    QTRY_COMPARE(engine.logs().size(), 1);
+    QVERIFY2(!engine.logs().first().contains(before), qPrintable(engine.logs().first()));
+}
+
 void TestEngineLifecycle::theLogKeepsThe200NewestLines()
 {
     constexpr qsizetype kept = 200;
@@ -384,6 +399,34 @@ void TestEngineLifecycle::aFolderThatCannotBeListedIsPassedOver()
     m_scratch->arrive(m_inbox + "/photo.jpg", "");
     QTRY_COMPARE_WITH_TIMEOUT(
         messages(engine), QStringList({started, QStringLiteral("Moved photo.jpg -> photo.jpg")}), patience);
+}
+
+void TestEngineLifecycle::aFolderThatCanBeWatchedButNotListedIsPassedOver()
+{
+    DownloadImageRedirector engine;
+    {
+        // For the events and for ending their reader, and none for the listing.
+        const DescriptorLimit limit(2);
+        engine.start({watched(m_inbox, {takeAll(m_out)})});
+    }
+    QTRY_COMPARE(messages(engine), QStringList{started});
+    QVERIFY(engine.activeFDs().empty());
+    QCOMPARE(kernelWatchCount(), 0U);
+    QCOMPARE(descriptorCount(), m_descriptors + 2);
+}
+
+void TestEngineLifecycle::aFolderWhoseListingBreaksOffIsPassedOver()
+{
+    writeFile(m_inbox + "/old", "");
+    const auto work = [this]() -> Outcome<void> {
+        DownloadImageRedirector engine;
+        if (!startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})})) return SystemError{ETIME};
+        const bool isPassedOver = engine.activeFDs().empty() && messages(engine) == QStringList{started};
+        return isPassedOver ? Outcome<void>() : SystemError{EEXIST};
+    };
+    const GatedRun run = runGated({"getdents64"}, work, [](const GatedCall&) { return Answer::fail(EIO); });
+    QCOMPARE(run.error, 0);
+    QCOMPARE(run.calls, std::vector<std::string>{"getdents64 #1"});
 }
 
 void TestEngineLifecycle::aRefusedWatchIsLoggedAndAskedForAgainAtTheNextStart()

@@ -1,10 +1,12 @@
 #include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
 #include "support/EngineResources.h"
+#include "support/SyscallGate.h"
 
 #include <QElapsedTimer>
 #include <QRegularExpression>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -51,9 +53,11 @@ private Q_SLOTS:
     void aDownloadThatGrowsAtItsFirstTestIsTriedOnceMoreASecondLater();
     void aDownloadThatStillGrowsASecondLaterIsSkippedForGood();
     void anEntryThatGrowsBetweenItsTwoTestsIsSkippedForGood();
+    void anEntrySkippedAtItsSecondTestIsTakenByTheNextRule();
     void aBusyEntryOfTwoRulesIsMovedOnceAndSkippedOnce();
     void aBusyEntryThatIsGoneASecondLaterIsSkipped();
     void aFolderIsMovedHoweverBusyItsContents();
+    void aFolderAndALinkToOneWaitForNoSampling();
 
     // Where it goes.
     void aTakenNameGetsANumber();
@@ -63,6 +67,7 @@ private Q_SLOTS:
     void aDestinationThatCannotTakeItIsLogged_data();
     void aDestinationThatCannotTakeItIsLogged();
     void aDestinationThatVanishesIsLogged();
+    void aNameThatIsTakenAtTheLastMomentIsLogged();
     void anEntryWhoseDestinationIsItsOwnFolderStays_data();
     void anEntryWhoseDestinationIsItsOwnFolderStays();
 
@@ -100,6 +105,7 @@ void TestEngineMoves::aStableEntryIsSampledTwice()
     timer.start();
     m_scratch->arrive(m_inbox + "/photo.jpg", "content");
     QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("photo.jpg"), patience);
+    static_assert(EntryWalks::samplingInterval == std::chrono::milliseconds(150));
     QVERIFY2(timer.elapsed() >= 300, qPrintable(QString::number(timer.elapsed())));
     QCOMPARE(contents(m_out + "/photo.jpg"), QByteArray("content"));
     QVERIFY(!exists(m_inbox + "/photo.jpg"));
@@ -201,6 +207,33 @@ void TestEngineMoves::anEntryThatGrowsBetweenItsTwoTestsIsSkippedForGood()
     QVERIFY(left < count);
 }
 
+void TestEngineMoves::anEntrySkippedAtItsSecondTestIsTakenByTheNextRule()
+{
+    constexpr int count = 24;
+    const std::string other = m_scratch->makeFolder("other");
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i)
+        names.push_back("film-" + std::to_string(i) + ".mp4");
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out), takeAll(other)})}));
+    for (const std::string& name : names)
+        m_scratch->arrive(m_inbox + '/' + name, "begin");
+    for (const std::string& name : names) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        if (exists(m_inbox + '/' + name)) appendToFile(m_inbox + '/' + name, " and end");
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out).size() + namesIn(other).size(), count, patience);
+    // The line of one that the first rule moved at its delayed attempt, or found gone there, comes later.
+    int taken = 0;
+    const QStringList told = messages(engine);
+    for (const std::string& name : names) {
+        const qsizetype skip = told.indexOf(skipped(name.c_str()));
+        const qsizetype move = told.indexOf(moved(name.c_str()));
+        taken += skip >= 0 && skip < move && exists(other + '/' + name);
+    }
+    QVERIFY(taken > 0);
+}
+
 void TestEngineMoves::aBusyEntryOfTwoRulesIsMovedOnceAndSkippedOnce()
 {
     constexpr int count = 20;
@@ -252,6 +285,31 @@ void TestEngineMoves::aFolderIsMovedHoweverBusyItsContents()
     contents.stop();
     QTRY_COMPARE_WITH_TIMEOUT(messages(engine).size(), 3, patience);
     QCOMPARE(messages(engine).filter(QStringLiteral("Moved ")).size(), 2);
+}
+
+/// A file arrives first, and what comes after it is moved before it.
+void TestEngineMoves::aFolderAndALinkToOneWaitForNoSampling()
+{
+    const std::string folder = m_scratch->makeFolder("folder");
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
+    // On a busy machine the file can be moved before the folder has even been made.
+    bool wasFirst[] = {false, false};
+    for (int i = 0; i < 20 && !(wasFirst[0] && wasFirst[1]); ++i) {
+        const std::string number = std::to_string(i);
+        m_scratch->arrive(m_inbox + "/file" + number, "");
+        const QByteArray sampled = "Processing: file" + QByteArray::fromStdString(number);
+        QTRY_VERIFY_WITH_TIMEOUT(m_output->lines().contains(sampled), patience);
+        if (i % 2 == 0)
+            makeFolder(m_inbox + "/late" + number);
+        else
+            makeLink(m_inbox + "/late" + number, folder);
+        QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out).size(), 2 * (i + 1), patience);
+        QTRY_COMPARE_WITH_TIMEOUT(messages(engine).size(), 1 + 2 * (i + 1), patience);
+        if (lastMessage(engine) == moved(("file" + number).c_str())) wasFirst[i % 2] = true;
+    }
+    QVERIFY(wasFirst[0]);
+    QVERIFY(wasFirst[1]);
 }
 
 void TestEngineMoves::aTakenNameGetsANumber()
@@ -402,6 +460,29 @@ void TestEngineMoves::aDestinationThatVanishesIsLogged()
     m_scratch->arrive(m_inbox + "/c.jpg", "");
     QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("c.jpg"), patience);
     QCOMPARE(namesIn(m_inbox), QByteArrayList{"b.jpg"});
+}
+
+void TestEngineMoves::aNameThatIsTakenAtTheLastMomentIsLogged()
+{
+    const auto work = [this]() -> Outcome<void> {
+        DownloadImageRedirector engine;
+        if (!startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})})) return SystemError{ETIME};
+        m_scratch->arrive(m_inbox + "/photo.jpg", "photo");
+        const auto isTold = [&engine] {
+            return lastMessage(engine) == QStringLiteral("Move failed for photo.jpg: File exists");
+        };
+        if (!QTest::qWaitFor(isTold, patience)) return SystemError{ETIME};
+        return {};
+    };
+    const GatedRun run = runGated({"renameat2"}, work, [this](const GatedCall& call) {
+        if (call.ordinal == 1) writeFile(m_out + "/photo.jpg", "victim");
+        return Answer::proceed();
+    });
+    QVERIFY(run.succeeded());
+    QCOMPARE(run.calls, std::vector<std::string>{"renameat2 #1"});
+    QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("photo"));
+    QCOMPARE(contents(m_out + "/photo.jpg"), QByteArray("victim"));
+    QCOMPARE(namesIn(m_out), QByteArrayList{"photo.jpg"});
 }
 
 void TestEngineMoves::anEntryWhoseDestinationIsItsOwnFolderStays_data()

@@ -649,6 +649,11 @@ void TestFolderListJson::onlyThe36CharacterFormIsAUuid()
     QJsonObject folder = folderObject();
     folder.insert(text("id"), uuid);
     QVERIFY(decodingError(listOf(folder)).startsWith(text("[0].id: no UUID \"")));
+    QJsonObject rule = ruleObject();
+    rule.insert(text("id"), uuid);
+    folder = folderObject();
+    folder.insert(text("rules"), QJsonArray{rule});
+    QVERIFY(decodingError(listOf(folder)).startsWith(text("[0].rules[0].id: no UUID \"")));
 }
 
 void TestFolderListJson::topLevelMustBeAnArray()

@@ -88,7 +88,7 @@ const std::vector<std::string> gatedCalls{"fstatfs", "inotify_add_watch"};
 
 } // namespace
 
-/// What a watch does beyond listening to events; the rest is tested with the whole engine.
+/// What a watch does that cannot be seen from outside the engine; the rest is tested with the whole engine.
 class TestFolderWatch : public QObject
 {
     Q_OBJECT
@@ -101,6 +101,8 @@ private Q_SLOTS:
         m_out = m_scratch->makeFolder("out");
     }
 
+    void eachRecordHasAQueueOfItsOwnName();
+    void aScanThatWaitsWhenItsWatchIsCancelledFindsNothing();
     void changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume_data();
     void changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume();
     void timesThatAreTooCoarseToTellHideNothing();
@@ -112,6 +114,49 @@ private:
     std::string m_inbox;
     std::string m_out;
 };
+
+void TestFolderWatch::eachRecordHasAQueueOfItsOwnName()
+{
+    WorkerPool pool;
+    FileMove fileMove;
+    for (const char* id : {"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF", "00000000-0000-0000-0000-000000000000"}) {
+        WatchedFolder folder = watched(m_inbox, {});
+        folder.id = QUuid::fromString(QLatin1String(id));
+        const FolderWatch watch(folder, pool, fileMove, [](const QString&) {});
+        QCOMPARE(watch.queueLabel(), std::string("harbex.watcher.") + id);
+    }
+}
+
+void TestFolderWatch::aScanThatWaitsWhenItsWatchIsCancelledFindsNothing()
+{
+    FileMove fileMove;
+    WorkerPool pool;
+    DirectoryEvents events;
+    const auto makeWatch = [&](const std::shared_ptr<KnownItems>& known) {
+        auto watch = std::make_shared<FolderWatch>(watched(m_inbox, {takeAll(m_out)}), pool, fileMove,
+                                                   [](const QString&) {});
+        if (!watch->open(events) || !watch->list(known, true)) qFatal("cannot watch");
+        watch->begin();
+        return watch;
+    };
+    const auto known = std::make_shared<KnownItems>();
+    const auto cancelled = makeWatch(known);
+    {
+        const MutexLock lock(known->mutex);
+        m_scratch->arrive(m_inbox + "/hidden", "");
+        QVERIFY(eventually([&] { return pool.threadCount() > 0; }));
+        cancelled->cancel();
+    }
+    // To the second watch it is known.
+    const auto watch = makeWatch(std::make_shared<KnownItems>());
+    for (const char* name : {"/first", "/second"}) {
+        m_scratch->arrive(m_inbox + name, "");
+        QVERIFY(eventually([&] { return exists(m_out + name); }));
+    }
+    QVERIFY(exists(m_inbox + "/hidden"));
+    watch->cancel();
+    pool.stop();
+}
 
 void TestFolderWatch::changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume_data()
 {

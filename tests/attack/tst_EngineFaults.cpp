@@ -74,6 +74,11 @@ public:
 
     [[nodiscard]] QStringList messages() const { return m_notes.lines(); }
 
+    /// What was there before the start stays, even if a listing fails.
+    [[nodiscard]] bool isOldLeftAlone() const
+    {
+        return contents(m_inbox + "/old") == "old" && !exists(m_out + "/old");
+    }
     [[nodiscard]] bool isFirstIn(const std::string& folder) const { return isWhole(folder + "/first"); }
     [[nodiscard]] const std::string& inbox() const { return m_inbox; }
     [[nodiscard]] const std::string& out() const { return m_out; }
@@ -82,6 +87,7 @@ private:
     /// In the process behind the gate.
     Outcome<void> work() const
     {
+        writeFile(m_inbox + "/old", "old");
         DownloadImageRedirector engine;
         QObject context;
         QObject::connect(&engine, &DownloadImageRedirector::logsChanged, &context,
@@ -208,6 +214,7 @@ void TestEngineFaults::everyCallFails()
         const QString told = life.messages().join(u'|');
         const QByteArray what = QByteArray::fromStdString(where) + ": " + told.toUtf8();
         QVERIFY2(run.succeeded(), what.constData());
+        QVERIFY2(life.isOldLeftAlone(), what.constData());
         QVERIFY2(contents(life.out() + (kind == u"file" ? "/second" : "/second/file")) == "content",
                  what.constData());
         const bool isThere = life.isFirstIn(life.out());
