@@ -55,9 +55,9 @@ void makeFiles(const std::filesystem::path& folder, const std::string& prefix, i
 }
 
 void renameFiles(const std::filesystem::path& from, const std::filesystem::path& to,
-                 const std::string& prefix, int count)
+                 const std::string& prefix, int count, int first)
 {
-    for (int i = 0; i < count; ++i) {
+    for (int i = first; i < count; ++i) {
         const std::filesystem::path name = fileName(prefix, i);
         if (std::rename((from / name).c_str(), (to / name).c_str()) != 0) std::abort();
     }

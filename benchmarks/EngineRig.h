@@ -30,9 +30,10 @@ private:
 /// Makes `count` files named prefix0.jpg, prefix1.jpg, ... of one byte each.
 void makeFiles(const std::filesystem::path& folder, const std::string& prefix, int count);
 
-/// Renames those files into another folder, one call of rename(2) each.
+/// Renames those of these files with the numbers from `first` on into another folder, one call of rename(2)
+/// each.
 void renameFiles(const std::filesystem::path& from, const std::filesystem::path& to,
-                 const std::string& prefix, int count);
+                 const std::string& prefix, int count, int first = 0);
 
 /// A folder that is watched with one rule: pictures go to `destination`.
 [[nodiscard]] WatchedFolder picturesRule(const std::filesystem::path& folder,
@@ -48,6 +49,9 @@ public:
     explicit EngineRig(const std::vector<WatchedFolder>& folders);
 
     [[nodiscard]] DownloadImageRedirector& engine() { return m_engine; }
+
+    /// How many entries were moved since the beginning.
+    [[nodiscard]] int moved() const { return m_moved; }
 
     /// Runs the main loop until so many entries were moved since the beginning.
     void waitForMoved(int count);

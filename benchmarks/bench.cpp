@@ -18,8 +18,10 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <optional>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -92,27 +94,35 @@ void measureManyFolders(Table& table)
 {
     constexpr int folders = 50;
     constexpr int count = 1000;
-    const ScratchFolder scratch;
-    const path out = scratch.folder("out");
-    std::vector<WatchedFolder> watched;
-    for (int i = 0; i < folders; ++i) {
-        const std::string name = std::to_string(i);
-        watched.push_back(picturesRule(scratch.folder("in" + name), scratch.folder("out" + name)));
-        makeFiles(scratch.folder("stage" + name), "photo", count);
+    std::vector<double> seconds;
+    size_t mostThreads = 0;
+    size_t threadsLater = 0;
+    for (int round = 0; round < 3; ++round) {
+        const ScratchFolder scratch;
+        std::vector<std::pair<path, path>> arrivals;
+        std::vector<WatchedFolder> watched;
+        for (int i = 0; i < folders; ++i) {
+            const std::string name = std::to_string(i);
+            const auto& [stage, in] =
+                arrivals.emplace_back(scratch.folder("stage" + name), scratch.folder("in" + name));
+            watched.push_back(picturesRule(in, scratch.folder("out" + name)));
+            makeFiles(stage, "photo", count);
+        }
+        EngineRig rig(watched);
+        EngineRig::settle(std::chrono::milliseconds(500));
+        for (int i = 0; i < count; ++i)
+            for (const auto& [stage, in] : arrivals)
+                renameFiles(stage, in, "photo", i + 1, i);
+        const auto begin = Clock::now();
+        rig.waitForMoved(folders * count);
+        seconds.push_back(secondsSince(begin));
+        mostThreads = std::max(mostThreads, rig.mostThreads());
+        EngineRig::settle(std::chrono::seconds(10));
+        threadsLater = std::max(threadsLater, rig.engine().threadCount());
     }
-    EngineRig rig(watched);
-    EngineRig::settle(std::chrono::milliseconds(500));
-    for (int i = 0; i < folders; ++i) {
-        const std::string name = std::to_string(i);
-        renameFiles(scratch.folder("stage" + name), scratch.folder("in" + name), "photo", count);
-    }
-    const auto begin = Clock::now();
-    rig.waitForMoved(folders * count);
-    table.addLimit("1,000 entries in each of 50 folders, last arrival to last move", "s", secondsSince(begin),
-                   2);
-    table.addLimit("    threads at most meanwhile", "", static_cast<double>(rig.mostThreads()), 64);
-    EngineRig::settle(std::chrono::seconds(10));
-    table.addLimit("    threads ten seconds later", "", static_cast<double>(rig.engine().threadCount()), 0);
+    table.addLimit("1,000 entries in each of 50 folders, last arrival to last move", "s", median(seconds), 2);
+    table.addLimit("    threads at most meanwhile", "", static_cast<double>(mostThreads), 64);
+    table.addLimit("    threads ten seconds later", "", static_cast<double>(threadsLater), 0);
 }
 
 void measureOneFile(Table& table)
@@ -177,13 +187,14 @@ void measureFreeName(Table& table)
     table.addLimit("a free name behind 10,000 taken ones", "ms", median(times), 20);
 }
 
-void measureBusy(Table& table)
+/// From the moment at which the attempts fall due to the end of the last. Nothing on a machine too slow to
+/// write to each file within 0.15 second: some pass their first test early then.
+std::optional<double> busyRound()
 {
     constexpr int count = 1000;
     const ScratchFolder scratch;
     const path in = scratch.folder("in");
-    const path out = scratch.folder("out");
-    EngineRig rig({picturesRule(in, out)});
+    EngineRig rig({picturesRule(in, scratch.folder("out"))});
     EngineRig::settle(std::chrono::milliseconds(300));
 
     // Every file grows until its first test has failed, and is done when its attempt comes.
@@ -195,12 +206,23 @@ void measureBusy(Table& table)
             const FileDescriptor fd(::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
             if (fd && ::write(fd.get(), "x", 1) != 1) std::abort();
         }
-    // On a machine too slow to write to each file within 0.15 second some pass their first test early and are
-    // given up; they end no later.
+    if (rig.moved() != 0) return std::nullopt;
     rig.waitForEnded(count);
+    if (rig.moved() != count) return std::nullopt;
     // Due at the earliest a second after the first test, which ended 0.15 second after the arrival.
-    table.addLimit("1,000 busy entries, attempt due to the end of the last", "s",
-                   secondsSince(arrival) - 1.15, 0.5);
+    return secondsSince(arrival) - 1.15;
+}
+
+void measureBusy(Table& table)
+{
+    const std::string what = "1,000 busy entries, attempt due to the end of the last";
+    std::vector<double> seconds;
+    for (int i = 0; i < 10 && seconds.size() < 3; ++i)
+        if (const auto taken = busyRound()) seconds.push_back(*taken);
+    if (seconds.size() == 3)
+        table.addLimit(what, "s", median(seconds), 0.5);
+    else
+        table.addImpossible(what, "too slow");
 }
 
 void measureCopy(Table& table)
@@ -208,7 +230,10 @@ void measureCopy(Table& table)
     const path memory = "/dev/shm";
     struct stat here;
     struct stat there;
-    if (::stat(".", &here) != 0 || ::stat(memory.c_str(), &there) != 0 || here.st_dev == there.st_dev) {
+    struct statvfs room;
+    // The source lies in memory, the copy on the disk.
+    if (::stat(".", &here) != 0 || ::stat(memory.c_str(), &there) != 0 || here.st_dev == there.st_dev ||
+        ::statvfs(memory.c_str(), &room) != 0 || room.f_bavail * room.f_frsize < uint64_t(2) << 30U) {
         table.addImpossible("a file of 2 GB to another volume / cp + sync", "no second volume");
         return;
     }

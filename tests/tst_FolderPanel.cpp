@@ -30,7 +30,7 @@ Completion ask(const std::function<void(QFileDialog&)>& answer)
 {
     bool isAnswered = false;
     QTimer timer;
-    QObject::connect(&timer, &QTimer::timeout, [&] {
+    QObject::connect(&timer, &QTimer::timeout, &timer, [&] {
         auto* panel = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
         if (!panel || isAnswered) return;
         isAnswered = true;

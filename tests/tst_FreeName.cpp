@@ -2,8 +2,6 @@
 #include "support/EngineFiles.h"
 #include "support/TestMain.h"
 
-#include <QElapsedTimer>
-
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,7 +30,7 @@ private Q_SLOTS:
     void aNameThatGrewTooLongIsTheAnswer();
     void anEmptyFolderGivesAnEmptyPath();
     void aFolderWithASlashAtTheEnd();
-    void tenThousandTakenNamesTakeNoTime();
+    void theFirstFreeNameBehindTenThousandTakenOnes();
 
 private:
     std::string inFolder(const std::string& name) const { return m_folder + '/' + name; }
@@ -162,21 +160,12 @@ void TestFreeName::aFolderWithASlashAtTheEnd()
     QCOMPARE(uniqueDestination("/a/photo.jpg", m_folder + '/'), inFolder("photo.jpg"));
 }
 
-void TestFreeName::tenThousandTakenNamesTakeNoTime()
+void TestFreeName::theFirstFreeNameBehindTenThousandTakenOnes()
 {
     writeFile(inFolder("photo.jpg"), "");
     for (int i = 1; i < 10'000; ++i)
         writeFile(inFolder("photo-" + std::to_string(i) + ".jpg"), "");
-    qint64 best = std::numeric_limits<qint64>::max();
-    // The best of a few, because other programs use the machine too.
-    for (int i = 0; i < 5; ++i) {
-        QElapsedTimer timer;
-        timer.start();
-        QCOMPARE(freeName("photo.jpg"), expected("photo-10000.jpg"));
-        best = std::min(best, timer.nsecsElapsed());
-    }
-    qInfo("10,000 taken names: %.1f ms", double(best) / 1e6);
-    QVERIFY(best < 100'000'000);
+    QCOMPARE(freeName("photo.jpg"), expected("photo-10000.jpg"));
 }
 
 HARBEX_TEST_MAIN(TestFreeName)

@@ -163,7 +163,6 @@ void TestIcons::theSymbolOfTheThemeIsPreferredAndColouredToo()
                          "MinSize=8\nMaxSize=512\n");
     write("symbolic/folder-symbolic.svg", "<svg xmlns='http://www.w3.org/2000/svg' width='16' "
                                           "height='16'><rect width='16' height='16'/></svg>");
-    const QImage own = drawn(symbolIcon(Symbol::folder));
     QIcon::setThemeSearchPaths({QDir::homePath() + QStringLiteral("/icons")});
     QIcon::setThemeName(QStringLiteral("desk"));
 

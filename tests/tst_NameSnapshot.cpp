@@ -1,3 +1,5 @@
+#include "files/DirectoryListing.h"
+#include "support/EngineFiles.h"
 #include "support/RandomSeed.h"
 #include "support/TestMain.h"
 #include "watcher/NameSnapshot.h"
@@ -158,6 +160,7 @@ private Q_SLOTS:
     void updateLeavesTheSnapshotAsItWas();
     void snapshotIsCompact();
     void unchangedUpdateAllocatesNothing();
+    void aScanOfAnUnchangedFolderAllocatesNothingForItsEntries();
     void agreesWithSetsOnRandomListings();
 };
 
@@ -387,6 +390,26 @@ void TestNameSnapshot::unchangedUpdateAllocatesNothing()
     // The count counts.
     const Names one = {"a name too long to be kept within the string"};
     QVERIFY(allocations > after);
+}
+
+void TestNameSnapshot::aScanOfAnUnchangedFolderAllocatesNothingForItsEntries()
+{
+    const ScratchFolder scratch;
+    // More than one call of the kernel gives.
+    for (int i = 0; i < 2'000; ++i)
+        writeFile(scratch.path() + "/a name too long to be kept within the string " + std::to_string(i), "");
+    NameSnapshot known;
+    // The first scan finds everything new, the second nothing.
+    for (const bool isKnown : {false, true}) {
+        const size_t before = allocations;
+        Outcome<DirectoryListing> listing = DirectoryListing::open(scratch.path());
+        NameSnapshot::Update update(known);
+        QVERIFY(listing && listing->forEachName([&](auto name) { update.add(name); }));
+        QCOMPARE(update.isUnchanged(), isKnown);
+        const size_t count = allocations - before;
+        QCOMPARE(count == 0, isKnown);
+        known = update.takeCurrent();
+    }
 }
 
 void TestNameSnapshot::agreesWithSetsOnRandomListings()

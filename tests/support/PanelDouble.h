@@ -16,7 +16,8 @@ class PanelDouble : public QObject
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
-    Q_PROPERTY(bool IsStatusNotifierHostRegistered READ hasHost SCRIPTABLE true)
+    Q_PROPERTY(
+        bool IsStatusNotifierHostRegistered READ hasHost NOTIFY StatusNotifierHostRegistered SCRIPTABLE true)
 
 public:
     explicit PanelDouble(SessionBus& bus, bool hasHost = true);
