@@ -2,16 +2,37 @@
 
 #include "store/Bookmark.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFileDialog>
+#include <QGuiApplication>
 #include <QTimer>
 #include <QUrl>
+#include <QWidget>
 
+#include <chrono>
 #include <sys/stat.h>
 
 namespace harbex
 {
+
+namespace
+{
+
+/// Some window managers give the keyboard back to no window that is left out of the taskbar.
+void takeKeyboardBack(QWidget* window)
+{
+    // The window of a panel that is not Qt's own goes only when the main loop runs, that of another program's
+    // panel a little later, and with it what it had.
+    constexpr std::chrono::seconds panelIsGone{1};
+    auto* guard = new QObject(window);
+    QObject::connect(qApp, &QGuiApplication::focusWindowChanged, guard, [window](const QWindow* focused) {
+        if (!focused) window->activateWindow();
+    });
+    QTimer::singleShot(0, guard, [window] { window->activateWindow(); });
+    QTimer::singleShot(panelIsGone, guard, &QObject::deleteLater);
+}
+
+} // namespace
 
 void selectDirectory(QWidget* parent, const DirectoryCompletion& completion)
 {
@@ -21,9 +42,7 @@ void selectDirectory(QWidget* parent, const DirectoryCompletion& completion)
     panel.setOption(QFileDialog::ShowDirsOnly);
     panel.setLabelText(QFileDialog::Accept, prompt);
     const bool isAccepted = panel.exec() == QDialog::Accepted;
-    // Some window managers give the keyboard back to no window that is left out of the taskbar. Later,
-    // because the window of a panel that is not Qt's own goes only when the main loop runs.
-    if (parent) QTimer::singleShot(0, parent, [parent] { parent->activateWindow(); });
+    if (parent) takeKeyboardBack(parent);
     const QList<QUrl> answers = isAccepted ? panel.selectedUrls() : QList<QUrl>();
 
     const auto url = answers.isEmpty() ? std::nullopt : chosenFolder(answers.first());
