@@ -5,6 +5,9 @@
 #include "ui/TerminationSignals.h"
 
 #include <QApplication>
+#include <QLocale>
+#include <QStandardPaths>
+#include <QTranslator>
 
 #include <csignal>
 #include <cstdio>
@@ -42,6 +45,15 @@ int main(int argc, char** argv)
     QApplication::setDesktopFileName(QStringLiteral("org.harbex.Harbex"));
     QApplication::setQuitOnLastWindowClosed(false);
 
+    QTranslator translator;
+    const QString translations =
+        QStandardPaths::locate(QStandardPaths::GenericDataLocation, QStringLiteral("harbex/translations"),
+                               QStandardPaths::LocateDirectory);
+    // Without a folder it would look into the one the program was started in.
+    if (!translations.isEmpty() &&
+        translator.load(QLocale(), QStringLiteral("harbex"), QStringLiteral("_"), translations))
+        QApplication::installTranslator(&translator);
+
     const QDBusConnection bus = QDBusConnection::sessionBus();
     harbex::ApplicationService service(bus);
     switch (service.start(activationToken)) {
@@ -57,9 +69,8 @@ int main(int argc, char** argv)
     const harbex::ColorScheme colorScheme;
     harbex::ApplicationShell shell(bus, service);
     const harbex::TerminationSignals signals;
-    // exit() and not quit(), which closes the windows first: closing one saves.
-    QObject::connect(&signals, &harbex::TerminationSignals::received, &application,
-                     [] { QApplication::exit(0); });
+    QObject::connect(&signals, &harbex::TerminationSignals::received, &shell,
+                     &harbex::ApplicationShell::quit);
     shell.applicationDidFinishLaunching();
     const int status = QApplication::exec();
 

@@ -4,11 +4,22 @@
 #include "support/WindowTestMain.h"
 #include "ui/ApplicationService.h"
 #include "ui/ApplicationShell.h"
+#include "ui/FlatButton.h"
+#include "ui/FolderList.h"
 
+#include <QComboBox>
 #include <QDir>
 #include <QFile>
+#include <QFileDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <QToolBar>
+#include <QTranslator>
+
+#include <utility>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -64,6 +75,22 @@ private:
     int m_dropped = 0;
 };
 
+/// Translates every text of the program, while it lives, into the same in brackets.
+class BracketTranslator : public QTranslator
+{
+public:
+    BracketTranslator() { QCoreApplication::installTranslator(this); }
+    ~BracketTranslator() override { QCoreApplication::removeTranslator(this); }
+
+    [[nodiscard]] bool isEmpty() const override { return false; }
+    [[nodiscard]] QString translate(const char* context, const char* source, const char* /*comment*/,
+                                    int /*number*/) const override
+    {
+        if (!QByteArrayView(context).startsWith("harbex::")) return {};
+        return u'[' + QString::fromUtf8(source) + u']';
+    }
+};
+
 } // namespace
 
 /// The parts together: one engine, one window, one item.
@@ -86,6 +113,8 @@ private Q_SLOTS:
     void secondStartOpensTheWindow();
     void quitOfTheMenuEndsWithoutSaving();
     void quitOfTheBusEndsWithoutSaving();
+    void quitOfTheSessionManagerEndsWithoutSaving();
+    void everyTextIsTranslatedAndTheStoreIsNot();
 
 private:
     void launch()
@@ -293,6 +322,8 @@ void TestApplicationShell::quitOfTheMenuEndsWithoutSaving()
     QCOMPARE(QApplication::exec(), 0);
     // Closing the window would have saved.
     QVERIFY(window()->isVisible());
+    // The engine was not stopped.
+    QVERIFY(one.isWatched());
     m_shell.reset();
     QCOMPARE(storeContent(), stored);
 }
@@ -311,8 +342,99 @@ void TestApplicationShell::quitOfTheBusEndsWithoutSaving()
     });
     QCOMPARE(QApplication::exec(), 0);
     QVERIFY(window()->isVisible());
+    // The engine was not stopped.
+    QVERIFY(one.isWatched());
     m_shell.reset();
     QCOMPARE(storeContent(), stored);
+}
+
+void TestApplicationShell::quitOfTheSessionManagerEndsWithoutSaving()
+{
+    MovingFolder one;
+    store({one.record()});
+    launch();
+    QTest::keyClicks(window()->findChild<QLineEdit*>(), QStringLiteral("not saved yet"));
+    const QByteArray stored = storeContent();
+    QTimer::singleShot(0, this, [] {
+        QEvent quit(QEvent::Quit);
+        QCoreApplication::sendEvent(qApp, &quit);
+    });
+    QCOMPARE(QApplication::exec(), 0);
+    QVERIFY(window()->isVisible());
+    QVERIFY(one.isWatched());
+    m_shell.reset();
+    QCOMPARE(storeContent(), stored);
+}
+
+void TestApplicationShell::everyTextIsTranslatedAndTheStoreIsNot()
+{
+    const BracketTranslator translator;
+    const MovingFolder one;
+    WatchedFolder folder = one.record();
+    folder.rules.assign(2, FilterRule());
+    folder.rules.at(1).id = QUuid::createUuid();
+    store({folder});
+    launchIntoAPanel();
+
+    // What is not text of the program is the name of a folder and the text in a field.
+    QStringList texts{window()->windowTitle()};
+    const auto choose = [](QComboBox* picker, int index) {
+        picker->setCurrentIndex(index);
+        Q_EMIT picker->activated(index);
+    };
+    const auto pickers = window()->findChildren<QComboBox*>();
+    QCOMPARE(pickers.size(), 6);
+    choose(pickers.at(1), 1);
+    choose(pickers.at(3), 2);
+    choose(pickers.at(5), 4);
+    for (QWidget* widget : window()->findChildren<QWidget*>()) {
+        if (const auto* label = qobject_cast<QLabel*>(widget)) texts += label->text();
+        if (const auto* button = qobject_cast<QAbstractButton*>(widget)) texts += button->text();
+        if (const auto* field = qobject_cast<QLineEdit*>(widget)) texts += field->placeholderText();
+        texts += widget->accessibleName();
+    }
+    for (const QComboBox* picker : pickers)
+        for (int i = 0; i < picker->count(); ++i)
+            texts += picker->itemText(i);
+    auto* folders = window()->findChild<FolderList*>();
+    folders->setCurrentRow(0);
+    QTest::keyClick(folders, Qt::Key_Menu);
+    for (const QWidget* widget : QApplication::topLevelWidgets())
+        if (const auto* menu = qobject_cast<const QMenu*>(widget))
+            for (const QAction* entry : menu->actions())
+                texts += entry->text();
+    QVERIFY(QApplication::activePopupWidget());
+    QApplication::activePopupWidget()->close();
+
+    window()->findChild<QToolBar*>()->findChild<FlatButton*>()->click();
+    QTimer timer;
+    connect(&timer, &QTimer::timeout, this, [&] {
+        auto* panel = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+        if (!panel) return;
+        timer.stop();
+        texts += panel->windowTitle();
+        texts += panel->labelText(QFileDialog::Accept);
+        panel->reject();
+    });
+    timer.start(1);
+    const QString prompt = QStringLiteral("[Select Focus Folder]");
+    QTRY_COMPARE(texts.count(prompt), 2);
+
+    texts.removeAll(QString());
+    for (const QString& text : std::as_const(texts))
+        QVERIFY2(text.startsWith(u'[') && text.endsWith(u']'), qPrintable(text));
+    for (const char* text : {"Harbex", "Folders", "Add Folder", "Rules", "Add Rule", "move to", "Field",
+                             "Name", "contains", "Audio", "Default: All Files", "Select destination...",
+                             "Delete", "Select a folder from the sidebar", "Open Harbex", "Quit"})
+        QVERIFY2(texts.contains(u'[' + QString::fromLatin1(text) + u']'), text);
+
+    window()->close();
+    const auto rules = FolderStore().loadState({}).folders.at(0).rules;
+    QCOMPARE(rules.at(0).operatorType, RuleOperator::isEqual);
+    QCOMPARE(rules.at(1).field, RuleField::kind);
+    QCOMPARE(rules.at(1).kind, RuleKind::audio);
+    for (const char* rawValue : {"[Name", "[Kind", "[contains", "[is", "[Audio"})
+        QVERIFY2(!storeContent().contains(rawValue), rawValue);
 }
 
 HARBEX_WINDOW_TEST_MAIN(TestApplicationShell)

@@ -77,6 +77,8 @@ private Q_SLOTS:
     void deletingWithoutASelectionSelectsNothing();
     void deletingAFolderThatIsGoneDoesNothing();
     void aFolderIsDeletedByTheIdInTheListItself();
+    void ofTwoFoldersWithOneIdTheFirstIsDeletedAndTheSelectionStays();
+    void ofTwoFoldersWithOneIdBehindAnotherTheFirstIsDeletedAndTheSelectionMoves();
     void whatWasDeletedUnsavedIsMissingFromTheNextSave();
 
     // Rules.
@@ -97,6 +99,8 @@ private Q_SLOTS:
     void submittingRestartsEvenWhenNothingChanged();
     void aChosenDestinationRestartsAndDoesNotSave();
     void theSameDestinationRenewsTheBookmarkOnly();
+    void theSameDestinationWithoutABookmarkClearsTheBookmarkOnly();
+    void nothingIsMovedFromANewFolderUntilADestinationIsSet();
     void aBookmarkThatCouldNotBeMadeClearsTheOldOne();
     void anEditOfARuleThatIsGoneDoesNothing();
     void anEditWithoutASelectionDoesNothing();
@@ -482,6 +486,38 @@ void TestContentState::aFolderIsDeletedByTheIdInTheListItself()
     QVERIFY(bench.wasSaved());
 }
 
+void TestContentState::ofTwoFoldersWithOneIdTheFirstIsDeletedAndTheSelectionStays()
+{
+    StateBench bench;
+    const auto a = StateBench::makeFolder(QStringLiteral("A"));
+    auto twin = StateBench::makeFolder(QStringLiteral("Twin"));
+    twin.id = a.id;
+    bench.appearWith({a, twin}, a.id);
+    const QSignalSpy selections(&bench.state, &ContentState::selectionChanged);
+    bench.state.deleteFolder(a.id);
+    QCOMPARE(bench.state.folders().size(), 1U);
+    QCOMPARE(bench.folder(0).url, twin.url);
+    QCOMPARE(bench.state.selectedFolderID(), a.id);
+    QCOMPARE(selections.count(), 0);
+    QCOMPARE(bench.restarts(), 1);
+    QVERIFY(!bench.wasSaved());
+}
+
+void TestContentState::ofTwoFoldersWithOneIdBehindAnotherTheFirstIsDeletedAndTheSelectionMoves()
+{
+    StateBench bench;
+    const auto a = StateBench::makeFolder(QStringLiteral("A"));
+    const auto b = StateBench::makeFolder(QStringLiteral("B"));
+    auto twin = StateBench::makeFolder(QStringLiteral("Twin"));
+    twin.id = b.id;
+    bench.appearWith({a, b, twin}, b.id);
+    bench.state.deleteFolder(b.id);
+    QCOMPARE(bench.state.folders().size(), 2U);
+    QCOMPARE(bench.folder(1).url, twin.url);
+    QCOMPARE(bench.state.selectedFolderID(), a.id);
+    QVERIFY(bench.wasSaved());
+}
+
 void TestContentState::whatWasDeletedUnsavedIsMissingFromTheNextSave()
 {
     StateBench bench;
@@ -710,6 +746,52 @@ void TestContentState::theSameDestinationRenewsTheBookmarkOnly()
     bench.state.setDestination(id, urlOf("B"), QByteArray("new"));
     QCOMPARE(bench.restarts(), 0);
     QCOMPARE(bench.rule(0).destinationBookmarkData, QByteArray("new"));
+}
+
+void TestContentState::theSameDestinationWithoutABookmarkClearsTheBookmarkOnly()
+{
+    StateBench bench;
+    bench.appearWith({StateBench::makeFolder(QStringLiteral("A"))});
+    const QUuid id = bench.rule(0).id;
+    bench.state.setDestination(id, urlOf("B"), QByteArray("bookmark"));
+    QCOMPARE(bench.restarts(), 1);
+    bench.state.setDestination(id, urlOf("B"), {});
+    QCOMPARE(bench.restarts(), 0);
+    QCOMPARE(bench.rule(0).destination, urlOf("B"));
+    QVERIFY(!bench.rule(0).destinationBookmarkData);
+}
+
+void TestContentState::nothingIsMovedFromANewFolderUntilADestinationIsSet()
+{
+    StateBench bench;
+    // The folder that stands before it shows that the engine runs, and for how long.
+    auto other = StateBench::makeFolder(QStringLiteral("Other"));
+    const auto outbox = StateBench::makeFolder(QStringLiteral("Outbox"));
+    other.rules.at(0).destination = outbox.url;
+    bench.appearWith({other}, other.id);
+    bench.state.addFolder(StateBench::makeFolder(QStringLiteral("New")).url, {});
+    bench.settle();
+
+    const auto pathOf = [](const char* name) {
+        return QDir::homePath() + QLatin1Char('/') + QLatin1String(name);
+    };
+    const auto drop = [&](const char* name) {
+        QFile file(pathOf(name));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+    };
+    drop("New/early");
+    for (const char* sentinel : {"1", "2"}) {
+        drop(qPrintable(QStringLiteral("Other/") + QLatin1String(sentinel)));
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(pathOf("Outbox/") + QLatin1String(sentinel)), 20000);
+    }
+    QVERIFY(QFile::exists(pathOf("New/early")));
+
+    bench.state.setDestination(bench.rule(0).id, outbox.url, {});
+    bench.settle();
+    drop("New/late");
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(pathOf("Outbox/late")), 20000);
+    // What was there before stays.
+    QVERIFY(QFile::exists(pathOf("New/early")));
 }
 
 void TestContentState::aBookmarkThatCouldNotBeMadeClearsTheOldOne()

@@ -5,17 +5,20 @@
 #include "ui/FlatButton.h"
 #include "ui/FolderList.h"
 #include "ui/HeadingLabel.h"
+#include "ui/Icons.h"
 #include "ui/RuleList.h"
 #include "ui/RuleRow.h"
 
 #include <QAccessible>
 #include <QComboBox>
 #include <QLabel>
+#include <QLayout>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QScrollBar>
 #include <QSignalSpy>
 #include <QSplitter>
+#include <QStyle>
 #include <QToolBar>
 #include <QToolButton>
 
@@ -96,6 +99,7 @@ private Q_SLOTS:
     void theColumnsCannotBeNarrowedAwayAndTheSidebarKeeps200();
     void theSidebarIsTitledFoldersAndHasOneToolBarItem();
     void aFolderShowsRulesTheRowsAddRuleAndADividerFromTopToBottom();
+    void theRuleViewHasTheMarginsOfTheStyle();
     void theRulesTitleIsLargerThanTheTextAndBold();
     void theTitlesGrowWithTheFontOfTheDesktop();
     void atTheSmallestSizeAllOfARowFits();
@@ -108,6 +112,7 @@ private Q_SLOTS:
     void theEmptyTextStaysReadableWhenThePaletteChanges();
     void theRulesOfTheSelectedFolderAreShown();
     void theRuleViewNamesNoFolder();
+    void nothingElseIsOnScreen();
     void deletingTheOnlyFolderShowsTheEmptyText();
     void deletingTheOnlyRuleLeavesTitleAndAddRule();
 
@@ -162,9 +167,9 @@ void TestContentView::theSidebarIsTitledFoldersAndHasOneToolBarItem()
     QVERIFY(title);
     QCOMPARE(bench.view->findChildren<QToolBar*>().size(), 1);
     QCOMPARE(bench.toolBar()->actions().size(), 1);
-    QCOMPARE(bench.addition(), bench.addition());
+    QCOMPARE(bench.toolBar()->widgetForAction(bench.toolBar()->actions().first()), bench.addition());
     QCOMPARE(bench.addition()->text(), QStringLiteral("Add Folder"));
-    QVERIFY(!bench.addition()->icon().isNull());
+    QCOMPARE(bench.addition()->icon().pixmap(16).toImage(), symbolIcon(Symbol::plus).pixmap(16).toImage());
     QVERIFY(!bench.toolBar()->isMovable());
     // The toolbar stands at the end of the title's line, the list below.
     QVERIFY(bench.toolBar()->x() > title->geometry().right());
@@ -195,6 +200,22 @@ void TestContentView::aFolderShowsRulesTheRowsAddRuleAndADividerFromTopToBottom(
     // The list takes the space there is, the button only what it needs.
     QVERIFY(addition->width() < 200);
     QVERIFY(list->height() > 200);
+}
+
+void TestContentView::theRuleViewHasTheMarginsOfTheStyle()
+{
+    const ViewBench bench({StateBench::makeFolder(QStringLiteral("A"))});
+    const QWidget* view = bench.ruleList()->parentWidget();
+    const auto metric = [view](QStyle::PixelMetric each) {
+        return view->style()->pixelMetric(each, nullptr, view);
+    };
+    const QMargins margins(metric(QStyle::PM_LayoutLeftMargin), metric(QStyle::PM_LayoutTopMargin),
+                           metric(QStyle::PM_LayoutRightMargin), metric(QStyle::PM_LayoutBottomMargin));
+    QVERIFY(margins.left() > 0 && margins.top() > 0 && margins.right() > 0 && margins.bottom() > 0);
+    QCOMPARE(view->layout()->contentsMargins(), margins);
+    // Around it there is nothing more.
+    QCOMPARE(view->size(), bench.view->findChild<QSplitter*>()->widget(1)->size());
+    QCOMPARE(bench.ruleList()->x(), margins.left());
 }
 
 void TestContentView::theRulesTitleIsLargerThanTheTextAndBold()
@@ -302,6 +323,32 @@ void TestContentView::theRuleViewNamesNoFolder()
         QVERIFY(!label->text().contains(QStringLiteral("Unmistakable")));
     for (const auto* widget : bench.view->findChildren<QWidget*>())
         QVERIFY(!widget->toolTip().contains(QStringLiteral("Unmistakable")));
+}
+
+void TestContentView::nothingElseIsOnScreen()
+{
+    ViewBench bench({StateBench::makeFolder(QStringLiteral("A"), 2)});
+    bench.state.setDestination(bench.rule(0).id, FileUrl::fromPath("/srv/Pictures"), {});
+    const auto texts = [&bench] {
+        QStringList shown;
+        for (const auto* label : bench.view->findChildren<QLabel*>())
+            if (label->isVisible()) shown += label->text();
+        for (const auto* button : bench.view->findChildren<QAbstractButton*>())
+            if (button->isVisible() && !button->text().isEmpty()) shown += button->text();
+        shown.sort();
+        return shown;
+    };
+    const auto sorted = [](QStringList expected) {
+        expected.sort();
+        return expected;
+    };
+    QCOMPARE(texts(),
+             sorted({QStringLiteral("Folders"), QStringLiteral("Add Folder"), QStringLiteral("Rules"),
+                     QStringLiteral("move to"), QStringLiteral("move to"), QStringLiteral("/srv/Pictures"),
+                     QStringLiteral("Select destination..."), QStringLiteral("Add Rule")}));
+    bench.state.select(std::nullopt);
+    QCOMPARE(texts(), sorted({QStringLiteral("Folders"), QStringLiteral("Add Folder"),
+                              QString::fromLatin1(emptyText)}));
 }
 
 void TestContentView::deletingTheOnlyFolderShowsTheEmptyText()

@@ -1,5 +1,6 @@
 #include "support/WindowTestMain.h"
 #include "ui/DirectorySelector.h"
+#include "ui/Icons.h"
 
 #include <QAccessible>
 #include <QDir>
@@ -7,6 +8,7 @@
 #include <QHelpEvent>
 #include <QLabel>
 #include <QSignalSpy>
+#include <QTextDocument>
 #include <QToolButton>
 #include <QToolTip>
 
@@ -45,6 +47,23 @@ void cancel(const DirectoryCompletion& completion)
     completion(std::nullopt, std::nullopt);
 }
 
+void hover(QWidget* widget)
+{
+    QHelpEvent event(QEvent::ToolTip, QPoint(5, 5), widget->mapToGlobal(QPoint(5, 5)));
+    QApplication::sendEvent(widget, &event);
+}
+
+/// The tooltip as it is read, not as it is written.
+QString shownToolTip()
+{
+    QTextDocument shown;
+    if (Qt::mightBeRichText(QToolTip::text()))
+        shown.setHtml(QToolTip::text());
+    else
+        shown.setPlainText(QToolTip::text());
+    return shown.toPlainText();
+}
+
 } // namespace
 
 class TestDirectorySelector : public QObject
@@ -74,6 +93,7 @@ private Q_SLOTS:
     void withoutAFolderThePromptIsShown();
     void theLabelIsNoRichText();
     void aTextWithoutRoomIsShortenedAndToldInFull();
+    void theTooltipIsNoRichText();
     void theButtonNamesWhatItDoes();
     void theButtonTakesTheFocusAndTheLabelDoesNot();
 
@@ -217,18 +237,27 @@ void TestDirectorySelector::aTextWithoutRoomIsShortenedAndToldInFull()
     QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(label);
     QCOMPARE(spoken->text(QAccessible::Name), selector.text());
 
-    const auto hover = [&] {
-        QHelpEvent event(QEvent::ToolTip, QPoint(5, 5), label->mapToGlobal(QPoint(5, 5)));
-        QApplication::sendEvent(label, &event);
-    };
-    hover();
-    QCOMPARE(QToolTip::text(), selector.text());
+    hover(label);
+    QCOMPARE(shownToolTip(), selector.text());
     // Where all of it can be read, nothing repeats it.
     selector.resize(600, selector.height());
     QToolTip::hideText();
-    hover();
+    hover(label);
     QCOMPARE(label->toolTip(), QString());
     QTRY_VERIFY(!QToolTip::isVisible());
+}
+
+void TestDirectorySelector::theTooltipIsNoRichText()
+{
+    for (const char* path : {"/srv/<b>bold</b> & more", "/srv/a&amp;b & <c>"}) {
+        DirectorySelector selector(cancel);
+        selector.showUrl(FileUrl::fromPath(path));
+        selector.resize(80, selector.sizeHint().height());
+        selector.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&selector));
+        hover(selector.findChild<QLabel*>());
+        QCOMPARE(shownToolTip(), QString::fromUtf8(path));
+    }
 }
 
 void TestDirectorySelector::theButtonNamesWhatItDoes()
@@ -246,7 +275,8 @@ void TestDirectorySelector::theButtonTakesTheFocusAndTheLabelDoesNot()
     DirectorySelector selector(cancel);
     QCOMPARE(selector.button()->focusPolicy(), Qt::StrongFocus);
     QCOMPARE(selector.findChild<QLabel*>()->focusPolicy(), Qt::NoFocus);
-    QVERIFY(!selector.findChild<QToolButton*>()->icon().isNull());
+    QCOMPARE(selector.findChild<QToolButton*>()->icon().pixmap(16).toImage(),
+             symbolIcon(Symbol::folder).pixmap(16).toImage());
 }
 
 void TestDirectorySelector::aChosenFolderIsReportedInALaterTurn()

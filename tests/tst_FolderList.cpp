@@ -1,6 +1,7 @@
 #include "support/StateBench.h"
 #include "support/WindowTestMain.h"
 #include "ui/FolderList.h"
+#include "ui/Icons.h"
 
 #include <QAccessible>
 #include <QContextMenuEvent>
@@ -141,7 +142,7 @@ void TestFolderList::aRowShowsTheLastComponentOfThePathWithTheFolderIcon()
     const FolderList list(bench.state);
     QCOMPARE(list.item(0)->text(), QStringLiteral("Downloads"));
     QCOMPARE(list.item(1)->text(), QStringLiteral("My Scans"));
-    QVERIFY(!list.item(0)->icon().isNull());
+    QCOMPARE(list.item(0)->icon().pixmap(16).toImage(), symbolIcon(Symbol::folder).pixmap(16).toImage());
 }
 
 void TestFolderList::theSameFolderTwiceIsTwoRowsOfTheSameName()
@@ -379,7 +380,7 @@ void TestFolderList::theMenuHasOnlyDeleteWithAnIcon()
     const auto actions = bench.menu()->actions();
     QCOMPARE(actions.size(), 1);
     QCOMPARE(actions.first()->text(), QStringLiteral("Delete"));
-    QVERIFY(!actions.first()->icon().isNull());
+    QCOMPARE(actions.first()->icon().pixmap(16).toImage(), symbolIcon(Symbol::trash).pixmap(16).toImage());
     QVERIFY(actions.first()->isIconVisibleInMenu());
     QVERIFY(actions.first()->shortcut().isEmpty());
 }

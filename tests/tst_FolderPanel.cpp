@@ -11,6 +11,8 @@
 #include <QTimer>
 #include <QUrl>
 
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,6 +69,7 @@ class TestFolderPanel : public QObject
 private Q_SLOTS:
     void thePanelTakesOneFolderModallyUnderTheStatedText();
     void theChosenFolderIsReportedWithItsBookmark();
+    void aFolderWhoseBookmarkCannotBeMadeIsChosenAnyway();
     void cancellingReportsNothing();
     void closingThePanelReportsNothing();
 
@@ -101,6 +104,26 @@ void TestFolderPanel::theChosenFolderIsReportedWithItsBookmark()
     QCOMPARE(completion.url, FileUrl::fromPath(path.toStdString()));
     QVERIFY(completion.bookmarkData);
     QCOMPARE(resolveBookmark(*completion.bookmarkData), completion.url);
+}
+
+void TestFolderPanel::aFolderWhoseBookmarkCannotBeMadeIsChosenAnyway()
+{
+    const QString path = QDir::homePath() + QStringLiteral("/Anyway");
+    QVERIFY(QDir().mkpath(path));
+    rlimit former = {};
+    QVERIFY(::getrlimit(RLIMIT_NOFILE, &former) == 0);
+    const auto completion = ask([&](QFileDialog& panel) {
+        choose(panel, path);
+        // From here on nothing more can be opened.
+        const int free = ::open("/", O_PATH | O_CLOEXEC);
+        ::close(free);
+        const rlimit none{static_cast<rlim_t>(free), former.rlim_max};
+        QVERIFY(::setrlimit(RLIMIT_NOFILE, &none) == 0);
+    });
+    QVERIFY(::setrlimit(RLIMIT_NOFILE, &former) == 0);
+    QCOMPARE(completion.calls, 1);
+    QCOMPARE(completion.url, FileUrl::fromPath(path.toStdString()));
+    QVERIFY(!completion.bookmarkData);
 }
 
 void TestFolderPanel::cancellingReportsNothing()

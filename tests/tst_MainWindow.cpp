@@ -7,6 +7,7 @@
 
 #include <QComboBox>
 #include <QDialog>
+#include <QFileInfo>
 #include <QLineEdit>
 #include <QMenu>
 #include <QPointer>
@@ -16,6 +17,7 @@
 #include <QWindow>
 #include <qtestspontaneevent.h>
 
+#include <algorithm>
 #include <memory>
 
 using namespace harbex;
@@ -99,6 +101,7 @@ private Q_SLOTS:
 
     // Disappearing.
     void closingSavesWithTheEditsMadeBefore();
+    void closingItWithAStoreThatCannotBeWrittenShowsNoDialog();
     void closingLeavesTheEngineRunningAndTheProcessAlive();
     void closingAClosedWindowSavesNothing();
     void minimisingNeitherLoadsNorSaves();
@@ -192,6 +195,12 @@ void TestMainWindow::everyOpeningBeginsWithTheSameSize()
     bench.window->resize(1250, 777);
     bench.window->close();
     bench.window->open();
+    QCOMPARE(bench.window->size(), size);
+    bench.window->showMaximized();
+    QTRY_VERIFY(bench.window->size() != size);
+    bench.window->close();
+    bench.window->open();
+    QVERIFY(!bench.window->isMaximized());
     QCOMPARE(bench.window->size(), size);
     // Bringing it to the front is no opening.
     bench.window->resize(1250, 777);
@@ -316,6 +325,34 @@ void TestMainWindow::closingSavesWithTheEditsMadeBefore()
     const auto saved = bench.takeSaved();
     QVERIFY(saved);
     QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("not saved yet"));
+}
+
+void TestMainWindow::closingItWithAStoreThatCannotBeWrittenShowsNoDialog()
+{
+    WindowBench bench;
+    bench.open();
+    bench.edit();
+    const QString folder = QFileInfo(preferencesPath()).path();
+    const QString aside = folder + QStringLiteral("-aside");
+    QVERIFY(QFile::rename(folder, aside));
+    {
+        // Where a file stands, no folder can be made.
+        QFile inTheWay(folder);
+        QVERIFY(inTheWay.open(QIODevice::WriteOnly));
+    }
+    bench.window->close();
+    bench.settle();
+    const QWidgetList windows = QApplication::topLevelWidgets();
+    const bool isAnyShown =
+        std::ranges::any_of(windows, [](const QWidget* each) { return each->isVisible(); });
+    bench.window->open();
+    const QString value = bench.rule(0).value;
+    QVERIFY(QFile::remove(folder));
+    QVERIFY(QFile::rename(aside, folder));
+    QVERIFY(!isAnyShown);
+    // Nothing was lost.
+    QCOMPARE(value, QStringLiteral("not saved yet"));
+    QVERIFY(!bench.wasWritten());
 }
 
 void TestMainWindow::closingLeavesTheEngineRunningAndTheProcessAlive()

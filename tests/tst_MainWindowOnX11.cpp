@@ -7,7 +7,10 @@
 #include <QScreen>
 #include <QSignalSpy>
 
+#include <cstdlib>
 #include <memory>
+#include <string_view>
+#include <xcb/xcb.h>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -30,6 +33,56 @@ QString statesOf(const QWidget& window)
     return outputOf(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(window.winId()),
                                               QStringLiteral("_NET_WM_STATE")});
 }
+
+/// What programs tell the desktop about starts.
+class StartupMessages
+{
+public:
+    StartupMessages() : m_connection(xcb_connect(nullptr, nullptr))
+    {
+        const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
+        const uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
+        xcb_change_window_attributes(m_connection, root, XCB_CW_EVENT_MASK, &mask);
+        // Their answers come when that has taken effect.
+        m_begin = atom("_NET_STARTUP_INFO_BEGIN");
+        m_more = atom("_NET_STARTUP_INFO");
+    }
+    ~StartupMessages() { xcb_disconnect(m_connection); }
+    StartupMessages(const StartupMessages&) = delete;
+    StartupMessages& operator=(const StartupMessages&) = delete;
+
+    /// What has come since the last time this was asked: '>' where a message begins, '|' where it ends.
+    [[nodiscard]] QByteArray take() const
+    {
+        QByteArray received;
+        while (const auto event = Owned(xcb_poll_for_event(m_connection))) {
+            if ((event->response_type & 0x7f) != XCB_CLIENT_MESSAGE) continue;
+            const auto* message = reinterpret_cast<const xcb_client_message_event_t*>(event.get());
+            if (message->type != m_begin && message->type != m_more) continue;
+            if (message->type == m_begin) received += '>';
+            const QByteArray piece(reinterpret_cast<const char*>(message->data.data8), 20);
+            received += piece.split('\0').first();
+            if (piece.contains('\0')) received += '|';
+        }
+        return received;
+    }
+
+private:
+    template <class T>
+    struct Owned : std::unique_ptr<T, decltype(&std::free)> {
+        explicit Owned(T* event) : std::unique_ptr<T, decltype(&std::free)>(event, &std::free) {}
+    };
+
+    [[nodiscard]] xcb_atom_t atom(std::string_view name) const
+    {
+        const auto cookie = xcb_intern_atom(m_connection, 0, static_cast<uint16_t>(name.size()), name.data());
+        return Owned(xcb_intern_atom_reply(m_connection, cookie, nullptr))->atom;
+    }
+
+    xcb_connection_t* m_connection;
+    xcb_atom_t m_begin = XCB_ATOM_NONE;
+    xcb_atom_t m_more = XCB_ATOM_NONE;
+};
 
 struct WindowBench : StateBench {
     WindowBench()
@@ -62,6 +115,7 @@ private Q_SLOTS:
     void minimisedByTheWindowManagerItNeitherLoadsNorSavesAndIsRestored();
     void anotherWorkspaceNeitherLoadsNorSaves();
     void openingBringsItInFrontOfOtherWindows();
+    void openingItForAnotherStartEndsThatStart();
     void closedByTheWindowManagerItSaves();
     void itIsOnTheScreenAtItsFirstSize();
 };
@@ -137,6 +191,23 @@ void TestMainWindowOnX11::openingBringsItInFrontOfOtherWindows()
                          {QStringLiteral("-root"), QStringLiteral("_NET_CLIENT_LIST_STACKING")})
                     .trimmed()
                     .endsWith(QString::number(bench.window->winId(), 16)));
+}
+
+void TestMainWindowOnX11::openingItForAnotherStartEndsThatStart()
+{
+    WindowBench bench;
+    const StartupMessages messages;
+    bench.window->open();
+    bench.window->open(QStringLiteral("panel/some \"program\"/1-0_TIME7"));
+    bench.window->open(QStringLiteral("0123456"));
+    // The second fills a piece, so that its end comes in one more.
+    QByteArray expected = R"(>remove: ID="panel/some \"program\"/1-0_TIME7"|>remove: ID="0123456"|)";
+    auto received = [&messages, all = QByteArray()]() mutable { return all += messages.take(); };
+    QTRY_COMPARE(received(), expected);
+    bench.window->close();
+    bench.window->open(QStringLiteral("of a closed window"));
+    expected += R"(>remove: ID="of a closed window"|)";
+    QTRY_COMPARE(received(), expected);
 }
 
 void TestMainWindowOnX11::closedByTheWindowManagerItSaves()

@@ -4,9 +4,11 @@
 #include "support/TestMain.h"
 
 #include <QDBusVariant>
+#include <QDataStream>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 
 #include <csignal>
@@ -62,6 +64,31 @@ QByteArray storeContent()
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+/// A file of translations as the tools write it, with one text and its translation.
+QByteArray translationFile(const char* text, const QString& translation)
+{
+    quint32 hash = 0;
+    for (const char* each = text; *each; ++each) {
+        hash = (hash << 4) + static_cast<quint8>(*each);
+        const quint32 high = hash & 0xf0000000;
+        hash = (hash ^ (high >> 24)) & ~high;
+    }
+    constexpr quint32 offset = 0;
+    constexpr quint8 isTranslation = 3;
+    constexpr quint8 isEnd = 1;
+    QByteArray hashes;
+    QDataStream(&hashes, QIODevice::WriteOnly) << hash << offset;
+    QByteArray messages;
+    QDataStream(&messages, QIODevice::WriteOnly) << isTranslation << translation << isEnd;
+
+    constexpr quint8 isHashes = 0x42;
+    constexpr quint8 isMessages = 0x69;
+    QByteArray file = QByteArray::fromHex("3cb86418caef9c95cd211cbf60a1bddd");
+    QDataStream stream(&file, QIODevice::Append);
+    stream << isHashes << hashes << isMessages << messages;
+    return file;
+}
+
 } // namespace
 
 /// What only the whole program shows: how it starts and ends.
@@ -80,6 +107,7 @@ private Q_SLOTS:
     void quitEndsAtOnceAndSaysAndSavesNothing();
     void quitByTheDesktopsMenuEndsTheProgram();
     void terminationEndsInOrderAndSavesNothing();
+    void translationOfTheUsersLanguageIsShown();
 
 private:
     /// Empties the store behind the back of a program that has been launched: if it saves, that is seen.
@@ -206,6 +234,29 @@ void TestProgram::terminationEndsInOrderAndSavesNothing()
         QCOMPARE(program.exitStatus(), EXIT_SUCCESS);
         QCOMPARE(storeContent(), stored);
     }
+}
+
+void TestProgram::translationOfTheUsersLanguageIsShown()
+{
+    const QDir data(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation));
+    QVERIFY(data.mkpath(QStringLiteral("harbex/translations")));
+    QFile file(data.filePath(QStringLiteral("harbex/translations/harbex_de.qm")));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(translationFile("Harbex", QStringLiteral("Habicht")));
+    file.close();
+    const auto titleFor = [this](const char* language) {
+        qputenv("LANGUAGE", language);
+        const Program program(m_bus->address());
+        const qsizetype before = m_panel->items().size();
+        (void)QTest::qWaitFor([&] { return m_panel->items().size() > before; }, 30000);
+        return m_panel->item().property(QStringLiteral("Title")).toString();
+    };
+    const QString german = titleFor("de");
+    const QString french = titleFor("fr");
+    qunsetenv("LANGUAGE");
+    QVERIFY(file.remove());
+    QCOMPARE(german, QStringLiteral("Habicht"));
+    QCOMPARE(french, QStringLiteral("Harbex"));
 }
 
 HARBEX_TEST_MAIN(TestProgram)

@@ -1,6 +1,7 @@
 #include "support/StateBench.h"
 #include "support/WindowTestMain.h"
 #include "ui/DirectorySelector.h"
+#include "ui/Icons.h"
 #include "ui/RuleRow.h"
 
 #include <QAbstractItemView>
@@ -149,7 +150,8 @@ void TestRuleRow::aNewRuleShowsItsDefaults()
     QVERIFY(!bench.picker("Kind")->isVisible());
     QVERIFY(bench.deletion()->isVisible());
     QVERIFY(bench.deletion()->text().isEmpty());
-    QVERIFY(!bench.deletion()->icon().isNull());
+    QCOMPARE(bench.deletion()->icon().pixmap(16).toImage(),
+             symbolIcon(Symbol::minusCircle).pixmap(16).toImage());
     QVERIFY(bench.deletion()->autoRaise());
 }
 
@@ -272,6 +274,10 @@ void TestRuleRow::choosingTheValueShownDoesNothing()
     RowBench bench;
     for (const char* title : {"Field", "Operator"})
         RowBench::choose(bench.picker(title), 0);
+    QCOMPARE(bench.restarts(), 0);
+    bench.state.setField(bench.rule(0).id, RuleField::kind);
+    QCOMPARE(bench.restarts(), 1);
+    RowBench::choose(bench.picker("Kind"), 0);
     QCOMPARE(bench.restarts(), 0);
 }
 
@@ -425,7 +431,7 @@ void TestRuleRow::theWheelOverAPickerScrollsAndChangesNothing()
     rule.operatorType = RuleOperator::isEqual;
     RowBench bench(rule, content);
     bench.row->move(0, 150);
-    for (const char* title : {"Field", "Operator"}) {
+    const auto turnWheelOver = [&](const char* title) {
         for (const int delta : {-120, 120}) {
             auto* picker = bench.picker(title);
             picker->setFocus();
@@ -438,10 +444,20 @@ void TestRuleRow::theWheelOverAPickerScrollsAndChangesNothing()
             qApp->notify(around.windowHandle(), &wheel);
             QVERIFY(around.verticalScrollBar()->value() != before);
         }
-    }
+    };
+    turnWheelOver("Field");
+    turnWheelOver("Operator");
     QCOMPARE(bench.rule(0), bench.folder(0).rules.at(0));
     QCOMPARE(bench.rule(0).field, RuleField::name);
     QCOMPARE(bench.rule(0).operatorType, RuleOperator::isEqual);
+    QCOMPARE(bench.restarts(), 0);
+
+    bench.state.setField(bench.rule(0).id, RuleField::kind);
+    bench.state.setKind(bench.rule(0).id, RuleKind::document);
+    bench.row->layout()->activate();
+    (void)bench.restarts();
+    turnWheelOver("Kind");
+    QCOMPARE(bench.rule(0).kind, RuleKind::document);
     QCOMPARE(bench.restarts(), 0);
 }
 

@@ -3,6 +3,8 @@
 #include "ui/ApplicationService.h"
 
 #include <QApplication>
+#include <QDialog>
+#include <QEvent>
 
 namespace harbex
 {
@@ -12,15 +14,30 @@ ApplicationShell::ApplicationShell(const QDBusConnection& bus, const Application
 {
     connect(&m_statusItem, &StatusItem::openRequested, &m_mainWindow, &MainWindow::open);
     connect(&service, &ApplicationService::openRequested, &m_mainWindow, &MainWindow::open);
-    // exit() and not quit(), which closes the window first: closing it saves.
-    const auto quit = [] { QApplication::exit(0); };
-    connect(&m_statusItem, &StatusItem::quitRequested, qApp, quit);
-    connect(&service, &ApplicationService::quitRequested, qApp, quit);
+    connect(&m_statusItem, &StatusItem::quitRequested, this, &ApplicationShell::quit);
+    connect(&service, &ApplicationService::quitRequested, this, &ApplicationShell::quit);
+    qApp->installEventFilter(this);
 }
 
 void ApplicationShell::applicationDidFinishLaunching()
 {
     m_mainWindow.open();
+}
+
+void ApplicationShell::quit()
+{
+    // exit() and not quit(), which closes the window first: closing it saves.
+    QApplication::exit(0);
+    // Some desktops' panels have a loop that is not Qt's, which ends with the panel only.
+    if (auto* panel = qobject_cast<QDialog*>(QApplication::activeModalWidget())) panel->reject();
+}
+
+bool ApplicationShell::eventFilter(QObject* watched, QEvent* event)
+{
+    // What a session manager asks for. Qt's own answer closes the window first.
+    if (watched != qApp || event->type() != QEvent::Quit) return false;
+    quit();
+    return true;
 }
 
 } // namespace harbex

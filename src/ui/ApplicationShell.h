@@ -28,6 +28,12 @@ public:
     /// Opens the main window, which starts the engine. Called once, before the main loop.
     void applicationDidFinishLaunching();
 
+    /// Ends the main loop, and a folder panel that is up without an answer. Nothing is saved.
+    void quit();
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private:
     DownloadImageRedirector m_watcher;
     FolderStore m_store;

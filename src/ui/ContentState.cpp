@@ -83,10 +83,12 @@ void ContentState::deleteFolder(QUuid folderID)
     if (folder == m_folders.end()) return;
     m_folders.erase(folder);
     Q_EMIT foldersChanged();
-    const bool wasSelected = m_selectedFolderID == folderID;
-    if (wasSelected) changeSelection(m_folders.empty() ? std::nullopt : std::optional(m_folders.front().id));
+    const auto first = m_folders.empty() ? std::nullopt : std::optional(m_folders.front().id);
+    // The first one left may have the same id.
+    const bool isSelectionChanged = m_selectedFolderID == folderID && first != folderID;
+    if (isSelectionChanged) changeSelection(first);
     restart();
-    if (wasSelected) saveState();
+    if (isSelectionChanged) saveState();
 }
 
 void ContentState::addRule()

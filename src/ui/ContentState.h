@@ -51,7 +51,7 @@ public:
     void addFolder(const FileUrl& url, const std::optional<QByteArray>& bookmarkData);
 
     /// Removes a folder and restarts the engine. If it was selected, the first one left is from then on, and
-    /// the store is written.
+    /// the store is written if that is another selection.
     void deleteFolder(QUuid folderID);
 
     /// Appends a default rule. Without a destination it can move nothing, so the engine need not know yet.

@@ -11,6 +11,7 @@
 #include <QPointer>
 #include <QStyle>
 #include <QTextBoundaryFinder>
+#include <QTextDocument>
 #include <QToolButton>
 #include <QToolTip>
 
@@ -53,7 +54,9 @@ protected:
     {
         if (event->type() != QEvent::ToolTip) return QLabel::event(event);
         const QPoint position = static_cast<QHelpEvent*>(event)->globalPos();
-        QToolTip::showText(position, shownText() == text() ? QString() : text(), this);
+        // A tooltip takes for rich text what looks like it.
+        QToolTip::showText(position, shownText() == text() ? QString() : Qt::convertFromPlainText(text()),
+                           this);
         return true;
     }
 

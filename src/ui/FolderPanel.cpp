@@ -8,6 +8,7 @@
 #include <QTimer>
 #include <QUrl>
 #include <QWidget>
+#include <QWindow>
 
 #include <chrono>
 #include <sys/stat.h>

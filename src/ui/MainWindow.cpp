@@ -10,6 +10,7 @@
 #include <QIcon>
 #include <QScreen>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <memory>
@@ -31,18 +32,48 @@ xcb_atom_t atom(xcb_connection_t* connection, std::string_view name)
     return reply ? reply->atom : static_cast<xcb_atom_t>(XCB_ATOM_NONE);
 }
 
+/// The connection to the X11 server; null where there is none.
+xcb_connection_t* x11Connection()
+{
+    const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    // Some platforms that are not X11 have the interface, and no connection.
+    return x11 ? x11->connection() : nullptr;
+}
+
 /// Leaves an X11 window out of taskbars and pagers. The window must not be mapped: what is written here is
 /// what the window manager finds when it is, and takes away when it is not any more.
 void leaveOutOfTaskbar(WId window)
 {
-    const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
-    // Some platforms that are not X11 have the interface, and no connection.
-    xcb_connection_t* connection = x11 ? x11->connection() : nullptr;
+    xcb_connection_t* connection = x11Connection();
     if (!connection) return;
     const std::array states{atom(connection, "_NET_WM_STATE_SKIP_TASKBAR"),
                             atom(connection, "_NET_WM_STATE_SKIP_PAGER")};
     xcb_change_property(connection, XCB_PROP_MODE_REPLACE, static_cast<xcb_window_t>(window),
                         atom(connection, "_NET_WM_STATE"), XCB_ATOM_ATOM, 32, states.size(), states.data());
+}
+
+/// Tells an X11 desktop that the start with this id is over, which it shows as under way until then. Qt tells
+/// only of a start of its own process.
+void endStartup(WId window, QByteArray id)
+{
+    xcb_connection_t* connection = x11Connection();
+    if (!connection) return;
+    id.replace('\\', "\\\\").replace('"', "\\\"");
+    // It goes in pieces that are filled up with NULs, of which it needs one to end.
+    const QByteArray message = "remove: ID=\"" + id + "\"" + '\0';
+    xcb_client_message_event_t event = {};
+    constexpr qsizetype pieceSize = sizeof(event.data.data8);
+    event.response_type = XCB_CLIENT_MESSAGE;
+    event.format = 8;
+    event.window = static_cast<xcb_window_t>(window);
+    event.type = atom(connection, "_NET_STARTUP_INFO_BEGIN");
+    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(connection)).data->root;
+    for (qsizetype sent = 0; sent < message.size(); sent += pieceSize) {
+        std::ranges::copy(message.mid(sent, pieceSize).leftJustified(pieceSize, '\0'), event.data.data8);
+        xcb_send_event(connection, 0, root, XCB_EVENT_MASK_PROPERTY_CHANGE,
+                       reinterpret_cast<const char*>(&event));
+        event.type = atom(connection, "_NET_STARTUP_INFO");
+    }
 }
 
 } // namespace
@@ -71,6 +102,7 @@ void MainWindow::open(const QString& activationToken)
     show();
     raise();
     activateWindow();
+    if (!activationToken.isEmpty()) endStartup(winId(), activationToken.toUtf8());
 }
 
 void MainWindow::closeEvent(QCloseEvent* event)

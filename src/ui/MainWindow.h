@@ -19,7 +19,8 @@ public:
     explicit MainWindow(ContentState& state);
 
     /// Opens the window, or brings it to the front when it is open, minimised or behind others. The token is
-    /// what allows this under Wayland; empty when whoever asks has none.
+    /// what allows this under Wayland, and what names the start that has asked under X11, which is then over;
+    /// empty when whoever asks has none.
     void open(const QString& activationToken = {});
 
 protected:

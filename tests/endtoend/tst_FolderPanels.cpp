@@ -14,6 +14,8 @@ class TestFolderPanels : public QObject
 private Q_SLOTS:
     void theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses_data();
     void theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses();
+    void theProgramEndsBehindAnOpenPanelWithoutSaving_data();
+    void theProgramEndsBehindAnOpenPanelWithoutSaving();
 };
 
 void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses_data()
@@ -66,6 +68,51 @@ void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses()
     QCOMPARE(stored.folders[0].url.path(), HarbexRun::inbox().toStdString());
     harbex.signal(SIGTERM);
     STEP("the program ends with status 0", harbex.exitStatus() == 0);
+}
+
+void TestFolderPanels::theProgramEndsBehindAnOpenPanelWithoutSaving_data()
+{
+    QTest::addColumn<QString>("platformTheme");
+    QTest::addColumn<QString>("role");
+    QTest::addColumn<bool>("isByBus");
+    for (const bool isByBus : {false, true}) {
+        const char* way = isByBus ? "the bus" : "SIGTERM";
+        QTest::addRow("Qt's own, %s", way) << QString() << QStringLiteral("dialog") << isByBus;
+        QTest::addRow("GTK's own, %s", way)
+            << QStringLiteral("gtk3") << QStringLiteral("file chooser") << isByBus;
+    }
+}
+
+void TestFolderPanels::theProgramEndsBehindAnOpenPanelWithoutSaving()
+{
+    QFETCH(const QString, platformTheme);
+    QFETCH(const QString, role);
+    QFETCH(const bool, isByBus);
+    DesktopSession desktop;
+    desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
+    desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+    HarbexRun harbex(desktop);
+    harbex.storeRuleForAll();
+    harbex.start();
+    STEP("the window opens", harbex.window().has(Accessible::State::active));
+    QVERIFY2(desktop.click(harbex.control("text", "Value").extents()), "a click into the value");
+    QVERIFY2(desktop.type(QStringLiteral("unsaved")), "an edit that is not saved");
+    STEP("it is there", harbex.control("text", "Value").text() == QLatin1String("unsaved"));
+    QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
+             "a click on \"Add Folder\"");
+    STEP("the panel opens", desktop.window(role).has(Accessible::State::active));
+    if (isByBus) {
+        QVERIFY2(desktop.run(
+                     QStringLiteral("gapplication"),
+                     {QStringLiteral("action"), QStringLiteral("org.harbex.Harbex"), QStringLiteral("quit")}),
+                 "the bus takes \"quit\"");
+    } else {
+        harbex.signal(SIGTERM);
+    }
+    STEP("the program ends with status 0", harbex.exitStatus() == 0);
+    const FolderState stored = HarbexRun::stored();
+    QCOMPARE(stored.folders.size(), 1U);
+    QCOMPARE(stored.folders[0].rules[0].value, QString());
 }
 
 HARBEX_TEST_MAIN(TestFolderPanels)

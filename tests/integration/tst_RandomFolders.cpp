@@ -410,7 +410,7 @@ void TestRandomFolders::nothingIsLostDoubledOverwrittenOrMovedThatWasThereBefore
             }
             QVERIFY(restartAndWait(*engine, folders));
             for (const auto& sentinel : sentinels)
-                QVERIFY(sentinel->passes());
+                QVERIFY(sentinel->passes(*engine));
         }
         engine.reset();
         QCOMPARE(world.findFault(), QString());

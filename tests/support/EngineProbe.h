@@ -118,15 +118,20 @@ public:
         return takeNamed(RuleOperator::isEqual, "sentinel", m_destination);
     }
 
-    /// Sends entries through and waits for them. By then all that the engine was going to do at once with
-    /// what stood in the folder before is done.
-    [[nodiscard]] bool passes()
+    /// Sends entries through and waits until the engine has recorded their moves. By then all that it was going
+    /// to do at once with what stood in the folder before is done and recorded.
+    [[nodiscard]] bool passes(const DownloadImageRedirector& engine)
     {
         // The file may share its sampling with an entry that is moved after it; the folder, which waits for
         // no sampling, comes after both.
         for (const auto sendOne : {&Sentinel::sendFile, &Sentinel::sendFolder}) {
+            bool isRecorded = false;
+            QObject context;
+            QObject::connect(&engine, &DownloadImageRedirector::logsChanged, &context, [&] {
+                isRecorded = isRecorded || lastMessage(engine).startsWith(movedMessage());
+            });
             (this->*sendOne)();
-            if (!QTest::qWaitFor([this] { return hasArrived(); }, patience)) return false;
+            if (!QTest::qWaitFor([&] { return isRecorded; }, patience)) return false;
         }
         return true;
     }
@@ -139,6 +144,11 @@ public:
 
 private:
     [[nodiscard]] std::string name() const { return "/sentinel." + std::to_string(m_count); }
+
+    [[nodiscard]] QString movedMessage() const
+    {
+        return QStringLiteral("Moved ") + QString::fromStdString(name().substr(1)) + QStringLiteral(" -> ");
+    }
 
     std::string nextName()
     {
