@@ -3,8 +3,13 @@
 #include "support/TestMain.h"
 
 #include <array>
+#include <chrono>
+#include <csignal>
 #include <cstring>
+#include <linux/fs.h>
 #include <memory>
+#include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace harbex;
@@ -58,9 +63,19 @@ private Q_SLOTS:
     void holesThatTheSourceDoesNotTell();
     void shortAndInterruptedReadsAndWrites_data();
     void shortAndInterruptedReadsAndWrites();
+    void slowReads_data();
+    void slowReads();
+    void aWriteThatWritesNothing();
+    void sharedBlocks_data();
+    void sharedBlocks();
+    void largerThanFilesMayBe_data();
+    void largerThanFilesMayBe();
     void theKernelCopies();
 
 private:
+    /// What has to hold after a move that failed.
+    void expectNothingHappened(const QByteArray& before) const;
+
     std::unique_ptr<ScratchFolder> m_here;
     std::unique_ptr<ScratchFolder> m_there;
     std::string m_source;
@@ -196,6 +211,123 @@ void TestFileCopy::shortAndInterruptedReadsAndWrites()
     QVERIFY(interrupted || short_ > 3);
     QCOMPARE(pictureOf(m_target), before);
     QVERIFY(!exists(m_source));
+}
+
+void TestFileCopy::expectNothingHappened(const QByteArray& before) const
+{
+    QCOMPARE(pictureOf(m_source), before);
+    QCOMPARE(namesIn(m_out), QByteArrayList());
+}
+
+void TestFileCopy::slowReads_data()
+{
+    QTest::addColumn<bool>("byTheKernel");
+    QTest::newRow("read and written") << false;
+    QTest::newRow("the kernel copies") << true;
+}
+
+void TestFileCopy::slowReads()
+{
+    QFETCH(const bool, byTheKernel);
+    const std::string target = byTheKernel ? m_here->makeFolder("out") + "/target" : m_target;
+    writeFile(m_source, someBytes(byTheKernel ? 20'000'003 : 1'000'003));
+    const QByteArray before = pictureOf(m_source);
+    int slow = 0;
+    const auto keeper = [&](const GatedCall& call) {
+        if (call.name == "ioctl") return Answer::fail(EOPNOTSUPP);
+        if (call.name == "pread64" || call.name == "copy_file_range" || call.name == "read") {
+            ++slow;
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        }
+        return byTheKernel ? crossing(call) : Answer::proceed();
+    };
+    QCOMPARE(moveGated(m_source, target, keeper).error, 0);
+    QVERIFY(slow > 3);
+    QCOMPARE(pictureOf(target), before);
+    QVERIFY(!exists(m_source));
+}
+
+void TestFileCopy::aWriteThatWritesNothing()
+{
+    writeFile(m_source, someBytes(300'000));
+    const QByteArray before = pictureOf(m_source);
+    const GatedRun run = moveGated(m_source, m_target, [](const GatedCall& call) {
+        return call.name == "pwrite64" && call.ordinal == 2 ? Answer::give(0) : Answer::proceed();
+    });
+    QCOMPARE(run.error, EIO);
+    expectNothingHappened(before);
+}
+
+void TestFileCopy::sharedBlocks_data()
+{
+    QTest::addColumn<QByteArray>("more");
+    QTest::addColumn<bool>("unnamedFiles");
+    QTest::newRow("whole") << QByteArray() << true;
+    QTest::newRow("whole, no files without a name") << QByteArray() << false;
+    QTest::newRow("one byte too much") << QByteArray("!") << true;
+    QTest::newRow("one byte too much, no files without a name") << QByteArray("!") << false;
+}
+
+// As a file system does it that can let two files share their blocks.
+void TestFileCopy::sharedBlocks()
+{
+    QFETCH(const QByteArray, more);
+    QFETCH(const bool, unnamedFiles);
+    writeFile(m_source, someBytes(300'000));
+    const QByteArray before = pictureOf(m_source);
+    const QByteArray shared = contents(m_source) + more;
+    int clones = 0;
+    const auto keeper = [&](const GatedCall& call) {
+        if (call.name != "ioctl" || call.arguments[1] != FICLONE) return Answer::proceed();
+        ++clones;
+        const FileDescriptor target = call.descriptor(0);
+        const ssize_t written = ::pwrite(target.get(), shared.constData(), size_t(shared.size()), 0);
+        return written == shared.size() ? Answer::give(0) : Answer::fail(EIO);
+    };
+    const GatedRun run = moveGated(m_source, m_target, Lacks{.unnamedFiles = !unnamedFiles}, keeper);
+    QCOMPARE(clones, 1);
+    QCOMPARE(run.error, more.isEmpty() ? 0 : EBUSY);
+    if (!more.isEmpty()) {
+        expectNothingHappened(before);
+        return;
+    }
+    QCOMPARE(pictureOf(m_target), before);
+    QVERIFY(!exists(m_source));
+    QCOMPARE(namesIn(m_out), QByteArrayList{"target.dat"});
+    for (const std::string& label : run.calls)
+        QVERIFY2(!label.starts_with("pread64") && !label.starts_with("copy_file_range"), label.c_str());
+}
+
+void TestFileCopy::largerThanFilesMayBe_data()
+{
+    QTest::addColumn<bool>("isSparse");
+    QTest::addColumn<bool>("unnamedFiles");
+    QTest::newRow("data") << false << true;
+    QTest::newRow("data, no files without a name") << false << false;
+    QTest::newRow("a hole") << true << true;
+    QTest::newRow("a hole, no files without a name") << true << false;
+}
+
+void TestFileCopy::largerThanFilesMayBe()
+{
+    QFETCH(const bool, isSparse);
+    QFETCH(const bool, unnamedFiles);
+    writeFile(m_source, someBytes(isSparse ? 1000 : 200'000));
+    if (isSparse) QCOMPARE(::truncate(m_source.c_str(), 200'000), 0);
+    const QByteArray before = pictureOf(m_source);
+    const GatedRun run = runGated(
+        {"openat"},
+        [this]() -> Outcome<void> {
+            std::signal(SIGXFSZ, SIG_IGN);
+            const rlimit small = {100'000, 100'000};
+            if (::setrlimit(RLIMIT_FSIZE, &small) != 0) return SystemError::last();
+            return FileMove().moveItem(m_source, m_target);
+        },
+        [unnamedFiles](const GatedCall& call) {
+            return Lacks{.unnamedFiles = !unnamedFiles}.refuses(call).value_or(Answer::proceed());
+        });
+    QCOMPARE(run.error, EFBIG);
+    expectNothingHappened(before);
 }
 
 // Within one file system, where the kernel can copy by itself.

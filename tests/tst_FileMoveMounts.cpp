@@ -26,8 +26,12 @@ private Q_SLOTS:
     void aFullVolumeKeepsTheSource_data();
     void aFullVolumeKeepsTheSource();
     void aVolumeWithoutRoomForMoreEntries();
+    void aVolumeWithoutRoomForOneEntry_data();
+    void aVolumeWithoutRoomForOneEntry();
     void aReadOnlyTarget();
     void aReadOnlySourceIsNotCopied();
+    void layers_data();
+    void layers();
 
 private:
     std::unique_ptr<ScratchFolder> m_scratch;
@@ -161,6 +165,25 @@ void TestFileMoveMounts::aVolumeWithoutRoomForMoreEntries()
     QCOMPARE(namesIn(m_out), QByteArrayList());
 }
 
+void TestFileMoveMounts::aVolumeWithoutRoomForOneEntry_data()
+{
+    QTest::addColumn<bool>("unnamedFiles");
+    QTest::newRow("files without a name") << true;
+    QTest::newRow("no files without a name") << false;
+}
+
+void TestFileMoveMounts::aVolumeWithoutRoomForOneEntry()
+{
+    QFETCH(const bool, unnamedFiles);
+    writeFile(m_source, "content");
+    const QByteArray before = pictureOf(m_source);
+    const Mount target = Mount::memory(m_out, "nr_inodes=2");
+    writeFile(m_out + "/other", "");
+    QCOMPARE(moveGated(m_source, m_target, Lacks{.unnamedFiles = !unnamedFiles}).error, ENOSPC);
+    QCOMPARE(pictureOf(m_source), before);
+    QCOMPARE(namesIn(m_out), QByteArrayList{"other"});
+}
+
 void TestFileMoveMounts::aReadOnlyTarget()
 {
     writeFile(m_source, "content");
@@ -180,6 +203,75 @@ void TestFileMoveMounts::aReadOnlySourceIsNotCopied()
     QCOMPARE(namesIn(m_out), QByteArrayList());
     for (const std::string& label : run.calls)
         QVERIFY2(!label.starts_with("pread64"), label.c_str());
+}
+
+void TestFileMoveMounts::layers_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<QByteArray>("layer");
+    QTest::addColumn<QByteArray>("from");
+    QTest::addColumn<QByteArray>("into");
+    const auto add = [](const char* kind, const char* layer, const char* from, const char* into) {
+        QTest::addRow("%s, %s layer, from %s to %s", kind, layer, from, into)
+            << QByteArray(kind) << QByteArray(layer) << QByteArray(from) << QByteArray(into);
+    };
+    for (const char* kind : {"file", "link", "tree"}) {
+        for (const char* layer : {"lower", "upper"}) {
+            add(kind, layer, "merged", "outside");
+            add(kind, layer, "merged", "merged");
+        }
+        add(kind, "no", "outside", "merged");
+    }
+    add("tree", "both", "merged", "merged");
+    add("tree", "both", "merged", "outside");
+}
+
+// In a file system that is made of layers a folder of the lower one cannot be renamed, and what is removed or
+// changed there is so in the upper layer only.
+void TestFileMoveMounts::layers()
+{
+    QFETCH(const QByteArray, kind);
+    QFETCH(const QByteArray, layer);
+    QFETCH(const QByteArray, from);
+    QFETCH(const QByteArray, into);
+    const auto folder = [this](const char* name) { return m_scratch->path() + "/volume/" + name; };
+    m_scratch->makeFolder("volume");
+    const Mount volume = Mount::memory(m_scratch->path() + "/volume");
+    for (const char* name : {"lower", "upper", "work", "merged", "outside"})
+        makeFolder(folder(name));
+    const auto makeTree = [](const std::string& path) {
+        makeFolder(path);
+        makeFolder(path + "/sub");
+        writeFile(path + "/file", "content");
+        writeFile(path + "/sub/other", "other content");
+        if (::link((path + "/sub/other").c_str(), (path + "/same").c_str()) != 0) qFatal("cannot link");
+        makeLink(path + "/link", "sub");
+    };
+    const auto make = [&](const std::string& path) {
+        if (kind == "file") writeFile(path, "content");
+        if (kind == "link") makeLink(path, "nowhere");
+        if (kind == "tree") makeTree(path);
+    };
+    if (layer == "lower" || layer == "both") make(folder("lower") + "/source");
+    const Mount merged = Mount::overlay(folder("lower"), folder("upper"), folder("work"), folder("merged"));
+    const std::string source = folder(from.constData()) + "/source";
+    if (layer == "upper" || layer == "no") make(source);
+    if (layer == "both") appendToFile(source + "/file", " and more");
+    const QByteArray before = pictureOf(source);
+    const std::string out = folder(into.constData()) + "/out";
+    makeFolder(out);
+
+    makeVictim("file", out + "/target");
+    const QByteArray victim = pictureOf(out + "/target");
+    QCOMPARE(errorOfMove(source, out + "/target"), EEXIST);
+    QCOMPARE(pictureOf(source), before);
+    QCOMPARE(pictureOf(out + "/target"), victim);
+    removeEntry(out + "/target");
+
+    QCOMPARE(errorOfMove(source, out + "/target"), 0);
+    QCOMPARE(pictureOf(out + "/target"), before);
+    QVERIFY(!exists(source));
+    QCOMPARE(namesIn(out), QByteArrayList{"target"});
 }
 
 int main(int argc, char** argv)

@@ -1,6 +1,6 @@
 harbex_test(tst_ActivityLog LINKS harbex_watcher)
 harbex_test(tst_DirectoryEvents LINKS harbex_watcher)
-harbex_test(tst_FolderWatch LINKS harbex_watcher)
+harbex_test(tst_FolderWatch LINKS harbex_watcher LABELS attack)
 harbex_test(tst_NameSnapshot LINKS harbex_watcher)
 harbex_test(tst_RuleMatching LINKS harbex_watcher)
 harbex_test(tst_SerialQueue LINKS harbex_watcher)

@@ -278,7 +278,9 @@ std::optional<Preferences> parsePreferences(const QByteArray& content)
     if (selected.typeId() == QMetaType::QString) preferences.selectedFolder = selected.toString();
     // Damage shows only once the keys have been asked for.
     if (settings.status() == QSettings::AccessError) return std::nullopt;
-    preferences.isDamaged = settings.status() != QSettings::NoError || harmless != content;
+    // Of a file that it may not look at QSettings says no more than that nothing is in it.
+    const bool wasNotRead = settings.allKeys().isEmpty() && harmless.contains(folderListKey().toUtf8());
+    preferences.isDamaged = settings.status() != QSettings::NoError || harmless != content || wasNotRead;
     return preferences;
 }
 

@@ -1,13 +1,15 @@
 #include "files/FileMove.h"
-#include "support/Attack.h"
+#include "support/EngineOutput.h"
+#include "support/EngineProbe.h"
+#include "support/EngineResources.h"
 #include "support/EntryPicture.h"
-#include "support/GatedMove.h"
-#include "support/TestMain.h"
+#include "support/MoveRound.h"
 
 #include <algorithm>
 #include <cstring>
 #include <linux/fs.h>
 #include <memory>
+#include <optional>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
@@ -47,13 +49,26 @@ private:
     bool m_hasSet = false;
 };
 
-/// Moves as an ordinary user, in a process of its own, and gives the errno.
-int errorOfOrdinaryMove(const std::string& source, const std::string& target)
+/// How a move ended.
+struct Trial {
+    int error = 0;
+    /// The calls besides the first rename by which it tried to make or change something.
+    QByteArrayList made;
+};
+
+Trial tryMove(const std::string& source, const std::string& target, bool asOrdinaryUser)
 {
-    return runGated(
-               {"access"}, [&] { return becomeOrdinary(), FileMove().moveItem(source, target); },
-               [](const GatedCall&) { return Answer::proceed(); })
-        .error;
+    Trial trial;
+    const auto work = [&] {
+        if (asOrdinaryUser) becomeOrdinary();
+        return FileMove().moveItem(source, target);
+    };
+    trial.error = runGated(fileSystemCalls(), work, [&trial](const GatedCall& call) {
+                      if (!onlyReads(call) && call.name != "renameat2")
+                          trial.made << QByteArray::fromStdString(call.label());
+                      return Answer::proceed();
+                  }).error;
+    return trial;
 }
 
 void addRowsOfEntries()
@@ -90,13 +105,16 @@ private Q_SLOTS:
     void appendOnlyFolders();
     void immutableDestinations_data() { addRowsOfEntries(); }
     void immutableDestinations();
+    void theLogNamesTheReason_data();
+    void theLogNamesTheReason();
 
 private:
     void makeSource(const QByteArray& kind) const;
     void openAll() const;
     [[nodiscard]] std::string target() const { return m_out + "/entry"; }
-    void expectRefused(int error, const std::vector<int>& expected) const;
-    void tryWithFlags(const std::string& path, int flags);
+    /// `tries` is how often something may be tried to be made.
+    void expectRefused(const Trial& trial, const std::vector<int>& expected, qsizetype tries = 0) const;
+    void tryWithFlags(const std::string& path, int flags, qsizetype tries = 0);
 
     std::unique_ptr<ScratchFolder> m_here;
     std::unique_ptr<ScratchFolder> m_there;
@@ -141,9 +159,10 @@ void TestForbidden::openAll() const
     QCOMPARE(::chmod(m_out.c_str(), 0777), 0);
 }
 
-void TestForbidden::expectRefused(int error, const std::vector<int>& expected) const
+void TestForbidden::expectRefused(const Trial& trial, const std::vector<int>& expected, qsizetype tries) const
 {
-    QVERIFY2(std::ranges::find(expected, error) != expected.end(), std::strerror(error));
+    QVERIFY2(std::ranges::find(expected, trial.error) != expected.end(), std::strerror(trial.error));
+    QVERIFY2(trial.made.size() <= tries, trial.made.join(", ").constData());
     QCOMPARE(pictureOf(m_source), m_before);
     QCOMPARE(namesIn(m_out), QByteArrayList());
 }
@@ -166,6 +185,8 @@ void TestForbidden::foldersClosedByTheirMode_data()
             add("destination read-only", 0777, 0555);
             add("destination without search", 0777, 0666);
             add("destination closed", 0777, 0);
+            // A rename needs no more than that.
+            if (acrossVolumes) add("destination that cannot be listed", 0777, 0333);
         }
     }
 }
@@ -176,9 +197,11 @@ void TestForbidden::foldersClosedByTheirMode()
     QFETCH(const int, outMode);
     QCOMPARE(::chmod(m_in.c_str(), mode_t(inMode)), 0);
     QCOMPARE(::chmod(m_out.c_str(), mode_t(outMode)), 0);
-    const int error = errorOfOrdinaryMove(m_source, target());
+    const Trial trial = tryMove(m_source, target(), true);
     openAll();
-    expectRefused(error, {EACCES});
+    // That a destination may not be written to is what the first try to make something there tells.
+    QFETCH(const bool, acrossVolumes);
+    expectRefused(trial, {EACCES}, acrossVolumes && outMode == 0555 ? 1 : 0);
 }
 
 void TestForbidden::stickyFoldersOfOthers()
@@ -189,20 +212,20 @@ void TestForbidden::stickyFoldersOfOthers()
     QCOMPARE(::chmod(m_source.c_str(), 0777), 0);
     QCOMPARE(::chmod(m_in.c_str(), 01777), 0);
     m_before = pictureOf(m_source);
-    expectRefused(errorOfOrdinaryMove(m_source, target()), {EPERM, EACCES});
+    expectRefused(tryMove(m_source, target(), true), {EPERM, EACCES});
 
     // Its own entry it may take out of there.
     QCOMPARE(::chown(m_source.c_str(), 65534, 65534), 0);
-    QCOMPARE(errorOfOrdinaryMove(m_source, target()), 0);
+    QCOMPARE(tryMove(m_source, target(), true).error, 0);
     QVERIFY(!exists(m_source) && exists(target()));
 }
 
-void TestForbidden::tryWithFlags(const std::string& path, int flags)
+void TestForbidden::tryWithFlags(const std::string& path, int flags, qsizetype tries)
 {
     {
         const FileFlags set(path, flags);
         if (!set.hasSet()) QSKIP("this file system, or this user, cannot set the flags of chattr");
-        expectRefused(errorOfMove(m_source, target()), {EPERM});
+        expectRefused(tryMove(m_source, target(), false), {EPERM}, tries);
         if (QTest::currentTestFailed()) return;
     }
     QCOMPARE(errorOfMove(m_source, target()), 0);
@@ -226,9 +249,73 @@ void TestForbidden::appendOnlyFolders()
 
 void TestForbidden::immutableDestinations()
 {
-    tryWithFlags(m_out, FS_IMMUTABLE_FL);
+    QFETCH(const bool, acrossVolumes);
+    tryWithFlags(m_out, FS_IMMUTABLE_FL, acrossVolumes ? 1 : 0);
 }
 
-HARBEX_TEST_MAIN(TestForbidden)
+void TestForbidden::theLogNamesTheReason_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<bool>("acrossVolumes");
+    QTest::addColumn<QString>("hindrance");
+    const auto add = [](const char* kind, bool acrossVolumes, const char* hindrance) {
+        QTest::addRow("%s, %s, %s", hindrance, kind, acrossVolumes ? "across volumes" : "same volume")
+            << QByteArray(kind) << acrossVolumes << QString::fromUtf8(hindrance);
+    };
+    for (const bool acrossVolumes : {false, true}) {
+        for (const char* hindrance : {"sticky folder of others", "append-only folder",
+                                      "immutable destination", "destination without search"})
+            add("file", acrossVolumes, hindrance);
+    }
+    for (const char* hindrance : {"immutable file in it", "append-only file in it"})
+        add("folder", true, hindrance);
+}
+
+void TestForbidden::theLogNamesTheReason()
+{
+    QFETCH(const QString, hindrance);
+    const std::string prepared = m_here->path() + "/entry";
+    renameEntry(m_source, prepared);
+    int expected = EPERM;
+    std::optional<FileFlags> flags;
+    if (hindrance == u"sticky folder of others") {
+        if (::geteuid() != 0) QSKIP("only root can make files of another user");
+        QCOMPARE(::chown(prepared.c_str(), 12345, 12345), 0);
+        QCOMPARE(::chown(m_in.c_str(), 12345, 12345), 0);
+        QCOMPARE(::chmod(m_in.c_str(), 01777), 0);
+    }
+    // Who moves it is not root here, but owns it.
+    if (hindrance.endsWith(u"in it")) {
+        QCOMPARE(::chown(prepared.c_str(), ::geteuid(), ::getegid()), 0);
+        QCOMPARE(::chown((prepared + "/file").c_str(), ::geteuid(), ::getegid()), 0);
+    }
+    if (hindrance == u"append-only folder") flags.emplace(m_in, FS_APPEND_FL);
+    if (hindrance == u"immutable destination") flags.emplace(m_out, FS_IMMUTABLE_FL);
+    if (hindrance == u"immutable file in it") flags.emplace(prepared + "/file", FS_IMMUTABLE_FL);
+    if (hindrance == u"append-only file in it") flags.emplace(prepared + "/file", FS_APPEND_FL);
+    if (flags && !flags->hasSet()) QSKIP("this file system, or this user, cannot set the flags of chattr");
+    if (hindrance == u"destination without search") {
+        QCOMPARE(::chmod(m_out.c_str(), 0666), 0);
+        expected = EACCES;
+    }
+    m_before = pictureOf(prepared);
+    {
+        const EngineOutput output;
+        const WithoutPrivileges ordinary;
+        DownloadImageRedirector engine;
+        QVERIFY(startAndWait(engine, {watched(m_in, {takeAll(m_out)})}));
+        renameEntry(prepared, m_source);
+        QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine),
+                                  QStringLiteral("Move failed for entry: ") +
+                                      QString::fromStdString(SystemError{expected}.description()),
+                                  patience);
+    }
+    if (!flags) openAll();
+    expectRefused({expected, {}}, {expected});
+    // Where it can be made changeable again.
+    if (flags && hindrance.endsWith(u"in it")) renameEntry(m_source, prepared);
+}
+
+HARBEX_ENGINE_TEST_MAIN(TestForbidden)
 
 #include "tst_Forbidden.moc"

@@ -71,6 +71,7 @@ private Q_SLOTS:
     void nothingIsReplaced();
     void throughTheEngine_data();
     void throughTheEngine();
+    void whatOthersWriteIsNoticed();
 
 private:
     [[nodiscard]] std::string folderFor(const QString& side) const
@@ -172,6 +173,22 @@ void TestForeignFileSystem::throughTheEngine()
         QCOMPARE(contents(out + "/photo " + std::to_string(i) + ".jpg"), QByteArray::number(i));
     QCOMPARE(namesIn(inbox), QByteArrayList());
     reportRuns(count);
+}
+
+// The kernel tells nothing of it: as when another computer does it.
+void TestForeignFileSystem::whatOthersWriteIsNoticed()
+{
+    const EngineOutput output;
+    const std::string inbox = m_mounted + "/inbox";
+    const std::string out = m_here->makeFolder("out");
+    makeFolder(inbox);
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(inbox, {takeAll(out)})}));
+    for (const char* name : {"/first.jpg", "/second.jpg"}) {
+        m_here->arrive(m_real + "/inbox" + name, "content");
+        QTRY_COMPARE_WITH_TIMEOUT(contents(out + name), QByteArray("content"), patience);
+        QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_real + "/inbox"), QByteArrayList(), patience);
+    }
 }
 
 HARBEX_ENGINE_TEST_MAIN(TestForeignFileSystem)

@@ -19,6 +19,7 @@ private Q_SLOTS:
     void cleanup();
 
     void aWatchedVolumeCanBeUnmounted();
+    void anEngineAtRestHoldsNoVolume();
     void aVolumeMountedOverTheFolderIsLeftAlone();
     void twoMountsOfOneVolumeAreMovedBetween();
     void aFullVolumeIsLoggedAndLeftClean();
@@ -70,6 +71,22 @@ void TestMounts::aWatchedVolumeCanBeUnmounted()
     writeFile(m_inbox + "/c.jpg", "");
     QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList({"a.jpg", "c.jpg"}), patience);
     QCOMPARE(namesIn(m_inbox), QByteArrayList({"b.jpg", "beneath.jpg"}));
+}
+
+void TestMounts::anEngineAtRestHoldsNoVolume()
+{
+    const size_t threads = threadCount();
+    Mount inbox = Mount::memory(m_inbox);
+    Mount out = Mount::memory(m_out);
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
+    writeFile(m_inbox + "/a.jpg", "content");
+    makeFolder(m_inbox + "/b");
+    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList({"a.jpg", "b"}), patience);
+    // Only the reader of events is left.
+    QTRY_COMPARE_WITH_TIMEOUT(threadCount(), threads + 1, patience);
+    QVERIFY(inbox.unmount());
+    QVERIFY(out.unmount());
 }
 
 void TestMounts::aVolumeMountedOverTheFolderIsLeftAlone()

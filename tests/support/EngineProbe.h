@@ -118,8 +118,8 @@ public:
         return takeNamed(RuleOperator::isEqual, "sentinel", m_destination);
     }
 
-    /// Sends entries through and waits until the engine has recorded their moves. By then all that it was going
-    /// to do at once with what stood in the folder before is done and recorded.
+    /// Sends entries through and waits until the engine has recorded their moves. By then all that it was
+    /// going to do at once with what stood in the folder before is done and recorded.
     [[nodiscard]] bool passes(const DownloadImageRedirector& engine)
     {
         // The file may share its sampling with an entry that is moved after it; the folder, which waits for

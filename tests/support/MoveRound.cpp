@@ -116,6 +116,15 @@ bool Round::isPlaceholder() const
     return S_ISDIR(data.st_mode) ? namesIn(target).isEmpty() : S_ISREG(data.st_mode) && data.st_size == 0;
 }
 
+QByteArrayList Round::leftovers() const
+{
+    QByteArrayList names = namesIn(m_here.path() + "/in");
+    names.removeOne("source");
+    QByteArrayList namesOut = namesIn(out);
+    namesOut.removeOne("target");
+    return names + namesOut;
+}
+
 bool Round::moveSomethingElse() const
 {
     const std::string other = m_there.path() + "/other";

@@ -64,6 +64,9 @@ public:
     /// Whether something empty stands at the target.
     [[nodiscard]] bool isPlaceholder() const;
 
+    /// What is in the folders of the source and of the target besides these two.
+    [[nodiscard]] QByteArrayList leftovers() const;
+
     /// Moves something else into the same folder, as the program does after its next start, and takes it
     /// away.
     [[nodiscard]] bool moveSomethingElse() const;

@@ -66,6 +66,14 @@ Mount Mount::again(const std::string& source, const std::string& folder)
     return Mount(folder);
 }
 
+Mount Mount::overlay(const std::string& lower, const std::string& upper, const std::string& work,
+                     const std::string& merged)
+{
+    mount("none", merged, "overlay", MS_NOSUID | MS_NODEV,
+          "userxattr,lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work);
+    return Mount(merged);
+}
+
 Mount::~Mount()
 {
     // Whatever still uses it: the folder it covers must be removed.

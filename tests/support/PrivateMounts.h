@@ -23,6 +23,11 @@ public:
     /// What is in `source`, a second time, at `folder`.
     [[nodiscard]] static Mount again(const std::string& source, const std::string& folder);
 
+    /// The folder `lower` with `upper` laid over it, at `merged`; what is changed there goes into `upper`.
+    /// The empty folder `work` is on the same volume as `upper`.
+    [[nodiscard]] static Mount overlay(const std::string& lower, const std::string& upper,
+                                       const std::string& work, const std::string& merged);
+
     ~Mount();
     Mount(const Mount&) = delete;
     Mount& operator=(const Mount&) = delete;
@@ -32,6 +37,7 @@ public:
 
     /// Unmounts as a person would. False when it is in use.
     [[nodiscard]] bool unmount();
+    [[nodiscard]] bool isMounted() const { return m_isMounted; }
 
 private:
     explicit Mount(std::string folder) : m_folder(std::move(folder)) {}
