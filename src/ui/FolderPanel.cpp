@@ -2,38 +2,16 @@
 
 #include "store/Bookmark.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFileDialog>
-#include <QGuiApplication>
 #include <QTimer>
 #include <QUrl>
-#include <QWidget>
-#include <QWindow>
 
-#include <chrono>
 #include <sys/stat.h>
 
 namespace harbex
 {
-
-namespace
-{
-
-/// Some window managers give the keyboard back to no window that is left out of the taskbar.
-void takeKeyboardBack(QWidget* window)
-{
-    // The window of a panel that is not Qt's own goes only when the main loop runs, that of another program's
-    // panel a little later, and with it what it had.
-    constexpr std::chrono::seconds panelIsGone{1};
-    auto* guard = new QObject(window);
-    QObject::connect(qApp, &QGuiApplication::focusWindowChanged, guard, [window](const QWindow* focused) {
-        if (!focused) window->activateWindow();
-    });
-    QTimer::singleShot(0, guard, [window] { window->activateWindow(); });
-    QTimer::singleShot(panelIsGone, guard, &QObject::deleteLater);
-}
-
-} // namespace
 
 void selectDirectory(QWidget* parent, const DirectoryCompletion& completion)
 {
@@ -43,7 +21,9 @@ void selectDirectory(QWidget* parent, const DirectoryCompletion& completion)
     panel.setOption(QFileDialog::ShowDirsOnly);
     panel.setLabelText(QFileDialog::Accept, prompt);
     const bool isAccepted = panel.exec() == QDialog::Accepted;
-    if (parent) takeKeyboardBack(parent);
+    // Some window managers give the keyboard back to no window that is left out of the taskbar. Later,
+    // because the window of a panel that is not Qt's own goes only when the main loop runs.
+    if (parent) QTimer::singleShot(0, parent, [parent] { parent->activateWindow(); });
     const QList<QUrl> answers = isAccepted ? panel.selectedUrls() : QList<QUrl>();
 
     const auto url = answers.isEmpty() ? std::nullopt : chosenFolder(answers.first());

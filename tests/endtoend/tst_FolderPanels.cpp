@@ -52,7 +52,10 @@ void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses()
     STEP("the window has the keyboard again", harbex.focused());
     QVERIFY2(harbex.control("label", "Select a folder from the sidebar"), "there is no folder");
 
-    QVERIFY2(desktop.press({QStringLiteral("space")}), "space on \"Add Folder\"");
+    // With the mouse: on a busy machine openbox now and then gives the keyboard to nobody when the window of
+    // another program's panel goes after ours has asked for it.
+    QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
+             "another click on \"Add Folder\"");
     STEP("the panel opens again", panel().has(Accessible::State::active));
     const auto line = [&] { return panel().find(QStringLiteral("text")); };
     QVERIFY2(desktop.press({QStringLiteral("slash")}), "a path is begun");
