@@ -188,24 +188,23 @@ void measureFreeName(Table& table)
 }
 
 /// From the moment at which the attempts fall due to the end of the last. Nothing on a machine too slow to
-/// write to each file within 0.15 second: some pass their first test early then.
+/// write to all files within 0.15 second: some pass their first test early then.
 std::optional<double> busyRound()
 {
     constexpr int count = 1000;
     const ScratchFolder scratch;
+    const path stage = scratch.folder("stage");
     const path in = scratch.folder("in");
+    makeFiles(stage, "busy", count);
     EngineRig rig({picturesRule(in, scratch.folder("out"))});
     EngineRig::settle(std::chrono::milliseconds(300));
 
     // Every file grows until its first test has failed, and is done when its attempt comes.
-    makeFiles(in, "busy", count);
+    renameFiles(stage, in, "busy", count);
     const auto arrival = Clock::now();
-    while (secondsSince(arrival) < 0.5)
-        for (int i = 0; i < count; ++i) {
-            const path file = in / ("busy" + std::to_string(i) + ".jpg");
-            const FileDescriptor fd(::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-            if (fd && ::write(fd.get(), "x", 1) != 1) std::abort();
-        }
+    for (off_t size = 2; secondsSince(arrival) < 0.5; ++size)
+        for (int i = 0; i < count; ++i)
+            if (::truncate((in / ("busy" + std::to_string(i) + ".jpg")).c_str(), size) != 0) std::abort();
     if (rig.moved() != 0) return std::nullopt;
     rig.waitForEnded(count);
     if (rig.moved() != count) return std::nullopt;
