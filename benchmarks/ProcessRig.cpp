@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace harbex::bench
 {
@@ -163,14 +164,25 @@ void measureProcess(Table& table)
         pause(std::chrono::seconds(15));
         return running;
     };
-    const auto memories = [&](const char* key) {
-        return inTurn(
-            3, [&] { return memory(*runIdle(HARBEX_EMPTY_WINDOW), key); },
-            [&] { return memory(*runIdle(HARBEX_PROGRAM), key); });
+    struct Memory {
+        std::vector<double> resident;
+        std::vector<double> dirty;
+
+        void add(const Running& running)
+        {
+            resident.push_back(memory(running, "Rss:"));
+            dirty.push_back(memory(running, "Private_Dirty:"));
+        }
     };
-    table.addRatio("idle, window closed: resident memory / empty Qt window, icon", "MB", memories("Rss:"),
-                   1.15);
-    table.addRatio("    of it what no file backs", "MB", memories("Private_Dirty:"), 1.15);
+    Memory own;
+    Memory baseline;
+    for (int i = 0; i < 3; ++i) {
+        baseline.add(*runIdle(HARBEX_EMPTY_WINDOW));
+        own.add(*runIdle(HARBEX_PROGRAM));
+    }
+    table.addRatio("idle, window closed: resident memory / empty Qt window, icon", "MB",
+                   {median(own.resident), median(baseline.resident)}, 1.15);
+    table.addRatio("    of it what no file backs", "MB", {median(own.dirty), median(baseline.dirty)}, 1.15);
 
     const auto harbex = runIdle(HARBEX_PROGRAM);
     const WakeUps before = wakeUps(harbex->proc());

@@ -45,15 +45,6 @@ int main(int argc, char** argv)
     QApplication::setDesktopFileName(QStringLiteral("org.harbex.Harbex"));
     QApplication::setQuitOnLastWindowClosed(false);
 
-    QTranslator translator;
-    const QString translations =
-        QStandardPaths::locate(QStandardPaths::GenericDataLocation, QStringLiteral("harbex/translations"),
-                               QStandardPaths::LocateDirectory);
-    // Without a folder it would look into the one the program was started in.
-    if (!translations.isEmpty() &&
-        translator.load(QLocale(), QStringLiteral("harbex"), QStringLiteral("_"), translations))
-        QApplication::installTranslator(&translator);
-
     const QDBusConnection bus = QDBusConnection::sessionBus();
     harbex::ApplicationService service(bus);
     switch (service.start(activationToken)) {
@@ -65,6 +56,15 @@ int main(int argc, char** argv)
         std::fputs("Harbex runs already, but does not answer.\n", stderr);
         return EXIT_FAILURE;
     }
+
+    QTranslator translator;
+    const QString translations =
+        QStandardPaths::locate(QStandardPaths::GenericDataLocation, QStringLiteral("harbex/translations"),
+                               QStandardPaths::LocateDirectory);
+    // Without a folder it would look into the one the program was started in.
+    if (!translations.isEmpty() &&
+        translator.load(QLocale(), QStringLiteral("harbex"), QStringLiteral("_"), translations))
+        QApplication::installTranslator(&translator);
 
     const harbex::ColorScheme colorScheme;
     harbex::ApplicationShell shell(bus, service);

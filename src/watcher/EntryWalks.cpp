@@ -90,13 +90,13 @@ void EntryWalks::tryRules(const EntryPointer& entry, size_t first)
 
 bool EntryWalks::matchesOnDisk(const Entry& entry, const MatchableRule& rule) const
 {
-    struct stat data;
-    if (::stat(entry.path.c_str(), &data) != 0) return false;
+    if (!doesExist(entry.path)) return false;
     const QString extension = lowerCasedExtension(entry.name);
     if (isPartialDownload(extension)) return false;
 
     print(QStringLiteral("Processing: ") + readableName(entry.name));
     std::optional<bool> isDirectory;
+    struct stat data;
     if (::lstat(entry.path.c_str(), &data) == 0) isDirectory = S_ISDIR(data.st_mode);
     print(QStringLiteral("ext ") + readableText(extension));
     print(rawValue(rule.filter.field));
