@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -46,27 +47,37 @@ public:
 
     void waitForWindow() const
     {
-        while (std::system((search() + "> /dev/null").c_str()) != 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        waitUntil([this] { return isWindowVisible(); });
     }
 
-    /// Closes its window as a person does.
+    /// Asks the window manager to close its window, as the button in the title does. A key could come late
+    /// and close the window of the next program.
     void closeWindow() const
     {
-        // Openbox now and then handles one key only when the next one comes; the command fails when the
-        // window is gone before it has let go of the key.
-        while (std::system((search() + "> /dev/null").c_str()) == 0) {
-            (void)std::system((search() + "windowactivate --sync key alt+F4 2> /dev/null").c_str());
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        }
+        (void)std::system((search() + "| xargs wmctrl -i -c").c_str());
+        waitUntil([this] { return !isWindowVisible(); });
     }
 
 private:
-    /// The command that finds its window if it can be seen.
+    /// The command that finds its window if it can be seen. It complains of windows that vanish meanwhile.
     [[nodiscard]] std::string search() const
     {
         return "xdotool search --onlyvisible --all --pid " + std::to_string(m_process.processId()) +
-               " --name . ";
+               " --name . 2> /dev/null ";
+    }
+
+    [[nodiscard]] bool isWindowVisible() const
+    {
+        return std::system((search() + "> /dev/null").c_str()) == 0;
+    }
+
+    /// Ends the benchmark when nothing happens for half a minute.
+    static void waitUntil(const std::function<bool()>& isTrue)
+    {
+        for (int tries = 300; !isTrue(); --tries) {
+            if (tries == 0) std::abort();
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
     }
 
     QProcess m_process;

@@ -5,7 +5,8 @@
 namespace harbex::bench
 {
 
-/// Measures the program as a whole process: start-up, memory and wake-ups. Needs an X11 display and xdotool.
+/// Measures the program as a whole process: start-up, memory and wake-ups. Needs an X11 display, xdotool and
+/// wmctrl.
 void measureProcess(Table& table);
 
 } // namespace harbex::bench
