@@ -1,3 +1,4 @@
+#include "files/FileMove.h"
 #include "support/Attack.h"
 #include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
@@ -83,6 +84,16 @@ public:
     [[nodiscard]] bool isIn(const std::string& folder, const char* name) const
     {
         return isWhole(folder + '/' + name);
+    }
+    /// Nothing but the two is in the destination, at the latest after the next start has moved something there.
+    [[nodiscard]] bool leavesNothingBehind() const
+    {
+        const std::string next = m_there.path() + "/next";
+        writeFile(next, "next");
+        if (!FileMove().moveItem(next, m_out + "/next")) return false;
+        QByteArrayList names = namesIn(m_out);
+        names.removeIf([](const QByteArray& name) { return name == "first" || name == "second"; });
+        return names == QByteArrayList{"next"};
     }
     [[nodiscard]] const std::string& inbox() const { return m_inbox; }
     [[nodiscard]] const std::string& out() const { return m_out; }
@@ -228,6 +239,7 @@ void TestEngineFaults::everyCallFails()
         const bool isThere = life.isIn(life.out(), "first");
         const bool isHere = life.isIn(life.inbox(), "first");
         QVERIFY2(isThere || isHere, what.constData());
+        QVERIFY2(life.leavesNothingBehind(), what.constData());
         if (life.messages().contains(QStringLiteral("Moved first -> first"))) {
             QVERIFY2(isThere && !exists(life.inbox() + "/first"), what.constData());
             continue;

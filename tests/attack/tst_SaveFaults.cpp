@@ -99,6 +99,9 @@ public:
     [[nodiscard]] QByteArray now() const { return exists(m_path) ? contents(m_path) : QByteArray(); }
     [[nodiscard]] const QByteArray& old() const { return m_old; }
 
+    /// Whether it is the folder of the configuration or something in it.
+    [[nodiscard]] bool isOurs(const std::string& path) const { return path.starts_with(m_config); }
+
     [[nodiscard]] bool isStillLink() const { return !m_isLink || fs::is_symlink(m_path); }
 
     /// What is in the folders of the configuration besides it and what was put aside on purpose.
@@ -172,6 +175,7 @@ private Q_SLOTS:
     void everyCallFails_data();
     void everyCallFails();
     void killedSavesDoNotPileUp();
+    void nothingIsReplacedByWhatIsNotOnTheDisk();
 };
 
 void TestSaveFaults::killedAtEveryCall()
@@ -271,6 +275,30 @@ void TestSaveFaults::killedSavesDoNotPileUp()
     QVERIFY(kills > 20);
     QCOMPARE(round.leftovers(), QByteArrayList());
     reportRuns(kills);
+}
+
+void TestSaveFaults::nothingIsReplacedByWhatIsNotOnTheDisk()
+{
+    const auto save = [](const SaveRound& round, bool mayReachTheDisk) {
+        QByteArrayList order;
+        const GatedRun run = round.save([&](const GatedCall& call) {
+            // QSettings makes temporary files of its own.
+            const bool isSync = call.name == "fsync" && round.isOurs(call.pathOfOpen(int(call.arguments[0])));
+            const bool isRename = call.name == "rename" && round.isOurs(call.text(0));
+            if (isSync || isRename) order << QByteArray::fromStdString(call.name);
+            return isSync && !mayReachTheDisk ? Answer::fail(EIO) : Answer::proceed();
+        });
+        return run.succeeded() ? order : QByteArrayList();
+    };
+    const SaveRound refused("file");
+    QCOMPARE(save(refused, false), QByteArrayList{"fsync"});
+    QCOMPARE(refused.now(), refused.old());
+    QCOMPARE(refused.leftovers(), QByteArrayList());
+
+    // The last one is of the folder, which has the new name in it.
+    const SaveRound done("file");
+    QCOMPARE(save(done, true), (QByteArrayList{"fsync", "rename", "fsync"}));
+    QVERIFY(done.now() != done.old());
 }
 
 HARBEX_TEST_MAIN(TestSaveFaults)

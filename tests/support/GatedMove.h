@@ -22,14 +22,17 @@ struct Lacks {
     int noReplace = 0;
     bool hardLinks = false;
     bool unnamedFiles = false;
+    /// How it says the latter two.
+    int hardLinksError = EPERM;
+    int unnamedFilesError = EOPNOTSUPP;
 
     /// How such a file system answers the call; nothing when it is none of these.
     [[nodiscard]] std::optional<Answer> refuses(const GatedCall& call) const
     {
         if (noReplace != 0 && call.name == "renameat2") return Answer::fail(noReplace);
-        if (hardLinks && call.name == "linkat") return Answer::fail(EPERM);
+        if (hardLinks && call.name == "linkat") return Answer::fail(hardLinksError);
         const bool isUnnamed = call.name == "openat" && (call.arguments[2] & O_TMPFILE) == O_TMPFILE;
-        if (unnamedFiles && isUnnamed) return Answer::fail(EOPNOTSUPP);
+        if (unnamedFiles && isUnnamed) return Answer::fail(unnamedFilesError);
         return {};
     }
 };

@@ -5,15 +5,18 @@
 #include <QTest>
 
 #include <algorithm>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace harbex::test
 {
 
-const std::array<Road, 11>& allRoads()
+const std::array<Road, 16>& allRoads()
 {
-    static const std::array<Road, 11> roads = {{
+    static const std::array<Road, 16> roads = {{
         {"file", "file", false, {}},
+        {"link", "link", false, {}},
+        {"folder", "folder", false, {}},
         {"file, cannot refuse to replace", "file", false, {.noReplace = EINVAL}},
         {"file, nor link", "file", false, {.noReplace = EINVAL, .hardLinks = true}, true},
         {"link, cannot refuse to replace", "link", false, {.noReplace = EINVAL}},
@@ -25,9 +28,12 @@ const std::array<Road, 11>& allRoads()
          true,
          {.noReplace = EINVAL, .hardLinks = true, .unnamedFiles = true},
          true},
+        {"file across volumes that are one", "file", true, {}, false, true},
         {"link across volumes", "link", true, {}},
+        {"link across volumes, nothing", "link", true, {.noReplace = EINVAL, .hardLinks = true}, true},
         {"folder across volumes", "folder", true, {}},
         {"folder across volumes, cannot refuse to replace", "folder", true, {.noReplace = EINVAL}, true},
+        {"folder across volumes that are one", "folder", true, {}, false, true},
     }};
     return roads;
 }
@@ -57,8 +63,26 @@ bool onlyReads(const GatedCall& call)
     return (flags & O_CREAT) == 0 && (flags & O_TMPFILE) != O_TMPFILE;
 }
 
+namespace
+{
+
+std::string subjectOf(const GatedCall& call)
+{
+    const std::string folder = call.pathOfOpen(static_cast<int>(call.arguments[0]));
+    static const std::array named = {"faccessat2", "mkdirat", "newfstatat", "openat",
+                                     "readlinkat", "statx",   "unlinkat"};
+    if (std::ranges::find(named, call.name) == named.end()) return folder;
+    const std::string name = call.text(1);
+    static const std::string opened = "/proc/self/fd/";
+    if (name.starts_with(opened)) return call.pathOfOpen(std::stoi(name.substr(opened.size())));
+    return folder + '/' + name;
+}
+
+} // namespace
+
 Round::Round(const Road& road)
-    : m_road(road), m_there(road.acrossVolumes ? folderOnAnotherVolume() : std::string()),
+    : m_road(road),
+      m_there(road.acrossVolumes && !road.isPretended ? folderOnAnotherVolume() : std::string()),
       source(m_here.makeFolder("in") + "/source"), out(m_there.makeFolder("out")), target(out + "/target")
 {
     if (road.kind == "file") writeFile(source, "content");
@@ -70,6 +94,10 @@ Round::Round(const Road& road)
         writeFile(source + "/sub/other", "other content");
         if (::link((source + "/sub/other").c_str(), (source + "/same").c_str()) != 0) qFatal("cannot link");
         makeLink(source + "/link", "sub");
+        writeFile(source + "/sparse", "begin");
+        if (::truncate((source + "/sparse").c_str(), 1 << 20) != 0) qFatal("cannot make a hole");
+        // Not all volumes can.
+        if (road.isPretended) ::setxattr((source + "/sparse").c_str(), "user.harbex", "value", 5, 0);
     }
     m_before = pictureOf(source);
 }
@@ -80,7 +108,9 @@ GatedRun Round::move(const Gatekeeper& keeper) const
         const Answer answer = keeper(call);
         if (answer.kind != Answer::Kind::proceed) return answer;
         // That the volumes differ is what the kernel sees first, whatever they lack.
-        if (m_road.acrossVolumes && call.name == "renameat2" && call.ordinal == 1) return Answer::proceed();
+        const bool isFirstRename = call.name == "renameat2" && call.ordinal == 1;
+        if (m_road.isPretended && isFirstRename) return Answer::fail(EXDEV);
+        if (m_road.acrossVolumes && isFirstRename) return Answer::proceed();
         return m_road.lacks.refuses(call).value_or(Answer::proceed());
     });
 }
@@ -94,6 +124,8 @@ Round::Incident Round::moveWithIncident(size_t n, const std::function<bool(const
         if (!counts(call) || seen++ != n) return Answer::proceed();
         incident.happened = true;
         incident.where = call.label();
+        incident.subject = subjectOf(call);
+        incident.sourceWasThere = exists(source);
         return act(call);
     });
     return incident;

@@ -22,11 +22,13 @@ struct Road {
     Lacks lacks;
     /// Where the file system can do no better, a killed move leaves something empty under the new name.
     bool leavesPlaceholder = false;
+    /// Both volumes are one, and only the first rename is told otherwise: the kernel then copies between them.
+    bool isPretended = false;
 
     [[nodiscard]] bool isFolder() const { return kind == "folder"; }
 };
 
-[[nodiscard]] const std::array<Road, 11>& allRoads();
+[[nodiscard]] const std::array<Road, 16>& allRoads();
 
 /// The rows of a test that goes all roads: a column "road" with their places in that list.
 void addRowsOfRoads();
@@ -53,6 +55,9 @@ public:
         bool happened = false;
         /// "unlinkat #2"
         std::string where;
+        /// The path of what the call was about.
+        std::string subject;
+        bool sourceWasThere = false;
         GatedRun run;
     };
     /// The same, where `act` is asked about one call only: the n-th, from 0, of those that `counts` tells.
@@ -78,7 +83,8 @@ private:
 
 public:
     /// A file with "content", a dangling link, or a folder in which there are: "file" with that content, a
-    /// folder "sub" with another file "other", a second name "same" of that one, and a link.
+    /// folder "sub" with another file "other", a second name "same" of that one, a link, and a file "sparse"
+    /// that ends in a hole; where the volumes are one, that has an attribute as well.
     const std::string source;
     const std::string out;
     const std::string target;

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <map>
 #include <poll.h>
 #include <seccomp.h>
@@ -218,6 +219,13 @@ void GatedCall::writeMemory(uint64_t address, const std::string& bytes) const
     const ssize_t written = ::pwrite(openMemory(process, O_WRONLY).get(), bytes.data(), bytes.size(),
                                      static_cast<off_t>(address));
     require(written == static_cast<ssize_t>(bytes.size()), "cannot write the memory of the child");
+}
+
+std::string GatedCall::pathOfOpen(int fd) const
+{
+    const std::string link = "/proc/" + std::to_string(process) + "/fd/" + std::to_string(fd);
+    std::error_code isNone;
+    return std::filesystem::read_symlink(link, isNone).string();
 }
 
 FileDescriptor GatedCall::descriptor(size_t argument) const

@@ -40,6 +40,9 @@ public:
     [[nodiscard]] std::string readMemory(uint64_t address, size_t size) const;
     void writeMemory(uint64_t address, const std::string& bytes) const;
 
+    /// The path of what the waiting process has open as `fd`; empty when that is nothing with a path.
+    [[nodiscard]] std::string pathOfOpen(int fd) const;
+
     /// A descriptor of our own for the open file that an argument of the call names.
     [[nodiscard]] FileDescriptor descriptor(size_t argument) const;
 };
