@@ -3,6 +3,8 @@
 #include "support/TestMain.h"
 
 #include <atomic>
+#include <cstring>
+#include <linux/magic.h>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -40,6 +42,10 @@ private Q_SLOTS:
     void somethingPutIntoTheNewFolderIsLeftAlone();
     void aNewFileUnderTheOldNameStays();
     void aSourceThatCannotBeUnlinkedTakesItsNewNameBack();
+    void aChangeWhoseAnswerWasLost_data();
+    void aChangeWhoseAnswerWasLost();
+    void everyWayToSayThatThereAreNoLinks();
+    void aVolumeThatEndsWithinTheFallbackIsCrossed_data();
     void aVolumeThatEndsWithinTheFallbackIsCrossed();
 
 private:
@@ -421,13 +427,80 @@ void TestFileMove::aSourceThatCannotBeUnlinkedTakesItsNewNameBack()
     QCOMPARE(namesIn(m_out), QByteArrayList());
 }
 
+void TestFileMove::aChangeWhoseAnswerWasLost_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<bool>("noLinks");
+    QTest::addColumn<QByteArray>("lost");
+    QTest::addColumn<int>("answer");
+    for (const int answer : {ENOENT, EIO, ETIMEDOUT}) {
+        const auto row = [answer](const char* kind, bool noLinks, const char* lost) {
+            QTest::addRow("%s, %s, %s", kind, lost, strerrorname_np(answer))
+                << QByteArray(kind) << noLinks << QByteArray(lost) << answer;
+        };
+        row("file", false, "unlinkat");
+        row("file", true, "renameat");
+        row("empty folder", false, "renameat");
+    }
+}
+
+// The server has done it, and the client hears of a failure.
+void TestFileMove::aChangeWhoseAnswerWasLost()
+{
+    QFETCH(const QByteArray, kind);
+    QFETCH(const bool, noLinks);
+    QFETCH(const QByteArray, lost);
+    QFETCH(const int, answer);
+    if (kind == "empty folder")
+        makeFolder(m_source);
+    else
+        makeSource(kind);
+    const ino_t inode = inodeOf(m_source);
+    const Lacks lacks{.noReplace = EINVAL, .hardLinks = noLinks};
+    const GatedRun run = moveGated(m_source, m_target, lacks, [&](const GatedCall& call) {
+        if (call.name != lost.constData() || !exists(m_source)) return answerVolume(call, NFS_SUPER_MAGIC);
+        if (lost == "unlinkat")
+            removeEntry(m_source);
+        else
+            renameEntry(m_source, m_target);
+        return Answer::fail(answer);
+    });
+    QCOMPARE(run.error, lost == "unlinkat" && answer == ENOENT ? 0 : answer);
+    QCOMPARE(inodeOf(m_target), inode);
+}
+
+void TestFileMove::everyWayToSayThatThereAreNoLinks()
+{
+    for (const int error : {EPERM, EOPNOTSUPP, ENOSYS, EMLINK}) {
+        makeSource("file");
+        const Lacks lacks{.noReplace = EINVAL, .hardLinks = true, .hardLinksError = error};
+        QCOMPARE(moveGated(m_source, m_target, lacks).error, 0);
+        QCOMPARE(contents(m_target), QByteArray("content"));
+        removeEntry(m_target);
+    }
+}
+
+void TestFileMove::aVolumeThatEndsWithinTheFallbackIsCrossed_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<bool>("noLinks");
+    QTest::addColumn<QByteArray>("call");
+    QTest::newRow("file") << QByteArray("file") << false << QByteArray("linkat");
+    QTest::newRow("file, nor link") << QByteArray("file") << true << QByteArray("renameat");
+    QTest::newRow("folder") << QByteArray("folder") << false << QByteArray("renameat");
+}
+
 void TestFileMove::aVolumeThatEndsWithinTheFallbackIsCrossed()
 {
-    makeSource("file");
+    QFETCH(const QByteArray, kind);
+    QFETCH(const bool, noLinks);
+    QFETCH(const QByteArray, call);
+    makeSource(kind);
     const QByteArray before = pictureOf(m_source);
     const ino_t inode = inodeOf(m_source);
-    const GatedRun run = moveGated(m_source, m_target, Lacks{.noReplace = EINVAL}, [](const GatedCall& call) {
-        return call.name == "linkat" && call.ordinal == 1 ? Answer::fail(EXDEV) : Answer::proceed();
+    const Lacks lacks{.noReplace = EINVAL, .hardLinks = noLinks};
+    const GatedRun run = moveGated(m_source, m_target, lacks, [&call](const GatedCall& now) {
+        return now.name == call.constData() && now.ordinal == 1 ? Answer::fail(EXDEV) : Answer::proceed();
     });
     QCOMPARE(run.error, 0);
     QVERIFY(!exists(m_source));

@@ -1,5 +1,6 @@
 #include "files/PartFolder.h"
 #include "support/EngineFiles.h"
+#include "support/GatedMove.h"
 #include "support/SyscallGate.h"
 #include "support/TestMain.h"
 
@@ -16,6 +17,8 @@ namespace
 {
 
 const std::string partName = ".harbex-0123456789abcdef0123456789abcdef.part";
+/// What a copy is called in it.
+const std::string contentName = "/.harbex-0123456789abcdef0123456789abcdef.entry";
 
 } // namespace
 
@@ -34,6 +37,10 @@ private Q_SLOTS:
     void similarNamesStay_data();
     void similarNamesStay();
     void aLeftoverOfSomebodyElseStays();
+    void anotherFolderOfThatNameStays_data();
+    void anotherFolderOfThatNameStays();
+    void anotherFolderInItsPlaceStays();
+    void aFolderOfSomebodyElseInItsPlaceIsRefused();
     void removedBeforeItWasLocked();
     void takenForALeftoverBeforeItWasLocked();
     void withoutLocksNothingIsTakenForALeftover();
@@ -76,9 +83,12 @@ void TestPartFolder::isHiddenPrivateAndGoesWithAllThatIsInIt()
         QCOMPARE(::fstat(part->descriptor(), &data), 0);
         QCOMPARE(data.st_mode & 07777, mode_t(0700));
 
-        QCOMPARE(::mkdirat(part->descriptor(), "sub", 0700), 0);
-        QCOMPARE(::mkdirat(part->descriptor(), "sub/sub", 0700), 0);
-        test::writeFile(inFolder(names()[0].toStdString()) + "/sub/file", "content");
+        const EntryPlace content = part->content();
+        QCOMPARE(content.folder, part->descriptor());
+        QCOMPARE(::mkdirat(content.folder, content.name.c_str(), 0700), 0);
+        const std::string path = inFolder(names()[0].toStdString()) + '/' + content.name;
+        test::makeFolder(path + "/sub");
+        test::writeFile(path + "/sub/file", "content");
     }
     QCOMPARE(names(), QByteArrayList());
 }
@@ -86,8 +96,8 @@ void TestPartFolder::isHiddenPrivateAndGoesWithAllThatIsInIt()
 void TestPartFolder::leftoversAreRemoved()
 {
     test::makeFolder(inFolder(partName));
-    test::makeFolder(inFolder(partName) + "/entry");
-    test::writeFile(inFolder(partName) + "/entry/file", "content");
+    test::makeFolder(inFolder(partName) + contentName);
+    test::writeFile(inFolder(partName) + contentName + "/file", "content");
     test::writeFile(inFolder("photo.jpg"), "content");
     removeLeftovers();
     QCOMPARE(names(), QByteArrayList{"photo.jpg"});
@@ -98,7 +108,7 @@ void TestPartFolder::aLinkInALeftoverIsNotFollowed()
     test::makeFolder(inFolder("precious"));
     test::writeFile(inFolder("precious/file"), "content");
     test::makeFolder(inFolder(partName));
-    test::makeLink(inFolder(partName) + "/entry", inFolder("precious"));
+    test::makeLink(inFolder(partName) + contentName, inFolder("precious"));
     removeLeftovers();
     QCOMPARE(names(), QByteArrayList{"precious"});
     QCOMPARE(test::contents(inFolder("precious/file")), QByteArray("content"));
@@ -151,6 +161,68 @@ void TestPartFolder::aLeftoverOfSomebodyElseStays()
     QCOMPARE(::chown(inFolder(partName).c_str(), 12345, 12345), 0);
     removeLeftovers();
     QCOMPARE(names().size(), 1);
+}
+
+void TestPartFolder::anotherFolderOfThatNameStays_data()
+{
+    QTest::addColumn<QByteArray>("inside");
+    QTest::addColumn<bool>("isOpenToOthers");
+    QTest::newRow("other content") << QByteArray("/thesis.txt") << false;
+    QTest::newRow("content that others may have brought") << QByteArray::fromStdString(contentName) << true;
+}
+
+// Others, who may rename in the folder around but not write into this one, called it so.
+void TestPartFolder::anotherFolderOfThatNameStays()
+{
+    QFETCH(const QByteArray, inside);
+    QFETCH(const bool, isOpenToOthers);
+    const std::string file = inFolder(partName) + inside.toStdString();
+    test::makeFolder(inFolder(partName));
+    test::writeFile(file, "precious");
+    QCOMPARE(::chmod(inFolder(partName).c_str(), isOpenToOthers ? 0770 : 0700), 0);
+    removeLeftovers();
+    QCOMPARE(test::contents(file), QByteArray("precious"));
+}
+
+void TestPartFolder::anotherFolderInItsPlaceStays()
+{
+    std::string place;
+    {
+        const Outcome<PartFolder> part = PartFolder::create(m_folder.get());
+        QVERIFY(part);
+        place = inFolder(names()[0].toStdString());
+        test::writeFile(place + '/' + part->content().name, "content");
+        test::renameEntry(place, inFolder("away"));
+        test::makeFolder(place);
+        test::writeFile(place + '/' + part->content().name, "precious");
+        test::writeFile(place + "/thesis.txt", "precious");
+    }
+    QCOMPARE(test::namesIn(place).size(), 2);
+    QCOMPARE(test::namesIn(inFolder("away")), QByteArrayList());
+}
+
+void TestPartFolder::aFolderOfSomebodyElseInItsPlaceIsRefused()
+{
+    if (::geteuid() != 0) QSKIP("only root makes folders of somebody else");
+    const auto work = [this]() -> Outcome<void> {
+        test::becomeOrdinary();
+        const Outcome<PartFolder> part = PartFolder::create(m_folder.get());
+        if (!part) return part.error();
+        return {};
+    };
+    QCOMPARE(::chmod(m_scratch->path().c_str(), 0777), 0);
+    const auto keeper = [this](const test::GatedCall& call) {
+        // As where there are no access lists, which would give it away as well.
+        if (call.name == "fremovexattr") return test::Answer::fail(EOPNOTSUPP);
+        if (call.ordinal != 1) return test::Answer::proceed();
+        const std::string place = inFolder(call.text(1));
+        test::renameEntry(place, inFolder("away"));
+        test::makeFolder(place);
+        if (::chmod(place.c_str(), 0777) != 0) qFatal("cannot open the folder to all");
+        return test::Answer::proceed();
+    };
+    const test::GatedRun run = test::runGated({"openat", "fremovexattr"}, work, keeper);
+    QCOMPARE(run.error, EPERM);
 }
 
 namespace

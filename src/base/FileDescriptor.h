@@ -29,9 +29,6 @@ public:
     explicit operator bool() const { return m_fd >= 0; }
     [[nodiscard]] int get() const { return m_fd; }
 
-    /// Hands the descriptor over to the caller, who closes it.
-    [[nodiscard]] int release() { return std::exchange(m_fd, -1); }
-
 private:
     int m_fd = -1;
 };

@@ -26,7 +26,8 @@ Outcome<DirectoryListing> DirectoryListing::openAgain(int folder)
 Outcome<timespec> DirectoryListing::modificationTime() const
 {
     struct statx status = {};
-    if (::statx(m_directory.get(), "", AT_EMPTY_PATH, STATX_MTIME, &status) != 0) return SystemError::last();
+    if (::statx(m_directory.get(), "", AT_EMPTY_PATH | AT_STATX_FORCE_SYNC, STATX_MTIME, &status) != 0)
+        return SystemError::last();
     return timespec{status.stx_mtime.tv_sec, static_cast<long>(status.stx_mtime.tv_nsec)};
 }
 

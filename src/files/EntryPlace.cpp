@@ -24,8 +24,10 @@ bool isSameTime(const timespec& a, const timespec& b)
 Outcome<EntryStatus> statusAt(int folder, const char* name, int flags)
 {
     struct statx data = {};
-    if (::statx(folder, name, flags | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS, &data) != 0)
-        return SystemError::last();
+    flags |= AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
+    // What is remembered of a remote volume may be seconds old, and another computer write into the entry.
+    flags |= AT_STATX_FORCE_SYNC;
+    if (::statx(folder, name, flags, STATX_BASIC_STATS, &data) != 0) return SystemError::last();
 
     EntryStatus status;
     status.device = ::makedev(data.stx_dev_major, data.stx_dev_minor);

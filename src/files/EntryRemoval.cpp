@@ -31,8 +31,7 @@ private:
     Outcome<void> empty(const EntryPlace& place, const EntryStatus& status, const std::string& path,
                         size_t depth)
     {
-        // One more than a copied tree has: the hidden folder around it.
-        if (depth > maximumTreeDepth) return SystemError{EMFILE};
+        if (depth == maximumTreeDepth) return SystemError{EMFILE};
         const Outcome<FileDescriptor> folder = openSubfolder(place, status);
         if (!folder) return folder.error();
         const Outcome<std::vector<std::string>> names = namesIn(folder->get());

@@ -1,5 +1,7 @@
 #include "files/NoReplaceRename.h"
 
+#include "files/RemoteVolume.h"
+
 #include <cstdio>
 #include <unistd.h>
 
@@ -21,7 +23,8 @@ Outcome<void> renameFolder(const EntryPlace& from, const EntryPlace& to)
 {
     if (::mkdirat(to.folder, to.name.c_str(), 0700) != 0) return SystemError::last();
     const Outcome<void> renamed = renameReplacing(from, to);
-    if (!renamed) ::unlinkat(to.folder, to.name.c_str(), AT_REMOVEDIR);
+    if (!renamed && !mayHaveBeenDone(from, renamed.error()))
+        ::unlinkat(to.folder, to.name.c_str(), AT_REMOVEDIR);
     return renamed;
 }
 
@@ -70,7 +73,12 @@ Outcome<void> linkAndUnlink(const EntryPlace& from, const EntryPlace& to, const 
         unlinked = SystemError{EBUSY};
     else if (::unlinkat(from.folder, from.name.c_str(), 0) != 0)
         unlinked = SystemError::last();
-    if (!unlinked) withdraw(to, entry);
+    if (unlinked) return {};
+    // The new name may be the only one now; a server that is asked again then finds no old one.
+    if (!mayHaveBeenDone(from, unlinked.error()))
+        withdraw(to, entry);
+    else if (unlinked.error().code == ENOENT)
+        return {};
     return unlinked;
 }
 

@@ -19,6 +19,7 @@ namespace
 
 constexpr std::string_view prefix = ".harbex-";
 constexpr std::string_view suffix = ".part";
+constexpr std::string_view contentSuffix = ".entry";
 constexpr std::string_view digits = "0123456789abcdef";
 constexpr size_t randomBytes = 16;
 
@@ -48,21 +49,32 @@ bool lock(int fd)
     return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
+/// The name that a copy has in the part folder of this name. Nothing else has it, so that it tells a part
+/// folder from one that was only called so.
+std::string contentNameIn(std::string_view part)
+{
+    return std::string(part.substr(0, part.size() - suffix.size())).append(contentSuffix);
+}
+
 // Whoever wants to know what failed cannot do anything about it either: a leftover harms nobody, and a later
 // move tries again.
-void removeIfPossible(const EntryPlace& part)
+void removeIfPossible(const EntryPlace& part, int opened)
 {
-    const Outcome<void> removed =
-        removeEntry(part, [](const std::string&, const EntryStatus&) { return true; });
+    const Outcome<void> removed = removeEntry({opened, contentNameIn(part.name)},
+                                              [](const std::string&, const EntryStatus&) { return true; });
     static_cast<void>(removed);
+    // By now the name may be that of another folder, of which no more than an empty one goes.
+    ::unlinkat(part.folder, part.name.c_str(), AT_REMOVEDIR);
 }
 
 void removeIfLeftOver(const EntryPlace& part)
 {
     const Outcome<EntryStatus> status = EntryStatus::of(part);
     if (!status || !status->isFolder() || status->owner != ::geteuid()) return;
+    // Into one that is closed to them others cannot bring what makes it look like ours.
+    if (status->mode & (S_IWGRP | S_IWOTH)) return;
     const Outcome<FileDescriptor> opened = openSubfolder(part, *status);
-    if (opened && lock(opened->get())) removeIfPossible(part);
+    if (opened && lock(opened->get())) removeIfPossible(part, opened->get());
 }
 
 } // namespace
@@ -87,8 +99,13 @@ Outcome<bool> PartFolder::occupy()
     if (!m_opened && errno == ENOENT) return false;
     if (!m_opened) return SystemError::last();
     // What the folder around it has its entries inherit is not for the copy, and may even keep us out.
-    if (::fchmod(m_opened.get(), 0700) != 0 && errno != EPERM && errno != EOPNOTSUPP)
-        return SystemError::last();
+    if (::fchmod(m_opened.get(), 0700) != 0) {
+        if (errno != EPERM && errno != EOPNOTSUPP) return SystemError::last();
+        // This file system has no permissions, or somebody has put a folder of theirs in its place.
+        const Outcome<EntryStatus> opened = EntryStatus::ofOpen(m_opened.get());
+        if (!opened) return opened.error();
+        if (opened->owner != ::geteuid()) return SystemError{EPERM};
+    }
     if (::fremovexattr(m_opened.get(), "system.posix_acl_default") != 0 && errno != ENODATA &&
         errno != EOPNOTSUPP)
         return SystemError::last();
@@ -117,7 +134,12 @@ PartFolder::PartFolder(PartFolder&& other) noexcept
 
 PartFolder::~PartFolder()
 {
-    if (!m_place.name.empty()) removeIfPossible(m_place);
+    if (!m_place.name.empty()) removeIfPossible(m_place, m_opened.get());
+}
+
+EntryPlace PartFolder::content() const
+{
+    return {m_opened.get(), contentNameIn(m_place.name)};
 }
 
 } // namespace harbex

@@ -13,6 +13,9 @@ namespace harbex
 /// in the folder around. The ending tells watchers to leave it alone; the process that works in it holds its
 /// lock (flock), which is free again when that process was killed. Used by one thread; several may have one
 /// each in the same folder.
+///
+/// Where others may write into the folder around, they may move a part folder away, put another folder in its
+/// place, or give its kind of name to one. Whatever they do, no file is removed but one built here.
 class PartFolder
 {
 public:
@@ -20,18 +23,21 @@ public:
     [[nodiscard]] static Outcome<PartFolder> create(int folder);
 
     /// Removes the part folders that killed processes of this user left in `folder`, as far as that is
-    /// possible. Those that somebody still works in stay.
+    /// possible. Those that somebody still works in stay, and so does a folder that others may write into.
     static void removeLeftovers(int folder);
 
     PartFolder(PartFolder&& other) noexcept;
     PartFolder(const PartFolder&) = delete;
     PartFolder& operator=(const PartFolder&) = delete;
 
-    /// Removes the part folder with everything in it. What cannot be removed now, a later move removes.
+    /// Removes the part folder with its content. What cannot be removed now, a later move removes.
     ~PartFolder();
 
     /// The open part folder, empty at first and closed to other users.
     [[nodiscard]] int descriptor() const { return m_opened.get(); }
+
+    /// Where the copy is to be built: the only name that may be made in the part folder.
+    [[nodiscard]] EntryPlace content() const;
 
 private:
     explicit PartFolder(EntryPlace place) : m_place(std::move(place)) {}

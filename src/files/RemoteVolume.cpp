@@ -1,7 +1,10 @@
 #include "files/RemoteVolume.h"
 
+#include "files/EntryName.h"
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <linux/magic.h>
 #include <sys/vfs.h>
@@ -9,7 +12,10 @@
 namespace harbex
 {
 
-bool isOnRemoteVolume(int fd)
+namespace
+{
+
+bool isRemote(const struct statfs& volume)
 {
     constexpr uint32_t virtualBoxFolders = 0x786f4256;
     constexpr uint32_t lustre = 0x0bd00bd3;
@@ -20,10 +26,32 @@ bool isOnRemoteVolume(int fd)
                                              OCFS2_SUPER_MAGIC, SMB2_SUPER_MAGIC,
                                              SMB_SUPER_MAGIC,   V9FS_MAGIC,
                                              virtualBoxFolders, lustre};
-    struct statfs volume = {};
-    if (::fstatfs(fd, &volume) != 0) return false;
     // The kernel widens the number with its sign on some machines.
     return std::ranges::find(types, static_cast<uint32_t>(volume.f_type)) != types.end();
+}
+
+/// Whether it is how a change is refused, not how the way to the one who makes it fails.
+bool isRefusal(SystemError error)
+{
+    constexpr std::array refusals{EACCES, EBUSY, EDQUOT, EEXIST, ENOSPC, ENOTEMPTY, EPERM, EROFS, EXDEV};
+    return std::ranges::find(refusals, error.code) != refusals.end();
+}
+
+} // namespace
+
+bool isOnRemoteVolume(int fd)
+{
+    struct statfs volume = {};
+    return ::fstatfs(fd, &volume) == 0 && isRemote(volume);
+}
+
+bool mayHaveBeenDone(const EntryPlace& place, SystemError error)
+{
+    if (isRefusal(error)) return false;
+    const FileDescriptor folder(
+        ::openat(place.folder, parentPath(place.name).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct statfs volume = {};
+    return !folder || ::fstatfs(folder.get(), &volume) != 0 || isRemote(volume);
 }
 
 } // namespace harbex

@@ -35,10 +35,12 @@ public:
         if (removed) removed = m_survey.removeTree(m_from);
         // A folder that had its name may hold new things of others by now.
         if (removed || copy->isFolder()) return removed;
-        // Gone by somebody else's hand, an original must not leave two of it. But a server may have removed
-        // it for us, lost the answer, and found nothing when it was asked again.
-        if (removed.error().code == ENOENT && isOnRemoteVolume(m_from.folder)) return {};
-        withdraw(m_to, *copy);
+        // Gone by somebody else's hand, an original must not leave two of it. But where it may have been
+        // removed for us the copy could be all there is; a server that is asked again finds nothing then.
+        if (!mayHaveBeenDone(m_from, removed.error()))
+            withdraw(m_to, *copy);
+        else if (removed.error().code == ENOENT)
+            return {};
         return removed;
     }
 
@@ -81,7 +83,7 @@ private:
     {
         const Outcome<PartFolder> part = PartFolder::create(m_to.folder);
         if (!part) return part.error();
-        const EntryPlace built{part->descriptor(), "entry"};
+        const EntryPlace built = part->content();
         const Outcome<void> copied = TreeCopy(m_survey, m_stop).copy(m_from, built);
         if (!copied) return copied.error();
         // One call for all files: one for each would take a journal's time for each. It tells of every error

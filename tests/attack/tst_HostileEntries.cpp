@@ -274,6 +274,8 @@ private Q_SLOTS:
     void namesPassThroughTheEngine();
     void randomTrees_data() { addRowsOfVolumes(); }
     void randomTrees();
+    void whatCannotBeCopiedIsRefusedWithALine_data();
+    void whatCannotBeCopiedIsRefusedWithALine();
     void treesDeeperThanAPathCanSay_data() { addRowsOfVolumes(); }
     void treesDeeperThanAPathCanSay();
     void hugeSparseFiles_data() { addRowsOfVolumes(); }
@@ -395,6 +397,38 @@ void TestHostileEntries::randomTrees()
     reportRuns(count);
 }
 
+void TestHostileEntries::whatCannotBeCopiedIsRefusedWithALine_data()
+{
+    QTest::addColumn<QByteArray>("inside");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("pipe") << QByteArray("pipe") << QStringLiteral("Operation not supported");
+    QTest::newRow("too deep") << QByteArray("depth") << QStringLiteral("Too many open files");
+}
+
+void TestHostileEntries::whatCannotBeCopiedIsRefusedWithALine()
+{
+    QFETCH(const QByteArray, inside);
+    QFETCH(const QString, reason);
+    const EngineOutput output;
+    const Places places(true);
+    const std::string prepared = places.here.makeFolder("prepared");
+    writeFile(prepared + "/file", "content");
+    if (inside == "pipe") QCOMPARE(::mkfifo((prepared + "/pipe").c_str(), 0644), 0);
+    std::string path = prepared;
+    for (size_t depth = 0; inside == "depth" && depth < 500; ++depth) {
+        path += "/d";
+        makeFolder(path);
+    }
+    const QByteArray before = pictureOf(prepared);
+    DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(places.in, {takeAll(places.out)})}));
+    renameEntry(prepared, places.in + "/entry");
+    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), QStringLiteral("Move failed for entry: ") + reason,
+                              patience);
+    QCOMPARE(pictureOf(places.in + "/entry"), before);
+    QCOMPARE(namesIn(places.out), QByteArrayList());
+}
+
 void TestHostileEntries::treesDeeperThanAPathCanSay()
 {
     QFETCH(const bool, acrossVolumes);
@@ -426,10 +460,15 @@ void TestHostileEntries::hugeSparseFiles()
     QCOMPARE(data.st_size, size);
     QVERIFY(data.st_blocks * 512 < 100 << 20);
     const FileDescriptor file(::open(target.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto pieceAt = [&file](off_t at) {
+        QByteArray piece(5, '?');
+        piece.resize(::pread(file.get(), piece.data(), size_t(piece.size()), at));
+        return piece;
+    };
+    QCOMPARE(pieceAt(0), QByteArray("begin"));
     for (off_t at = 1; at < 100; ++at) {
-        std::array<char, 5> piece = {};
-        QCOMPARE(::pread(file.get(), piece.data(), 4, at * (size / 100)), ssize_t(4));
-        QCOMPARE(piece.data(), "data");
+        QCOMPARE(pieceAt(at * (size / 100)), QByteArray("data\0", 5));
+        QCOMPARE(pieceAt(at * (size / 100) - size / 200), QByteArray(5, '\0'));
     }
 }
 

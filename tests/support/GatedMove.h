@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace harbex::test
@@ -73,6 +74,16 @@ struct Lacks {
         return Answer::fail(errno);
     falsify(data);
     call.writeMemory(call.arguments[4], std::string(reinterpret_cast<const char*>(&data), sizeof data));
+    return Answer::give(0);
+}
+
+/// Answers a waiting fstatfs(2) with the type of a volume, from linux/magic.h; lets all other calls proceed.
+[[nodiscard]] inline Answer answerVolume(const GatedCall& call, uint type)
+{
+    if (call.name != "fstatfs") return Answer::proceed();
+    struct statfs volume = {};
+    volume.f_type = type;
+    call.writeMemory(call.arguments[1], std::string(reinterpret_cast<const char*>(&volume), sizeof volume));
     return Answer::give(0);
 }
 

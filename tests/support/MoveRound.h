@@ -22,7 +22,8 @@ struct Road {
     Lacks lacks;
     /// Where the file system can do no better, a killed move leaves something empty under the new name.
     bool leavesPlaceholder = false;
-    /// Both volumes are one, and only the first rename is told otherwise: the kernel then copies between them.
+    /// Both volumes are one, and only the first rename is told otherwise: the kernel then copies between
+    /// them.
     bool isPretended = false;
 
     [[nodiscard]] bool isFolder() const { return kind == "folder"; }
