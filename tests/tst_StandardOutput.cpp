@@ -1,6 +1,7 @@
 #include "base/FileDescriptor.h"
 #include "base/StandardOutput.h"
 #include "support/CapturedOutput.h"
+#include "support/Eventually.h"
 #include "support/TestMain.h"
 
 #include <array>
@@ -126,6 +127,7 @@ private Q_SLOTS:
     void brokenPipeLosesTheLineOnly();
     void fullDeviceLosesTheLineOnly();
     void fullPipeThatDoesNotBlockLosesTheLineOnly();
+    void aReaderThatDoesNotReadIsNotWaitedForLong();
 };
 
 void TestStandardOutput::linesGetTheirEnd()
@@ -259,6 +261,35 @@ void TestStandardOutput::fullPipeThatDoesNotBlockLosesTheLineOnly()
     const std::string text = drain(pipe.reader);
     QCOMPARE(text.size() % (line.size() + 1), size_t(0));
     QVERIFY(!text.empty() && text.size() < linesAskedFor * line.size());
+}
+
+void TestStandardOutput::aReaderThatDoesNotReadIsNotWaitedForLong()
+{
+    Pipe pipe;
+    const std::string line(1'000, 'x');
+    const auto linesAskedFor = static_cast<size_t>(10 * pipeCapacity(pipe)) / line.size();
+    RedirectedOutput redirection(pipe.writer.get());
+    pipe.writer = FileDescriptor();
+    std::atomic<bool> isDone = false;
+    std::thread printing([&] {
+        for (size_t i = 0; i < linesAskedFor; ++i)
+            printLine(line);
+        isDone = true;
+    });
+    const bool wasDone = eventually([&isDone] { return isDone.load(); });
+    std::string first(static_cast<size_t>(bytesIn(pipe)), '\0');
+    QCOMPARE(::read(pipe.reader.get(), first.data(), first.size()), ssize_t(first.size()));
+
+    // Once there is room again the lines come through again.
+    auto rest = std::async(std::launch::async, [&pipe] { return drain(pipe.reader); });
+    printing.join();
+    printLine("seen");
+    redirection.restore();
+    const std::string last = rest.get();
+    QVERIFY(wasDone);
+    QCOMPARE(first.size() % (line.size() + 1), size_t(0));
+    QVERIFY(!first.empty() && first.size() < linesAskedFor * line.size());
+    QCOMPARE(last, std::string("seen\n"));
 }
 
 HARBEX_TEST_MAIN(TestStandardOutput)
