@@ -385,6 +385,8 @@ private Q_SLOTS:
     void sameListIsPutAsideOnce();
     void twoBrokenListsArePutAsideInTwoFiles();
     void goodListIsNotPutAside();
+    void goodListThatWasNotSeenIsPutAside_data();
+    void goodListThatWasNotSeenIsPutAside();
     void valueOfAnotherTypeIsUndecodableAndPutAsideWithTheWholeFile_data();
     void valueOfAnotherTypeIsUndecodableAndPutAsideWithTheWholeFile();
     void listPutInByHandAsTextIsRead();
@@ -835,6 +837,39 @@ void TestFolderStore::goodListIsNotPutAside()
         saveFresh({});
     }
     QCOMPARE(asideNames(), QStringList());
+}
+
+void TestFolderStore::goodListThatWasNotSeenIsPutAside_data()
+{
+    QTest::addColumn<QByteArray>("atLoading");
+    QTest::addColumn<bool>("isPutAside");
+    QTest::newRow("there") << QByteArray("there") << false;
+    QTest::newRow("not there yet") << QByteArray("missing") << true;
+    QTest::newRow("unreadable") << QByteArray("unreadable") << true;
+    QTest::newRow("another one") << QByteArray("another") << true;
+}
+
+// Of a home on a server that did not answer, or of somebody's editor.
+void TestFolderStore::goodListThatWasNotSeenIsPutAside()
+{
+    QFETCH(const QByteArray, atLoading);
+    QFETCH(const bool, isPutAside);
+    const QByteArray list = encoded(someState());
+    FolderStore folderStore;
+    if (atLoading != "missing") store(atLoading == "another" ? "[]" : list);
+    if (atLoading == "unreadable") {
+        const OrdinaryUser user;
+        const Rights rights(conf(), 0);
+        load(folderStore, {});
+    } else {
+        load(folderStore, {});
+    }
+    if (atLoading != "there") store(list);
+    for (int i = 0; i < 2; ++i) {
+        QCOMPARE(save(folderStore, {}), QStringList());
+        QCOMPARE(storedList(), QByteArray("[]"));
+        QCOMPARE(asideNames(), isPutAside ? QStringList(asideListName(list)) : QStringList());
+    }
 }
 
 void TestFolderStore::valueOfAnotherTypeIsUndecodableAndPutAsideWithTheWholeFile_data()

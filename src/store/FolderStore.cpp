@@ -57,6 +57,7 @@ FolderState FolderStore::loadState(FolderState current)
     }
 
     const auto stored = content ? parsePreferences(*content) : std::nullopt;
+    m_seen = Seen{stored ? stored->folderList : std::nullopt};
     if (!stored || stored->isDamaged)
         printText(QStringLiteral("Failed to read the preferences: ") + readableText(path()));
     if (stored && stored->hasFolderList) {
@@ -84,23 +85,26 @@ void FolderStore::saveState(const FolderState& state)
     }
     const QString selected = state.selectedFolderID ? uuidText(*state.selectedFolderID) : QString();
     const auto content = m_file.content();
-    if (!putAsideWhatIsUnusable(content) || !m_file.write(*list, selected)) {
+    if (!putAsideWhatWouldBeLost(content) || !m_file.write(*list, selected)) {
         printText(QStringLiteral("Failed to write the preferences: ") + readableText(path()));
         m_unwritten = Unwritten{state, content};
         return;
     }
     m_unwritten.reset();
+    m_seen = Seen{*list};
 }
 
-bool FolderStore::putAsideWhatIsUnusable(const std::optional<QByteArray>& content) const
+bool FolderStore::putAsideWhatWouldBeLost(const std::optional<QByteArray>& content) const
 {
     // What cannot be read may be a good list, so it is not replaced either.
     const auto stored = content ? parsePreferences(*content) : std::nullopt;
     if (!stored) return false;
-    const bool isListUsable = !stored->hasFolderList || decodeStoredList(*stored);
-    if (stored->isDamaged || (!isListUsable && !stored->folderList))
+    if (!stored->hasFolderList && !stored->isDamaged) return true;
+    const auto folders = decodeStoredList(*stored);
+    if (stored->isDamaged || (!folders && !stored->folderList))
         return m_file.putAside(*content, QStringLiteral("harbex"), QStringLiteral("conf"));
-    if (!isListUsable)
+    const bool isUnseen = folders && !folders->empty() && m_seen && m_seen->list != stored->folderList;
+    if (!folders || isUnseen)
         return m_file.putAside(*stored->folderList, QStringLiteral("savedWatchedFolders"),
                                QStringLiteral("json"));
     return true;

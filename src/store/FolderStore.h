@@ -22,8 +22,9 @@ struct FolderState {
 /// Keeps the configuration in the user's preferences. Main thread only. No failure reaches the caller: each
 /// is one line on standard output.
 ///
-/// A stored list that cannot be used is never lost. Before a save replaces it, it is put aside, once, in a
-/// file beside the preferences: its own bytes as savedWatchedFolders-<hash>.json, or all the preferences as
+/// A stored list that cannot be used is never lost, nor one that was not there, or could not be read, when
+/// the configuration was loaded. Before a save replaces it, it is put aside, once, in a file beside the
+/// preferences: its own bytes as savedWatchedFolders-<hash>.json, or all the preferences as
 /// harbex-<hash>.conf when the damage goes beyond the list.
 class FolderStore
 {
@@ -48,9 +49,16 @@ private:
         std::optional<QByteArray> fileContent;
     };
 
-    [[nodiscard]] bool putAsideWhatIsUnusable(const std::optional<QByteArray>& content) const;
+    struct Seen {
+        /// Nothing when there was none.
+        std::optional<QByteArray> list;
+    };
+
+    [[nodiscard]] bool putAsideWhatWouldBeLost(const std::optional<QByteArray>& content) const;
 
     PreferencesFile m_file;
+    /// The list that was loaded or saved last; nothing before the first of these.
+    std::optional<Seen> m_seen;
     std::optional<Unwritten> m_unwritten;
 };
 
