@@ -122,7 +122,7 @@ void measureManyFolders(Table& table)
     }
     table.addLimit("1,000 entries in each of 50 folders, last arrival to last move", "s", median(seconds), 2);
     table.addLimit("    threads at most meanwhile", "", static_cast<double>(mostThreads), 64);
-    table.addLimit("    threads ten seconds later", "", static_cast<double>(threadsLater), 0);
+    table.addLimit("    threads ten seconds later", "", static_cast<double>(threadsLater), 1);
 }
 
 void measureOneFile(Table& table)

@@ -68,6 +68,7 @@ private Q_SLOTS:
     void aDestinationThatCannotTakeItIsLogged();
     void aDestinationThatVanishesIsLogged();
     void aNameThatIsTakenAtTheLastMomentIsLogged();
+    void anEntryOfAnotherFolderInThePlaceOfItsOwnStays();
     void anEntryWhoseDestinationIsItsOwnFolderStays_data();
     void anEntryWhoseDestinationIsItsOwnFolderStays();
 
@@ -483,6 +484,35 @@ void TestEngineMoves::aNameThatIsTakenAtTheLastMomentIsLogged()
     QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("photo"));
     QCOMPARE(contents(m_out + "/photo.jpg"), QByteArray("victim"));
     QCOMPARE(namesIn(m_out), QByteArrayList{"photo.jpg"});
+}
+
+void TestEngineMoves::anEntryOfAnotherFolderInThePlaceOfItsOwnStays()
+{
+    const std::string other = m_scratch->makeFolder("other");
+    // Of the same size.
+    writeFile(other + "/photo.jpg", "of another");
+    const auto work = [&]() -> Outcome<void> {
+        DownloadImageRedirector engine;
+        if (!startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})})) return SystemError{ETIME};
+        m_scratch->arrive(m_inbox + "/photo.jpg", "of its own");
+        const auto isTold = [&engine] { return test::messages(engine).size() > 1; };
+        if (!QTest::qWaitFor(isTold, patience)) return SystemError{ETIME};
+        return lastMessage(engine) == QStringLiteral("Skipped busy file: photo.jpg") ? Outcome<void>()
+                                                                                     : SystemError{EINVAL};
+    };
+    // When its size is read for the last time.
+    int looks = 0;
+    const GatedRun run = runGated({"statx"}, work, [&](const GatedCall& call) {
+        if (call.text(1) == m_inbox + "/photo.jpg" && ++looks == 4) {
+            renameEntry(m_inbox, m_scratch->path() + "/elsewhere");
+            renameEntry(other, m_inbox);
+        }
+        return Answer::proceed();
+    });
+    QCOMPARE(run.error, 0);
+    QCOMPARE(looks, 4);
+    QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("of another"));
+    QCOMPARE(namesIn(m_out), QByteArrayList());
 }
 
 void TestEngineMoves::anEntryWhoseDestinationIsItsOwnFolderStays_data()

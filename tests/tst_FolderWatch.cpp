@@ -8,10 +8,12 @@
 #include "support/TestMain.h"
 
 #include <cerrno>
+#include <chrono>
 #include <linux/magic.h>
 #include <memory>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <thread>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -39,8 +41,11 @@ public:
         const auto watch = std::make_shared<FolderWatch>(watched(inbox, {takeAll(m_out)}), m_pool, m_fileMove,
                                                          [](const QString&) {});
         if (Outcome<void> opened = watch->open(m_events); !opened) return opened;
-        // With the snapshot of an empty folder, from before.
-        if (Outcome<void> listed = watch->list(std::make_shared<KnownItems>(), false); !listed) return listed;
+        // With a snapshot from before, when it was empty.
+        const Outcome<FileIdentity> identity = identityOf(inbox);
+        if (!identity) return identity.error();
+        const auto listed = watch->list(std::make_shared<KnownItems>(*identity));
+        if (!listed) return listed.error();
         arrive(inbox, "first");
         watch->begin();
         m_watches.push_back(watch);
@@ -108,6 +113,8 @@ private Q_SLOTS:
     void timesThatAreTooCoarseToTellHideNothing();
     void aLocalVolumeIsNotLookedAt_data();
     void aLocalVolumeIsNotLookedAt();
+    void aSnapshotOfAnotherFolderIsNotUsed();
+    void aFolderRestsAlthoughSomethingArrivesDuringEachScan();
 
 private:
     std::unique_ptr<ScratchFolder> m_scratch;
@@ -132,14 +139,17 @@ void TestFolderWatch::aScanThatWaitsWhenItsWatchIsCancelledFindsNothing()
     FileMove fileMove;
     WorkerPool pool;
     DirectoryEvents events;
-    const auto makeWatch = [&](const std::shared_ptr<KnownItems>& known) {
+    const auto makeWatch = [&](std::shared_ptr<KnownItems>& known) {
         auto watch = std::make_shared<FolderWatch>(watched(m_inbox, {takeAll(m_out)}), pool, fileMove,
                                                    [](const QString&) {});
-        if (!watch->open(events) || !watch->list(known, true)) qFatal("cannot watch");
+        if (!watch->open(events)) qFatal("cannot watch");
+        const auto listed = watch->list(nullptr);
+        if (!listed) qFatal("cannot list");
+        known = *listed;
         watch->begin();
         return watch;
     };
-    const auto known = std::make_shared<KnownItems>();
+    std::shared_ptr<KnownItems> known;
     const auto cancelled = makeWatch(known);
     {
         const MutexLock lock(known->mutex);
@@ -148,7 +158,8 @@ void TestFolderWatch::aScanThatWaitsWhenItsWatchIsCancelledFindsNothing()
         cancelled->cancel();
     }
     // To the second watch it is known.
-    const auto watch = makeWatch(std::make_shared<KnownItems>());
+    std::shared_ptr<KnownItems> knownLater;
+    const auto watch = makeWatch(knownLater);
     for (const char* name : {"/first", "/second"}) {
         m_scratch->arrive(m_inbox + name, "");
         QVERIFY(eventually([&] { return exists(m_out + name); }));
@@ -234,6 +245,72 @@ void TestFolderWatch::aLocalVolumeIsNotLookedAt()
     const GatedRun run = runGated(gatedCalls, work, blindKernel({type, NFS_SUPER_MAGIC}));
     QVERIFY(run.succeeded());
     QVERIFY(exists(local + "/unseen"));
+}
+
+// Two records of one URL, and between their starts another folder takes the place of the first.
+void TestFolderWatch::aSnapshotOfAnotherFolderIsNotUsed()
+{
+    FileMove fileMove;
+    WorkerPool pool;
+    DirectoryEvents events;
+    const auto makeWatch = [&] {
+        return std::make_shared<FolderWatch>(watched(m_inbox, {takeAll(m_out)}), pool, fileMove,
+                                             [](const QString&) {});
+    };
+    const auto first = makeWatch();
+    QVERIFY(first->open(events));
+    const auto known = first->list(nullptr);
+    QVERIFY(known);
+    renameEntry(m_inbox, m_scratch->path() + "/elsewhere");
+    makeFolder(m_inbox);
+    writeFile(m_inbox + "/old", "old");
+
+    const auto second = makeWatch();
+    QVERIFY(second->open(events));
+    QVERIFY(second->list(*known));
+    second->begin();
+    m_scratch->arrive(m_inbox + "/new", "new");
+    QVERIFY(eventually([&] { return exists(m_out + "/new"); }));
+    QCOMPARE(contents(m_inbox + "/old"), QByteArray("old"));
+    first->cancel();
+    second->cancel();
+    pool.stop();
+}
+
+void TestFolderWatch::aFolderRestsAlthoughSomethingArrivesDuringEachScan()
+{
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::milliseconds listing{20};
+    constexpr int arrivals = 300;
+    const auto work = [this]() -> Outcome<void> {
+        FileMove fileMove;
+        WorkerPool pool;
+        DirectoryEvents events;
+        const auto watch =
+            std::make_shared<FolderWatch>(watched(m_inbox, {}), pool, fileMove, [](const QString&) {});
+        if (Outcome<void> opened = watch->open(events); !opened) return opened;
+        if (const auto listed = watch->list(nullptr); !listed) return listed.error();
+        watch->begin();
+        for (int i = 0; i < arrivals; ++i) {
+            m_scratch->arrive(m_inbox + '/' + std::to_string(i), "");
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        watch->cancel();
+        pool.stop();
+        return {};
+    };
+    // A slow listing, of which there are two calls for each.
+    const auto begin = Clock::now();
+    const GatedRun run = runGated({"getdents64"}, work, [listing](const GatedCall&) {
+        std::this_thread::sleep_for(listing / 2);
+        return Answer::proceed();
+    });
+    QVERIFY(run.succeeded());
+    const auto scans = qint64(run.calls.size() / 2);
+    QVERIFY(scans > 1);
+    // Each with its rest takes four times as long as the listing.
+    const qint64 most = (Clock::now() - begin) / (4 * listing) + 2;
+    QVERIFY2(scans <= most, qPrintable(QStringLiteral("%1 scans, %2 at most").arg(scans).arg(most)));
 }
 
 HARBEX_TEST_MAIN(TestFolderWatch)

@@ -101,6 +101,7 @@ private Q_SLOTS:
     void taskThatIsLetGoMayUseThePool_data();
     void taskThatIsLetGoMayUseThePool();
     void refusedThreadLosesNoTask();
+    void refusedThreadIsNotNeededByOneTaskAtATime();
 
     // Delayed tasks.
     void delayedTaskRunsNotBeforeItsTime();
@@ -212,7 +213,7 @@ void TestWorkerPool::threadsEndWhenIdle()
         QVERIFY(blockers.allBegan());
         QVERIFY(pool.threadCount() >= 10);
         gate.open();
-        QVERIFY(eventually([&] { return pool.threadCount() == 0; }));
+        QVERIFY(eventually([&] { return pool.threadCount() == 1; }));
     }
 }
 
@@ -329,6 +330,21 @@ void TestWorkerPool::refusedThreadLosesNoTask()
     gate.open();
     QVERIFY(eventually([&] { return done == 103; }));
     pool.stop();
+}
+
+void TestWorkerPool::refusedThreadIsNotNeededByOneTaskAtATime()
+{
+    WorkerPool pool(1ms);
+    {
+        const Gate gate;
+        const Blockers blockers(pool, gate, 5);
+        QVERIFY(blockers.allBegan());
+    }
+    QVERIFY(eventually([&] { return pool.threadCount() == 1; }));
+    const NoMoreThreads limit;
+    for (int i = 0; i < 100; ++i)
+        QVERIFY(runAndWait(pool));
+    QCOMPARE(pool.threadCount(), size_t(1));
 }
 
 void TestWorkerPool::delayedTaskRunsNotBeforeItsTime()
@@ -466,7 +482,7 @@ void TestWorkerPool::delayedTaskOutlivesTheIdleTime()
         pool.run([] {});
     }
     QVERIFY(eventually([&] { return done == 20; }));
-    QVERIFY(eventually([&] { return pool.threadCount() == 0; }));
+    QVERIFY(eventually([&] { return pool.threadCount() == 1; }));
 }
 
 void TestWorkerPool::stopWaitsForTasksThatRun()

@@ -144,13 +144,12 @@ void DownloadImageRedirector::watch(const WatchedFolder& folder)
     const auto source = std::make_shared<FolderWatch>(folder, m_pool, m_fileMove,
                                                       [this](const QString& message) { addLog(message); });
 
-    const auto known = m_knownItemsByFolder.find(folder.url);
-    const bool isNew = known == m_knownItemsByFolder.end();
-    const auto items = isNew ? std::make_shared<KnownItems>() : known->second;
+    const auto found = m_knownItemsByFolder.find(folder.url);
     // Before the listing: what arrives after it is told, so that no folder needs to be listed twice.
     const Outcome<void> opened = source->open(m_events);
-    if (!source->list(items, isNew)) return;
-    m_knownItemsByFolder.insert_or_assign(folder.url, items);
+    const auto known = source->list(found == m_knownItemsByFolder.end() ? nullptr : found->second);
+    if (!known) return;
+    m_knownItemsByFolder.insert_or_assign(folder.url, *known);
 
     if (!opened) {
         addLog(QStringLiteral("Failed to open folder: ") + readableName(folder.url.lastPathComponent()));

@@ -20,9 +20,9 @@ namespace harbex
 {
 
 /// The engine: watches folders and moves what newly arrives in them as their rules say. One for the life of
-/// the process. Every public function belongs to the main thread and returns at once, whatever the folders
-/// hold; the work is done on other threads. Destroying it ends everything: a copy under way is given up and
-/// its source stays.
+/// the process. Every public function belongs to the main thread. start() and restart() list each folder once
+/// there; everything else is done on other threads. Destroying it ends everything: a copy under way is given
+/// up and its source stays.
 class DownloadImageRedirector : public QObject
 {
     Q_OBJECT

@@ -164,8 +164,10 @@ void EntryWalks::moveImageToPicturesIfPossible(const std::string& path, const Fi
 bool EntryWalks::move(const std::string& path, const FileUrl& destination) const
 {
     const QString name = nameOf(path);
-    // While this waited for a copy to end, the copy may have been of this very entry, for an earlier rule.
-    if (!doesExist(path)) {
+    // While this waited for a copy to end, the copy may have been of this very entry, for an earlier rule. Or
+    // another folder stands here now, whose entries were there before.
+    const Outcome<FileIdentity> folder = identityOf(m_folder);
+    if (!doesExist(path) || !folder || *folder != m_identity) {
         m_addLog(QStringLiteral("Skipped busy file: ") + name);
         return false;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/FileIdentity.h"
 #include "files/FileMove.h"
 #include "model/FileUrl.h"
 #include "watcher/RuleMatching.h"
@@ -38,6 +39,10 @@ public:
     EntryWalks(std::string folder, const std::vector<FilterRule>& rules, std::shared_ptr<SerialQueue> queue,
                std::shared_ptr<SerialQueue> moves, FileMove& fileMove, AddLog addLog);
 
+    /// Says which folder stands at the path. Entries of another one that took its place are not moved. Once,
+    /// before begin().
+    void setFolder(const FileIdentity& identity) { m_identity = identity; }
+
     /// Sets entries of the folder, given by their names (raw bytes), on their way.
     void begin(Token token, const std::vector<std::string>& names);
 
@@ -62,6 +67,7 @@ private:
     [[nodiscard]] bool move(const std::string& path, const FileUrl& destination) const;
 
     const std::string m_folder;
+    FileIdentity m_identity;
     const std::vector<MatchableRule> m_rules;
     const std::shared_ptr<SerialQueue> m_queue;
     const std::shared_ptr<SerialQueue> m_moves;

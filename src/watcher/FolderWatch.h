@@ -22,6 +22,9 @@ namespace harbex
 /// The names that were in a folder at its last listing. Held from before a listing until its result is
 /// written: two records of the same folder share this, and an older listing must never replace a newer one.
 struct KnownItems {
+    explicit KnownItems(const FileIdentity& listed) : folder(listed) {}
+
+    const FileIdentity folder;
     Mutex mutex;
     NameSnapshot names GUARDED_BY(mutex);
 };
@@ -37,9 +40,10 @@ public:
     /// begin().
     [[nodiscard]] Outcome<void> open(DirectoryEvents& events);
 
-    /// Remembers which folder stands at the URL and, where `known` is new, takes its first snapshot. Fails
-    /// when the folder cannot be listed.
-    [[nodiscard]] Outcome<void> list(std::shared_ptr<KnownItems> known, bool isNew);
+    /// Remembers which folder stands at the URL, and gives its names: `known`, from another record of the
+    /// URL, or those of a first snapshot where that is null or of another folder. Fails when the folder
+    /// cannot be listed.
+    [[nodiscard]] Outcome<std::shared_ptr<KnownItems>> list(const std::shared_ptr<KnownItems>& known);
 
     /// Lets events through; first scans once where the snapshot is from before open().
     void begin();
@@ -60,10 +64,16 @@ private:
     /// How often a folder is looked at of whose changes the kernel does not tell.
     static constexpr std::chrono::seconds lookInterval{2};
 
+    /// How long a scan waits that the system had no descriptor or memory for.
+    static constexpr std::chrono::seconds shortageDelay{1};
+
     void requestScan();
+    void scanAt(SerialQueue::Clock::time_point when);
     void look(SerialQueue::Token token);
     void scanForNewFiles(SerialQueue::Token token);
-    [[nodiscard]] std::vector<std::string> takeNewNames() const;
+    /// Compares the folder with its snapshot, which is then the folder as it is now. Finds nothing in another
+    /// folder that stands at the path, and after cancel().
+    [[nodiscard]] Outcome<std::vector<std::string>> takeNewNames() const;
 
     const std::string m_path;
     const std::shared_ptr<SerialQueue> m_queue;
@@ -83,9 +93,9 @@ private:
     /// Whether that look found it changed. Used on the queue only.
     bool m_wasChanged = false;
 
-    /// A scan waits in the queue: further events need none of their own.
+    /// A scan waits: further events need none of their own.
     std::atomic<bool> m_scanWaits = false;
-    /// Before this a burst of events leads to no further scan.
+    /// Before this no further scan begins.
     std::atomic<SerialQueue::Clock::time_point> m_nextScan;
     std::atomic<bool> m_cancelled = false;
 };

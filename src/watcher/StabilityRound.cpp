@@ -1,6 +1,7 @@
 #include "watcher/StabilityRound.h"
 
-#include <sys/stat.h>
+#include "files/EntryPlace.h"
+
 #include <utility>
 
 namespace harbex
@@ -12,9 +13,9 @@ namespace
 // The size of a link is its own, not that of what it leads to: the link is what would be moved.
 std::optional<uint64_t> fileSize(const std::string& path)
 {
-    struct stat data;
-    if (::lstat(path.c_str(), &data) != 0) return std::nullopt;
-    return static_cast<uint64_t>(data.st_size);
+    const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, path});
+    if (!status) return std::nullopt;
+    return status->size;
 }
 
 } // namespace

@@ -119,8 +119,13 @@ WorkerPool::Task WorkerPool::nextTask()
             return task;
         }
 
-        const bool needed = !m_delayed.empty() && m_idle == 1;
+        // The last one stays: a task that comes when the system refuses a thread must find one.
+        const bool needed = m_idle == 1 && (!m_delayed.empty() || m_threads.size() == 1);
         if (now >= idleEnd && !needed) return {};
+        if (needed && m_delayed.empty()) {
+            m_changed.wait(m_mutex);
+            continue;
+        }
         Clock::time_point wake = m_delayed.empty() ? idleEnd : m_delayed.begin()->first;
         if (!needed) wake = std::min(wake, idleEnd);
         m_changed.waitUntil(m_mutex, wake);
