@@ -11,7 +11,7 @@ run: # Harbex on this desktop; without a display a demonstration on a virtual on
 test: # everything that must pass before a change goes in
 	@scripts/test
 
-check: # all kinds of build, the sanitizers and the linters; takes a while
+check: # both compilers, both kinds of sanitizers and the linters; takes a while
 	@scripts/check
 
 attack: # faults, races, hostile files, long life and fuzzing, in full; takes hours

@@ -8,7 +8,6 @@ harbex_test(attack/tst_RestartStorm LINKS harbex_watcher LABELS attack TIMEOUT 6
 harbex_test(attack/tst_Forbidden LINKS harbex_watcher SOURCES support/MoveRound.cpp LABELS attack)
 if(NOT HARBEX_SANITIZE STREQUAL "thread") # It starts the program that serves the file system.
   harbex_test(attack/tst_ForeignFileSystem LINKS harbex_watcher LABELS attack)
-  set_tests_properties(tst_ForeignFileSystem PROPERTIES SKIP_REGULAR_EXPRESSION "SKIP   :")
 endif()
 if(NOT HARBEX_SANITIZE)
   # A sanitizer keeps memory that was freed.

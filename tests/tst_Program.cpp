@@ -107,6 +107,7 @@ private Q_SLOTS:
     void quitEndsAtOnceAndSaysAndSavesNothing();
     void quitByTheDesktopsMenuEndsTheProgram();
     void terminationEndsInOrderAndSavesNothing();
+    void signalsOfFailedWritesDoNotEndIt();
     void translationOfTheUsersLanguageIsShown();
 
 private:
@@ -234,6 +235,16 @@ void TestProgram::terminationEndsInOrderAndSavesNothing()
         QCOMPARE(program.exitStatus(), EXIT_SUCCESS);
         QCOMPARE(storeContent(), stored);
     }
+}
+
+void TestProgram::signalsOfFailedWritesDoNotEndIt()
+{
+    Program program(m_bus->address());
+    QTRY_COMPARE(m_panel->items().size(), 1);
+    // Of a file that may not grow so large, and of a pipe that nobody reads.
+    for (const int number : {SIGXFSZ, SIGPIPE, SIGTERM})
+        program.signal(number);
+    QCOMPARE(program.exitStatus(), EXIT_SUCCESS);
 }
 
 void TestProgram::translationOfTheUsersLanguageIsShown()
