@@ -68,7 +68,7 @@ namespace
 
 std::string subjectOf(const GatedCall& call)
 {
-    const std::string folder = call.pathOfOpen(static_cast<int>(call.arguments[0]));
+    std::string folder = call.pathOfOpen(static_cast<int>(call.arguments[0]));
     static const std::array named = {"faccessat2", "mkdirat", "newfstatat", "openat",
                                      "readlinkat", "statx",   "unlinkat"};
     if (std::ranges::find(named, call.name) == named.end()) return folder;
