@@ -73,13 +73,7 @@ Outcome<void> linkAndUnlink(const EntryPlace& from, const EntryPlace& to, const 
         unlinked = SystemError{EBUSY};
     else if (::unlinkat(from.folder, from.name.c_str(), 0) != 0)
         unlinked = SystemError::last();
-    if (unlinked) return {};
-    // The new name may be the only one now; a server that is asked again then finds no old one.
-    if (!mayHaveBeenDone(from, unlinked.error()))
-        withdraw(to, entry);
-    else if (unlinked.error().code == ENOENT)
-        return {};
-    return unlinked;
+    return unlinked ? unlinked : endAfterFailedRemoval(from, unlinked.error(), to, entry);
 }
 
 } // namespace

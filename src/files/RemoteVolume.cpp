@@ -54,4 +54,14 @@ bool mayHaveBeenDone(const EntryPlace& place, SystemError error)
     return !folder || ::fstatfs(folder.get(), &volume) != 0 || isRemote(volume);
 }
 
+Outcome<void> endAfterFailedRemoval(const EntryPlace& oldName, SystemError error, const EntryPlace& newName,
+                                    const EntryStatus& ours)
+{
+    if (!mayHaveBeenDone(oldName, error))
+        withdraw(newName, ours);
+    else if (error.code == ENOENT)
+        return {};
+    return error;
+}
+
 } // namespace harbex

@@ -16,4 +16,10 @@ namespace harbex
 /// True when the volume cannot be asked what it is.
 [[nodiscard]] bool mayHaveBeenDone(const EntryPlace& place, SystemError error);
 
+/// How a move ends whose entry, like `ours`, has its new name while the removal of the old one failed so.
+/// Takes the new name away again and gives the error; but where the removal may have been made that name
+/// stays, and ENOENT, the answer of a server that was asked again, is success.
+[[nodiscard]] Outcome<void> endAfterFailedRemoval(const EntryPlace& oldName, SystemError error,
+                                                  const EntryPlace& newName, const EntryStatus& ours);
+
 } // namespace harbex

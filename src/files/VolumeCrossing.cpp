@@ -35,13 +35,8 @@ public:
         if (removed) removed = m_survey.removeTree(m_from);
         // A folder that had its name may hold new things of others by now.
         if (removed || copy->isFolder()) return removed;
-        // Gone by somebody else's hand, an original must not leave two of it. But where it may have been
-        // removed for us the copy could be all there is; a server that is asked again finds nothing then.
-        if (!mayHaveBeenDone(m_from, removed.error()))
-            withdraw(m_to, *copy);
-        else if (removed.error().code == ENOENT)
-            return {};
-        return removed;
+        // Gone by somebody else's hand, an original must not leave two of it.
+        return endAfterFailedRemoval(m_from, removed.error(), m_to, *copy);
     }
 
 private:

@@ -15,7 +15,8 @@ namespace harbex
 {
 
 /// Threads that run tasks off the main thread: at most 64 at once, started when there is work and ended
-/// when there was none for a while. An idle pool that waits for nothing holds no thread.
+/// when there was none for a while. The last one stays, asleep, so that a task always finds a thread even
+/// when the system refuses a new one.
 class WorkerPool
 {
 public:
@@ -24,7 +25,7 @@ public:
 
     static constexpr std::size_t maximumThreads = 64;
 
-    /// `idleTime` is how long a thread without work stays.
+    /// `idleTime` is how long a thread without work stays, unless it is the last.
     explicit WorkerPool(std::chrono::milliseconds idleTime = std::chrono::seconds(5));
 
     /// Stops and waits for the tasks that run.

@@ -101,6 +101,15 @@ private:
         return side == u"inside" ? m_mounted : m_here->path();
     }
 
+    /// Starts an engine that moves everything from one new folder into another.
+    [[nodiscard]] static bool makeAndWatch(DownloadImageRedirector& engine, const std::string& inbox,
+                                           const std::string& out)
+    {
+        makeFolder(inbox);
+        makeFolder(out);
+        return startAndWait(engine, {watched(inbox, {takeAll(out)})});
+    }
+
     std::unique_ptr<ScratchFolder> m_here;
     std::unique_ptr<MirrorMount> m_mount;
     std::string m_mounted;
@@ -183,10 +192,8 @@ void TestForeignFileSystem::throughTheEngine()
     const EngineOutput output;
     const std::string inbox = folderFor(from) + "/inbox";
     const std::string out = folderFor(into) + "/out";
-    makeFolder(inbox);
-    makeFolder(out);
     DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(inbox, {takeAll(out)})}));
+    QVERIFY(makeAndWatch(engine, inbox, out));
     constexpr int count = 200;
     for (int i = 0; i < count; ++i)
         writeFile(inbox + "/photo " + std::to_string(i) + ".jpg", std::to_string(i));
@@ -201,11 +208,9 @@ void TestForeignFileSystem::throughTheEngine()
 void TestForeignFileSystem::whatOthersWriteIsNoticed()
 {
     const EngineOutput output;
-    const std::string inbox = m_mounted + "/inbox";
-    const std::string out = m_here->makeFolder("out");
-    makeFolder(inbox);
+    const std::string out = m_here->path() + "/out";
     DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(inbox, {takeAll(out)})}));
+    QVERIFY(makeAndWatch(engine, m_mounted + "/inbox", out));
     for (const char* name : {"/first.jpg", "/second.jpg"}) {
         m_here->arrive(m_real + "/inbox" + name, "content");
         QTRY_COMPARE_WITH_TIMEOUT(contents(out + name), QByteArray("content"), patience);
@@ -217,11 +222,9 @@ void TestForeignFileSystem::whatOthersWriteIsNoticed()
 void TestForeignFileSystem::whatOthersStillWriteIsSkipped()
 {
     const EngineOutput output;
-    const std::string inbox = m_mounted + "/inbox";
-    const std::string out = m_here->makeFolder("out");
-    makeFolder(inbox);
+    const std::string out = m_here->path() + "/out";
     DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(inbox, {takeAll(out)})}));
+    QVERIFY(makeAndWatch(engine, m_mounted + "/inbox", out));
     const std::string real = m_real + "/inbox/film.mp4";
     std::jthread writer([&real](const std::stop_token& stop) {
         writeFile(real, "");
