@@ -3,6 +3,7 @@
 #include "support/TestMain.h"
 
 #include <array>
+#include <cstring>
 #include <memory>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -94,7 +95,14 @@ private Q_SLOTS:
     void attributesThatTheTargetCannotHold();
     void anAccessListThatIsLostTakesTheGroupAlong();
     void attributesThatOnlyTheSystemMaySet();
-    void attributesThatDoNotFitEndTheMove();
+    void namesThatCannotBeListed();
+    void anAttributeThatGoesWhileItIsCopied();
+    void attributesThatAreTooLarge();
+    void anAttributeTooLargeForTheFileSystem();
+    void attributesThatMayNotBeSetEndTheMove();
+    void timesThatCannotBeKept_data();
+    void timesThatCannotBeKept();
+    void timesThatCannotBeWrittenEndTheMove();
     void anOwnerThatCannotBeKeptTakesTheSetUserBitAlong();
     void aForeignFolderBecomesOurs();
 
@@ -272,7 +280,99 @@ void TestEntryAttributes::attributesThatOnlyTheSystemMaySet()
     QVERIFY(!exists(source));
 }
 
-void TestEntryAttributes::attributesThatDoNotFitEndTheMove()
+void TestEntryAttributes::namesThatCannotBeListed()
+{
+    for (const int error : {EOPNOTSUPP, ENOSYS}) {
+        writeFile(m_source, "content");
+        setTimes(m_source);
+        const GatedRun run = moveGated(m_source, m_target, [error](const GatedCall& call) {
+            return call.name == "flistxattr" ? Answer::fail(error) : Answer::proceed();
+        });
+        QCOMPARE(run.error, 0);
+        QVERIFY(!exists(m_source));
+        QCOMPARE(contents(m_target), QByteArray("content"));
+        QVERIFY(isSame(statusOf(m_target).st_mtim, modified));
+        removeEntry(m_target);
+    }
+}
+
+void TestEntryAttributes::anAttributeThatGoesWhileItIsCopied()
+{
+    const ScratchFolder scratch(folderThatHoldsAttributes());
+    const std::string source = scratch.path() + "/source";
+    const std::string target = scratch.makeFolder("out") + "/target";
+    writeFile(source, "content");
+    QVERIFY(setAttribute(source, "user.name", "value"));
+    bool isGone = false;
+    const GatedRun run = moveGated(source, target, [&](const GatedCall& call) {
+        if (call.name == "fgetxattr" && !isGone) isGone = ::removexattr(source.c_str(), "user.name") == 0;
+        return crossing(call);
+    });
+    QVERIFY(isGone);
+    QCOMPARE(run.error, 0);
+    QVERIFY(!exists(source));
+    QVERIFY(!pictureOf(target).contains("user.name"));
+}
+
+void TestEntryAttributes::attributesThatAreTooLarge()
+{
+    const ScratchFolder scratch(folderThatHoldsAttributes());
+    const std::string source = scratch.path() + "/source";
+    const std::string target = scratch.makeFolder("out") + "/target";
+    for (const int error : {ENOSPC, EDQUOT, E2BIG, ERANGE}) {
+        writeFile(source, "content");
+        QVERIFY(setAttribute(source, "user.small", "1"));
+        QVERIFY(setAttribute(source, "user.large", std::string(1000, 'x')));
+        setTimes(source);
+        const GatedRun run = moveGated(source, target, [error](const GatedCall& call) {
+            const bool isLarge = call.name == "fsetxattr" && call.arguments[3] == 1000;
+            return isLarge ? Answer::fail(error) : crossing(call);
+        });
+        QCOMPARE(run.error, 0);
+        QVERIFY(!exists(source));
+        const QByteArray moved = pictureOf(target);
+        QVERIFY(moved.contains("user.small=31") && !moved.contains("user.large"));
+        QVERIFY(isSame(statusOf(target).st_mtim, modified));
+        QCOMPARE(contents(target), QByteArray("content"));
+        removeEntry(target);
+    }
+}
+
+// As a browser records the address that a file came from.
+void TestEntryAttributes::anAttributeTooLargeForTheFileSystem()
+{
+    constexpr const char* name = "user.xdg.origin.url";
+    std::string from;
+    std::string into;
+    std::string address;
+    for (const size_t length : {6'000, 60'000}) {
+        address.assign(length, 'x');
+        for (const char* folder : {"/dev/shm", "/run/lock", "/var/tmp", "/tmp", "."}) {
+            if (::access(folder, W_OK | X_OK) != 0 || !holdsAttributes(folder)) continue;
+            const ScratchFolder scratch(folder);
+            (setAttribute(scratch.path(), name, address) ? from : into) = folder;
+        }
+        if (!from.empty() && !into.empty()) break;
+    }
+    if (from.empty() || into.empty()) QSKIP("no two file systems that hold attributes of different sizes");
+    const ScratchFolder here(from);
+    const ScratchFolder there(into);
+    for (const char* kind : {"file", "folder"}) {
+        const std::string source = here.path() + '/' + kind;
+        const std::string target = there.path() + '/' + kind;
+        makeVictim(kind, source);
+        QVERIFY(setAttribute(source, "user.small", "1"));
+        QVERIFY(setAttribute(source, name, address));
+        setTimes(source);
+        QCOMPARE(errorOfMove(source, target), 0);
+        QVERIFY(!exists(source));
+        const QByteArray moved = pictureOf(target);
+        QVERIFY(moved.contains("user.small=31") && !moved.contains(name));
+        QVERIFY(isSame(statusOf(target).st_mtim, modified));
+    }
+}
+
+void TestEntryAttributes::attributesThatMayNotBeSetEndTheMove()
 {
     const ScratchFolder scratch(folderThatHoldsAttributes());
     const std::string source = scratch.path() + "/source";
@@ -280,7 +380,7 @@ void TestEntryAttributes::attributesThatDoNotFitEndTheMove()
     writeFile(source, "content");
     QVERIFY(setAttribute(source, "user.name", "value"));
     const QByteArray before = pictureOf(source);
-    for (const int error : {ENOSPC, EDQUOT, E2BIG, EPERM}) {
+    for (const int error : {EPERM, EACCES, EIO}) {
         const GatedRun run = moveGated(source, out + "/target", [error](const GatedCall& call) {
             return call.name == "fsetxattr" ? Answer::fail(error) : crossing(call);
         });
@@ -288,6 +388,47 @@ void TestEntryAttributes::attributesThatDoNotFitEndTheMove()
         QCOMPARE(pictureOf(source), before);
         QCOMPARE(namesIn(out), QByteArrayList());
     }
+}
+
+void TestEntryAttributes::timesThatCannotBeKept_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<int>("error");
+    for (const char* kind : {"file", "full folder", "dangling link"}) {
+        for (const int error : {ENOSYS, EOPNOTSUPP, EPERM, EINVAL})
+            QTest::addRow("%s, %s", kind, strerrorname_np(error)) << QByteArray(kind) << error;
+    }
+}
+
+void TestEntryAttributes::timesThatCannotBeKept()
+{
+    QFETCH(const QByteArray, kind);
+    QFETCH(const int, error);
+    makeVictim(kind.toStdString(), m_source);
+    setTimes(m_source);
+    if (exists(m_source + "/inside")) setTimes(m_source + "/inside");
+    const QByteArray before = pictureOf(m_source);
+    const GatedRun run = moveGated(m_source, m_target, [error](const GatedCall& call) {
+        return call.name == "utimensat" ? Answer::fail(error) : Answer::proceed();
+    });
+    QCOMPARE(run.error, 0);
+    QVERIFY(!exists(m_source));
+    QVERIFY(!isSame(statusOf(m_target).st_mtim, modified));
+    // Given the times, it is as it was in everything.
+    if (exists(m_target + "/inside")) setTimes(m_target + "/inside");
+    setTimes(m_target);
+    QCOMPARE(pictureOf(m_target), before);
+}
+
+void TestEntryAttributes::timesThatCannotBeWrittenEndTheMove()
+{
+    writeFile(m_source, "content");
+    const GatedRun run = moveGated(m_source, m_target, [](const GatedCall& call) {
+        return call.name == "utimensat" ? Answer::fail(EIO) : Answer::proceed();
+    });
+    QCOMPARE(run.error, EIO);
+    QCOMPARE(contents(m_source), QByteArray("content"));
+    QCOMPARE(namesIn(m_out), QByteArrayList());
 }
 
 void TestEntryAttributes::anOwnerThatCannotBeKeptTakesTheSetUserBitAlong()

@@ -1,9 +1,10 @@
 #include "files/EntryAttributes.h"
 
 #include <array>
-#include <string_view>
+#include <string>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <vector>
 
 namespace harbex
 {
@@ -19,7 +20,8 @@ bool saysNotSupported(int code)
     return code == EOPNOTSUPP || code == ENOSYS;
 }
 
-// EINVAL comes for an owner that this user namespace has no number for.
+// EPERM comes from file systems without owners and times of their own, too. EINVAL comes for an owner that
+// this user namespace has no number for, and from servers for a time that they cannot keep.
 bool saysNotOurs(int code)
 {
     return code == EPERM || code == EINVAL || saysNotSupported(code);
@@ -59,6 +61,9 @@ Outcome<std::string> readWhole(Call&& call)
 bool mayBeLeftOut(const std::string& name, int code)
 {
     if (saysNotSupported(code)) return true;
+    // Too large for this file system, which says so in many ways. That the disk is full as well is told by
+    // writing the content.
+    if (code == ENOSPC || code == EDQUOT || code == E2BIG || code == ERANGE) return true;
     const bool isPrivileged = name.starts_with("security.") || name.starts_with("trusted.");
     return isPrivileged && (code == EPERM || code == EACCES);
 }
@@ -67,9 +72,24 @@ Outcome<void> copyAttribute(int source, int target, const std::string& name)
 {
     const Outcome<std::string> value =
         readWhole([&](char* bytes, size_t size) { return ::fgetxattr(source, name.c_str(), bytes, size); });
+    // Taken away since the names were listed.
+    if (!value && value.error().code == ENODATA) return {};
     if (!value) return value.error();
     if (::fsetxattr(target, name.c_str(), value->data(), value->size(), 0) != 0) return SystemError::last();
     return {};
+}
+
+/// None where there cannot be any.
+Outcome<std::vector<std::string>> attributesOf(int fd)
+{
+    const Outcome<std::string> list =
+        readWhole([fd](char* bytes, size_t size) { return ::flistxattr(fd, bytes, size); });
+    std::vector<std::string> names;
+    if (!list && saysNotSupported(list.error().code)) return names;
+    if (!list) return list.error();
+    for (size_t at = 0; at < list->size(); at += names.back().size() + 1)
+        names.emplace_back(list->c_str() + at);
+    return names;
 }
 
 Outcome<void> removeInherited(int target, const char* name)
@@ -81,19 +101,12 @@ Outcome<void> removeInherited(int target, const char* name)
 /// Gives whether the access list is as it was.
 Outcome<bool> copyExtendedAttributes(int source, int target, bool isFolder)
 {
-    Outcome<std::string> names =
-        readWhole([source](char* bytes, size_t size) { return ::flistxattr(source, bytes, size); });
-    if (!names) {
-        if (!saysNotSupported(names.error().code)) return names.error();
-        names = std::string();
-    }
-
+    const Outcome<std::vector<std::string>> names = attributesOf(source);
+    if (!names) return names.error();
     bool hasAccessList = false;
     bool hasDefaultList = false;
     bool keptAccessList = true;
-    for (size_t at = 0; at < names->size();) {
-        const std::string name(names->c_str() + at);
-        at += name.size() + 1;
+    for (const std::string& name : *names) {
         hasAccessList |= name == accessList;
         hasDefaultList |= name == defaultList;
         const Outcome<void> copied = copyAttribute(source, target, name);
@@ -140,7 +153,7 @@ Outcome<void> copyAttributes(int source, const EntryStatus& seen, int target)
     if (::fchmod(target, permissions) != 0 && errno != EPERM && !saysNotSupported(errno))
         return SystemError::last();
 
-    if (::futimens(target, timesOf(seen).data()) != 0) return SystemError::last();
+    if (::futimens(target, timesOf(seen).data()) != 0 && !saysNotOurs(errno)) return SystemError::last();
     return {};
 }
 
@@ -150,7 +163,7 @@ Outcome<void> copyLinkAttributes(const EntryStatus& seen, const EntryPlace& targ
         changeOwner(target.folder, target.name.c_str(), seen, AT_SYMLINK_NOFOLLOW);
     if (!keptOwner) return keptOwner.error();
     if (::utimensat(target.folder, target.name.c_str(), timesOf(seen).data(), AT_SYMLINK_NOFOLLOW) != 0 &&
-        !saysNotSupported(errno))
+        !saysNotOurs(errno))
         return SystemError::last();
     return {};
 }

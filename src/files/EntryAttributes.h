@@ -6,8 +6,9 @@
 namespace harbex
 {
 
-// What an entry is besides its name and content. What the target's file system cannot hold at all, and what
-// only a more privileged user could set, is left out; every other failure is one. Any thread.
+// What an entry is besides its name and content. What the target's file system cannot hold, be it an
+// attribute that is too large or a time, and what only a more privileged user could set, is left out; every
+// other failure is one. Any thread.
 
 /// Gives the file or folder open as `target` what the one open as `source` has, as `seen` says: owner,
 /// extended attributes, access lists, permissions, and last the times. Access lists that the target inherited
