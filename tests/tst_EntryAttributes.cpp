@@ -100,6 +100,10 @@ private Q_SLOTS:
     void attributesThatAreTooLarge();
     void anAttributeTooLargeForTheFileSystem();
     void attributesThatMayNotBeSetEndTheMove();
+    void whatIsSetDuringTheCopy_data() { attributesAndAccessLists_data(); }
+    void whatIsSetDuringTheCopy();
+    void aFileThatNobodyMayWrite_data();
+    void aFileThatNobodyMayWrite();
     void timesThatCannotBeKept_data();
     void timesThatCannotBeKept();
     void timesThatCannotBeWrittenEndTheMove();
@@ -388,6 +392,82 @@ void TestEntryAttributes::attributesThatMayNotBeSetEndTheMove()
         QCOMPARE(pictureOf(source), before);
         QCOMPARE(namesIn(out), QByteArrayList());
     }
+}
+
+// As programs do that keep folders in step or make backups.
+void TestEntryAttributes::whatIsSetDuringTheCopy()
+{
+    QFETCH(const bool, isFolder);
+    QFETCH(const bool, unnamedFiles);
+    const ScratchFolder scratch(folderThatHoldsAttributes());
+    const std::string source = scratch.path() + "/source";
+    const std::string target = scratch.makeFolder("out") + "/target";
+    makeVictim(isFolder ? "full folder" : "file", source);
+    QVERIFY(setAttribute(source, "user.kept", "value"));
+    QVERIFY(setAttribute(source, "user.changed", "old"));
+    QVERIFY(setAttribute(source, "user.removed", "value"));
+    QVERIFY(setAttribute(source, "system.posix_acl_access", accessList(12345, 0)));
+    if (isFolder) QVERIFY(setAttribute(source, "system.posix_acl_default", accessList(54321, 4)));
+    setTimes(source);
+    QByteArray changed;
+    const auto change = [&] {
+        QVERIFY(setAttribute(source, "user.changed", "new"));
+        QVERIFY(setAttribute(source, "user.added", "value"));
+        QCOMPARE(::removexattr(source.c_str(), "user.removed"), 0);
+        QCOMPARE(::removexattr(source.c_str(), "system.posix_acl_access"), 0);
+        if (isFolder) QCOMPARE(::removexattr(source.c_str(), "system.posix_acl_default"), 0);
+        QCOMPARE(::chmod(source.c_str(), isFolder ? 0751 : 0444), 0);
+        changed = pictureOf(source);
+    };
+    const GatedRun run =
+        moveGated(source, target, Lacks{.unnamedFiles = !unnamedFiles}, [&](const GatedCall& call) {
+            if (changed.isEmpty() && (call.name == "fsync" || call.name == "syncfs")) change();
+            return crossing(call);
+        });
+    QCOMPARE(run.error, 0);
+    QVERIFY(!exists(source));
+    QVERIFY(changed.contains("user.added") && !changed.contains("posix_acl"));
+    QCOMPARE(pictureOf(target), changed);
+}
+
+void TestEntryAttributes::aFileThatNobodyMayWrite_data()
+{
+    QTest::addColumn<bool>("unnamedFiles");
+    QTest::newRow("files without a name") << true;
+    QTest::newRow("no files without a name") << false;
+}
+
+// Its copy is one as well when what was set meanwhile is taken again, which needs the right to write.
+void TestEntryAttributes::aFileThatNobodyMayWrite()
+{
+    QFETCH(const bool, unnamedFiles);
+    const ScratchFolder scratch(folderThatHoldsAttributes());
+    const std::string source = scratch.path() + "/source";
+    const std::string out = scratch.makeFolder("out");
+    const std::string target = out + "/target";
+    writeFile(source, "content");
+    for (const std::string& folder : {scratch.path(), out})
+        QCOMPARE(::chmod(folder.c_str(), 0777), 0);
+    QVERIFY(setAttribute(source, "user.name", "old"));
+    QCOMPARE(::chmod(source.c_str(), 0444), 0);
+    bool isSet = false;
+    const GatedRun run = runGated(
+        fileSystemCalls(),
+        [&] {
+            becomeOrdinary();
+            return FileMove().moveItem(source, target);
+        },
+        [&](const GatedCall& call) {
+            if (!isSet && (call.name == "fsync" || call.name == "syncfs"))
+                isSet = ::chmod(source.c_str(), 0644) == 0 && setAttribute(source, "user.name", "new") &&
+                        ::chmod(source.c_str(), 0444) == 0;
+            return Lacks{.unnamedFiles = !unnamedFiles}.refuses(call).value_or(crossing(call));
+        });
+    QCOMPARE(run.error, 0);
+    QVERIFY(isSet && !exists(source));
+    QVERIFY(pictureOf(target).contains("user.name=" + QByteArray("new").toHex()));
+    QCOMPARE(statusOf(target).st_mode & 07777, mode_t(0444));
+    QCOMPARE(contents(target), QByteArray("content"));
 }
 
 void TestEntryAttributes::timesThatCannotBeKept_data()

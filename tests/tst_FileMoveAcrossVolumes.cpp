@@ -42,6 +42,7 @@ private Q_SLOTS:
     void withoutHardLinks();
     void inodeNumbersThatChange_data();
     void inodeNumbersThatChange();
+    void inodeNumbersThatAreGivenTwice_data();
     void inodeNumbersThatAreGivenTwice();
     void oneOfTwoNamesOfAFile();
     void specialFilesAreRefused_data();
@@ -195,23 +196,38 @@ void TestFileMoveAcrossVolumes::inodeNumbersThatChange()
     QVERIFY(!exists(m_source));
 }
 
+void TestFileMoveAcrossVolumes::inodeNumbersThatAreGivenTwice_data()
+{
+    QTest::addColumn<QByteArray>("other");
+    QTest::addColumn<int>("error");
+    QTest::newRow("another size") << QByteArray("another content") << 0;
+    // Only their change times and their contents tell them apart.
+    QTest::newRow("the same size and time") << QByteArray("two content") << EBUSY;
+}
+
 void TestFileMoveAcrossVolumes::inodeNumbersThatAreGivenTwice()
 {
+    QFETCH(const QByteArray, other);
+    QFETCH(const int, error);
     makeFolder(m_source);
-    writeFile(m_source + "/a", "one content");
-    writeFile(m_source + "/b", "another content");
+    for (const auto& [name, content] :
+         {std::pair("/a", std::string("one content")), {"/b", other.toStdString()}}) {
+        writeFile(m_source + name, content);
+        setTimes(m_source + name);
+    }
     const QByteArray before = pictureOf(m_source);
     const auto keeper = [](const GatedCall& call) {
         if (call.name != "statx") return Answer::proceed();
         return answerStatus(call, [](struct statx& data) {
             if (!S_ISREG(data.stx_mode)) return;
+            data.stx_ctime.tv_sec += int64_t(data.stx_ino);
             data.stx_ino = 12345;
             data.stx_nlink = 2;
         });
     };
-    QCOMPARE(moveGated(m_source, m_target, keeper).error, 0);
-    QCOMPARE(pictureOf(m_target), before);
-    QVERIFY(!exists(m_source));
+    QCOMPARE(moveGated(m_source, m_target, keeper).error, error);
+    QCOMPARE(pictureOf(error == 0 ? m_target : m_source), before);
+    QVERIFY(!exists(error == 0 ? m_source : m_target));
 }
 
 void TestFileMoveAcrossVolumes::oneOfTwoNamesOfAFile()

@@ -61,7 +61,7 @@ const std::array<Change, 5> allChanges = {{
 
 /// Writes into the file, keeping its size and its time, when the clock of the file system has gone on since
 /// its last change.
-void rewriteLater(const std::string& path, const std::string& content)
+void rewriteLater(const std::string& path, const std::string& content, off_t at = 0)
 {
     struct stat data = {};
     if (::stat(path.c_str(), &data) != 0) qFatal("nothing to rewrite");
@@ -70,7 +70,7 @@ void rewriteLater(const std::string& path, const std::string& content)
         ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
     } while (now.tv_sec == data.st_ctim.tv_sec && now.tv_nsec <= data.st_ctim.tv_nsec);
     const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    if (::pwrite(file.get(), content.data(), content.size(), 0) != ssize_t(content.size()))
+    if (::pwrite(file.get(), content.data(), content.size(), at) != ssize_t(content.size()))
         qFatal("cannot rewrite");
     const std::array<timespec, 2> times = {data.st_atim, data.st_mtim};
     if (::futimens(file.get(), times.data()) != 0) qFatal("cannot set the times");
@@ -142,6 +142,16 @@ private Q_SLOTS:
     void aLinkBeforeEveryCall();
     void aLargeFileChangesBetweenTwoReads_data();
     void aLargeFileChangesBetweenTwoReads();
+    void aTouchBeforeEveryCall_data();
+    void aTouchBeforeEveryCall();
+    void aTouchAtEverySync_data() { whatWasChangedNeverGetsItsName_data(); }
+    void aTouchAtEverySync();
+    void oneByteIsChangedBehindTheCopy_data();
+    void oneByteIsChangedBehindTheCopy();
+    void holesAreNotCompared();
+    void aFileThatIsReplacedByOneLikeIt();
+    void aLinkThatIsReplacedByOneLikeIt();
+    void aFileWithTwoNamesIsRewrittenAtTheEnd();
     void somethingIsAddedToTheFolderBeforeEveryCall();
     void foldersWhoseTimesStandStill_data();
     void foldersWhoseTimesStandStill();
@@ -306,6 +316,7 @@ void TestFileMoveRaces::aLinkBeforeEveryCall()
         if (!incident.happened) break;
         const char* where = incident.where.c_str();
         failures += !incident.run.succeeded();
+        QVERIFY2(incident.run.error != EEXIST, where);
         QVERIFY2(precious.isUntouched(), where);
         QVERIFY2(!Precious::isIn(round.out), where);
         // Of a folder that was being removed the whole copy is there.
@@ -356,6 +367,12 @@ void TestFileMoveRaces::aLargeFileChangesBetweenTwoReads()
         if (!incident.happened) break;
         const char* where = incident.where.c_str();
         QVERIFY2(changed != old.c_str(), where);
+        // Before anything was read, what was rewritten is simply what is moved.
+        if (n == 0 && change == "rewritten") {
+            QVERIFY2(incident.run.succeeded() && contents(round.target) == changed, where);
+            QVERIFY2(!exists(round.source) && round.leftovers().isEmpty(), where);
+            continue;
+        }
         QVERIFY2(incident.run.error == (change == "deleted" ? ENOENT : EBUSY), where);
         QVERIFY2(contents(round.source) == changed, where);
         QVERIFY2(!exists(round.target), where);
@@ -364,6 +381,222 @@ void TestFileMoveRaces::aLargeFileChangesBetweenTwoReads()
     // Four of the content and one that looks for more.
     QVERIFY(n >= 5);
     reportRuns(n);
+}
+
+void TestFileMoveRaces::aTouchBeforeEveryCall_data()
+{
+    QTest::addColumn<int>("road");
+    QTest::addColumn<QByteArray>("below");
+    QTest::addColumn<QByteArray>("kind");
+    for (size_t i = 0; i < allRoads().size(); ++i) {
+        const Road& way = allRoads()[i];
+        // The others differ only in the last step.
+        if (!way.acrossVolumes || way.lacks.noReplace != 0 || way.isTouched) continue;
+        if (way.isPretended && !attackSize(false, true)) continue;
+        const auto add = [&](const char* below, const char* kind) {
+            QTest::addRow("%s, %s%s", way.name, kind, below)
+                << int(i) << QByteArray(below) << QByteArray(kind);
+        };
+        add("", "time");
+        if (way.kind != "folder") add("", "second name");
+        if (way.kind != "link") add("", "permissions");
+        if (way.kind != "folder") continue;
+        add("/sub", "permissions");
+        add("/file", "permissions");
+        add("/file", "second name");
+        add("/sub/other", "second name");
+        add("/link", "second name");
+    }
+}
+
+// A program that keeps folders in step sets an attribute, one that makes backups makes a hard link.
+void TestFileMoveRaces::aTouchBeforeEveryCall()
+{
+    QFETCH(const int, road);
+    QFETCH(const QByteArray, below);
+    QFETCH(const QByteArray, kind);
+    const Road& way = allRoads().at(size_t(road));
+    size_t moved = 0;
+    size_t n = 0;
+    for (;; ++n) {
+        const Round round(way);
+        const ScratchFolder aside;
+        const std::string path = round.source + below.toStdString();
+        const QByteArray before = pictureOf(round.source);
+        QByteArray touched;
+        int syncs = 0;
+        bool isLate = false;
+        const auto isBeforeTheEnd = [&](const GatedCall& call) {
+            isLate = syncs > 0;
+            syncs += isSync(call);
+            return !exists(round.target);
+        };
+        const Round::Incident incident = round.moveWithIncident(n, isBeforeTheEnd, [&](const GatedCall&) {
+            touch(path);
+            if (kind == "permissions" && ::chmod(path.c_str(), 0711) != 0) qFatal("cannot change the mode");
+            if (kind == "second name" && ::link(path.c_str(), (aside.path() + "/name").c_str()) != 0)
+                qFatal("cannot link");
+            touched = pictureOf(round.source);
+            return Answer::proceed();
+        });
+        if (!incident.happened) break;
+        const char* where = incident.where.c_str();
+        QVERIFY2(round.leftovers().isEmpty(), where);
+        moved += incident.run.succeeded();
+        if (incident.run.succeeded()) {
+            const QByteArray target = pictureOf(round.target);
+            // Of a folder nothing is looked at again right before the removal.
+            QVERIFY2(target == touched || (isLate && way.isFolder() && target == before), where);
+            QVERIFY2(!exists(round.source), where);
+            continue;
+        }
+        // Only after the last look, for which there is a sync to wait for.
+        QVERIFY2(isLate && incident.run.error == EBUSY, where);
+        const bool isSourceThere = pictureOf(round.source) == touched && !exists(round.target);
+        QVERIFY2(isSourceThere || (way.isFolder() && round.isTargetWhole()), where);
+    }
+    QVERIFY(moved > 0);
+    reportRuns(n);
+}
+
+// It is given up, in the end.
+void TestFileMoveRaces::aTouchAtEverySync()
+{
+    QFETCH(const int, road);
+    const Round round(allRoads().at(size_t(road)));
+    int syncs = 0;
+    const GatedRun run = round.move([&](const GatedCall& call) {
+        if (isSync(call)) touch(round.source);
+        syncs += isSync(call);
+        return Answer::proceed();
+    });
+    QCOMPARE(run.error, EBUSY);
+    QCOMPARE(syncs, 4);
+    QVERIFY(round.isSourceWhole() && !exists(round.target));
+    QCOMPARE(round.leftovers(), QByteArrayList());
+}
+
+void TestFileMoveRaces::oneByteIsChangedBehindTheCopy_data()
+{
+    QTest::addColumn<qint64>("at");
+    QTest::addColumn<bool>("unnamedFiles");
+    for (const bool unnamedFiles : {true, false}) {
+        for (const qint64 at : {0, 131'071, 131'072, 399'999, 500'000, 999'999})
+            QTest::addRow("byte %lld, %s", at,
+                          unnamedFiles ? "files without a name" : "no files without a name")
+                << at << unnamedFiles;
+    }
+}
+
+// By somebody who sets the time back: the contents tell it.
+void TestFileMoveRaces::oneByteIsChangedBehindTheCopy()
+{
+    QFETCH(const qint64, at);
+    QFETCH(const bool, unnamedFiles);
+    const Road way = {"file across volumes", "file", true, {.unnamedFiles = !unnamedFiles}};
+    for (const bool isChanged : {true, false}) {
+        const Round round(way);
+        removeEntry(round.source);
+        writeFile(round.source, std::string(400'000, 'o'));
+        // The rest is a hole.
+        QCOMPARE(::truncate(round.source.c_str(), 1'000'000), 0);
+        const GatedRun run = round.move([&](const GatedCall& call) {
+            if (!isSync(call) || exists(round.target)) return Answer::proceed();
+            const QByteArray old = contents(round.source).mid(at, 1);
+            if (call.ordinal == 1) rewriteLater(round.source, isChanged ? "n" : old.toStdString(), at);
+            return Answer::proceed();
+        });
+        const std::string& whole = isChanged ? round.source : round.target;
+        QCOMPARE(run.error, isChanged ? EBUSY : 0);
+        QCOMPARE(contents(whole).size(), 1'000'000);
+        QVERIFY(!isChanged || contents(whole).at(at) == 'n');
+        QVERIFY(!exists(isChanged ? round.target : round.source));
+        QVERIFY(round.leftovers().isEmpty());
+    }
+}
+
+// A comparison that read them would take for ever.
+void TestFileMoveRaces::holesAreNotCompared()
+{
+    const Road way = {"touched file across volumes", "file", true, {}, false, false, true};
+    const Round round(way);
+    QCOMPARE(::truncate(round.source.c_str(), off_t(1) << 40), 0);
+    const GatedRun run = round.move([](const GatedCall&) { return Answer::proceed(); });
+    QCOMPARE(run.error, 0);
+    QVERIFY(!exists(round.source));
+    const auto reads = std::ranges::count_if(
+        run.calls, [](const std::string& label) { return label.starts_with("pread64"); });
+    // Once to copy, once for the end, and of both to compare.
+    QCOMPARE(reads, 4);
+}
+
+// It is another file, whoever put it there and why.
+void TestFileMoveRaces::aFileThatIsReplacedByOneLikeIt()
+{
+    const Road way = {"file across volumes", "file", true, {}};
+    const Round round(way);
+    bool isReplaced = false;
+    const GatedRun run = round.move([&](const GatedCall& call) {
+        if (!isSync(call) || isReplaced) return Answer::proceed();
+        isReplaced = true;
+        struct stat data = {};
+        if (::stat(round.source.c_str(), &data) != 0) qFatal("nothing to replace");
+        const std::string other = round.source + ".new";
+        writeFile(other, "content");
+        const std::array<timespec, 2> times = {data.st_atim, data.st_mtim};
+        if (::utimensat(AT_FDCWD, other.c_str(), times.data(), 0) != 0) qFatal("cannot set the times");
+        touch(other);
+        renameEntry(other, round.source);
+        return Answer::proceed();
+    });
+    QVERIFY(isReplaced);
+    QCOMPARE(run.error, EBUSY);
+    QVERIFY(round.isSourceWhole() && !exists(round.target));
+    QCOMPARE(round.leftovers(), QByteArrayList());
+}
+
+// Its inode number may be used again.
+void TestFileMoveRaces::aLinkThatIsReplacedByOneLikeIt()
+{
+    const Road way = {"link across volumes", "link", true, {}};
+    for (const char* text : {"anywhere", "nowhere"}) {
+        const bool isSame = text == std::string("nowhere");
+        const Round round(way);
+        bool isReplaced = false;
+        const GatedRun run = round.move([&](const GatedCall& call) {
+            if (isSync(call) && !isReplaced) {
+                isReplaced = true;
+                removeEntry(round.source);
+                makeLink(round.source, text);
+            }
+            if (call.name != "statx") return Answer::proceed();
+            return answerStatus(call, [](struct statx& data) {
+                if (!S_ISLNK(data.stx_mode)) return;
+                data.stx_ino = 12345;
+                data.stx_size = 7;
+                data.stx_mtime = {};
+            });
+        });
+        QVERIFY(isReplaced);
+        QCOMPARE(run.error, isSame ? 0 : EBUSY);
+        QCOMPARE(exists(round.source), !isSame);
+        QCOMPARE(exists(round.target), isSame);
+    }
+}
+
+void TestFileMoveRaces::aFileWithTwoNamesIsRewrittenAtTheEnd()
+{
+    const Road way = {"file across volumes", "file", true, {}};
+    const Round round(way);
+    const ScratchFolder aside;
+    QCOMPARE(::link(round.source.c_str(), (aside.path() + "/name").c_str()), 0);
+    const GatedRun run = round.move([&](const GatedCall& call) {
+        if (call.name == "linkat") rewriteLater(round.source, "CONTENT");
+        return Answer::proceed();
+    });
+    QCOMPARE(run.error, EBUSY);
+    QCOMPARE(contents(round.source), QByteArray("CONTENT"));
+    QVERIFY(!exists(round.target));
 }
 
 void TestFileMoveRaces::somethingIsAddedToTheFolderBeforeEveryCall()
@@ -463,7 +696,7 @@ void TestFileMoveRaces::whatWasChangedNeverGetsItsName()
     bool isCopied = false;
     bool hadItsName = false;
     const GatedRun run = round.move([&](const GatedCall& call) {
-        if (!isCopied && (call.name == "fsync" || call.name == "syncfs")) {
+        if (!isCopied && isSync(call)) {
             isCopied = true;
             appendToFile(way.isFolder() ? round.source + "/file" : round.source, " and more");
         }

@@ -79,12 +79,11 @@ void TestPartFolder::isHiddenPrivateAndGoesWithAllThatIsInIt()
         QCOMPARE(names().size(), 1);
         const QRegularExpression pattern(QStringLiteral("^\\.harbex-[0-9a-f]{32}\\.part$"));
         QVERIFY(pattern.match(QString::fromUtf8(names()[0])).hasMatch());
-        struct stat data = {};
-        QCOMPARE(::fstat(part->descriptor(), &data), 0);
-        QCOMPARE(data.st_mode & 07777, mode_t(0700));
-
         const EntryPlace content = part->content();
-        QCOMPARE(content.folder, part->descriptor());
+        struct stat data = {};
+        QCOMPARE(::fstat(content.folder, &data), 0);
+        QCOMPARE(data.st_mode & 07777, mode_t(0700));
+        QCOMPARE(data.st_ino, test::inodeOf(inFolder(names()[0].toStdString())));
         QCOMPARE(::mkdirat(content.folder, content.name.c_str(), 0700), 0);
         const std::string path = inFolder(names()[0].toStdString()) + '/' + content.name;
         test::makeFolder(path + "/sub");

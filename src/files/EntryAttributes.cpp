@@ -92,7 +92,7 @@ Outcome<std::vector<std::string>> attributesOf(int fd)
     return names;
 }
 
-Outcome<void> removeInherited(int target, const char* name)
+Outcome<void> removeAttribute(int target, const char* name)
 {
     if (::fremovexattr(target, name) == 0 || errno == ENODATA || saysNotSupported(errno)) return {};
     return SystemError::last();
@@ -116,11 +116,11 @@ Outcome<bool> copyExtendedAttributes(int source, int target, bool isFolder)
     }
 
     if (!hasAccessList) {
-        const Outcome<void> removed = removeInherited(target, accessList);
+        const Outcome<void> removed = removeAttribute(target, accessList);
         if (!removed) return removed.error();
     }
     if (isFolder && !hasDefaultList) {
-        const Outcome<void> removed = removeInherited(target, defaultList);
+        const Outcome<void> removed = removeAttribute(target, defaultList);
         if (!removed) return removed.error();
     }
     return keptAccessList;
@@ -155,6 +155,19 @@ Outcome<void> copyAttributes(int source, const EntryStatus& seen, int target)
 
     if (::futimens(target, timesOf(seen).data()) != 0 && !saysNotOurs(errno)) return SystemError::last();
     return {};
+}
+
+Outcome<void> takeAttributesAgain(int source, const EntryStatus& seen, int copy)
+{
+    const Outcome<std::vector<std::string>> names = attributesOf(copy);
+    if (!names) return names.error();
+    for (const std::string& name : *names) {
+        // The others are the system's own, or end with the change of the owner or by not being found again.
+        if (!name.starts_with("user.") && !name.starts_with("trusted.")) continue;
+        const Outcome<void> removed = removeAttribute(copy, name.c_str());
+        if (!removed) return removed;
+    }
+    return copyAttributes(source, seen, copy);
 }
 
 Outcome<void> copyLinkAttributes(const EntryStatus& seen, const EntryPlace& target)

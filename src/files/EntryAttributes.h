@@ -18,6 +18,10 @@ namespace harbex
 /// became ours is open to us. An access list that could not be kept takes the permissions of the group along.
 [[nodiscard]] Outcome<void> copyAttributes(int source, const EntryStatus& seen, int target);
 
+/// The same for a `copy` that has been given what the source had before: attributes that the source has lost
+/// since go.
+[[nodiscard]] Outcome<void> takeAttributesAgain(int source, const EntryStatus& seen, int copy);
+
 /// Gives the symbolic link at `target` the owner and the times that `seen` tells of another one. A link has
 /// no permissions and no attributes that a user could have set.
 [[nodiscard]] Outcome<void> copyLinkAttributes(const EntryStatus& seen, const EntryPlace& target);

@@ -3,6 +3,7 @@
 #include "files/EntryAttributes.h"
 
 #include <algorithm>
+#include <cstring>
 #include <linux/fs.h>
 #include <memory>
 #include <sys/ioctl.h>
@@ -21,6 +22,39 @@ constexpr uint64_t kernelChunk = 8U << 20U;
 /// After so much the disk is set to work, while the copy goes on.
 constexpr uint64_t writeBackChunk = 8U << 20U;
 
+struct Range {
+    uint64_t begin;
+    uint64_t end;
+};
+
+/// The next piece of a file from `from` on that is no hole; empty at the end when there is none.
+Outcome<Range> nextData(int file, uint64_t from, uint64_t size)
+{
+    const off_t begin = ::lseek(file, static_cast<off_t>(from), SEEK_DATA);
+    if (begin < 0) {
+        if (errno == ENXIO) return Range{size, size};
+        // This file system does not tell its holes.
+        if (errno == EINVAL || errno == EOPNOTSUPP) return Range{from, size};
+        return SystemError::last();
+    }
+    const off_t end = ::lseek(file, begin, SEEK_HOLE);
+    if (end < 0) {
+        if (errno == ENXIO) return SystemError{EBUSY};
+        return SystemError::last();
+    }
+    return Range{std::min(static_cast<uint64_t>(begin), size), std::min(static_cast<uint64_t>(end), size)};
+}
+
+/// Reads at most `length` bytes and gives how many; 0 at the end.
+Outcome<uint64_t> readSome(int file, char* bytes, uint64_t length, uint64_t at)
+{
+    for (;;) {
+        const ssize_t size = ::pread(file, bytes, length, static_cast<off_t>(at));
+        if (size >= 0) return static_cast<uint64_t>(size);
+        if (errno != EINTR) return SystemError::last();
+    }
+}
+
 /// Copies the content of one open file into another one.
 class ContentCopy
 {
@@ -33,19 +67,11 @@ public:
     Outcome<void> run();
 
 private:
-    struct Range {
-        uint64_t begin;
-        uint64_t end;
-    };
-
-    /// The next piece of the source from `from` on that is no hole; empty at the end when there is none.
-    Outcome<Range> nextData(uint64_t from) const;
     Outcome<void> copy(Range range);
     void startWriteBack(uint64_t end);
     /// Copies at most `length` bytes and gives how many.
     Outcome<uint64_t> copySome(uint64_t at, uint64_t length);
     Outcome<uint64_t> readAndWrite(uint64_t at, uint64_t length);
-    Outcome<uint64_t> read(uint64_t at, uint64_t length);
     Outcome<void> write(uint64_t at, uint64_t length);
     Outcome<void> expectSourceEnd();
 
@@ -71,7 +97,7 @@ Outcome<void> ContentCopy::run()
 
     uint64_t written = 0;
     for (uint64_t at = 0; at < m_size;) {
-        const Outcome<Range> data = nextData(at);
+        const Outcome<Range> data = nextData(m_source, at, m_size);
         if (!data) return data.error();
         const Outcome<void> copied = copy(*data);
         if (!copied) return copied;
@@ -82,24 +108,6 @@ Outcome<void> ContentCopy::run()
     if (written < m_size && ::ftruncate(m_target, static_cast<off_t>(m_size)) != 0)
         return SystemError::last();
     return expectSourceEnd();
-}
-
-Outcome<ContentCopy::Range> ContentCopy::nextData(uint64_t from) const
-{
-    const off_t begin = ::lseek(m_source, static_cast<off_t>(from), SEEK_DATA);
-    if (begin < 0) {
-        if (errno == ENXIO) return Range{m_size, m_size};
-        // This file system does not tell its holes.
-        if (errno == EINVAL || errno == EOPNOTSUPP) return Range{from, m_size};
-        return SystemError::last();
-    }
-    const off_t end = ::lseek(m_source, begin, SEEK_HOLE);
-    if (end < 0) {
-        if (errno == ENXIO) return SystemError{EBUSY};
-        return SystemError::last();
-    }
-    return Range{std::min(static_cast<uint64_t>(begin), m_size),
-                 std::min(static_cast<uint64_t>(end), m_size)};
 }
 
 Outcome<void> ContentCopy::copy(Range range)
@@ -142,22 +150,13 @@ Outcome<uint64_t> ContentCopy::copySome(uint64_t at, uint64_t length)
 Outcome<uint64_t> ContentCopy::readAndWrite(uint64_t at, uint64_t length)
 {
     if (!m_buffer) m_buffer = std::make_unique_for_overwrite<char[]>(std::min(m_size, bufferSize));
-    const Outcome<uint64_t> size = read(at, std::min(length, bufferSize));
+    const Outcome<uint64_t> size = readSome(m_source, m_buffer.get(), std::min(length, bufferSize), at);
     if (!size) return size;
     // The file has been cut.
     if (*size == 0) return SystemError{EBUSY};
     const Outcome<void> written = write(at, *size);
     if (!written) return written.error();
     return size;
-}
-
-Outcome<uint64_t> ContentCopy::read(uint64_t at, uint64_t length)
-{
-    for (;;) {
-        const ssize_t size = ::pread(m_source, m_buffer.get(), length, static_cast<off_t>(at));
-        if (size >= 0) return static_cast<uint64_t>(size);
-        if (errno != EINTR) return SystemError::last();
-    }
 }
 
 Outcome<void> ContentCopy::write(uint64_t at, uint64_t length)
@@ -179,12 +178,75 @@ Outcome<void> ContentCopy::write(uint64_t at, uint64_t length)
 Outcome<void> ContentCopy::expectSourceEnd()
 {
     char beyond = 0;
-    for (;;) {
-        const ssize_t size = ::pread(m_source, &beyond, 1, static_cast<off_t>(m_size));
-        if (size == 0) return {};
-        if (size > 0) return SystemError{EBUSY};
-        if (errno != EINTR) return SystemError::last();
+    const Outcome<uint64_t> size = readSome(m_source, &beyond, 1, m_size);
+    if (!size) return size.error();
+    if (*size > 0) return SystemError{EBUSY};
+    return {};
+}
+
+/// Compares the contents of two open files.
+class ContentComparison
+{
+public:
+    ContentComparison(int source, int copy, uint64_t size, const std::stop_token& stop)
+        : m_source(source), m_copy(copy), m_size(size), m_stop(stop)
+    {
     }
+
+    Outcome<void> run()
+    {
+        for (uint64_t at = 0; at < m_size;) {
+            const Outcome<Range> inSource = nextData(m_source, at, m_size);
+            if (!inSource) return inSource.error();
+            const Outcome<Range> inCopy = nextData(m_copy, at, m_size);
+            if (!inCopy) return inCopy.error();
+            // What comes before is a hole in both.
+            const Range data = inSource->begin < inCopy->begin ? *inSource : *inCopy;
+            for (at = data.begin; at < data.end; at += bufferSize) {
+                const Outcome<void> same = compare(at, std::min(bufferSize, data.end - at));
+                if (!same) return same;
+            }
+            at = data.end;
+        }
+        return {};
+    }
+
+private:
+    Outcome<void> compare(uint64_t at, uint64_t length)
+    {
+        if (m_stop.stop_requested()) return SystemError{ECANCELED};
+        for (const auto& [file, bytes] : {std::pair(m_source, bytesOfSource()), {m_copy, bytesOfCopy()}}) {
+            for (uint64_t done = 0; done < length;) {
+                const Outcome<uint64_t> size = readSome(file, bytes + done, length - done, at + done);
+                if (!size) return size.error();
+                if (*size == 0) return SystemError{EBUSY};
+                done += *size;
+            }
+        }
+        if (std::memcmp(bytesOfSource(), bytesOfCopy(), length) != 0) return SystemError{EBUSY};
+        return {};
+    }
+
+    char* bytesOfSource() { return m_buffers.get(); }
+    char* bytesOfCopy() { return m_buffers.get() + bufferSize; }
+
+    const int m_source;
+    const int m_copy;
+    const uint64_t m_size;
+    const std::stop_token& m_stop;
+    const std::unique_ptr<char[]> m_buffers = std::make_unique_for_overwrite<char[]>(2 * bufferSize);
+};
+
+Outcome<FileDescriptor> openSource(const EntryPlace& source, const EntryStatus& seen)
+{
+    // O_NONBLOCK: what stands there now may be a pipe, and opening one waits for a writer.
+    FileDescriptor file(::openat(source.folder, source.name.c_str(),
+                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file) return SystemError::last();
+    const Outcome<EntryStatus> opened = EntryStatus::ofOpen(file.get());
+    if (!opened) return opened.error();
+    if (!opened->isSameEntry(seen) || !opened->hasSameContent(seen)) return SystemError{EBUSY};
+    return file;
 }
 
 } // namespace
@@ -192,17 +254,21 @@ Outcome<void> ContentCopy::expectSourceEnd()
 Outcome<void> copyFile(const EntryPlace& source, const EntryStatus& seen, int target,
                        const std::stop_token& stop)
 {
-    // O_NONBLOCK: what stands there now may be a pipe, and opening one waits for a writer.
-    const FileDescriptor file(::openat(source.folder, source.name.c_str(),
-                                       O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!file) return SystemError::last();
-    const Outcome<EntryStatus> opened = EntryStatus::ofOpen(file.get());
-    if (!opened) return opened.error();
-    if (!opened->isSameEntry(seen) || !opened->isUnchanged(seen)) return SystemError{EBUSY};
-
-    const Outcome<void> copied = ContentCopy(file.get(), target, seen.size, stop).run();
+    const Outcome<FileDescriptor> file = openSource(source, seen);
+    if (!file) return file.error();
+    const Outcome<void> copied = ContentCopy(file->get(), target, seen.size, stop).run();
     if (!copied) return copied;
-    return copyAttributes(file.get(), seen, target);
+    return copyAttributes(file->get(), seen, target);
+}
+
+Outcome<void> takeFileAgain(const EntryPlace& source, const EntryStatus& seen, int copy,
+                            const std::stop_token& stop)
+{
+    const Outcome<FileDescriptor> file = openSource(source, seen);
+    if (!file) return file.error();
+    const Outcome<void> same = ContentComparison(file->get(), copy, seen.size, stop).run();
+    if (!same) return same;
+    return takeAttributesAgain(file->get(), seen, copy);
 }
 
 } // namespace harbex

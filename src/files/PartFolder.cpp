@@ -1,6 +1,6 @@
 #include "files/PartFolder.h"
 
-#include "files/EntryRemoval.h"
+#include "files/TreeWalk.h"
 
 #include <array>
 #include <string_view>
@@ -60,8 +60,8 @@ std::string contentNameIn(std::string_view part)
 // move tries again.
 void removeIfPossible(const EntryPlace& part, int opened)
 {
-    const Outcome<void> removed = removeEntry({opened, contentNameIn(part.name)},
-                                              [](const std::string&, const EntryStatus&) { return true; });
+    const Outcome<void> removed =
+        removeTree({opened, contentNameIn(part.name)}, [](const TreeEntry&) { return true; });
     static_cast<void>(removed);
     // By now the name may be that of another folder, of which no more than an empty one goes.
     ::unlinkat(part.folder, part.name.c_str(), AT_REMOVEDIR);

@@ -33,10 +33,8 @@ public:
     /// Removes the part folder with its content. What cannot be removed now, a later move removes.
     ~PartFolder();
 
-    /// The open part folder, empty at first and closed to other users.
-    [[nodiscard]] int descriptor() const { return m_opened.get(); }
-
-    /// Where the copy is to be built: the only name that may be made in the part folder.
+    /// Where the copy is to be built: the only name that may be made in the part folder, which is open, empty
+    /// at first and closed to other users.
     [[nodiscard]] EntryPlace content() const;
 
 private:

@@ -2,12 +2,10 @@
 
 #include "files/EntryName.h"
 #include "files/EntryPlace.h"
-#include "files/FileCopy.h"
 #include "files/NoReplaceRename.h"
 #include "files/PartFolder.h"
 #include "files/RemoteVolume.h"
 #include "files/TreeCopy.h"
-#include "files/TreeSurvey.h"
 
 #include <optional>
 #include <unistd.h>
@@ -22,17 +20,19 @@ namespace
 class Crossing
 {
 public:
-    Crossing(EntryPlace from, EntryPlace to, const TreeSurvey& survey, const std::stop_token& stop)
-        : m_from(std::move(from)), m_to(std::move(to)), m_survey(survey), m_stop(stop)
+    Crossing(EntryPlace from, EntryPlace to, const EntryStatus& targetFolder, const std::stop_token& stop)
+        : m_from(std::move(from)), m_to(std::move(to)), m_tree(m_from, targetFolder, stop)
     {
     }
 
     Outcome<void> run()
     {
-        const Outcome<EntryStatus> copy = makeCopy();
+        const Outcome<EntryStatus> source = m_tree.look();
+        if (!source) return source.error();
+        const Outcome<EntryStatus> copy = makeCopy(*source);
         if (!copy) return copy.error();
         Outcome<void> removed = syncTargetFolder();
-        if (removed) removed = m_survey.removeTree(m_from);
+        if (removed) removed = m_tree.removeSource();
         // A folder that had its name may hold new things of others by now.
         if (removed || copy->isFolder()) return removed;
         // Gone by somebody else's hand, an original must not leave two of it.
@@ -41,9 +41,9 @@ public:
 
 private:
     /// Makes the copy appear under its name, whole, and gives what it is like.
-    Outcome<EntryStatus> makeCopy()
+    Outcome<EntryStatus> makeCopy(const EntryStatus& source)
     {
-        if (m_survey.root().isRegularFile()) {
+        if (source.isRegularFile()) {
             const std::optional<Outcome<EntryStatus>> copy = makeCopyWithoutName();
             if (copy) return *copy;
         }
@@ -59,15 +59,11 @@ private:
                 return std::nullopt;
             return SystemError::last();
         }
-        const Outcome<void> copied = copyFile(m_from, m_survey.root(), file.get(), m_stop);
+        const std::string opened = "/proc/self/fd/" + std::to_string(file.get());
+        const Outcome<void> copied = m_tree.make({AT_FDCWD, opened}, ::fsync, file.get());
         if (!copied) return copied.error();
-        if (::fsync(file.get()) != 0) return SystemError::last();
-        const Outcome<void> unchanged = m_survey.expectUnchanged(m_from, m_to.folder, m_stop);
-        if (!unchanged) return unchanged.error();
-
         const Outcome<EntryStatus> status = EntryStatus::ofOpen(file.get());
         if (!status) return status.error();
-        const std::string opened = "/proc/self/fd/" + std::to_string(file.get());
         if (::linkat(AT_FDCWD, opened.c_str(), m_to.folder, m_to.name.c_str(), AT_SYMLINK_FOLLOW) == 0)
             return *status;
         if (errno == EPERM || errno == EOPNOTSUPP || errno == ENOSYS) return std::nullopt;
@@ -79,14 +75,10 @@ private:
         const Outcome<PartFolder> part = PartFolder::create(m_to.folder);
         if (!part) return part.error();
         const EntryPlace built = part->content();
-        const Outcome<void> copied = TreeCopy(m_survey, m_stop).copy(m_from, built);
-        if (!copied) return copied.error();
         // One call for all files: one for each would take a journal's time for each. It tells of every error
         // since the part folder was opened.
-        if (::syncfs(part->descriptor()) != 0) return SystemError::last();
-        const Outcome<void> unchanged = m_survey.expectUnchanged(m_from, m_to.folder, m_stop);
-        if (!unchanged) return unchanged.error();
-
+        const Outcome<void> copied = m_tree.make(built, ::syncfs, built.folder);
+        if (!copied) return copied.error();
         const Outcome<EntryStatus> status = EntryStatus::of(built);
         if (!status) return status.error();
         const Outcome<void> published = renameWithoutReplacing(built, m_to);
@@ -103,8 +95,7 @@ private:
 
     const EntryPlace m_from;
     const EntryPlace m_to;
-    const TreeSurvey& m_survey;
-    const std::stop_token& m_stop;
+    TreeCopy m_tree;
 };
 
 /// Saves copying for nothing; whether the name is free in the end is decided when the copy gets it.
@@ -131,9 +122,9 @@ Outcome<void> moveAcrossVolumes(const std::string& source, const std::string& ta
 
     const Outcome<void> isFree = expectNothingAt(to);
     if (!isFree) return isFree;
-    const Outcome<TreeSurvey> survey = TreeSurvey::take(from, to.folder, stop);
-    if (!survey) return survey.error();
-    return Crossing(from, to, *survey, stop).run();
+    const Outcome<EntryStatus> status = EntryStatus::ofOpen(to.folder);
+    if (!status) return status.error();
+    return Crossing(from, to, *status, stop).run();
 }
 
 } // namespace harbex

@@ -11,9 +11,9 @@
 namespace harbex::test
 {
 
-const std::array<Road, 16>& allRoads()
+const std::array<Road, 20>& allRoads()
 {
-    static const std::array<Road, 16> roads = {{
+    static const std::array<Road, 20> roads = {{
         {"file", "file", false, {}},
         {"link", "link", false, {}},
         {"folder", "folder", false, {}},
@@ -34,6 +34,16 @@ const std::array<Road, 16>& allRoads()
         {"folder across volumes", "folder", true, {}},
         {"folder across volumes, cannot refuse to replace", "folder", true, {.noReplace = EINVAL}, true},
         {"folder across volumes that are one", "folder", true, {}, false, true},
+        {"touched file across volumes", "file", true, {}, false, false, true},
+        {"touched file across volumes, no files without a name",
+         "file",
+         true,
+         {.unnamedFiles = true},
+         false,
+         false,
+         true},
+        {"touched link across volumes", "link", true, {}, false, false, true},
+        {"touched folder across volumes", "folder", true, {}, false, false, true},
     }};
     return roads;
 }
@@ -52,6 +62,37 @@ QByteArrayList partsIn(const std::string& folder)
         if (name.startsWith(".harbex-")) parts << name;
     }
     return parts;
+}
+
+namespace
+{
+
+struct stat statusOf(const std::string& path)
+{
+    struct stat data = {};
+    if (::lstat(path.c_str(), &data) != 0) qFatal("nothing to touch");
+    return data;
+}
+
+} // namespace
+
+void touch(const std::string& path)
+{
+    const timespec before = statusOf(path).st_ctim;
+    timespec now = before;
+    // The clock of the file system may need a moment.
+    while (now.tv_sec == before.tv_sec && now.tv_nsec == before.tv_nsec) {
+        if (::lchown(path.c_str(), uid_t(-1), gid_t(-1)) != 0) qFatal("cannot touch");
+        now = statusOf(path).st_ctim;
+    }
+    if (!S_ISDIR(statusOf(path).st_mode)) return;
+    for (const QByteArray& name : namesIn(path))
+        touch(path + '/' + name.toStdString());
+}
+
+bool isSync(const GatedCall& call)
+{
+    return call.name == "fsync" || call.name == "syncfs";
 }
 
 bool onlyReads(const GatedCall& call)
@@ -104,7 +145,12 @@ Round::Round(const Road& road)
 
 GatedRun Round::move(const Gatekeeper& keeper) const
 {
+    bool isTouched = !m_road.isTouched;
     return moveGated(source, target, [&](const GatedCall& call) {
+        if (!isTouched && isSync(call)) {
+            isTouched = true;
+            if (exists(source)) touch(source);
+        }
         const Answer answer = keeper(call);
         if (answer.kind != Answer::Kind::proceed) return answer;
         // That the volumes differ is what the kernel sees first, whatever they lack.

@@ -25,17 +25,27 @@ struct Road {
     /// Both volumes are one, and only the first rename is told otherwise: the kernel then copies between
     /// them.
     bool isPretended = false;
+    /// While the copy is being put on the disk for the first time, everything in the source gets another
+    /// change time, and nothing else.
+    bool isTouched = false;
 
     [[nodiscard]] bool isFolder() const { return kind == "folder"; }
 };
 
-[[nodiscard]] const std::array<Road, 16>& allRoads();
+[[nodiscard]] const std::array<Road, 20>& allRoads();
 
 /// The rows of a test that goes all roads: a column "road" with their places in that list.
 void addRowsOfRoads();
 
 /// The hidden part folders in a folder.
 [[nodiscard]] QByteArrayList partsIn(const std::string& folder);
+
+/// Gives the entry at the path, and with it everything in it, another change time than it has, and changes
+/// nothing else.
+void touch(const std::string& path);
+
+/// Whether the call puts on the disk what was written.
+[[nodiscard]] bool isSync(const GatedCall& call);
 
 /// Which calls look at files without changing any: before such a call the world is as it is before the next.
 [[nodiscard]] bool onlyReads(const GatedCall& call);
