@@ -3,6 +3,7 @@
 #include "support/TestMain.h"
 
 #include <array>
+#include <cstring>
 #include <memory>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -49,6 +50,8 @@ private Q_SLOTS:
     void specialFilesAreRefused();
     void nothingIsReplaced_data();
     void nothingIsReplaced();
+    void namesThatCannotBe_data();
+    void namesThatCannotBe();
     void aMissingDestination();
     void theDeepestTree();
     void tooDeepATreeIsRefused();
@@ -296,6 +299,52 @@ void TestFileMoveAcrossVolumes::nothingIsReplaced()
     QCOMPARE(pictureOf(m_source), source);
     QCOMPARE(pictureOf(m_target), target);
     QCOMPARE(namesIn(m_out), QByteArrayList{"target.dat"});
+}
+
+void TestFileMoveAcrossVolumes::namesThatCannotBe_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<bool>("unnamedFiles");
+    QTest::addColumn<int>("error");
+    for (const int error : {EINVAL, EILSEQ, ENAMETOOLONG}) {
+        for (const char* kind : {"file", "full folder", "dangling link"})
+            QTest::addRow("%s, %s", kind, strerrorname_np(error)) << QByteArray(kind) << true << error;
+        QTest::addRow("file, no files without a name, %s", strerrorname_np(error))
+            << QByteArray("file") << false << error;
+    }
+}
+
+// On such a file system nothing is found under the name, and only making it tells that it cannot be.
+void TestFileMoveAcrossVolumes::namesThatCannotBe()
+{
+    QFETCH(const QByteArray, kind);
+    QFETCH(const bool, unnamedFiles);
+    QFETCH(const int, error);
+    makeVictim(kind.toStdString(), m_source);
+    const QByteArray before = pictureOf(m_source);
+    const auto keeper = [&](const GatedCall& call) {
+        const auto isNamedSo = [&call](size_t argument) {
+            return call.text(argument).ends_with("target.dat");
+        };
+        const bool makesIt = (call.name == "openat" && (call.arguments[2] & O_CREAT) && isNamedSo(1)) ||
+                             (call.name == "linkat" && isNamedSo(3)) ||
+                             (call.name == "renameat2" && call.ordinal > 1 && isNamedSo(3));
+        return makesIt ? Answer::fail(error) : Answer::proceed();
+    };
+    const GatedRun run = moveGated(m_source, m_target, Lacks{.unnamedFiles = !unnamedFiles}, keeper);
+    QCOMPARE(run.error, error);
+    QCOMPARE(pictureOf(m_source), before);
+    QVERIFY(targetFolderIsEmpty());
+    for (const std::string& label : run.calls) {
+        for (const char* call : {"pread64", "ioctl", "readlinkat", "symlinkat", "fsync", "syncfs"})
+            QVERIFY2(!label.starts_with(call), label.c_str());
+    }
+
+    // One that is too long is told by looking for it, before anything is made.
+    const GatedRun early = moveGated(m_source, m_out + '/' + std::string(256, 'x'), Lacks());
+    QCOMPARE(early.error, ENAMETOOLONG);
+    for (const std::string& label : early.calls)
+        QVERIFY2(!label.starts_with("mkdirat"), label.c_str());
 }
 
 void TestFileMoveAcrossVolumes::aMissingDestination()

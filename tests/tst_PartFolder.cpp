@@ -41,6 +41,10 @@ private Q_SLOTS:
     void anotherFolderOfThatNameStays();
     void anotherFolderInItsPlaceStays();
     void aFolderOfSomebodyElseInItsPlaceIsRefused();
+    void aNameIsTriedWithoutATrace();
+    void aNameThatCannotBeIsRefused_data();
+    void aNameThatCannotBeIsRefused();
+    void killedWhileANameIsTried();
     void removedBeforeItWasLocked();
     void takenForALeftoverBeforeItWasLocked();
     void withoutLocksNothingIsTakenForALeftover();
@@ -222,6 +226,58 @@ void TestPartFolder::aFolderOfSomebodyElseInItsPlaceIsRefused()
     };
     const test::GatedRun run = test::runGated({"openat", "fremovexattr"}, work, keeper);
     QCOMPARE(run.error, EPERM);
+}
+
+void TestPartFolder::aNameIsTriedWithoutATrace()
+{
+    // Whether the name is free is not the question.
+    test::writeFile(inFolder("taken"), "content");
+    for (const std::string& name : {std::string("free"), std::string("taken"), std::string(255, 'x')}) {
+        QVERIFY(PartFolder::expectPossible({m_folder.get(), name}));
+        QCOMPARE(names(), QByteArrayList{"taken"});
+    }
+    QCOMPARE(test::contents(inFolder("taken")), QByteArray("content"));
+}
+
+void TestPartFolder::aNameThatCannotBeIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    QTest::addColumn<int>("error");
+    QTest::newRow("too long") << QByteArray(256, 'x') << ENAMETOOLONG;
+    QTest::newRow("too long for any path") << QByteArray(5000, 'x') << ENAMETOOLONG;
+    QTest::newRow("characters that are not allowed") << QByteArray("a:b") << EINVAL;
+    QTest::newRow("not of the encoding") << QByteArray("\xff") << EILSEQ;
+}
+
+void TestPartFolder::aNameThatCannotBeIsRefused()
+{
+    QFETCH(const QByteArray, name);
+    QFETCH(const int, error);
+    const test::GatedRun run = test::runGated(
+        {"openat"}, [&] { return PartFolder::expectPossible({m_folder.get(), name.toStdString()}); },
+        [&](const test::GatedCall& call) {
+            const bool isTried = (call.arguments[2] & O_CREAT) && name.size() < 10;
+            return isTried ? test::Answer::fail(error) : test::Answer::proceed();
+        });
+    QCOMPARE(run.error, error);
+    QCOMPARE(names(), QByteArrayList());
+}
+
+void TestPartFolder::killedWhileANameIsTried()
+{
+    bool wasKilled = true;
+    size_t n = 0;
+    for (; wasKilled; ++n) {
+        const test::GatedRun run = test::runGated(
+            test::fileSystemCalls(), [this] { return PartFolder::expectPossible({m_folder.get(), "name"}); },
+            [n](const test::GatedCall& call) {
+                return call.index == n ? test::Answer::kill() : test::Answer::proceed();
+            });
+        wasKilled = run.wasKilled;
+        removeLeftovers();
+        QCOMPARE(names(), QByteArrayList());
+    }
+    QVERIFY(n > 10);
 }
 
 namespace

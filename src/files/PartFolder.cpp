@@ -92,6 +92,20 @@ Outcome<PartFolder> PartFolder::create(int folder)
     }
 }
 
+Outcome<void> PartFolder::expectPossible(const EntryPlace& place)
+{
+    const Outcome<PartFolder> part = create(place.folder);
+    if (!part) return part.error();
+    // Where a copy is built, so that whatever is left of it goes as one does.
+    const EntryPlace inside = part->content();
+    if (::mkdirat(inside.folder, inside.name.c_str(), 0700) != 0) return SystemError::last();
+    const std::string path = inside.name + '/' + place.name;
+    const FileDescriptor file(
+        ::openat(inside.folder, path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file) return SystemError::last();
+    return {};
+}
+
 Outcome<bool> PartFolder::occupy()
 {
     m_opened = FileDescriptor(

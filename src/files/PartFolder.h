@@ -22,6 +22,11 @@ public:
     /// Makes one in `folder`, which must stay open longer.
     [[nodiscard]] static Outcome<PartFolder> create(int folder);
 
+    /// Whether the folder of `place`, which is open, can hold an entry of its name. It fails as the file
+    /// system does for a name that is too long or has characters that it does not take. The name is tried in
+    /// a part folder, so that nothing ever appears at `place`.
+    [[nodiscard]] static Outcome<void> expectPossible(const EntryPlace& place);
+
     /// Removes the part folders that killed processes of this user left in `folder`, as far as that is
     /// possible. Those that somebody still works in stay, and so does a folder that others may write into.
     static void removeLeftovers(int folder);

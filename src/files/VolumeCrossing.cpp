@@ -29,6 +29,8 @@ public:
     {
         const Outcome<EntryStatus> source = m_tree.look();
         if (!source) return source.error();
+        const Outcome<void> possible = PartFolder::expectPossible(m_to);
+        if (!possible) return possible;
         const Outcome<EntryStatus> copy = makeCopy(*source);
         if (!copy) return copy.error();
         Outcome<void> removed = syncTargetFolder();
