@@ -27,7 +27,7 @@ public:
     /// refused for any other reason is never tried as a copy. Fails with EEXIST when anything stands at
     /// `target`, and with the reason of the system otherwise; the entry is then left where it was, with the
     /// exceptions that renameWithoutReplacing() and moveAcrossVolumes() tell of. Across volumes: EBUSY when
-    /// the source changed meanwhile, EOPNOTSUPP for pipes, sockets and devices.
+    /// the content of the source changed meanwhile, EOPNOTSUPP for pipes, sockets and devices.
     ///
     /// Blocks for as long as it takes.
     Outcome<void> moveItem(const std::string& source, const std::string& target);
