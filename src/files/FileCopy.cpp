@@ -184,58 +184,40 @@ Outcome<void> ContentCopy::expectSourceEnd()
     return {};
 }
 
-/// Compares the contents of two open files.
-class ContentComparison
+Outcome<void> readWhole(int file, char* bytes, uint64_t length, uint64_t at)
 {
-public:
-    ContentComparison(int source, int copy, uint64_t size, const std::stop_token& stop)
-        : m_source(source), m_copy(copy), m_size(size), m_stop(stop)
-    {
+    for (uint64_t done = 0; done < length;) {
+        const Outcome<uint64_t> size = readSome(file, bytes + done, length - done, at + done);
+        if (!size) return size.error();
+        if (*size == 0) return SystemError{EBUSY};
+        done += *size;
     }
+    return {};
+}
 
-    Outcome<void> run()
-    {
-        for (uint64_t at = 0; at < m_size;) {
-            const Outcome<Range> inSource = nextData(m_source, at, m_size);
-            if (!inSource) return inSource.error();
-            const Outcome<Range> inCopy = nextData(m_copy, at, m_size);
-            if (!inCopy) return inCopy.error();
-            // What comes before is a hole in both.
-            const Range data = inSource->begin < inCopy->begin ? *inSource : *inCopy;
-            for (at = data.begin; at < data.end; at += bufferSize) {
-                const Outcome<void> same = compare(at, std::min(bufferSize, data.end - at));
-                if (!same) return same;
-            }
-            at = data.end;
+Outcome<void> expectSameContent(int source, int copy, uint64_t size, const std::stop_token& stop)
+{
+    const auto bytes = std::make_unique_for_overwrite<char[]>(bufferSize);
+    const auto bytesOfCopy = std::make_unique_for_overwrite<char[]>(bufferSize);
+    for (uint64_t at = 0; at < size;) {
+        const Outcome<Range> inSource = nextData(source, at, size);
+        if (!inSource) return inSource.error();
+        const Outcome<Range> inCopy = nextData(copy, at, size);
+        if (!inCopy) return inCopy.error();
+        // What comes before is a hole in both.
+        const Range data = inSource->begin < inCopy->begin ? *inSource : *inCopy;
+        for (at = data.begin; at < data.end;) {
+            if (stop.stop_requested()) return SystemError{ECANCELED};
+            const uint64_t length = std::min(bufferSize, data.end - at);
+            Outcome<void> read = readWhole(source, bytes.get(), length, at);
+            if (read) read = readWhole(copy, bytesOfCopy.get(), length, at);
+            if (!read) return read;
+            if (std::memcmp(bytes.get(), bytesOfCopy.get(), length) != 0) return SystemError{EBUSY};
+            at += length;
         }
-        return {};
     }
-
-private:
-    Outcome<void> compare(uint64_t at, uint64_t length)
-    {
-        if (m_stop.stop_requested()) return SystemError{ECANCELED};
-        for (const auto& [file, bytes] : {std::pair(m_source, bytesOfSource()), {m_copy, bytesOfCopy()}}) {
-            for (uint64_t done = 0; done < length;) {
-                const Outcome<uint64_t> size = readSome(file, bytes + done, length - done, at + done);
-                if (!size) return size.error();
-                if (*size == 0) return SystemError{EBUSY};
-                done += *size;
-            }
-        }
-        if (std::memcmp(bytesOfSource(), bytesOfCopy(), length) != 0) return SystemError{EBUSY};
-        return {};
-    }
-
-    char* bytesOfSource() { return m_buffers.get(); }
-    char* bytesOfCopy() { return m_buffers.get() + bufferSize; }
-
-    const int m_source;
-    const int m_copy;
-    const uint64_t m_size;
-    const std::stop_token& m_stop;
-    const std::unique_ptr<char[]> m_buffers = std::make_unique_for_overwrite<char[]>(2 * bufferSize);
-};
+    return {};
+}
 
 Outcome<FileDescriptor> openSource(const EntryPlace& source, const EntryStatus& seen)
 {
@@ -266,7 +248,7 @@ Outcome<void> takeFileAgain(const EntryPlace& source, const EntryStatus& seen, i
 {
     const Outcome<FileDescriptor> file = openSource(source, seen);
     if (!file) return file.error();
-    const Outcome<void> same = ContentComparison(file->get(), copy, seen.size, stop).run();
+    const Outcome<void> same = expectSameContent(file->get(), copy, seen.size, stop);
     if (!same) return same;
     return takeAttributesAgain(file->get(), seen, copy);
 }

@@ -162,6 +162,7 @@ Outcome<void> TreeCopy::takeFile(const TreeEntry& entry, const EntryPlace& targe
 {
     const char* name = target.name.c_str();
     if (!isThere) {
+        // A path leads to an open file without a name, which needs to be followed and not to be made.
         const int creation = target.folder == AT_FDCWD ? 0 : O_CREAT | O_EXCL;
         const FileDescriptor file(::openat(target.folder, name, O_WRONLY | creation | O_CLOEXEC, 0600));
         if (!file) return SystemError::last();
