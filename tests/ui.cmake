@@ -11,6 +11,7 @@ harbex_test(tst_MainWindow LINKS harbex_ui)
 add_executable(tst_MainWindowOnX11 tst_MainWindowOnX11.cpp)
 target_link_libraries(tst_MainWindowOnX11 PRIVATE harbex_test_support harbex_ui)
 harbex_finish(tst_MainWindowOnX11)
+target_link_libraries(tst_MainWindowOnX11 PRIVATE harbex_qtry)
 add_test(NAME tst_MainWindowOnX11
   COMMAND ${PROJECT_SOURCE_DIR}/scripts/virtual-desktop $<TARGET_FILE:tst_MainWindowOnX11>)
 set_tests_properties(tst_MainWindowOnX11 PROPERTIES TIMEOUT 120)
