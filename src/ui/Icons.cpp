@@ -3,10 +3,12 @@
 #include <QGuiApplication>
 #include <QIconEngine>
 #include <QImage>
+#include <QLibraryInfo>
 #include <QPainter>
 #include <QPalette>
 #include <QPixmapCache>
 #include <QSvgRenderer>
+#include <QVersionNumber>
 
 // The linker leaves the resources of a static library out unless they are asked for, which only a function
 // outside every namespace can do.
@@ -49,19 +51,37 @@ class SymbolEngine : public QIconEngine
 public:
     SymbolEngine(Symbol symbol, QPalette::ColorRole activeInk) : m_symbol(symbol), m_activeInk(activeInk) {}
 
-    void paint(QPainter* painter, const QRect& rect, QIcon::Mode mode, QIcon::State state) override
+    void paint(QPainter* painter, const QRect& rect, QIcon::Mode mode, QIcon::State /*state*/) override
     {
         const qreal scale = painter->device()->devicePixelRatioF();
-        painter->drawPixmap(rect, scaledPixmap((QSizeF(rect.size()) * scale).toSize(), mode, state, scale));
+        painter->drawPixmap(rect, inked(pixelsOf(rect.size(), scale), mode, scale));
     }
 
-    QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State state) override
+    QPixmap pixmap(const QSize& size, QIcon::Mode mode, QIcon::State /*state*/) override
     {
-        return scaledPixmap(size, mode, state, 1.0);
+        return inked(size, mode, 1.0);
+    }
+
+    /// `size` is in units of the layout, of which each has `scale` pixels of the device; before Qt 6.8 it is
+    /// in pixels.
+    QPixmap scaledPixmap(const QSize& size, QIcon::Mode mode, QIcon::State /*state*/, qreal scale) override
+    {
+        const bool isInPixels = QLibraryInfo::version() < QVersionNumber(6, 8);
+        return inked(isInPixels ? size : pixelsOf(size, scale), mode, scale);
+    }
+
+    [[nodiscard]] QIconEngine* clone() const override { return new SymbolEngine(m_symbol, m_activeInk); }
+
+    bool isNull() override { return false; }
+
+private:
+    [[nodiscard]] static QSize pixelsOf(const QSize& size, qreal scale)
+    {
+        return (QSizeF(size) * scale).toSize();
     }
 
     /// `size` is in pixels of the device, of which `scale` make one unit of the layout.
-    QPixmap scaledPixmap(const QSize& size, QIcon::Mode mode, QIcon::State /*state*/, qreal scale) override
+    [[nodiscard]] QPixmap inked(const QSize& size, QIcon::Mode mode, qreal scale) const
     {
         const QColor ink = inkFor(mode);
         const QString key = QStringLiteral("harbex-symbol %1 %2 %3x%4 %5 %6")
@@ -78,11 +98,6 @@ public:
         return pixmap;
     }
 
-    [[nodiscard]] QIconEngine* clone() const override { return new SymbolEngine(m_symbol, m_activeInk); }
-
-    bool isNull() override { return false; }
-
-private:
     [[nodiscard]] QColor inkFor(QIcon::Mode mode) const
     {
         const QPalette palette = QGuiApplication::palette();
