@@ -79,7 +79,10 @@ FolderList::FolderList(ContentState& state, QWidget* parent) : QListWidget(paren
 // Other buttons than the left one would select the row.
 void FolderList::mousePressEvent(QMouseEvent* event)
 {
-    if (event->button() == Qt::LeftButton) QListWidget::mousePressEvent(event);
+    if (event->button() != Qt::LeftButton) return;
+    // Older versions of Qt than 6.8 did this themselves.
+    if (!itemAt(event->position().toPoint())) clearSelection();
+    QListWidget::mousePressEvent(event);
 }
 
 void FolderList::mouseReleaseEvent(QMouseEvent* event)
