@@ -40,6 +40,8 @@ bool areColoursOurs()
 ColorScheme::ColorScheme(QDBusConnection bus, QObject* parent) : QObject(parent)
 {
     if (!areColoursOurs()) return;
+    // Qt 6.4 does not connect a signal that has an argument of a type it has not met yet.
+    qRegisterMetaType<QDBusVariant>();
     // Without the service's name: with it, Qt would wait for the bus to say who owns it.
     bus.connect({}, path, interface, QStringLiteral("SettingChanged"), this,
                 // clang-format off
