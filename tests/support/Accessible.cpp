@@ -52,7 +52,9 @@ QString Accessible::description() const
 
 QString Accessible::role() const
 {
-    return ask(QStringLiteral("Accessible"), QStringLiteral("GetRoleName")).value(0).toString();
+    const QString name = ask(QStringLiteral("Accessible"), QStringLiteral("GetRoleName")).value(0).toString();
+    // GTK's newer name, from Debian 13 on. Qt has kept the older one.
+    return name == u"button" ? QStringLiteral("push button") : name;
 }
 
 bool Accessible::has(State state) const
