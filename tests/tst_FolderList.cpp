@@ -91,6 +91,7 @@ private Q_SLOTS:
     void aRowAnnouncesTheNameOfTheFolder();
     void anAddedFolderIsTheLastRowAndSelected();
     void aFolderRenamedInTheStoreIsShownRenamed();
+    void theIconHasTheColourOfTheTextInAnInactiveWindowToo();
     void aThousandFoldersAreShown();
 
     // Selecting.
@@ -126,6 +127,7 @@ private Q_SLOTS:
 void TestFolderList::cleanup()
 {
     if (QWidget* menu = QApplication::activePopupWidget()) menu->close();
+    QApplication::setPalette(QPalette());
 }
 
 void TestFolderList::aRowShowsTheLastComponentOfThePathWithTheFolderIcon()
@@ -190,6 +192,44 @@ void TestFolderList::aFolderRenamedInTheStoreIsShownRenamed()
     bench.store.saveState({folders, folders.at(0).id});
     bench.state.appear();
     QCOMPARE(bench.names(), QStringList({QStringLiteral("A"), QStringLiteral("Renamed")}));
+}
+
+void TestFolderList::theIconHasTheColourOfTheTextInAnInactiveWindowToo()
+{
+    QPalette palette;
+    for (const auto role : {QPalette::Text, QPalette::WindowText, QPalette::HighlightedText}) {
+        palette.setColor(QPalette::Active, role, Qt::red);
+        palette.setColor(QPalette::Inactive, role, Qt::green);
+    }
+    for (const auto role : {QPalette::Highlight, QPalette::Base, QPalette::AlternateBase})
+        palette.setColor(role, Qt::black);
+    QApplication::setPalette(palette);
+    const ListBench bench;
+    // Of a selected and of another row, on black.
+    const auto amounts = [&] {
+        const QRect rows =
+            bench.list->visualItemRect(bench.list->item(0)) | bench.list->visualItemRect(bench.list->item(1));
+        const QImage image = bench.list->viewport()->grab(rows).toImage();
+        std::pair<int, int> redAndGreen;
+        for (int y = 0; y < image.height(); ++y) {
+            for (int x = 0; x < image.width(); ++x) {
+                redAndGreen.first += image.pixelColor(x, y).red();
+                redAndGreen.second += image.pixelColor(x, y).green();
+            }
+        }
+        return redAndGreen;
+    };
+    const auto [red, noGreen] = amounts();
+    QVERIFY(red > 0);
+    QCOMPARE(noGreen, 0);
+
+    QWidget other;
+    other.show();
+    other.activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(&other));
+    const auto [noRed, green] = amounts();
+    QCOMPARE(noRed, 0);
+    QCOMPARE(green, red);
 }
 
 void TestFolderList::aThousandFoldersAreShown()

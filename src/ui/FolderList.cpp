@@ -46,6 +46,15 @@ public:
         const auto ink = isSelected ? QPalette::HighlightedText : QPalette::Highlight;
         drawFocusRing(*painter, *option.widget, option.rect, ink);
     }
+
+protected:
+    // The style draws the text in the colours of the window's state, of which an icon knows nothing.
+    void initStyleOption(QStyleOptionViewItem* option, const QModelIndex& index) const override
+    {
+        QStyledItemDelegate::initStyleOption(option, index);
+        if (!option->state.testFlag(QStyle::State_Active))
+            option->icon = symbolIcon(Symbol::folder, QPalette::WindowText, QPalette::Inactive);
+    }
 };
 
 QUuid idOf(const QListWidgetItem& row)

@@ -49,7 +49,10 @@ Drawing drawingOf(Symbol symbol)
 class SymbolEngine : public QIconEngine
 {
 public:
-    SymbolEngine(Symbol symbol, QPalette::ColorRole activeInk) : m_symbol(symbol), m_activeInk(activeInk) {}
+    SymbolEngine(Symbol symbol, QPalette::ColorRole activeInk, QPalette::ColorGroup group)
+        : m_symbol(symbol), m_activeInk(activeInk), m_group(group)
+    {
+    }
 
     void paint(QPainter* painter, const QRect& rect, QIcon::Mode mode, QIcon::State /*state*/) override
     {
@@ -70,7 +73,10 @@ public:
         return inked(isInPixels ? size : pixelsOf(size, scale), mode, scale);
     }
 
-    [[nodiscard]] QIconEngine* clone() const override { return new SymbolEngine(m_symbol, m_activeInk); }
+    [[nodiscard]] QIconEngine* clone() const override
+    {
+        return new SymbolEngine(m_symbol, m_activeInk, m_group);
+    }
 
     bool isNull() override { return false; }
 
@@ -105,13 +111,13 @@ private:
         case QIcon::Disabled:
             return palette.color(QPalette::Disabled, QPalette::WindowText);
         case QIcon::Selected:
-            return palette.color(QPalette::HighlightedText);
+            return palette.color(m_group, QPalette::HighlightedText);
         case QIcon::Active:
-            return palette.color(m_activeInk);
+            return palette.color(m_group, m_activeInk);
         case QIcon::Normal:
             break;
         }
-        return palette.color(QPalette::WindowText);
+        return palette.color(m_group, QPalette::WindowText);
     }
 
     [[nodiscard]] QImage draw(const QSize& size, qreal scale, const QColor& ink) const
@@ -133,14 +139,15 @@ private:
 
     Symbol m_symbol;
     QPalette::ColorRole m_activeInk;
+    QPalette::ColorGroup m_group;
 };
 
 } // namespace
 
-QIcon symbolIcon(Symbol symbol, QPalette::ColorRole activeInk)
+QIcon symbolIcon(Symbol symbol, QPalette::ColorRole activeInk, QPalette::ColorGroup group)
 {
     bringResourcesIn();
-    return QIcon(new SymbolEngine(symbol, activeInk));
+    return QIcon(new SymbolEngine(symbol, activeInk, group));
 }
 
 } // namespace harbex
