@@ -45,7 +45,8 @@ QString readableText(const QString& text)
 {
     QString readable;
     readable.reserve(text.size());
-    for (const char32_t c : text.toUcs4()) {
+    const QList<uint> characters = text.toUcs4();
+    for (const char32_t c : characters) {
         if (breaksALine(c))
             readable += escape(c);
         else

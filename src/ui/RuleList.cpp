@@ -214,7 +214,8 @@ void RuleList::putInOrder()
     QWidget* previous = this;
     for (const RuleRow* row : m_rows) {
         if (!row) continue;
-        for (QWidget* control : row->controls()) {
+        const QList<QWidget*> controls = row->controls();
+        for (QWidget* control : controls) {
             setTabOrder(previous, control);
             previous = control;
         }
