@@ -62,7 +62,8 @@ ComparableText::ComparableText(const QString& text)
 SplitName::SplitName(std::string_view name)
 {
     const QString text = textOfName(name);
-    for (const QStringView piece : QStringView(text).split(u'.', Qt::SkipEmptyParts))
+    const QList<QStringView> split = QStringView(text).split(u'.', Qt::SkipEmptyParts);
+    for (const QStringView piece : split)
         pieces.push_back(piece.toString());
     if (pieces.empty()) return;
     base = ComparableText(pieces.front());
