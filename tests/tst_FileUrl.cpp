@@ -68,7 +68,7 @@ private Q_SLOTS:
 void TestFileUrl::emptyTextIsNoUrl()
 {
     QVERIFY(!FileUrl::fromString(QString()));
-    QVERIFY(!FileUrl::fromString(QStringLiteral("")));
+    QVERIFY(!FileUrl::fromString(QLatin1String("")));
 }
 
 void TestFileUrl::unparsableTextIsNoUrl_data()
