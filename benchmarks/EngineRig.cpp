@@ -114,32 +114,4 @@ void EngineRig::settle(std::chrono::milliseconds time)
     loop.exec();
 }
 
-BurstRig::BurstRig(int count)
-    : m_count(count), m_in(m_scratch.folder("in")), m_out(m_scratch.folder("out")),
-      m_stage(m_scratch.folder("stage")), m_rig({picturesRule(m_in, m_out)})
-{
-    makeFiles(m_stage, "photo", m_count);
-}
-
-double BurstRig::secondsToMove()
-{
-    EngineRig::settle(std::chrono::milliseconds(500));
-    renameFiles(m_stage, m_in, "photo", m_count);
-    const auto begin = Clock::now();
-    m_rig.waitForMoved(m_moved += m_count);
-    const double seconds = secondsSince(begin);
-    renameFiles(m_out, m_stage, "photo", m_count);
-    return seconds;
-}
-
-double BurstRig::secondsOfBareRenames()
-{
-    const std::filesystem::path bare = m_scratch.folder("bare");
-    const auto begin = Clock::now();
-    renameFiles(m_stage, bare, "photo", m_count);
-    const double seconds = secondsSince(begin);
-    renameFiles(bare, m_stage, "photo", m_count);
-    return seconds;
-}
-
 } // namespace harbex::bench

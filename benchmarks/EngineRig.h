@@ -72,26 +72,4 @@ private:
     std::size_t m_mostThreads = 0;
 };
 
-/// Files that arrive in a watched folder one right after the other, as often as it is asked for.
-class BurstRig
-{
-public:
-    explicit BurstRig(int count);
-
-    /// From the last arrival to the last move.
-    [[nodiscard]] double secondsToMove();
-
-    /// Of as many calls of rename(2).
-    [[nodiscard]] double secondsOfBareRenames();
-
-private:
-    const int m_count;
-    const ScratchFolder m_scratch;
-    const std::filesystem::path m_in;
-    const std::filesystem::path m_out;
-    const std::filesystem::path m_stage;
-    EngineRig m_rig;
-    int m_moved = 0;
-};
-
 } // namespace harbex::bench

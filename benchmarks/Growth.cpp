@@ -1,6 +1,7 @@
 #include "Growth.h"
 
 #include "EngineRig.h"
+#include "MoverRig.h"
 #include "watcher/RuleMatching.h"
 
 #include <cstdlib>

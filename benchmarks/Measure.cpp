@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 namespace harbex::bench
 {
@@ -21,9 +22,20 @@ std::string format(const char* pattern, double value, const std::string& unit = 
 
 } // namespace
 
+double secondsBetween(Clock::time_point begin, Clock::time_point end)
+{
+    return std::chrono::duration<double>(end - begin).count();
+}
+
 double secondsSince(Clock::time_point begin)
 {
-    return std::chrono::duration<double>(Clock::now() - begin).count();
+    return secondsBetween(begin, Clock::now());
+}
+
+void fail(const std::string& who, const char* what)
+{
+    std::fprintf(stderr, "harbex_bench: %s %s\n", who.c_str(), what);
+    std::exit(2);
 }
 
 double median(std::vector<double> values)

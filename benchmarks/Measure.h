@@ -10,8 +10,14 @@ namespace harbex::bench
 
 using Clock = std::chrono::steady_clock;
 
+/// Seconds from `begin` to `end`.
+[[nodiscard]] double secondsBetween(Clock::time_point begin, Clock::time_point end);
+
 /// Seconds since `begin`.
 [[nodiscard]] double secondsSince(Clock::time_point begin);
+
+/// Ends the benchmark with "WHO WHAT" on standard error: nothing can be measured.
+[[noreturn]] void fail(const std::string& who, const char* what);
 
 /// The middle one of the values, of which there is at least one.
 [[nodiscard]] double median(std::vector<double> values);

@@ -1,14 +1,13 @@
 #include "ProcessRig.h"
 
+#include "ChildProcess.h"
 #include "EngineRig.h"
+#include "base/FileDescriptor.h"
 #include "store/FolderStore.h"
-
-#include <QProcess>
 
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -24,64 +23,29 @@ namespace
 
 using std::filesystem::path;
 
-/// A program that runs until the end of this object.
-class Running
+/// The command that finds the window of a process if it can be seen. It complains of windows that vanish
+/// meanwhile.
+std::string searchForWindow(const ChildProcess& process)
 {
-public:
-    explicit Running(const char* program)
-    {
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.setStandardOutputFile(QProcess::nullDevice());
-        m_process.start(QString::fromUtf8(program), QStringList());
-        if (!m_process.waitForStarted()) std::abort();
-    }
-    ~Running()
-    {
-        m_process.terminate();
-        m_process.waitForFinished();
-    }
-    Running(const Running&) = delete;
-    Running& operator=(const Running&) = delete;
+    return "xdotool search --onlyvisible --all --pid " + process.id() + " --name . 2> /dev/null ";
+}
 
-    [[nodiscard]] path proc() const { return "/proc/" + std::to_string(m_process.processId()); }
-
-    void waitForWindow() const
-    {
-        waitUntil([this] { return isWindowVisible(); });
+void waitForWindow(const ChildProcess& process, bool isVisible)
+{
+    const std::string search = searchForWindow(process) + "> /dev/null";
+    for (int tries = 300; (std::system(search.c_str()) == 0) != isVisible; --tries) {
+        if (tries == 0) fail("a window", isVisible ? "does not appear" : "does not go away");
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
+}
 
-    /// Asks the window manager to close its window, as the button in the title does. A key could come late
-    /// and close the window of the next program.
-    void closeWindow() const
-    {
-        (void)std::system((search() + "| xargs wmctrl -i -c").c_str());
-        waitUntil([this] { return !isWindowVisible(); });
-    }
-
-private:
-    /// The command that finds its window if it can be seen. It complains of windows that vanish meanwhile.
-    [[nodiscard]] std::string search() const
-    {
-        return "xdotool search --onlyvisible --all --pid " + std::to_string(m_process.processId()) +
-               " --name . 2> /dev/null ";
-    }
-
-    [[nodiscard]] bool isWindowVisible() const
-    {
-        return std::system((search() + "> /dev/null").c_str()) == 0;
-    }
-
-    /// Ends the benchmark when nothing happens for half a minute.
-    static void waitUntil(const std::function<bool()>& isTrue)
-    {
-        for (int tries = 300; !isTrue(); --tries) {
-            if (tries == 0) std::abort();
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-    }
-
-    QProcess m_process;
-};
+/// Asks the window manager to close the window, as the button in the title does. A key could come late and
+/// close the window of the next program.
+void closeWindow(const ChildProcess& process)
+{
+    (void)std::system((searchForWindow(process) + "| xargs wmctrl -i -c").c_str());
+    waitForWindow(process, false);
+}
 
 /// The sum of the numbers behind `key` in a file of /proc.
 long sumOf(const path& file, const std::string& key)
@@ -129,10 +93,18 @@ long wakeUpsSince(const WakeUps& before, const path& proc)
     return sum;
 }
 
-/// Megabytes of the process, by a key of smaps_rollup.
-double memory(const Running& running, const std::string& key)
+/// Kilobytes of memory that no other process has mapped.
+struct UniqueMemory {
+    double clean = 0;
+    /// Written to, so that no file could give it back.
+    double dirty = 0;
+};
+
+UniqueMemory uniqueMemory(const ChildProcess& process)
 {
-    return static_cast<double>(sumOf(running.proc() / "smaps_rollup", key)) / 1024;
+    const path file = process.proc() / "smaps_rollup";
+    return {static_cast<double>(sumOf(file, "Private_Clean:")),
+            static_cast<double>(sumOf(file, "Private_Dirty:"))};
 }
 
 void pause(std::chrono::milliseconds time)
@@ -140,76 +112,107 @@ void pause(std::chrono::milliseconds time)
     std::this_thread::sleep_for(time);
 }
 
+/// The configuration of a user with ten watched folders.
+class Configuration
+{
+public:
+    Configuration()
+    {
+        ::setenv("XDG_CONFIG_HOME", m_scratch.folder("config").c_str(), 1);
+        FolderState state;
+        for (int i = 0; i < 10; ++i)
+            state.folders.push_back(
+                picturesRule(m_scratch.folder("in" + std::to_string(i)), m_scratch.folder("out")));
+        FolderStore().saveState(state);
+    }
+
+    [[nodiscard]] path firstFolder() const { return m_scratch.folder("in0"); }
+
+private:
+    const ScratchFolder m_scratch;
+};
+
+/// A program whose window was closed so long ago that what a start leaves to be done in the background has
+/// ended, and so have the engine's idle threads, which stay for five seconds.
+std::unique_ptr<ChildProcess> idleProcess(const char* program)
+{
+    auto process = std::make_unique<ChildProcess>(program);
+    waitForWindow(*process, true);
+    closeWindow(*process);
+    pause(std::chrono::milliseconds(5500));
+    return process;
+}
+
+bool canShowWindows(Table& table, const char* what)
+{
+    if (std::getenv("DISPLAY")) return true;
+    table.addImpossible(what, "no display");
+    return false;
+}
+
 } // namespace
 
-void measureProcess(Table& table)
+void measureProcessStart(Table& table)
 {
-    if (!std::getenv("DISPLAY")) {
-        table.addImpossible("the program as a process", "no display");
-        return;
-    }
-    const ScratchFolder scratch;
-    ::setenv("XDG_CONFIG_HOME", scratch.folder("config").c_str(), 1);
-    FolderState state;
-    for (int i = 0; i < 10; ++i)
-        state.folders.push_back(
-            picturesRule(scratch.folder("in" + std::to_string(i)), scratch.folder("out")));
-    FolderStore().saveState(state);
-
+    const char* what = "process start to first watched folder, 10 folders";
+    if (!canShowWindows(table, what)) return;
+    const Configuration configuration;
     std::vector<double> starts;
     for (int i = 0; i < 7; ++i) {
         const auto begin = Clock::now();
-        const Running running(HARBEX_PROGRAM);
-        while (!hasInotifyWatch(running.proc()))
+        const ChildProcess process(HARBEX_PROGRAM);
+        while (!hasInotifyWatch(process.proc()))
             pause(std::chrono::milliseconds(1));
         starts.push_back(secondsSince(begin) * 1000);
     }
-    table.addLimit("process start to first watched folder, 10 folders", "ms", median(starts), 150);
+    table.addLimit(what, "ms", median(starts), 150);
+}
 
-    // In turn, each as a new process: what a start leaves to be done in the background has ended, and idle
-    // threads are gone.
-    const auto runIdle = [](const char* program) {
-        auto running = std::make_unique<Running>(program);
-        running->waitForWindow();
-        running->closeWindow();
-        pause(std::chrono::seconds(15));
-        return running;
+void measureMemory(Table& table)
+{
+    const char* what = "idle, window closed: unique memory / empty Qt window, icon";
+    if (!canShowWindows(table, what)) return;
+    const Configuration configuration;
+    // One at a time: what both have mapped would belong to neither.
+    std::vector<double> dirty;
+    std::vector<double> dirtyBaseline;
+    const auto total = [](const char* program, std::vector<double>& written) {
+        const UniqueMemory memory = uniqueMemory(*idleProcess(program));
+        written.push_back(memory.dirty / 1024);
+        return (memory.clean + memory.dirty) / 1024;
     };
-    struct Memory {
-        std::vector<double> resident;
-        std::vector<double> dirty;
+    const Pair pair = inTurn(
+        3, [&] { return total(HARBEX_EMPTY_WINDOW, dirtyBaseline); },
+        [&] { return total(HARBEX_PROGRAM, dirty); });
+    table.addRatio(what, "MB", pair, 1.15);
+    table.addRatio("    of it what was written to", "MB", {median(dirty), median(dirtyBaseline)}, 1.15);
+}
 
-        void add(const Running& running)
-        {
-            resident.push_back(memory(running, "Rss:"));
-            dirty.push_back(memory(running, "Private_Dirty:"));
-        }
-    };
-    Memory own;
-    Memory baseline;
-    for (int i = 0; i < 3; ++i) {
-        baseline.add(*runIdle(HARBEX_EMPTY_WINDOW));
-        own.add(*runIdle(HARBEX_PROGRAM));
-    }
-    table.addRatio("idle, window closed: resident memory / empty Qt window, icon", "MB",
-                   {median(own.resident), median(baseline.resident)}, 1.15);
-    table.addRatio("    of it what no file backs", "MB", {median(own.dirty), median(baseline.dirty)}, 1.15);
-
-    const auto harbex = runIdle(HARBEX_PROGRAM);
+void measureIdle(Table& table)
+{
+    const char* what = "idle for 30 s, window closed: wake-ups";
+    if (!canShowWindows(table, what)) return;
+    const Configuration configuration;
+    const auto harbex = idleProcess(HARBEX_PROGRAM);
     const WakeUps before = wakeUps(harbex->proc());
     pause(std::chrono::seconds(30));
-    table.addLimit("idle for 30 s, window closed: wake-ups", "",
-                   static_cast<double>(wakeUpsSince(before, harbex->proc())), 0);
+    table.addLimit(what, "", static_cast<double>(wakeUpsSince(before, harbex->proc())), 0);
+}
 
-    const path download = scratch.folder("in0") / "film.mp4.crdownload";
+void measureDownload(Table& table)
+{
+    const char* what = "a download grows 1,000 times: wake-ups";
+    if (!canShowWindows(table, what)) return;
+    const Configuration configuration;
+    const auto harbex = idleProcess(HARBEX_PROGRAM);
+    const path download = configuration.firstFolder() / "film.mp4.crdownload";
     const FileDescriptor file(::open(download.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
     pause(std::chrono::seconds(8));
-    const WakeUps beforeGrowth = wakeUps(harbex->proc());
+    const WakeUps before = wakeUps(harbex->proc());
     for (int i = 0; i < 1000; ++i)
-        if (::write(file.get(), "x", 1) != 1) std::abort();
+        if (::write(file.get(), "x", 1) != 1) fail(download.string(), "cannot be written");
     pause(std::chrono::seconds(1));
-    table.addLimit("a download grows 1,000 times: wake-ups", "",
-                   static_cast<double>(wakeUpsSince(beforeGrowth, harbex->proc())), 0);
+    table.addLimit(what, "", static_cast<double>(wakeUpsSince(before, harbex->proc())), 0);
 }
 
 } // namespace harbex::bench
