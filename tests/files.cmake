@@ -8,4 +8,6 @@ harbex_test(tst_FileMoveFaults LINKS harbex_files LABELS attack SOURCES support/
 harbex_test(tst_FileMoveMounts LINKS harbex_files LABELS attack)
 harbex_test(tst_FileMoveRaces LINKS harbex_files LABELS attack SOURCES support/MoveRound.cpp TIMEOUT 900)
 harbex_test(tst_FreeName LINKS harbex_files)
+harbex_test(tst_MountTable LINKS harbex_files)
 harbex_test(tst_PartFolder LINKS harbex_files LABELS attack)
+harbex_test(tst_RemoteVolume LINKS harbex_files)

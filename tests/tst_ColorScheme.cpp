@@ -151,7 +151,7 @@ void TestColorScheme::aDarkDesktopMakesTheProgramDark()
     QTRY_VERIFY(isDark());
     QCOMPARE(QApplication::palette().color(QPalette::Window),
              ColorScheme::darkPalette().color(QPalette::Window));
-    QCOMPARE(window.palette().color(QPalette::Window), QApplication::palette().color(QPalette::Window));
+    QTRY_COMPARE(window.palette().color(QPalette::Window), QApplication::palette().color(QPalette::Window));
 }
 
 void TestColorScheme::aLightDesktopOrNoPreferenceLeavesThePalette()

@@ -78,7 +78,7 @@ private Q_SLOTS:
 
     void aFolderThatCannotBeListedIsPassedOver_data();
     void aFolderThatCannotBeListedIsPassedOver();
-    void aFolderThatCanBeWatchedButNotListedIsPassedOver();
+    void aFolderThatNoDescriptorIsLeftForIsWatchedLater();
     void aFolderWhoseListingBreaksOffIsPassedOver();
     void aRefusedWatchIsLoggedAndAskedForAgainAtTheNextStart();
 
@@ -157,10 +157,11 @@ void TestEngineLifecycle::startTwiceInOneTurnLeavesOneWatchForEachFolder()
                                                 watched(other, {takeAll(m_out)})};
     DownloadImageRedirector engine;
     engine.start(folders);
+    const size_t watches = kernelWatchCount();
     engine.start(folders);
     QTRY_COMPARE(messages(engine), QStringList({started, started}));
     QCOMPARE(engine.activeFDs().size(), 2U);
-    QCOMPARE(kernelWatchCount(), 2U);
+    QTRY_COMPARE_WITH_TIMEOUT(kernelWatchCount(), watches, patience);
 
     m_scratch->arrive(m_inbox + "/photo.jpg", "");
     QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), QStringLiteral("Moved photo.jpg -> photo.jpg"), patience);
@@ -174,11 +175,12 @@ void TestEngineLifecycle::stopEndsWatching()
     DownloadImageRedirector engine;
     QVERIFY(startAndWait(engine, folders));
     QCOMPARE(engine.activeFDs().size(), 1U);
-    QCOMPARE(kernelWatchCount(), 1U);
+    QVERIFY(kernelWatchCount() > 0);
 
     engine.stop();
     QVERIFY(engine.activeFDs().empty());
-    QCOMPARE(kernelWatchCount(), 0U);
+    // A folder's watches end on its queue, because ending them may take long.
+    QTRY_COMPARE_WITH_TIMEOUT(kernelWatchCount(), 0U, patience);
     QTRY_VERIFY(!engine.isRunning());
     QTRY_COMPARE(messages(engine), QStringList({started, stopped}));
 
@@ -231,12 +233,13 @@ void TestEngineLifecycle::twoRestartsInOneTurnLeaveOneWatchForEachFolder()
                                                 watched(other, {takeAll(m_out)})};
     DownloadImageRedirector engine;
     QVERIFY(startAndWait(engine, folders));
+    const size_t watches = kernelWatchCount();
     engine.restart(folders);
     engine.restart(folders);
     QTRY_COMPARE(messages(engine), QStringList({started, stopped, stopped, started, started}));
     QVERIFY(engine.isRunning());
     QCOMPARE(engine.activeFDs().size(), 2U);
-    QCOMPARE(kernelWatchCount(), 2U);
+    QTRY_COMPARE_WITH_TIMEOUT(kernelWatchCount(), watches, patience);
 
     m_scratch->arrive(m_inbox + "/a.jpg", "");
     QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), QStringLiteral("Moved a.jpg -> a.jpg"), patience);
@@ -401,18 +404,22 @@ void TestEngineLifecycle::aFolderThatCannotBeListedIsPassedOver()
         messages(engine), QStringList({started, QStringLiteral("Moved photo.jpg -> photo.jpg")}), patience);
 }
 
-void TestEngineLifecycle::aFolderThatCanBeWatchedButNotListedIsPassedOver()
+void TestEngineLifecycle::aFolderThatNoDescriptorIsLeftForIsWatchedLater()
 {
+    writeFile(m_inbox + "/old.jpg", "");
+    Sentinel sentinel(*m_scratch, m_inbox);
     DownloadImageRedirector engine;
     {
         // For the events and for ending their reader, and none for the listing.
         const DescriptorLimit limit(2);
-        engine.start({watched(m_inbox, {takeAll(m_out)})});
+        engine.start({watched(m_inbox, {sentinel.rule(), takeAll(m_out)})});
+        QVERIFY(engine.activeFDs().empty());
     }
-    QTRY_COMPARE(messages(engine), QStringList{started});
-    QVERIFY(engine.activeFDs().empty());
-    QCOMPARE(kernelWatchCount(), 0U);
-    QCOMPARE(descriptorCount(), m_descriptors + 2);
+    // Nothing happens in the folder that would remind the engine of it.
+    QTRY_COMPARE_WITH_TIMEOUT(engine.activeFDs().size(), 1U, patience);
+    QVERIFY(sentinel.passes(engine));
+    QCOMPARE(messages(engine).filter(QStringLiteral("ailed")), QStringList{});
+    QCOMPARE(namesIn(m_inbox), QByteArrayList{"old.jpg"});
 }
 
 void TestEngineLifecycle::aFolderWhoseListingBreaksOffIsPassedOver()
@@ -455,17 +462,21 @@ void TestEngineLifecycle::twoRecordsOfOneFolderShareItsDescriptorAndMoveEachEntr
 {
     const std::string otherOut = m_scratch->makeFolder("other out");
     DownloadImageRedirector engine;
+    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
+    const size_t watches = kernelWatchCount();
     QVERIFY(
-        startAndWait(engine, {watched(m_inbox, {takeAll(m_out)}), watched(m_inbox, {takeAll(otherOut)})}));
+        restartAndWait(engine, {watched(m_inbox, {takeAll(m_out)}), watched(m_inbox, {takeAll(otherOut)})}));
     const std::vector<int> descriptors = engine.activeFDs();
     QCOMPARE(descriptors.size(), 2U);
     QCOMPARE(descriptors[0], descriptors[1]);
-    QCOMPARE(kernelWatchCount(), 1U);
+    QTRY_COMPARE_WITH_TIMEOUT(kernelWatchCount(), watches, patience);
 
     ArrivingFiles files(*m_scratch, m_inbox);
     QTRY_VERIFY_WITH_TIMEOUT(files.count() >= 100, patience);
     files.stop();
     QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_inbox), QByteArrayList{}, patience);
+    // The rule of the first record stands before that of the second.
+    QVERIFY(namesIn(otherOut).isEmpty());
     QVERIFY(areInOneOf(m_out, otherOut, files.count()));
     QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(QStringLiteral("Moved")).size(), files.count(),
                               patience);
@@ -525,12 +536,12 @@ void TestEngineLifecycle::whatArrivesBeforeAFolderIsWatchedIsKnown()
         }
         return {};
     };
-    const GatedRun run = runGated({"inotify_add_watch"}, work, [this](const GatedCall&) {
-        m_scratch->arrive(m_inbox + "/early", "early");
+    const GatedRun run = runGated({"inotify_add_watch"}, work, [this](const GatedCall& call) {
+        if (call.text(1) == m_inbox && !exists(m_inbox + "/early"))
+            m_scratch->arrive(m_inbox + "/early", "early");
         return Answer::proceed();
     });
     QVERIFY(run.succeeded());
-    QCOMPARE(run.calls, std::vector<std::string>{"inotify_add_watch #1"});
     QCOMPARE(namesIn(m_inbox), QByteArrayList{"early"});
 }
 
@@ -540,6 +551,7 @@ void TestEngineLifecycle::restartsDuringABurstLoseNothing()
     const std::vector<WatchedFolder> folders = {watched(m_inbox, {sentinel.rule(), takeAll(m_out)})};
     DownloadImageRedirector engine;
     QVERIFY(startAndWait(engine, folders));
+    const size_t watches = kernelWatchCount();
     ArrivingFiles files(*m_scratch, m_inbox);
     for (int i = 0; i < 10; ++i) {
         const int count = files.count();
@@ -550,7 +562,7 @@ void TestEngineLifecycle::restartsDuringABurstLoseNothing()
     files.stop();
     QVERIFY(sentinel.passes(engine));
     QVERIFY(areInOneOf(m_inbox, m_out, files.count()));
-    QCOMPARE(kernelWatchCount(), 1U);
+    QTRY_COMPARE_WITH_TIMEOUT(kernelWatchCount(), watches, patience);
     // None was tried twice: the second try would have found it gone.
     QCOMPARE(messages(engine).filter(QRegularExpression(QStringLiteral("^(Skipped|Move failed)"))),
              QStringList{});

@@ -106,7 +106,7 @@ void TestEngineMoves::aStableEntryIsSampledTwice()
     timer.start();
     m_scratch->arrive(m_inbox + "/photo.jpg", "content");
     QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("photo.jpg"), patience);
-    static_assert(EntryWalks::samplingInterval == std::chrono::milliseconds(150));
+    static_assert(EntryPipeline::samplingInterval == std::chrono::milliseconds(150));
     QVERIFY2(timer.elapsed() >= 300, qPrintable(QString::number(timer.elapsed())));
     QCOMPARE(contents(m_out + "/photo.jpg"), QByteArray("content"));
     QVERIFY(!exists(m_inbox + "/photo.jpg"));
@@ -503,14 +503,14 @@ void TestEngineMoves::anEntryOfAnotherFolderInThePlaceOfItsOwnStays()
     // When its size is read for the last time.
     int looks = 0;
     const GatedRun run = runGated({"statx"}, work, [&](const GatedCall& call) {
-        if (call.text(1) == m_inbox + "/photo.jpg" && ++looks == 4) {
+        if (call.text(1) == m_inbox + "/photo.jpg" && ++looks == 5) {
             renameEntry(m_inbox, m_scratch->path() + "/elsewhere");
             renameEntry(other, m_inbox);
         }
         return Answer::proceed();
     });
     QCOMPARE(run.error, 0);
-    QCOMPARE(looks, 4);
+    QCOMPARE(looks, 5);
     QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("of another"));
     QCOMPARE(namesIn(m_out), QByteArrayList());
 }

@@ -1,18 +1,20 @@
 #include "watcher/FolderWatch.h"
 
-#include "files/FileMove.h"
 #include "support/EngineFiles.h"
+#include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
 #include "support/Eventually.h"
+#include "support/PrivateMounts.h"
+#include "support/ServedFolder.h"
 #include "support/SyscallGate.h"
 #include "support/TestMain.h"
 
 #include <cerrno>
 #include <chrono>
-#include <linux/magic.h>
+#include <cstdio>
 #include <memory>
+#include <set>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <thread>
 
 using namespace harbex;
@@ -21,11 +23,13 @@ using namespace harbex::test;
 namespace
 {
 
+using Clock = std::chrono::steady_clock;
+
 /// Folders that are watched without a main loop around them: everything that arrives is moved to `out`.
 class Watches
 {
 public:
-    Watches(const ScratchFolder& scratch, std::string out) : m_scratch(scratch), m_out(std::move(out)) {}
+    explicit Watches(std::string out) : m_out(std::move(out)) {}
     ~Watches()
     {
         for (const auto& watch : m_watches)
@@ -35,65 +39,66 @@ public:
     Watches(const Watches&) = delete;
     Watches& operator=(const Watches&) = delete;
 
-    /// Watches a folder; an entry of the name "first" arrives before its scan of the beginning, and is moved.
+    /// Fails with ETIME when the folder is not watched.
     [[nodiscard]] Outcome<void> add(const std::string& inbox)
     {
-        const auto watch = std::make_shared<FolderWatch>(watched(inbox, {takeAll(m_out)}), m_pool, m_fileMove,
-                                                         [](const QString&) {});
-        if (Outcome<void> opened = watch->open(m_events); !opened) return opened;
-        // With a snapshot from before, when it was empty.
-        const Outcome<FileIdentity> identity = identityOf(inbox);
-        if (!identity) return identity.error();
-        const auto listed = watch->list(std::make_shared<KnownItems>(*identity));
-        if (!listed) return listed.error();
-        arrive(inbox, "first");
-        watch->begin();
+        const EntryPipeline::Services services{m_pool, m_events, m_fileMove, m_history,
+                                               [](const QString&) {}};
+        const auto watch =
+            FolderWatch::start(services, FileUrl::fromPath(inbox), QUuid::createUuid(), {takeAll(m_out)});
         m_watches.push_back(watch);
-        return waitForMoved("first");
-    }
-
-    void arrive(const std::string& inbox, const std::string& name) const
-    {
-        m_scratch.arrive(inbox + '/' + name, name);
-    }
-
-    /// Takes the entry away again; fails with ETIME when it is not moved.
-    [[nodiscard]] Outcome<void> waitForMoved(const std::string& name) const
-    {
-        const std::string target = m_out + '/' + name;
-        if (!eventually([&target] { return exists(target); })) return SystemError{ETIME};
-        removeEntry(target);
+        if (!eventually([&] { return watch->descriptor() >= 0; })) return SystemError{ETIME};
         return {};
     }
 
+    void cancelFirst() const { m_watches.front()->cancel(); }
+
+    /// Fails with ETIME when nothing of this name is moved.
+    [[nodiscard]] Outcome<void> waitForMoved(const std::string& name) const
+    {
+        return waitFor(m_out + '/' + name);
+    }
+
+    /// Fails with ETIME when nothing comes to stand at this path. Waits longer than a folder is left
+    /// unlisted.
+    [[nodiscard]] static Outcome<void> waitFor(const std::string& path)
+    {
+        const auto isThere = [&path] { return exists(path); };
+        return eventually(isThere) || eventually(isThere) ? Outcome<void>() : SystemError{ETIME};
+    }
+
 private:
-    const ScratchFolder& m_scratch;
     const std::string m_out;
     FileMove m_fileMove;
+    MoveHistory m_history;
     WorkerPool m_pool;
     DirectoryEvents m_events;
     std::vector<std::shared_ptr<FolderWatch>> m_watches;
 };
 
-/// A kernel that takes watches and tells nothing of what happens in the folders. They lie on volumes of these
-/// types, in the order in which they are watched.
-Gatekeeper blindKernel(const std::vector<uint32_t>& volumeTypes)
+bool isPoll(const GatedCall& call)
 {
-    return [volumeTypes](const GatedCall& call) {
-        if (call.name == "inotify_add_watch") return Answer::give(int64_t(call.ordinal));
-        struct statfs volume = {};
-        volume.f_type = volumeTypes.at(call.ordinal - 1);
-        call.writeMemory(call.arguments[1],
-                         std::string(reinterpret_cast<const char*>(&volume), sizeof volume));
-        return Answer::give(0);
-    };
+    return call.name == "statx" && call.arguments[3] == STATX_MTIME;
 }
 
-const std::vector<std::string> gatedCalls{"fstatfs", "inotify_add_watch"};
+/// Which folder a gated listing or poll is about.
+std::string folderOf(const GatedCall& call)
+{
+    return call.pathOfOpen(static_cast<int>(call.arguments[0]));
+}
+
+/// Gives a poll this modification time.
+Answer giveTime(const GatedCall& call, int64_t seconds)
+{
+    struct statx status = {};
+    status.stx_mtime.tv_sec = seconds;
+    call.writeMemory(call.arguments[4], std::string(reinterpret_cast<const char*>(&status), sizeof status));
+    return Answer::give(0);
+}
 
 } // namespace
 
-/// What a watch does that cannot be seen from outside the engine; the rest is tested with the whole engine.
+/// When a folder is looked at, which cannot be seen from outside the engine.
 class TestFolderWatch : public QObject
 {
     Q_OBJECT
@@ -106,212 +111,176 @@ private Q_SLOTS:
         m_out = m_scratch->makeFolder("out");
     }
 
-    void eachRecordHasAQueueOfItsOwnName();
-    void aScanThatWaitsWhenItsWatchIsCancelledFindsNothing();
-    void changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume_data();
-    void changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume();
+    void aFolderRestsInProportionToItsListing();
+    void aSlowListingDoesNotMakeAFolderDeaf();
+    void aScanDuringWhichItsWatchIsCancelledFindsNothing();
     void timesThatAreTooCoarseToTellHideNothing();
-    void aLocalVolumeIsNotLookedAt_data();
-    void aLocalVolumeIsNotLookedAt();
-    void aSnapshotOfAnotherFolderIsNotUsed();
-    void aFolderRestsAlthoughSomethingArrivesDuringEachScan();
+    void aServerWithoutTimesIsListedNowAndThen();
 
 private:
+    // Not empty: whether that is a placeholder takes a listing.
+    void arrive(const std::string& path) const { m_scratch->arrive(path, "content"); }
+
     std::unique_ptr<ScratchFolder> m_scratch;
     std::string m_inbox;
     std::string m_out;
 };
 
-void TestFolderWatch::eachRecordHasAQueueOfItsOwnName()
+void TestFolderWatch::aFolderRestsInProportionToItsListing()
 {
-    WorkerPool pool;
-    FileMove fileMove;
-    for (const char* id : {"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF", "00000000-0000-0000-0000-000000000000"}) {
-        WatchedFolder folder = watched(m_inbox, {});
-        folder.id = QUuid::fromString(QLatin1String(id));
-        const FolderWatch watch(folder, pool, fileMove, [](const QString&) {});
-        QCOMPARE(watch.queueLabel(), std::string("harbex.watcher.") + id);
-    }
-}
-
-void TestFolderWatch::aScanThatWaitsWhenItsWatchIsCancelledFindsNothing()
-{
-    FileMove fileMove;
-    WorkerPool pool;
-    DirectoryEvents events;
-    const auto makeWatch = [&](std::shared_ptr<KnownItems>& known) {
-        auto watch = std::make_shared<FolderWatch>(watched(m_inbox, {takeAll(m_out)}), pool, fileMove,
-                                                   [](const QString&) {});
-        if (!watch->open(events)) qFatal("cannot watch");
-        const auto listed = watch->list(nullptr);
-        if (!listed) qFatal("cannot list");
-        known = *listed;
-        watch->begin();
-        return watch;
-    };
-    std::shared_ptr<KnownItems> known;
-    const auto cancelled = makeWatch(known);
-    {
-        const MutexLock lock(known->mutex);
-        m_scratch->arrive(m_inbox + "/hidden", "");
-        QVERIFY(eventually([&] { return pool.threadCount() > 0; }));
-        cancelled->cancel();
-    }
-    // To the second watch it is known.
-    std::shared_ptr<KnownItems> knownLater;
-    const auto watch = makeWatch(knownLater);
-    for (const char* name : {"/first", "/second"}) {
-        m_scratch->arrive(m_inbox + name, "");
-        QVERIFY(eventually([&] { return exists(m_out + name); }));
-    }
-    QVERIFY(exists(m_inbox + "/hidden"));
-    watch->cancel();
-    pool.stop();
-}
-
-void TestFolderWatch::changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume_data()
-{
-    QTest::addColumn<uint>("type");
-    QTest::newRow("NFS") << uint(NFS_SUPER_MAGIC);
-    QTest::newRow("FUSE") << uint(FUSE_SUPER_MAGIC);
-}
-
-void TestFolderWatch::changesThatTheKernelDoesNotTellAreFoundOnARemoteVolume()
-{
-    QFETCH(const uint, type);
-    const auto work = [this]() -> Outcome<void> {
-        Watches watches(*m_scratch, m_out);
-        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
-        // The first may be found by the scan of the beginning, the second follows upon what the first
-        // changed.
-        for (const char* name : {"second", "third"}) {
-            watches.arrive(m_inbox, name);
-            if (Outcome<void> moved = watches.waitForMoved(name); !moved) return moved;
-        }
-        return {};
-    };
-    const GatedRun run = runGated(gatedCalls, work, blindKernel({type}));
-    QCOMPARE(run.calls, (std::vector<std::string>{"inotify_add_watch #1", "fstatfs #1"}));
-    QVERIFY(run.succeeded());
-}
-
-void TestFolderWatch::timesThatAreTooCoarseToTellHideNothing()
-{
-    const auto work = [this]() -> Outcome<void> {
-        Watches watches(*m_scratch, m_out);
-        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
-        return watches.waitForMoved("second");
-    };
-    const Gatekeeper blind = blindKernel({NFS_SUPER_MAGIC});
-    int looks = 0;
-    const auto keeper = [&](const GatedCall& call) {
-        if (call.name != "statx") return blind(call);
-        if (call.arguments[3] != STATX_MTIME) return Answer::proceed();
-        // The second look finds a change. What arrives after it, within the same tick of the clock of the
-        // volume, changes the time no more.
-        if (++looks == 3) m_scratch->arrive(m_inbox + "/second", "");
-        struct statx status = {};
-        status.stx_mtime.tv_sec = looks == 1 ? 1000 : 2000;
-        call.writeMemory(call.arguments[4],
-                         std::string(reinterpret_cast<const char*>(&status), sizeof status));
-        return Answer::give(0);
-    };
-    const GatedRun run = runGated({"fstatfs", "inotify_add_watch", "statx"}, work, keeper);
-    QVERIFY(run.succeeded());
-}
-
-void TestFolderWatch::aLocalVolumeIsNotLookedAt_data()
-{
-    QTest::addColumn<uint>("type");
-    QTest::newRow("ext4") << uint(EXT4_SUPER_MAGIC);
-    QTest::newRow("overlay") << uint(OVERLAYFS_SUPER_MAGIC);
-}
-
-void TestFolderWatch::aLocalVolumeIsNotLookedAt()
-{
-    QFETCH(const uint, type);
-    const std::string local = m_scratch->makeFolder("local");
-    const auto work = [&]() -> Outcome<void> {
-        Watches watches(*m_scratch, m_out);
-        if (Outcome<void> added = watches.add(local); !added) return added;
-        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
-        watches.arrive(local, "unseen");
-        for (const char* name : {"second", "third"}) {
-            watches.arrive(m_inbox, name);
-            if (Outcome<void> moved = watches.waitForMoved(name); !moved) return moved;
-        }
-        return {};
-    };
-    const GatedRun run = runGated(gatedCalls, work, blindKernel({type, NFS_SUPER_MAGIC}));
-    QVERIFY(run.succeeded());
-    QVERIFY(exists(local + "/unseen"));
-}
-
-// Two records of one URL, and between their starts another folder takes the place of the first.
-void TestFolderWatch::aSnapshotOfAnotherFolderIsNotUsed()
-{
-    FileMove fileMove;
-    WorkerPool pool;
-    DirectoryEvents events;
-    const auto makeWatch = [&] {
-        return std::make_shared<FolderWatch>(watched(m_inbox, {takeAll(m_out)}), pool, fileMove,
-                                             [](const QString&) {});
-    };
-    const auto first = makeWatch();
-    QVERIFY(first->open(events));
-    const auto known = first->list(nullptr);
-    QVERIFY(known);
-    renameEntry(m_inbox, m_scratch->path() + "/elsewhere");
-    makeFolder(m_inbox);
-    writeFile(m_inbox + "/old", "old");
-
-    const auto second = makeWatch();
-    QVERIFY(second->open(events));
-    QVERIFY(second->list(*known));
-    second->begin();
-    m_scratch->arrive(m_inbox + "/new", "new");
-    QVERIFY(eventually([&] { return exists(m_out + "/new"); }));
-    QCOMPARE(contents(m_inbox + "/old"), QByteArray("old"));
-    first->cancel();
-    second->cancel();
-    pool.stop();
-}
-
-void TestFolderWatch::aFolderRestsAlthoughSomethingArrivesDuringEachScan()
-{
-    using Clock = std::chrono::steady_clock;
     constexpr std::chrono::milliseconds listing{20};
     constexpr int arrivals = 300;
     const auto work = [this]() -> Outcome<void> {
-        FileMove fileMove;
-        WorkerPool pool;
-        DirectoryEvents events;
-        const auto watch =
-            std::make_shared<FolderWatch>(watched(m_inbox, {}), pool, fileMove, [](const QString&) {});
-        if (Outcome<void> opened = watch->open(events); !opened) return opened;
-        if (const auto listed = watch->list(nullptr); !listed) return listed.error();
-        watch->begin();
+        Watches watches(m_out);
+        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
         for (int i = 0; i < arrivals; ++i) {
-            m_scratch->arrive(m_inbox + '/' + std::to_string(i), "");
+            arrive(m_inbox + '/' + std::to_string(i));
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        watch->cancel();
-        pool.stop();
         return {};
     };
+    size_t calls = 0;
     // A slow listing, of which there are two calls for each.
     const auto begin = Clock::now();
-    const GatedRun run = runGated({"getdents64"}, work, [listing](const GatedCall&) {
+    const GatedRun run = runGated({"getdents64"}, work, [&](const GatedCall& call) {
+        if (folderOf(call) != m_inbox) return Answer::proceed();
+        ++calls;
         std::this_thread::sleep_for(listing / 2);
         return Answer::proceed();
     });
     QVERIFY(run.succeeded());
-    const auto scans = qint64(run.calls.size() / 2);
+    const auto scans = qint64(calls / 2);
     QVERIFY(scans > 1);
     // Each with its rest takes four times as long as the listing.
     const qint64 most = (Clock::now() - begin) / (4 * listing) + 2;
     QVERIFY2(scans <= most, qPrintable(QStringLiteral("%1 scans, %2 at most").arg(scans).arg(most)));
 }
 
-HARBEX_TEST_MAIN(TestFolderWatch)
+void TestFolderWatch::aSlowListingDoesNotMakeAFolderDeaf()
+{
+    constexpr std::chrono::seconds listing{2};
+    writeFile(m_inbox + "/known", {});
+    const auto work = [this]() -> Outcome<void> {
+        Watches watches(m_out);
+        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
+        // Nothing of this calls for another look later, as the move of an entry would.
+        removeEntry(m_inbox + "/known");
+        return watches.waitForMoved("during the listing");
+    };
+    Clock::time_point end;
+    Clock::duration rest{};
+    size_t calls = 0;
+    // Two calls are the listing of the start, the next two the slow one.
+    const GatedRun run = runGated({"getdents64"}, work, [&](const GatedCall& call) {
+        if (folderOf(call) != m_inbox) return Answer::proceed();
+        if (++calls == 4) {
+            // The names are read, and this one is not among them.
+            arrive(m_inbox + "/during the listing");
+            std::this_thread::sleep_for(listing);
+            end = Clock::now();
+        }
+        if (calls == 5) rest = Clock::now() - end;
+        return Answer::proceed();
+    });
+    QVERIFY(run.succeeded());
+    QVERIFY(rest > Clock::duration());
+    // In proportion it would be three times the listing.
+    QVERIFY2(rest < listing, qPrintable(QString::number(rest / std::chrono::milliseconds(1))));
+}
+
+void TestFolderWatch::aScanDuringWhichItsWatchIsCancelledFindsNothing()
+{
+    const std::string listing = m_scratch->path() + "/listing";
+    const std::string cancelled = m_scratch->path() + "/cancelled";
+    const auto work = [&]() -> Outcome<void> {
+        Watches watches(m_out);
+        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
+        arrive(m_inbox + "/first");
+        if (Outcome<void> begun = Watches::waitFor(listing); !begun) return begun;
+        // It lets a scan wait behind the one that is under way.
+        arrive(m_inbox + "/second");
+        watches.cancelFirst();
+        writeFile(cancelled, {});
+        // To another watch both are known.
+        if (Outcome<void> added = watches.add(m_inbox); !added) return added;
+        arrive(m_inbox + "/third");
+        return watches.waitForMoved("third");
+    };
+    size_t calls = 0;
+    const GatedRun run = runGated({"getdents64"}, work, [&](const GatedCall& call) {
+        if (folderOf(call) != m_inbox || ++calls != 4) return Answer::proceed();
+        writeFile(listing, {});
+        return eventually([&] { return exists(cancelled); }) ? Answer::proceed() : Answer::fail(EIO);
+    });
+    QVERIFY(run.succeeded());
+    QCOMPARE(namesIn(m_inbox), (QByteArrayList{"first", "second"}));
+    QCOMPARE(namesIn(m_out), QByteArrayList{"third"});
+}
+
+void TestFolderWatch::timesThatAreTooCoarseToTellHideNothing()
+{
+    const std::string served = m_scratch->makeFolder("served");
+    const ServedFolder server(m_inbox, served);
+    const auto work = [&]() -> Outcome<void> {
+        Watches watches(m_out);
+        if (Outcome<void> added = watches.add(served); !added) return added;
+        return watches.waitForMoved("late");
+    };
+    int polls = 0;
+    int pollsBeforeListing = 0;
+    const GatedRun run = runGated({"getdents64", "statx"}, work, [&](const GatedCall& call) {
+        if (call.name == "getdents64" && folderOf(call) == served && polls >= 3 && pollsBeforeListing == 0)
+            pollsBeforeListing = polls;
+        if (!isPoll(call)) return Answer::proceed();
+        // The second poll finds a change. What arrives after it, within the same tick of the clock of the
+        // volume, changes the time no more.
+        if (++polls == 3) arrive(m_inbox + "/late");
+        return giveTime(call, polls == 1 ? 1000 : 2000);
+    });
+    QVERIFY(run.succeeded());
+    // At once, and not when it is listed again in any case.
+    QCOMPARE(pollsBeforeListing, 3);
+}
+
+/// Takes about half a minute.
+void TestFolderWatch::aServerWithoutTimesIsListedNowAndThen()
+{
+    const std::string served = m_scratch->makeFolder("served");
+    const std::string local = m_scratch->makeFolder("local");
+    const ServedFolder server(m_inbox, served);
+    const auto work = [&]() -> Outcome<void> {
+        Watches watches(m_out);
+        for (const std::string& folder : {served, local})
+            if (Outcome<void> added = watches.add(folder); !added) return added;
+        return watches.waitForMoved("late");
+    };
+    int polls = 0;
+    std::set<std::string> polled;
+    const GatedRun run = runGated({"statx"}, work, [&](const GatedCall& call) {
+        if (!isPoll(call)) return Answer::proceed();
+        polled.insert(folderOf(call));
+        // By then the first time and its repetition are known, and nothing calls for a listing.
+        if (++polls == 4) arrive(m_inbox + "/late");
+        return giveTime(call, 1000);
+    });
+    QVERIFY(run.succeeded());
+    // The kernel tells of every change on a local volume.
+    QCOMPARE(polled, std::set<std::string>{served});
+}
+
+int main(int argc, char** argv)
+{
+    {
+        const QCoreApplication application(argc, argv);
+        const QString reason = ServedFolder::reasonAgainst();
+        if (!reason.isEmpty()) {
+            std::fprintf(stderr, "not possible here: %s\n", qPrintable(reason));
+            return notPossibleHere;
+        }
+    }
+    reportApartFromStandardOutput();
+    const EngineOutput output;
+    return runTest<QCoreApplication, TestFolderWatch>(argc, argv);
+}
+
 #include "tst_FolderWatch.moc"

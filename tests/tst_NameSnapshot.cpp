@@ -140,6 +140,8 @@ class TestNameSnapshot : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void removedNameIsNewAgain_data();
+    void removedNameIsNewAgain();
     void unchangedListingIsRecognised();
     void anyDifferenceIsNoticed();
     void additionsAtFrontMiddleAndEnd();
@@ -163,6 +165,42 @@ private Q_SLOTS:
     void aScanOfAnUnchangedFolderAllocatesNothingForItsEntries();
     void agreesWithSetsOnRandomListings();
 };
+
+void TestNameSnapshot::removedNameIsNewAgain_data()
+{
+    QTest::addColumn<Names>("known");
+    QTest::addColumn<std::string>("removed");
+    QTest::addColumn<Names>("remaining");
+    const auto row = [](const char* what, const Names& known, const char* removed, const Names& remaining) {
+        QTest::newRow(what) << known << std::string(removed) << remaining;
+    };
+    row("first", {"a", "b", "c"}, "a", {"b", "c"});
+    row("in the middle", {"a", "b", "c"}, "b", {"a", "c"});
+    row("last", {"a", "b", "c"}, "c", {"a", "b"});
+    row("only one", {"a"}, "a", {});
+    row("none", {}, "a", {});
+    row("unknown", {"a", "b"}, "c", {"a", "b"});
+    row("end of a longer one", {"xa", "b"}, "a", {"xa", "b"});
+    row("end of longer ones before it", {"xa", "yxa", "b", "a", "za"}, "a", {"xa", "yxa", "b", "za"});
+    row("beginning of a longer one", {"ab", "abc", "a"}, "a", {"ab", "abc"});
+    row("repeated letters", {"aaa", "aa", "a"}, "aa", {"aaa", "a"});
+    row("invalid UTF-8", {"\xff\xfe", "\xff"}, "\xff", {"\xff\xfe"});
+}
+
+void TestNameSnapshot::removedNameIsNewAgain()
+{
+    QFETCH(const Names, known);
+    QFETCH(const std::string, removed);
+    QFETCH(const Names, remaining);
+    NameSnapshot snapshot = snapshotOf(known);
+    snapshot.remove(removed);
+    Names left;
+    snapshot.forEachName([&](std::string_view name) { left.emplace_back(name); });
+    QCOMPARE(left, remaining);
+    QCOMPARE(snapshot.isEmpty(), remaining.empty());
+    QVERIFY(isUnchanged(snapshot, remaining));
+    QCOMPARE(newNames(snapshot, known), expectedNewNames(remaining, known));
+}
 
 void TestNameSnapshot::unchangedListingIsRecognised()
 {

@@ -88,7 +88,7 @@ QString lowerCasedExtension(const std::string& name)
 bool matchesOnDisk(const std::string& name, const FilterRule& rule, std::optional<bool> isDirectory = false)
 {
     const QString extension = lowerCasedExtension(name);
-    return !isPartialDownload(extension) && matches(MatchableRule(rule), extension, isDirectory);
+    return !isPartialDownload(name) && matches(MatchableRule(rule), extension, isDirectory);
 }
 
 /// Both stages.
@@ -281,6 +281,8 @@ private Q_SLOTS:
     void partialDownloadIsTakenByNoRule();
     void partialDownloadIsTakenOnceItHasItsFinalName();
     void onlyTheLastExtensionMakesAPartialDownload();
+    void namesOfOneDownloadHaveTheSameBase_data();
+    void namesOfOneDownloadHaveTheSameBase();
 
     // Unusual text.
     void controlCharactersAreOrdinary();
@@ -587,7 +589,7 @@ void TestRuleMatching::partialDownloadIsTakenByNoRule()
     for (const std::string& name :
          {std::string("movie.mp4.crdownload"), std::string("movie.mp4.download"), std::string("movie.part"),
           std::string("movie.tmp"), std::string("movie.MP4.CrDownload"), std::string("movie.PART"),
-          std::string(".movie.tmp")}) {
+          std::string(".movie.tmp"), std::string("movie\xff.gqqRF_r1.mp4.Part")}) {
         for (const FilterRule& rule : rulesThatFit(name)) {
             QVERIFY(!takes(name, rule, false));
             QVERIFY(!takes(name, rule, true));
@@ -605,8 +607,34 @@ void TestRuleMatching::partialDownloadIsTakenOnceItHasItsFinalName()
 
 void TestRuleMatching::onlyTheLastExtensionMakesAPartialDownload()
 {
-    for (const char* name : {"part", ".tmp", "download.", "a.part.txt", "a.parts", "a.tmp "})
+    for (const char* name : {"part", ".tmp", "download.", "a.part.txt", "a.parts", "a.apart", "a.tmp ",
+                             "a.\xd0\xa0\xd0\x90RT", "a.par\xff"})
         QVERIFY2(takes(name, nameContains(QString())), name);
+}
+
+void TestRuleMatching::namesOfOneDownloadHaveTheSameBase_data()
+{
+    QTest::addColumn<std::string>("name");
+    QTest::addColumn<std::string>("base");
+    const auto row = [](const char* name, const char* base) {
+        QTest::newRow(name) << std::string(name) << std::string(base);
+    };
+    row("film.mp4", "film");
+    row("film.gqqRF_r1.mp4.part", "film");
+    row("film.tar.gz", "film");
+    row("film", "film");
+    row("film.", "film");
+    row("Film.mp4", "Film");
+    row(".film.part", "");
+    row("fi lm\xff.mp4", "fi lm\xff");
+    row("", "");
+}
+
+void TestRuleMatching::namesOfOneDownloadHaveTheSameBase()
+{
+    QFETCH(const std::string, name);
+    QFETCH(const std::string, base);
+    QCOMPARE(std::string(downloadBase(name)), base);
 }
 
 void TestRuleMatching::controlCharactersAreOrdinary()

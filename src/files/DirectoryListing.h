@@ -3,7 +3,6 @@
 #include "base/FileDescriptor.h"
 #include "base/FileIdentity.h"
 #include "base/Outcome.h"
-#include "files/RemoteVolume.h"
 
 #include <cstddef>
 #include <ctime>
@@ -28,8 +27,12 @@ public:
     /// Which folder was opened.
     [[nodiscard]] const FileIdentity& identity() const { return m_identity; }
 
-    /// Whether others may change the folder without an event here.
-    [[nodiscard]] bool isRemote() const { return isOnRemoteVolume(m_directory.get()); }
+    /// A path to the opened folder itself, whatever stands at the path it was opened by. Valid as long as
+    /// this.
+    [[nodiscard]] std::string descriptorPath() const
+    {
+        return "/proc/self/fd/" + std::to_string(m_directory.get());
+    }
 
     /// When an entry was last added, removed or renamed.
     [[nodiscard]] Outcome<timespec> modificationTime() const;

@@ -21,20 +21,22 @@ std::string uniqueDestination(const std::string& path, const std::string& folder
     const std::string base = extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1);
     const std::string suffix = extension.empty() ? std::string() : '.' + std::string(extension);
 
+    const std::string prefix = folder.back() == '/' ? folder : folder + '/';
+    struct stat data;
+    // Most names are free.
+    if (::lstat((prefix + name).c_str(), &data) != 0) return prefix + name;
+
     // Opened once, so that a long search walks the path of the folder once.
     const FileDescriptor opened(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const auto isTaken = [&opened](const std::string& candidate) {
-        struct stat data;
+    const auto isTaken = [&](const std::string& candidate) {
         return opened && ::fstatat(opened.get(), candidate.c_str(), &data, AT_SYMLINK_NOFOLLOW) == 0;
     };
-
     std::string candidate = name;
     for (uint64_t counter = 1; isTaken(candidate); ++counter) {
         candidate = base;
         candidate.append("-").append(std::to_string(counter)).append(suffix);
     }
-
-    return folder.back() == '/' ? folder + candidate : folder + '/' + candidate;
+    return prefix + candidate;
 }
 
 } // namespace harbex

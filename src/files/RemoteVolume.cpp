@@ -39,12 +39,6 @@ bool isRefusal(SystemError error)
 
 } // namespace
 
-bool isOnRemoteVolume(int fd)
-{
-    struct statfs volume = {};
-    return ::fstatfs(fd, &volume) == 0 && isRemote(volume);
-}
-
 bool mayHaveBeenDone(const EntryPlace& place, SystemError error)
 {
     if (isRefusal(error)) return false;

@@ -6,11 +6,6 @@
 namespace harbex
 {
 
-/// Whether what is open as `fd` lies on a volume that a server has: on a network file system, or on one that
-/// a program serves. There the kernel is not told what others change, and the answer to a call can be lost.
-/// False when it cannot be read.
-[[nodiscard]] bool isOnRemoteVolume(int fd);
-
 /// Whether a change to the entry at `place` that failed so may have been made all the same: by a server whose
 /// answer was lost. Looking again would not tell, because the request may still be on its way.
 /// True when the volume cannot be asked what it is.

@@ -1,12 +1,13 @@
 #include "watcher/DirectoryEvents.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
+#include <string_view>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <system_error>
@@ -25,25 +26,22 @@ constexpr uint32_t watchedEvents =
 
 } // namespace
 
-void DirectoryEvents::Source::resume()
+DirectoryEvents::Source::Source(DirectoryEvents& events, int descriptor, std::string name, Handler handler)
+    : m_events(events), m_descriptor(descriptor), m_name(std::move(name)), m_handler(std::move(handler))
 {
-    const MutexLock lock(m_events.m_mutex);
-    m_resumed = true;
-    if (std::exchange(m_pending, false)) m_handler();
 }
 
-void DirectoryEvents::Source::cancel()
+DirectoryEvents::Source::~Source()
 {
     const MutexLock lock(m_events.m_mutex);
-    if (std::exchange(m_cancelled, true)) return;
+    m_events.remove(*this);
+}
 
-    const auto found = m_events.m_watches.find(m_descriptor);
-    Watch& watch = found->second;
-    std::erase(watch.sources, this);
-    if (!watch.sources.empty()) return;
-    // Can only fail for a watch that the kernel has dropped in this moment.
-    if (!watch.gone) ::inotify_rm_watch(m_events.m_inotify.get(), m_descriptor);
-    m_events.m_watches.erase(found);
+bool DirectoryEvents::Source::isFor(const std::string& path) const
+{
+    // The kernel knows a folder that it watches already. Another folder is watched from now on, without a
+    // source: taking that back could take the watch away that somebody else is about to have there.
+    return ::inotify_add_watch(m_events.m_inotify.get(), path.c_str(), watchedEvents) == m_descriptor;
 }
 
 DirectoryEvents::~DirectoryEvents()
@@ -56,18 +54,66 @@ DirectoryEvents::~DirectoryEvents()
     m_reader.join();
 }
 
-Outcome<std::unique_ptr<DirectoryEvents::Source>> DirectoryEvents::watch(const std::string& path,
-                                                                         Handler handler)
+Outcome<std::shared_ptr<DirectoryEvents::Source>>
+DirectoryEvents::watch(const std::string& path, Handler handler, const std::string& name)
 {
-    const MutexLock lock(m_mutex);
-    if (const Outcome<void> opened = openIfNeeded(); !opened) return opened.error();
+    uint64_t pathChanges = 0;
+    {
+        const MutexLock lock(m_mutex);
+        if (const Outcome<void> opened = openIfNeeded(); !opened) return opened.error();
+        const auto known = m_folders.find(path);
+        if (!name.empty() && known != m_folders.end()) return add(known->second, std::move(handler), name);
+        pathChanges = m_pathChanges;
+    }
+    for (;;) {
+        // Without the lock, because this may wait for a server.
+        const int descriptor = ::inotify_add_watch(m_inotify.get(), path.c_str(), watchedEvents);
+        if (descriptor < 0) return SystemError::last();
+        std::shared_ptr<Source> source;
+        {
+            const MutexLock lock(m_mutex);
+            source = add(descriptor, handler, name);
+        }
+        // Somebody else's last source there may have taken the watch away before this one was added.
+        if (!source->isFor(path)) continue;
+        const MutexLock lock(m_mutex);
+        if (!name.empty() && pathChanges == m_pathChanges) m_folders[path] = descriptor;
+        return source;
+    }
+}
 
-    const int descriptor = ::inotify_add_watch(m_inotify.get(), path.c_str(), watchedEvents);
-    if (descriptor < 0) return SystemError::last();
-
-    std::unique_ptr<Source> source(new Source(*this, descriptor, std::move(handler)));
+std::shared_ptr<DirectoryEvents::Source> DirectoryEvents::add(int descriptor, Handler handler,
+                                                              const std::string& name)
+{
+    std::shared_ptr<Source> source(new Source(*this, descriptor, name, std::move(handler)));
     m_watches[descriptor].sources.push_back(source.get());
     return source;
+}
+
+void DirectoryEvents::remove(const Source& source)
+{
+    // What is no longer watched may change unseen.
+    if (!source.m_name.empty()) forgetFolders();
+    const auto found = m_watches.find(source.m_descriptor);
+    Watch& watch = found->second;
+    std::erase(watch.sources, &source);
+    if (!watch.sources.empty()) return;
+    // Can only fail for a watch that the kernel has dropped in this moment.
+    if (!watch.gone) ::inotify_rm_watch(m_inotify.get(), source.m_descriptor);
+    m_watches.erase(found);
+}
+
+bool DirectoryEvents::isKnownFolder(const std::string& path)
+{
+    const MutexLock lock(m_mutex);
+    return m_folders.contains(path);
+}
+
+std::shared_ptr<const MountTable> DirectoryEvents::mounts()
+{
+    const MutexLock lock(m_mutex);
+    if (!m_mounts) m_mounts = std::make_shared<const MountTable>(MountTable::read());
+    return m_mounts;
 }
 
 // Opened by the first watch rather than by the constructor, so that an instance the system refused once is
@@ -83,6 +129,9 @@ Outcome<void> DirectoryEvents::openIfNeeded()
 
     m_inotify = std::move(inotify);
     m_wakeUp = std::move(wakeUp);
+    // Where it cannot be opened, later mounts go unnoticed: poll() passes over a negative descriptor.
+    m_mountInfo = FileDescriptor(::open(MountTable::kernelTable, O_RDONLY | O_CLOEXEC));
+    m_mounts = std::make_shared<const MountTable>(MountTable::read());
     try {
         m_reader = std::thread([this] { readEvents(); });
     } catch (const std::system_error& error) {
@@ -95,52 +144,75 @@ void DirectoryEvents::readEvents()
 {
     constexpr int restMilliseconds = 1;
     alignas(inotify_event) char buffer[64 * 1024];
-    std::array<pollfd, 2> polled = {{{m_inotify.get(), POLLIN, 0}, {m_wakeUp.get(), POLLIN, 0}}};
+    std::array<pollfd, 3> polled = {
+        {{m_inotify.get(), POLLIN, 0}, {m_mountInfo.get(), POLLPRI, 0}, {m_wakeUp.get(), POLLIN, 0}}};
     for (;;) {
         if (::poll(polled.data(), polled.size(), -1) < 0) continue;
-        if (polled[1].revents != 0) return;
+        if (polled[2].revents != 0) return;
 
-        const ssize_t size = ::read(m_inotify.get(), buffer, sizeof buffer);
-        if (size <= 0) continue;
-        {
+        Handlers handlers;
+        if (polled[1].revents != 0) {
+            auto mounts = std::make_shared<const MountTable>(MountTable::read());
             const MutexLock lock(m_mutex);
-            deliver(buffer, static_cast<size_t>(size));
+            m_mounts = std::move(mounts);
+            handlers = all();
         }
+        const ssize_t size = ::read(m_inotify.get(), buffer, sizeof buffer);
+        if (size > 0) {
+            const MutexLock lock(m_mutex);
+            Handlers affected = affectedBy(buffer, static_cast<size_t>(size));
+            handlers.insert(handlers.end(), affected.begin(), affected.end());
+        }
+        // Without the lock: a handler may let go of the last reference to a source.
+        for (const auto& handler : handlers)
+            (*handler)();
         // What comes in quick succession is read together: each of ten thousand renames would wake this
         // thread.
-        (void)::poll(&polled[1], 1, restMilliseconds);
+        (void)::poll(&polled[2], 1, restMilliseconds);
     }
 }
 
-void DirectoryEvents::deliver(const char* buffer, size_t size)
+DirectoryEvents::Handlers DirectoryEvents::affectedBy(const char* buffer, size_t size)
 {
+    Handlers handlers;
     for (size_t offset = 0; offset < size;) {
         inotify_event event;
         std::memcpy(&event, buffer + offset, sizeof event);
+        // Padded with NULs; empty when it is about the folder itself.
+        const std::string_view name = event.len == 0 ? "" : buffer + offset + sizeof event;
         offset += sizeof event + event.len;
 
-        if (event.mask & IN_Q_OVERFLOW) {
-            // Events were lost, nobody knows whose.
-            for (auto& [descriptor, watch] : m_watches)
-                if (!watch.gone) signal(watch);
-            continue;
-        }
-        // Unknown descriptors are of watches that were cancelled while their events waited here.
+        // Events were lost, nobody knows whose.
+        if (event.mask & IN_Q_OVERFLOW) return all();
+        // Unknown descriptors are of watches that have ended while their events waited here.
         const auto found = m_watches.find(event.wd);
         if (found == m_watches.end()) continue;
         if (event.mask & IN_IGNORED) found->second.gone = true;
-        signal(found->second);
+        for (const Source* source : found->second.sources) {
+            if (!source->m_name.empty() && !name.empty() && source->m_name != name) continue;
+            if (!source->m_name.empty()) forgetFolders();
+            // Most events follow upon others of the same folder.
+            if (handlers.empty() || handlers.back() != source->m_handler)
+                handlers.push_back(source->m_handler);
+        }
     }
+    return handlers;
 }
 
-void DirectoryEvents::signal(const Watch& watch)
+DirectoryEvents::Handlers DirectoryEvents::all()
 {
-    for (Source* source : watch.sources) {
-        if (source->m_resumed)
-            source->m_handler();
-        else
-            source->m_pending = true;
-    }
+    forgetFolders();
+    Handlers handlers;
+    for (const auto& [descriptor, watch] : m_watches)
+        for (const Source* source : watch.sources)
+            handlers.push_back(source->m_handler);
+    return handlers;
+}
+
+void DirectoryEvents::forgetFolders()
+{
+    ++m_pathChanges;
+    m_folders.clear();
 }
 
 } // namespace harbex

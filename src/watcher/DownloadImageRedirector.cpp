@@ -2,21 +2,10 @@
 
 #include "base/ReadableText.h"
 
-#include <QTimer>
-
-#include <chrono>
 #include <utility>
 
 namespace harbex
 {
-
-namespace
-{
-
-/// How long lines of the log are gathered before they are recorded.
-constexpr std::chrono::milliseconds logDelay{5};
-
-} // namespace
 
 DownloadImageRedirector::DownloadImageRedirector(QObject* parent)
     : QObject(parent), m_fileMove(m_pool.stopToken())
@@ -36,11 +25,26 @@ void DownloadImageRedirector::start(const std::vector<WatchedFolder>& folders)
     m_mainThread.assertHere();
     if (m_isRunning) return;
 
-    // isRunning() turns true only in a later turn. Whoever starts twice before it gets one watch for each
-    // folder all the same.
-    cancelSources();
-    for (const WatchedFolder& folder : folders)
-        watch(folder);
+    std::map<FileUrl, std::vector<FilterRule>> rules;
+    for (const WatchedFolder& folder : folders) {
+        std::vector<FilterRule>& all = rules[folder.url];
+        all.insert(all.end(), folder.rules.begin(), folder.rules.end());
+    }
+    // isRunning() turns true only in a later turn. Whoever starts twice before it finds a folder's watch,
+    // with what has arrived since, as the first start left it.
+    const auto earlier = std::exchange(m_watches, {});
+    m_activeSources.clear();
+    for (const WatchedFolder& folder : folders) {
+        std::shared_ptr<FolderWatch>& watch = m_watches[folder.url];
+        if (const auto found = earlier.find(folder.url); !watch && found != earlier.end()) {
+            watch = found->second;
+            watch->setRules(rules[folder.url]);
+        }
+        if (!watch) watch = FolderWatch::start(services(), folder.url, folder.id, rules[folder.url]);
+        m_activeSources.push_back(watch);
+    }
+    for (const auto& [url, watch] : earlier)
+        if (!m_watches.contains(url)) watch->cancel();
     publish([this] {
         setRunning(true);
         appendLog(QStringLiteral("Started watchers."));
@@ -51,7 +55,6 @@ void DownloadImageRedirector::stop()
 {
     m_mainThread.assertHere();
     cancelSources();
-    m_knownItemsByFolder.clear();
     publish([this] {
         setRunning(false);
         appendLog(QStringLiteral("Stopped watcher."));
@@ -62,7 +65,6 @@ void DownloadImageRedirector::restart(std::vector<WatchedFolder> folders)
 {
     m_mainThread.assertHere();
     cancelSources();
-    m_knownItemsByFolder.clear();
     publish([this, folders = std::move(folders)] {
         setRunning(false);
         appendLog(QStringLiteral("Stopped watcher."));
@@ -88,19 +90,14 @@ std::vector<int> DownloadImageRedirector::activeFDs() const
     std::vector<int> descriptors;
     descriptors.reserve(m_activeSources.size());
     for (const auto& source : m_activeSources)
-        descriptors.push_back(source->descriptor());
+        if (const int descriptor = source->descriptor(); descriptor >= 0) descriptors.push_back(descriptor);
     return descriptors;
 }
 
 /// Records a line. Any thread.
 void DownloadImageRedirector::addLog(const QString& message)
 {
-    const MutexLock lock(m_publishedMutex);
-    m_published.push_back([this, message] { appendLog(message); });
-    if (m_published.size() > 1) return;
-    // A burst logs thousands of lines. Waking the main loop for each costs as much as half a move.
-    const auto runLater = [this] { QTimer::singleShot(logDelay, this, [this] { runPublished(); }); };
-    QMetaObject::invokeMethod(this, runLater, Qt::QueuedConnection);
+    publish([this, message] { appendLog(message); });
 }
 
 /// Has `change` run in the next turn of the main loop, after all that waits already. Any thread.
@@ -108,7 +105,9 @@ void DownloadImageRedirector::publish(Change change)
 {
     const MutexLock lock(m_publishedMutex);
     m_published.push_back(std::move(change));
-    QMetaObject::invokeMethod(this, &DownloadImageRedirector::runPublished, Qt::QueuedConnection);
+    // One call runs all that has come by then: a burst logs thousands of lines.
+    if (m_published.size() == 1)
+        QMetaObject::invokeMethod(this, &DownloadImageRedirector::runPublished, Qt::QueuedConnection);
 }
 
 void DownloadImageRedirector::runPublished()
@@ -138,32 +137,17 @@ void DownloadImageRedirector::appendLog(const QString& message)
     Q_EMIT logsChanged();
 }
 
-void DownloadImageRedirector::watch(const WatchedFolder& folder)
+EntryPipeline::Services DownloadImageRedirector::services()
 {
-    m_mainThread.assertHere();
-    const auto source = std::make_shared<FolderWatch>(folder, m_pool, m_fileMove,
-                                                      [this](const QString& message) { addLog(message); });
-
-    const auto found = m_knownItemsByFolder.find(folder.url);
-    // Before the listing: what arrives after it is told, so that no folder needs to be listed twice.
-    const Outcome<void> opened = source->open(m_events);
-    const auto known = source->list(found == m_knownItemsByFolder.end() ? nullptr : found->second);
-    if (!known) return;
-    m_knownItemsByFolder.insert_or_assign(folder.url, *known);
-
-    if (!opened) {
-        addLog(QStringLiteral("Failed to open folder: ") + readableName(folder.url.lastPathComponent()));
-        return;
-    }
-    source->begin();
-    m_activeSources.push_back(source);
+    return {m_pool, m_events, m_fileMove, m_history, [this](const QString& message) { addLog(message); }};
 }
 
 void DownloadImageRedirector::cancelSources()
 {
     m_mainThread.assertHere();
-    for (const auto& source : m_activeSources)
-        source->cancel();
+    for (const auto& [url, watch] : m_watches)
+        watch->cancel();
+    m_watches.clear();
     m_activeSources.clear();
 }
 

@@ -6,6 +6,7 @@
 #include "watcher/ActivityLog.h"
 #include "watcher/DirectoryEvents.h"
 #include "watcher/FolderWatch.h"
+#include "watcher/MoveHistory.h"
 #include "watcher/WorkerPool.h"
 
 #include <QObject>
@@ -20,9 +21,9 @@ namespace harbex
 {
 
 /// The engine: watches folders and moves what newly arrives in them as their rules say. One for the life of
-/// the process. Every public function belongs to the main thread. start() and restart() list each folder once
-/// there; everything else is done on other threads. Destroying it ends everything: a copy under way is given
-/// up and its source stays.
+/// the process. Every public function belongs to the main thread. start() and restart() list each folder on a
+/// local volume once there; everything else is done on other threads. Destroying it ends everything: a copy
+/// under way is given up and its source stays.
 class DownloadImageRedirector : public QObject
 {
     Q_OBJECT
@@ -34,8 +35,9 @@ public:
     ~DownloadImageRedirector() override;
 
     /// Begins to watch these folders, unless isRunning() already. What is in them now stays where it is. A
-    /// folder that cannot be listed is passed over; one that the system refuses to watch is logged.
-    /// isRunning() turns true in a later turn of the main loop.
+    /// folder that is not there is waited for; one that the system refuses to watch is logged. Records of one
+    /// URL are one folder, with the rules of all of them in their order. isRunning() turns true in a later
+    /// turn of the main loop.
     void start(const std::vector<WatchedFolder>& folders);
 
     /// Ends all watching and forgets what was seen. isRunning() turns false in a later turn of the main loop.
@@ -49,7 +51,7 @@ public:
     /// What was done, newest first: at most 200 lines "[HH:mm:ss] message".
     [[nodiscard]] const QStringList& logs() const;
 
-    /// The descriptors of the folders that are watched, in the order of the folders.
+    /// The descriptors of the records whose folders are watched at this moment, in the order of the records.
     [[nodiscard]] std::vector<int> activeFDs() const;
 
     /// How many threads work for the engine now, the one that reads events left out.
@@ -69,7 +71,7 @@ private:
     void runPublished();
     void setRunning(bool isRunning);
     void appendLog(const QString& message);
-    void watch(const WatchedFolder& folder);
+    [[nodiscard]] EntryPipeline::Services services();
     void cancelSources();
 
     const ThreadRole m_mainThread;
@@ -80,12 +82,15 @@ private:
 
     bool m_isRunning GUARDED_BY(m_mainThread) = false;
     ActivityLog m_log GUARDED_BY(m_mainThread);
-    std::map<FileUrl, std::shared_ptr<KnownItems>> m_knownItemsByFolder GUARDED_BY(m_mainThread);
 
-    // In this order: the folders use the pool, whose tasks use the mover.
+    // In this order: the folders use the pool, whose tasks use the others.
     WorkerPool m_pool;
     FileMove m_fileMove;
+    MoveHistory m_history;
     DirectoryEvents m_events;
+    /// One watch for each URL: records of one folder share its snapshot.
+    std::map<FileUrl, std::shared_ptr<FolderWatch>> m_watches GUARDED_BY(m_mainThread);
+    /// The watch of each record, in the order of the records.
     std::vector<std::shared_ptr<FolderWatch>> m_activeSources GUARDED_BY(m_mainThread);
 };
 

@@ -1,103 +1,100 @@
 #pragma once
 
-#include "base/FileIdentity.h"
-#include "base/Mutex.h"
-#include "base/Outcome.h"
-#include "model/WatchedFolder.h"
+#include "model/FileUrl.h"
 #include "watcher/DirectoryEvents.h"
-#include "watcher/EntryWalks.h"
-#include "watcher/NameSnapshot.h"
-#include "watcher/SerialQueue.h"
-#include "watcher/WorkerPool.h"
+#include "watcher/EntryPipeline.h"
+#include "watcher/WatchedDirectory.h"
+
+#include <QUuid>
 
 #include <atomic>
 #include <chrono>
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace harbex
 {
 
-/// The names that were in a folder at its last listing. Held from before a listing until its result is
-/// written: two records of the same folder share this, and an older listing must never replace a newer one.
-struct KnownItems {
-    explicit KnownItems(const FileIdentity& listed) : folder(listed) {}
-
-    const FileIdentity folder;
-    Mutex mutex;
-    NameSnapshot names GUARDED_BY(mutex);
-};
-
-/// One folder for as long as it is watched, from a start to the next stop: its URL and rules as they were
-/// then, its queue and its source of events. Made and cancelled on the main thread.
+/// One watched folder, from a start to the next stop. It is a URL: whatever directory stands there is
+/// watched, and as long as none does, it is waited for. Everything but the functions of the main thread runs
+/// on a queue of its own.
 class FolderWatch : public std::enable_shared_from_this<FolderWatch>
 {
 public:
-    FolderWatch(const WatchedFolder& folder, WorkerPool& pool, FileMove& fileMove, EntryWalks::AddLog addLog);
+    using Token = SerialQueue::Token;
 
-    /// Asks for the events of the folder. Fails with the errno of the refusal. Nothing happens before
-    /// begin().
-    [[nodiscard]] Outcome<void> open(DirectoryEvents& events);
+    /// Where the folder stands. Every change of it is in FolderWatch.cpp: `cancelled` is final and comes from
+    /// the main thread, the others from the queue.
+    enum class State {
+        /// Nothing that can be watched stands at the URL.
+        waiting,
+        watched,
+        cancelled,
+    };
 
-    /// Remembers which folder stands at the URL, and gives its names: `known`, from another record of the
-    /// URL, or those of a first snapshot where that is null or of another folder. Fails when the folder
-    /// cannot be listed.
-    [[nodiscard]] Outcome<std::shared_ptr<KnownItems>> list(const std::shared_ptr<KnownItems>& known);
+    /// Begins to watch the folder at `url`; `id` names its queue. A directory on a local volume is watched,
+    /// and its names are known, when this returns; one on a remote volume soon after. Main thread.
+    [[nodiscard]] static std::shared_ptr<FolderWatch> start(const EntryPipeline::Services& services,
+                                                            const FileUrl& url, const QUuid& id,
+                                                            const std::vector<FilterRule>& rules);
 
-    /// Lets events through; first scans once where the snapshot is from before open().
-    void begin();
+    /// Sets the rules for what arrives from now on. Main thread.
+    void setRules(const std::vector<FilterRule>& rules);
 
-    /// Ends the watch: no scan begins after this, and one that is under way finds nothing. Entries that were
-    /// found before are still brought to their end.
+    /// Ends the watch: no scan begins after this. Entries that were found before are still brought to their
+    /// end. Main thread.
     void cancel();
 
-    /// The descriptor of the watch. Only after open().
-    [[nodiscard]] int descriptor() const { return m_source->descriptor(); }
-
-    [[nodiscard]] const std::string& queueLabel() const { return m_queue->label(); }
+    /// The descriptor of the watch; negative while none stands. Any thread.
+    [[nodiscard]] int descriptor() const { return m_descriptor; }
 
 private:
-    /// How many times as long as its last scan took a folder rests before it is scanned again.
-    static constexpr int restPerScan = 3;
+    FolderWatch(const EntryPipeline::Services& services, const FileUrl& url, const QUuid& id,
+                const std::vector<FilterRule>& rules);
 
-    /// How often a folder is looked at of whose changes the kernel does not tell.
-    static constexpr std::chrono::seconds lookInterval{2};
+    void requestLook();
+    void lookAt(SerialQueue::Clock::time_point when);
+    void look(Token token);
+    void open(Token token);
+    void watchPath();
+    void scanForNewFiles(Token token);
+    void setState(State state);
+    void retryLater();
+    void pollLater();
+    void poll(Token token);
+    [[nodiscard]] bool isPollDue();
 
-    /// How long a scan waits that the system had no descriptor or memory for.
-    static constexpr std::chrono::seconds shortageDelay{1};
-
-    void requestScan();
-    void scanAt(SerialQueue::Clock::time_point when);
-    void look(SerialQueue::Token token);
-    void scanForNewFiles(SerialQueue::Token token);
-    /// Compares the folder with its snapshot, which is then the folder as it is now. Finds nothing in another
-    /// folder that stands at the path, and after cancel().
-    [[nodiscard]] Outcome<std::vector<std::string>> takeNewNames() const;
-
+    const EntryPipeline::Services m_services;
     const std::string m_path;
+    const std::string m_name;
     const std::shared_ptr<SerialQueue> m_queue;
-    const std::shared_ptr<EntryWalks> m_walks;
-    std::shared_ptr<KnownItems> m_known;
-    /// The folder that was listed first. Another one at the same path, after a rename or an unmount, holds
-    /// entries that were there before: it is not looked at.
-    FileIdentity m_identity;
-    /// The snapshot is older than the source of events.
-    bool m_mayHaveMissed = false;
+    const std::shared_ptr<EntryPipeline> m_pipeline;
+
+    std::atomic<State> m_state = State::waiting;
+    std::atomic<int> m_descriptor = -1;
+    /// A look waits in the queue: further events need none of their own.
+    std::atomic<bool> m_lookWaits = false;
+
+    // Used on the queue only.
+    EntryPipeline::Rules m_rules;
+    /// Requests a look.
+    DirectoryEvents::Handler m_handler;
+    /// What stands at the URL; null unless the state is `watched`.
+    std::shared_ptr<WatchedDirectory> m_directory;
+    /// Tell of changes of every name on the path to the folder.
+    std::vector<std::shared_ptr<DirectoryEvents::Source>> m_pathSources;
+    /// Before this no further look begins.
+    SerialQueue::Clock::time_point m_nextLook;
+    bool m_isRefusalLogged = false;
     /// Others may change the folder without an event here.
     bool m_isRemote = false;
-    std::unique_ptr<DirectoryEvents::Source> m_source;
-
-    /// The folder's modification time at the last look. Used on the queue only.
+    bool m_isPolling = false;
+    SerialQueue::Clock::time_point m_lastScan;
+    /// The folder's modification time at the last poll, and whether it had changed.
     std::optional<timespec> m_lastModified;
-    /// Whether that look found it changed. Used on the queue only.
     bool m_wasChanged = false;
-
-    /// A scan waits: further events need none of their own.
-    std::atomic<bool> m_scanWaits = false;
-    /// Before this no further scan begins.
-    std::atomic<SerialQueue::Clock::time_point> m_nextScan;
-    std::atomic<bool> m_cancelled = false;
 };
 
 } // namespace harbex

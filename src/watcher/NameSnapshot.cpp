@@ -9,17 +9,6 @@ namespace harbex
 namespace
 {
 
-/// Calls `each` with every name, without its NUL.
-template <class Each>
-void forEachName(std::string_view names, Each&& each)
-{
-    while (!names.empty()) {
-        const std::string_view name = names.substr(0, names.find('\0'));
-        names.remove_prefix(name.size() + 1);
-        each(name);
-    }
-}
-
 /// How many bytes at the ends of both are the same whole names.
 size_t commonEnd(std::string_view a, std::string_view b)
 {
@@ -38,6 +27,16 @@ size_t commonEnd(std::string_view a, std::string_view b)
 
 } // namespace
 
+void NameSnapshot::remove(std::string_view name)
+{
+    const std::string record = std::string(name) + '\0';
+    size_t at = m_names.find(record);
+    // The end of a longer name is no name.
+    while (at != std::string::npos && at != 0 && m_names[at - 1] != '\0')
+        at = m_names.find(record, at + 1);
+    if (at != std::string::npos) m_names.erase(at, record.size());
+}
+
 void NameSnapshot::Update::beginCopy()
 {
     m_same = false;
@@ -55,11 +54,11 @@ std::vector<std::string> NameSnapshot::Update::newNames() const
 
     // What lies between the common front and the common end is short when one thing changed.
     std::unordered_set<std::string_view> fresh;
-    forEachName(current.substr(m_cursor, current.size() - end - m_cursor),
-                [&](auto name) { fresh.insert(name); });
+    forEachNameIn(current.substr(m_cursor, current.size() - end - m_cursor),
+                  [&](auto name) { fresh.insert(name); });
     // All of the known names, because a listing of a folder that is being changed may give the rest in
     // another order, or a name a second time.
-    forEachName(known, [&](auto name) { fresh.erase(name); });
+    forEachNameIn(known, [&](auto name) { fresh.erase(name); });
     return {fresh.begin(), fresh.end()};
 }
 

@@ -22,7 +22,27 @@ public:
 
     [[nodiscard]] bool isEmpty() const { return m_names.empty(); }
 
+    /// Calls `each` with every name.
+    template <class Each>
+    void forEachName(Each&& each) const
+    {
+        forEachNameIn(m_names, each);
+    }
+
+    /// Takes a name out, if it is there.
+    void remove(std::string_view name);
+
 private:
+    template <class Each>
+    static void forEachNameIn(std::string_view names, Each&& each)
+    {
+        while (!names.empty()) {
+            const std::string_view name = names.substr(0, names.find('\0'));
+            names.remove_prefix(name.size() + 1);
+            each(name);
+        }
+    }
+
     std::string m_names;
 };
 

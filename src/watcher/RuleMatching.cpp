@@ -1,6 +1,7 @@
 #include "watcher/RuleMatching.h"
 
 #include "base/ReadableText.h"
+#include "files/EntryName.h"
 
 #include <QList>
 
@@ -13,7 +14,7 @@ namespace harbex
 namespace
 {
 
-constexpr std::array<QStringView, 4> partialDownloadExtensions{u"download", u"crdownload", u"part", u"tmp"};
+constexpr std::array<std::string_view, 4> partialDownloadExtensions{"download", "crdownload", "part", "tmp"};
 
 bool compare(const ComparableText& text, const MatchableRule& rule)
 {
@@ -78,9 +79,20 @@ bool passesNameFilter(const SplitName& name, const MatchableRule& rule)
     return compare(rule.filter.field == RuleField::name ? name.base : name.tail, rule);
 }
 
-bool isPartialDownload(const QString& lowerCasedExtension)
+bool isPartialDownload(std::string_view name)
 {
-    return contains(partialDownloadExtensions, lowerCasedExtension);
+    // In bytes, because all names of a large folder are asked about. No letter of these extensions is the
+    // lower case of one outside ASCII.
+    const auto isSame = [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; };
+    const std::string_view extension = pathExtension(name);
+    return std::ranges::any_of(partialDownloadExtensions, [&](std::string_view partial) {
+        return std::ranges::equal(extension, partial, isSame);
+    });
+}
+
+std::string_view downloadBase(std::string_view name)
+{
+    return name.substr(0, name.find('.'));
 }
 
 bool matches(const MatchableRule& rule, const QString& lowerCasedExtension, std::optional<bool> isDirectory)

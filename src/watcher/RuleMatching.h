@@ -66,8 +66,12 @@ struct MatchableRule {
 /// every name pass; a name without pieces passes no test of its text.
 [[nodiscard]] bool passesNameFilter(const SplitName& name, const MatchableRule& rule);
 
-/// Whether an entry is the unfinished form of a download, which no rule takes.
-[[nodiscard]] bool isPartialDownload(const QString& lowerCasedExtension);
+/// Whether the name (raw bytes) is that of an unfinished download, which no rule takes.
+[[nodiscard]] bool isPartialDownload(std::string_view name);
+
+/// What a browser's names for one download have in common: "film" for "film.mp4", which it creates empty to
+/// keep the name, and for "film.gqqRF_r1.mp4.part", which it writes. The text before the first dot.
+[[nodiscard]] std::string_view downloadBase(std::string_view name);
 
 /// The second stage, for an entry that exists. `isDirectory` does not follow links and is absent when it
 /// could not be read.

@@ -1,54 +1,44 @@
 #include "watcher/SerialQueue.h"
 
+#include "watcher/WorkerPool.h"
+
 #include <utility>
 
 namespace harbex
 {
 
-std::shared_ptr<SerialQueue> SerialQueue::create(WorkerPool& pool, std::string label)
-{
-    // Not make_shared: the constructor is private.
-    return std::shared_ptr<SerialQueue>(new SerialQueue(pool, std::move(label)));
-}
-
-SerialQueue::SerialQueue(WorkerPool& pool, std::string label)
-    : m_pool(pool), m_label(std::move(label)), m_stopToken(pool.stopToken()),
-      m_onStop(m_stopToken, [this] { dropTasks(); })
-{
-}
-
-void SerialQueue::dropTasks()
-{
-    // Letting go of the last task can let go of this queue.
-    const std::shared_ptr<SerialQueue> self = weak_from_this().lock();
-    std::deque<Task> tasks;
-    std::multimap<Clock::time_point, Task> delayed;
-    const MutexLock lock(m_mutex);
-    tasks.swap(m_tasks);
-    delayed.swap(m_delayed);
-}
-
 void SerialQueue::async(Task task)
 {
-    const MutexLock lock(m_mutex);
-    if (isStopped()) return;
-    m_tasks.push_back(std::move(task));
-    runIfNeeded();
+    if (push(std::move(task))) m_pool.schedule(shared_from_this());
 }
 
 void SerialQueue::asyncAt(Clock::time_point when, Task task)
 {
-    const MutexLock lock(m_mutex);
-    if (isStopped()) return;
-    m_delayed.emplace(when, std::move(task));
-    armTimer();
+    m_pool.scheduleAt(when, shared_from_this(), std::move(task));
 }
 
-void SerialQueue::runIfNeeded()
+void SerialQueue::runHere(const Task& task)
 {
-    if (m_busy || m_tasks.empty()) return;
-    m_busy = true;
-    m_pool.run([self = shared_from_this()] { self->runTasks(); });
+    {
+        const MutexLock lock(m_mutex);
+        m_isScheduled = true;
+    }
+    task(Token());
+    {
+        const MutexLock lock(m_mutex);
+        m_isScheduled = !m_tasks.empty();
+        if (!m_isScheduled) return;
+    }
+    m_pool.schedule(shared_from_this());
+}
+
+bool SerialQueue::push(Task task)
+{
+    const MutexLock lock(m_mutex);
+    // Tasks may hold what holds their queue. Undropped they would keep each other alive for good.
+    if (m_pool.stopToken().stop_requested()) return false;
+    m_tasks.push_back(std::move(task));
+    return !std::exchange(m_isScheduled, true);
 }
 
 void SerialQueue::runTasks()
@@ -58,38 +48,22 @@ void SerialQueue::runTasks()
         {
             const MutexLock lock(m_mutex);
             if (m_tasks.empty()) {
-                m_busy = false;
+                m_isScheduled = false;
                 return;
             }
             task = std::move(m_tasks.front());
             m_tasks.pop_front();
         }
-        task(Token());
+        // A dropped task is let go of here, without the lock: it may hold the last reference to anything.
+        if (!m_pool.stopToken().stop_requested()) task(Token());
     }
 }
 
-// The queue keeps its delayed tasks itself and asks the pool for one call only, for the next of them: two
-// tasks that the pool had fallen due together could change places on its threads.
-void SerialQueue::armTimer()
+void SerialQueue::dropTasks()
 {
-    if (m_delayed.empty()) return;
-    const Clock::time_point next = m_delayed.begin()->first;
-    if (m_timer && *m_timer <= next) return;
-    m_timer = next;
-    m_pool.runAt(next, [self = shared_from_this(), next] { self->timerFired(next); });
-}
-
-void SerialQueue::timerFired(Clock::time_point when)
-{
+    std::deque<Task> tasks;
     const MutexLock lock(m_mutex);
-    // A call for a later time, asked for before a nearer task came, goes on to be the timer of the rest.
-    if (m_timer == when) m_timer.reset();
-    const auto due = m_delayed.upper_bound(Clock::now());
-    for (auto delayed = m_delayed.begin(); delayed != due; ++delayed)
-        m_tasks.push_back(std::move(delayed->second));
-    m_delayed.erase(m_delayed.begin(), due);
-    armTimer();
-    runIfNeeded();
+    tasks.swap(m_tasks);
 }
 
 } // namespace harbex

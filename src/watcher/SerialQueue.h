@@ -1,27 +1,25 @@
 #pragma once
 
 #include "base/Mutex.h"
-#include "watcher/WorkerPool.h"
 
+#include <atomic>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
-#include <optional>
-#include <stop_token>
 #include <string>
 
 namespace harbex
 {
 
-/// Runs tasks one after the other on whatever thread of a WorkerPool is free: those of async() in the order
-/// in which they came, those of asyncAt() in the order in which they fall due. Nothing is blocked while a
-/// task waits for its time. The pool must live longer; when it stops, the tasks that have not begun are
-/// dropped.
+class WorkerPool;
+
+/// Runs tasks one after the other on whatever thread of a WorkerPool is free, in the order in which they came
+/// or fell due. Nothing is blocked while a task waits for its time. Made by WorkerPool::makeQueue(); the pool
+/// must live longer. Once the pool has stopped, tasks that have not begun are dropped.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue>
 {
 public:
-    using Clock = WorkerPool::Clock;
+    using Clock = Condition::Clock;
 
     /// Proof of running on a queue. Only a queue makes one: a function that takes it cannot be called from
     /// anywhere else.
@@ -33,9 +31,6 @@ public:
 
     using Task = std::function<void(Token)>;
 
-    /// `label` names the queue for people who debug.
-    [[nodiscard]] static std::shared_ptr<SerialQueue> create(WorkerPool& pool, std::string label);
-
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
@@ -45,32 +40,36 @@ public:
     /// Has `task` run once `when` has come. Any thread.
     void asyncAt(Clock::time_point when, Task task);
 
+    /// Runs `task` on the calling thread before it returns; what is put into the queue meanwhile runs after
+    /// it. Only as the first use of the queue.
+    void runHere(const Task& task);
+
+    /// Says whether tasks may wait for a server that does not answer. Such tasks do not count towards the
+    /// limit of threads, so that they cannot keep others from running. Any thread.
+    void setMayBlock(bool mayBlock) { m_mayBlock = mayBlock; }
+
+    /// Names the queue for people who debug.
     [[nodiscard]] const std::string& label() const { return m_label; }
 
 private:
-    SerialQueue(WorkerPool& pool, std::string label);
+    friend class WorkerPool;
 
-    void dropTasks();
-    [[nodiscard]] bool isStopped() const { return m_stopToken.stop_requested(); }
-    void runIfNeeded() REQUIRES(m_mutex);
+    SerialQueue(WorkerPool& pool, std::string label) : m_pool(pool), m_label(std::move(label)) {}
+
+    /// Appends a task; gives whether the queue must be handed to a thread now.
+    [[nodiscard]] bool push(Task task);
+    /// Runs tasks until there are none.
     void runTasks();
-    void armTimer() REQUIRES(m_mutex);
-    void timerFired(Clock::time_point when);
+    void dropTasks();
 
     WorkerPool& m_pool;
     const std::string m_label;
+    std::atomic<bool> m_mayBlock = false;
 
     Mutex m_mutex;
     std::deque<Task> m_tasks GUARDED_BY(m_mutex);
-    std::multimap<Clock::time_point, Task> m_delayed GUARDED_BY(m_mutex);
-    /// When the pool calls timerFired() next.
-    std::optional<Clock::time_point> m_timer GUARDED_BY(m_mutex);
-    /// Whether the pool has runTasks() waiting or under way.
-    bool m_busy GUARDED_BY(m_mutex) = false;
-
-    const std::stop_token m_stopToken;
-    /// Tasks may hold what holds this queue; without this they would keep each other alive for good.
-    std::stop_callback<std::function<void()>> m_onStop;
+    /// A thread runs the tasks, or will.
+    bool m_isScheduled GUARDED_BY(m_mutex) = false;
 };
 
 } // namespace harbex

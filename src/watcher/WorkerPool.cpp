@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <iterator>
 #include <system_error>
-#include <utility>
 
 namespace harbex
 {
@@ -15,20 +14,32 @@ WorkerPool::~WorkerPool()
     stop();
 }
 
-void WorkerPool::run(Task task)
+std::shared_ptr<SerialQueue> WorkerPool::makeQueue(std::string label)
 {
-    const MutexLock lock(m_mutex);
-    if (m_stopped) return;
-    m_ready.push_back(std::move(task));
-    addThreadIfNeeded();
-    m_changed.notifyOne();
+    // Not make_shared: the constructor is private.
+    return QueuePointer(new SerialQueue(*this, std::move(label)));
 }
 
-void WorkerPool::runAt(Clock::time_point when, Task task)
+void WorkerPool::schedule(QueuePointer queue)
+{
+    {
+        const MutexLock lock(m_mutex);
+        if (!m_stopped) {
+            m_ready.push_back(std::move(queue));
+            addThreadIfNeeded();
+            m_changed.notifyOne();
+            return;
+        }
+    }
+    // Its first task came while the pool stopped.
+    queue->dropTasks();
+}
+
+void WorkerPool::scheduleAt(Clock::time_point when, QueuePointer queue, SerialQueue::Task task)
 {
     const MutexLock lock(m_mutex);
     if (m_stopped) return;
-    m_delayed.emplace(when, std::move(task));
+    m_delayed.emplace(when, std::make_pair(std::move(queue), std::move(task)));
     addThreadIfNeeded();
     // All of them, because the one that a single notification reaches may be waiting to end.
     m_changed.notifyAll();
@@ -39,8 +50,8 @@ void WorkerPool::stop()
     m_stop.request_stop();
     Threads threads;
     // Letting go of a task may end in a call of this pool, so it is done without the lock.
-    std::deque<Task> ready;
-    std::multimap<Clock::time_point, Task> delayed;
+    decltype(m_ready) ready;
+    decltype(m_delayed) delayed;
     {
         const MutexLock lock(m_mutex);
         m_stopped = true;
@@ -50,7 +61,8 @@ void WorkerPool::stop()
         threads.splice(threads.end(), m_threads);
         threads.splice(threads.end(), m_ended);
     }
-    ready.clear();
+    for (const QueuePointer& queue : ready)
+        queue->dropTasks();
     delayed.clear();
     for (std::thread& thread : threads)
         thread.join();
@@ -68,9 +80,9 @@ void WorkerPool::addThreadIfNeeded()
         thread.join();
     m_ended.clear();
 
-    // A delayed task needs one thread that waits for it; a ready one needs a thread of its own.
+    // Delayed tasks need one thread that waits for them; a ready queue needs a thread of its own.
     const std::size_t wanted = m_ready.empty() ? 1 : m_ready.size();
-    if (m_idle >= wanted || m_threads.size() >= maximumThreads) return;
+    if (m_idle >= wanted || m_threads.size() >= maximumThreads + m_mayBlock) return;
 
     m_threads.emplace_back();
     const auto self = std::prev(m_threads.end());
@@ -86,11 +98,16 @@ void WorkerPool::addThreadIfNeeded()
 void WorkerPool::work(Threads::iterator self)
 {
     m_mutex.lock();
-    while (Task task = nextTask()) {
+    while (QueuePointer queue = nextQueue()) {
+        const std::size_t mayBlock = queue->m_mayBlock ? 1 : 0;
+        m_mayBlock += mayBlock;
+        // Several may have fallen due at once, or this was the thread that waited for the rest.
+        if (!m_ready.empty() || !m_delayed.empty()) addThreadIfNeeded();
         m_mutex.unlock();
-        task();
-        task = nullptr;
+        queue->runTasks();
+        queue.reset();
         m_mutex.lock();
+        m_mayBlock -= mayBlock;
         ++m_idle;
     }
     --m_idle;
@@ -99,24 +116,24 @@ void WorkerPool::work(Threads::iterator self)
     m_mutex.unlock();
 }
 
-WorkerPool::Task WorkerPool::nextTask()
+WorkerPool::QueuePointer WorkerPool::nextQueue()
 {
     const Clock::time_point idleEnd = Clock::now() + m_idleTime;
     for (;;) {
         if (m_stopped) return {};
 
         const Clock::time_point now = Clock::now();
+        // Here and in this order: threads that each took one of them could change their places.
         while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
-            m_ready.push_back(std::move(m_delayed.begin()->second));
+            auto& [queue, task] = m_delayed.begin()->second;
+            if (queue->push(std::move(task))) m_ready.push_back(std::move(queue));
             m_delayed.erase(m_delayed.begin());
         }
         if (!m_ready.empty()) {
-            Task task = std::move(m_ready.front());
+            QueuePointer queue = std::move(m_ready.front());
             m_ready.pop_front();
             --m_idle;
-            // Several may have fallen due at once, or this was the thread that waited for the rest.
-            if (!m_ready.empty() || !m_delayed.empty()) addThreadIfNeeded();
-            return task;
+            return queue;
         }
 
         // The last one stays: a task that comes when the system refuses a thread must find one.

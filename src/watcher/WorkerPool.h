@@ -1,28 +1,31 @@
 #pragma once
 
 #include "base/Mutex.h"
+#include "watcher/SerialQueue.h"
 
 #include <chrono>
 #include <cstddef>
 #include <deque>
-#include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <stop_token>
+#include <string>
 #include <thread>
+#include <utility>
 
 namespace harbex
 {
 
-/// Threads that run tasks off the main thread: at most 64 at once, started when there is work and ended
-/// when there was none for a while. The last one stays, asleep, so that a task always finds a thread even
-/// when the system refuses a new one.
+/// The threads that run serial queues off the main thread, and their timer. Threads are started when there is
+/// work and end when there was none for a while. The last one stays, asleep, so that a task always finds a
+/// thread even when the system refuses a new one.
 class WorkerPool
 {
 public:
-    using Clock = Condition::Clock;
-    using Task = std::function<void()>;
+    using Clock = SerialQueue::Clock;
 
+    /// How many threads there are at most, those left out that run queues which may block.
     static constexpr std::size_t maximumThreads = 64;
 
     /// `idleTime` is how long a thread without work stays, unless it is the last.
@@ -34,11 +37,8 @@ public:
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    /// Has `task` run as soon as a thread is free. Any thread; does nothing once the pool was stopped.
-    void run(Task task);
-
-    /// Has `task` run as soon as a thread is free after `when`. Any thread.
-    void runAt(Clock::time_point when, Task task);
+    /// Any thread.
+    [[nodiscard]] std::shared_ptr<SerialQueue> makeQueue(std::string label);
 
     /// Drops the tasks that have not begun and waits until those that run have ended.
     /// Called by one thread that is not of the pool.
@@ -51,26 +51,35 @@ public:
     [[nodiscard]] std::size_t threadCount();
 
 private:
+    friend class SerialQueue;
     using Threads = std::list<std::thread>;
+    using QueuePointer = std::shared_ptr<SerialQueue>;
+
+    void schedule(QueuePointer queue);
+    void scheduleAt(Clock::time_point when, QueuePointer queue, SerialQueue::Task task);
 
     void addThreadIfNeeded() REQUIRES(m_mutex);
     void work(Threads::iterator self);
-    /// The next task that may run, waiting for one; empty when the thread shall end.
-    Task nextTask() REQUIRES(m_mutex);
+    /// The next queue that has tasks, waiting for one; null when the thread shall end.
+    QueuePointer nextQueue() REQUIRES(m_mutex);
 
     const std::chrono::milliseconds m_idleTime;
     std::stop_source m_stop;
 
+    // Locked before the mutex of a queue.
     Mutex m_mutex;
     /// Told of new tasks, of a nearer due time and of the stop.
     Condition m_changed;
-    std::deque<Task> m_ready GUARDED_BY(m_mutex);
-    std::multimap<Clock::time_point, Task> m_delayed GUARDED_BY(m_mutex);
+    std::deque<QueuePointer> m_ready GUARDED_BY(m_mutex);
+    std::multimap<Clock::time_point, std::pair<QueuePointer, SerialQueue::Task>>
+        m_delayed GUARDED_BY(m_mutex);
     Threads m_threads GUARDED_BY(m_mutex);
     /// Threads that have left the loop and wait to be joined.
     Threads m_ended GUARDED_BY(m_mutex);
     /// How many threads have no task, those included that have yet to begin.
     std::size_t m_idle GUARDED_BY(m_mutex) = 0;
+    /// How many threads run a queue that may block.
+    std::size_t m_mayBlock GUARDED_BY(m_mutex) = 0;
     bool m_stopped GUARDED_BY(m_mutex) = false;
 };
 

@@ -101,13 +101,22 @@ private:
         return side == u"inside" ? m_mounted : m_here->path();
     }
 
+    /// Starts the engine and waits until it watches every folder: one that a server has is watched soon after
+    /// the start.
+    [[nodiscard]] static bool startAndWatch(DownloadImageRedirector& engine,
+                                            const std::vector<WatchedFolder>& folders)
+    {
+        return startAndWait(engine, folders) &&
+               QTest::qWaitFor([&] { return engine.activeFDs().size() == folders.size(); }, patience);
+    }
+
     /// Starts an engine that moves everything from one new folder into another.
     [[nodiscard]] static bool makeAndWatch(DownloadImageRedirector& engine, const std::string& inbox,
                                            const std::string& out)
     {
         makeFolder(inbox);
         makeFolder(out);
-        return startAndWait(engine, {watched(inbox, {takeAll(out)})});
+        return startAndWatch(engine, {watched(inbox, {takeAll(out)})});
     }
 
     std::unique_ptr<ScratchFolder> m_here;
@@ -255,7 +264,7 @@ void TestForeignFileSystem::aServerThatDiesHarmsNothingElse()
     const std::vector<WatchedFolder> folders = {watched(remote, {takeAll(out)}),
                                                 watched(local, {sentinel.rule(), takeAll(remoteOut)})};
     DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, folders));
+    QVERIFY(startAndWatch(engine, folders));
     m_mount->killServer();
     m_here->arrive(local + "/photo.jpg", "content");
     QTRY_COMPARE_WITH_TIMEOUT(

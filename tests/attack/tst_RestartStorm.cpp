@@ -6,6 +6,7 @@
 
 #include <array>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -35,6 +36,36 @@ public:
             const std::string path = newPath();
             m_near.arrive(path, content(m_count - 1));
         }
+    }
+
+    /// A browser begins a download, or ends the one that is under way: it keeps the name with an empty file,
+    /// writes another one, and renames that over the first.
+    void download()
+    {
+        if (m_download.empty()) {
+            m_download = newPath();
+            writeFile(m_download, "");
+            const size_t dot = m_download.find('.', m_download.rfind('/'));
+            m_part = m_download.substr(0, dot) + ".gqqRF_r1.part";
+            writeFile(m_part, content(m_count - 1));
+            return;
+        }
+        renameEntry(m_part, m_download);
+        m_download.clear();
+    }
+
+    void finishDownload()
+    {
+        if (!m_download.empty()) download();
+    }
+
+    /// A folder goes away for a moment.
+    void hideInbox(const std::function<void()>& meanwhile)
+    {
+        const std::string& inbox = m_inboxes[below(m_inboxes.size())];
+        renameEntry(inbox, inbox + " elsewhere");
+        meanwhile();
+        renameEntry(inbox + " elsewhere", inbox);
     }
 
     /// A file is placed that was there before watching began. Called while nothing is watched.
@@ -132,6 +163,9 @@ private:
     std::vector<std::string> m_known;
     size_t m_count = 0;
     size_t m_names = 0;
+    /// The file whose download is under way, and the one that the browser writes.
+    std::string m_download;
+    std::string m_part;
 };
 
 } // namespace
@@ -171,7 +205,8 @@ void TestRestartStorm::nothingIsLostOrMovedTwice()
         makeEngine();
         for (size_t round = 0; round < rounds; ++round) {
             ledger.burst();
-            switch (randomBelow(random, 12)) {
+            if (randomBelow(random, 3) == 0) ledger.download();
+            switch (randomBelow(random, 13)) {
             case 0:
                 engine->stop();
                 ledger.placeKnown();
@@ -193,6 +228,9 @@ void TestRestartStorm::nothingIsLostOrMovedTwice()
                 makeEngine();
                 engine->start(ledger.configuration());
                 break;
+            case 12:
+                ledger.hideInbox([&] { QTest::qWait(int(randomBelow(random, 20))); });
+                break;
             case 4:
             case 5:
                 engine->restart(ledger.configuration());
@@ -206,6 +244,7 @@ void TestRestartStorm::nothingIsLostOrMovedTwice()
             QTest::qWait(int(randomBelow(random, 8) == 0 ? 400 : randomBelow(random, 20)));
             if (round % 500 != 499 && round + 1 != rounds) continue;
 
+            ledger.finishDownload();
             engine.reset();
             QCOMPARE(QString::fromStdString(ledger.findFault()), QString());
             QCOMPARE(kernelWatchCount(), 0U);

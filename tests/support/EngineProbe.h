@@ -79,6 +79,14 @@ inline constexpr int patience = 30'000;
     return QTest::qWaitFor([&] { return stopped && engine.isRunning(); }, patience);
 }
 
+/// Whether as many folders are watched as there were when activeFDs() was `before`, and not all of them the
+/// same: one that stands at the path of another is another, even if it has been there before.
+[[nodiscard]] inline bool isWatchedAnew(const DownloadImageRedirector& engine, const std::vector<int>& before)
+{
+    const std::vector<int> now = engine.activeFDs();
+    return now.size() == before.size() && now != before;
+}
+
 /// The messages of the log without their times, oldest first.
 [[nodiscard]] inline QStringList messages(const DownloadImageRedirector& engine)
 {

@@ -40,18 +40,23 @@ void mount(const char* source, const std::string& folder, const char* type, unsi
 
 void enterPrivateNamespace()
 {
+    if (tryPrivateNamespace()) return;
+    std::fprintf(stderr, "not possible here: a namespace of one's own: %s\n", std::strerror(errno));
+    // Quickly: what the program has set up so far concerns nobody.
+    std::_Exit(notPossibleHere);
+}
+
+bool tryPrivateNamespace()
+{
     const uid_t user = ::getuid();
     const gid_t group = ::getgid();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-        std::fprintf(stderr, "not possible here: a namespace of one's own: %s\n", std::strerror(errno));
-        // Quickly: what the program has set up so far concerns nobody.
-        std::_Exit(notPossibleHere);
-    }
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
     // The kernel wants this before an ordinary user may map groups.
     write("/proc/self/setgroups", "deny");
     write("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
     write("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
     mount("none", "/", nullptr, MS_REC | MS_PRIVATE);
+    return true;
 }
 
 Mount Mount::memory(const std::string& folder, const std::string& options)

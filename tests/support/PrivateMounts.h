@@ -13,6 +13,10 @@ constexpr int notPossibleHere = 77;
 /// program with `notPossibleHere` when the system allows no user namespace (in many a container or chroot).
 void enterPrivateNamespace();
 
+/// The same for a test that needs no mounts of its own and shall see none of others. False, with the reason
+/// in errno, when the system allows no user namespace.
+bool tryPrivateNamespace();
+
 /// Something that is mounted for the length of a scope.
 class Mount
 {

@@ -1,0 +1,370 @@
+#include "watcher/EntryPipeline.h"
+
+#include "base/ReadableText.h"
+#include "base/StandardOutput.h"
+#include "files/EntryName.h"
+#include "files/EntryPlace.h"
+#include "files/FreeName.h"
+
+#include <QStringList>
+
+#include <cerrno>
+#include <iterator>
+#include <sys/stat.h>
+#include <utility>
+
+namespace harbex
+{
+
+namespace
+{
+
+void print(const QString& line)
+{
+    printLine(line.toStdString());
+}
+
+/// ["report", "final", "PDF"]
+QString listOf(const std::vector<QString>& pieces)
+{
+    QStringList quoted;
+    for (const QString& piece : pieces)
+        quoted << u'"' + readableText(piece) + u'"';
+    return u'[' + quoted.join(QStringLiteral(", ")) + u']';
+}
+
+QString lowerCasedExtension(const std::string& name)
+{
+    return ComparableText(textOfName(pathExtension(name))).lowerCased;
+}
+
+} // namespace
+
+EntryPipeline::EntryPipeline(const Services& services, std::shared_ptr<SerialQueue> queue)
+    : m_services(services), m_queue(std::move(queue))
+{
+}
+
+void EntryPipeline::begin(Token token, const DirectoryPointer& directory, const Rules& rules,
+                          std::vector<std::string> names)
+{
+    // In pieces, so that the first of many thousands are moved while the last are still tried.
+    constexpr size_t batchSize = 500;
+    if (names.size() > batchSize) {
+        const auto rest = names.begin() + batchSize;
+        m_queue->async([self = shared_from_this(), directory, rules,
+                        later = std::vector<std::string>(std::make_move_iterator(rest),
+                                                         std::make_move_iterator(names.end()))](
+                           Token next) mutable { self->begin(next, directory, rules, std::move(later)); });
+        names.resize(batchSize);
+    }
+    const MoveHistory::FolderKey folder = MoveHistory::keyOf(directory->identity());
+    Entries entries;
+    entries.reserve(names.size());
+    for (const std::string& name : names) {
+        Entry entry{.name = name,
+                    .splitName = SplitName(name),
+                    .directory = directory,
+                    .rules = rules,
+                    .trail = m_services.history.take(folder, name)};
+        print(listOf(entry.splitName.pieces));
+        if (MoveHistory::leadsOutOf(folder, entry.trail))
+            print(QStringLiteral("Stays where it was moved back to: ") + readableName(name));
+        else
+            entries.push_back(std::move(entry));
+    }
+    advance(token, std::move(entries));
+}
+
+bool EntryPipeline::Entry::isSizeUnchanged()
+{
+    readAt.reset();
+    // The size of a link is its own, not that of what it leads to: the link is what would be moved.
+    const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, path()});
+    const std::optional<uint64_t> last = std::exchange(size, std::nullopt);
+    if (!status) return false;
+    size = status->size;
+    isLink = status->isLink();
+    isDownloaded = std::exchange(inode, status->inode) != status->inode && last == 0;
+    return last && last == size;
+}
+
+EntryPipeline::Clock::time_point EntryPipeline::Entry::dueAt() const
+{
+    switch (step) {
+    case Step::confirm:
+        return *readAt + confirmationDelay;
+    case Step::firstTest:
+    case Step::secondTest:
+        return *readAt + samplingInterval;
+    case Step::retry:
+        return retries.front().first;
+    case Step::tryRules:
+    case Step::read:
+    case Step::move:
+    case Step::moved:
+    case Step::notMoved:
+    case Step::done:
+        return Clock::time_point::min();
+    }
+    Q_UNREACHABLE();
+}
+
+void EntryPipeline::advance(Token token, Entries entries)
+{
+    Downloads downloads;
+    for (Entry& entry : entries)
+        step(token, entry, downloads);
+    // After everything else and in one go, so that all of them can be read again at one moment.
+    for (Entry& entry : entries) {
+        if (entry.step != Step::read) continue;
+        static_cast<void>(entry.isSizeUnchanged());
+        entry.step = Step::confirm;
+    }
+
+    const Clock::time_point now = Clock::now();
+    std::map<Clock::time_point, Entries> waiting;
+    std::map<std::string, Entries> moves;
+    for (Entry& entry : entries) {
+        if (!entry.readAt) entry.readAt = now;
+        if (entry.step == Step::move)
+            moves[entry.destination().path()].push_back(std::move(entry));
+        else if (entry.step != Step::done)
+            waiting[entry.dueAt()].push_back(std::move(entry));
+    }
+    for (auto& [destination, together] : moves) {
+        SerialQueue& queue = movesTo(destination, together.front().directory->path());
+        queue.async([self = shared_from_this(), batch = std::move(together)](Token) mutable {
+            self->moveAll(std::move(batch));
+        });
+    }
+    for (auto& [due, together] : waiting) {
+        m_queue->asyncAt(due, [self = shared_from_this(), batch = std::move(together)](Token later) mutable {
+            self->advance(later, std::move(batch));
+        });
+    }
+}
+
+void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
+{
+    switch (entry.step) {
+    case Step::tryRules:
+        return tryRules(entry);
+    case Step::confirm:
+        if (const auto readAt = entry.readAt; entry.isSizeUnchanged()) entry.readAt = readAt;
+        entry.step = Step::firstTest;
+        return;
+    case Step::firstTest:
+        if (entry.isSizeUnchanged()) {
+            entry.step = Step::secondTest;
+            return;
+        }
+        if (entry.isDownloaded) {
+            entry.step = Step::read;
+            return;
+        }
+        entry.retries.emplace_back(Clock::now() + retryDelay, entry.rule);
+        return tryNextRules(entry);
+    case Step::secondTest:
+        if (!entry.isSizeUnchanged()) {
+            if (entry.isDownloaded) {
+                entry.step = Step::read;
+                return;
+            }
+            logSkipped(entry);
+            return tryNextRules(entry);
+        }
+        if (isPlaceholder(entry, downloads)) {
+            // The finished download takes its name and has to be new then.
+            entry.directory->forget(token, entry.name);
+            entry.step = Step::done;
+            return;
+        }
+        entry.step = Step::move;
+        return;
+    case Step::moved:
+        return beginRetry(entry);
+    case Step::notMoved:
+        return tryNextRules(entry);
+    case Step::retry: {
+        entry.isRetry = true;
+        entry.rule = entry.retries.front().second;
+        entry.retries.erase(entry.retries.begin());
+        const std::optional<Existence> existence = find(entry);
+        if (!existence) {
+            logSkipped(entry);
+            return beginRetry(entry);
+        }
+        entry.isFolder = existence->isDirectory;
+        entry.step = entry.isFolder ? Step::move : Step::secondTest;
+        static_cast<void>(entry.isSizeUnchanged());
+        return;
+    }
+    case Step::read:
+    case Step::move:
+    case Step::done:
+        return;
+    }
+}
+
+void EntryPipeline::tryRules(Entry& entry) const
+{
+    for (; entry.rule < entry.rules->size(); ++entry.rule) {
+        const MatchableRule& rule = (*entry.rules)[entry.rule];
+        if (!passesNameFilter(entry.splitName, rule)) continue;
+        const std::optional<Existence> existence = find(entry);
+        if (!existence || !processIfImage(entry, rule, *existence)) continue;
+        // A rule can say "stays here". The entry must not get a new name for it, which would be new again.
+        if (isOwnFolder(entry)) break;
+        entry.isFolder = existence->isDirectory;
+        entry.step = entry.isFolder ? Step::move : Step::read;
+        return;
+    }
+    beginRetry(entry);
+}
+
+void EntryPipeline::tryNextRules(Entry& entry) const
+{
+    if (entry.isRetry) return beginRetry(entry);
+    ++entry.rule;
+    tryRules(entry);
+}
+
+void EntryPipeline::beginRetry(Entry& entry)
+{
+    entry.step = entry.retries.empty() ? Step::done : Step::retry;
+}
+
+bool EntryPipeline::processIfImage(const Entry& entry, const MatchableRule& rule,
+                                   const Existence& existence) const
+{
+    if (isPartialDownload(entry.name)) return false;
+    const QString extension = lowerCasedExtension(entry.name);
+    print(QStringLiteral("Processing: ") + readableName(entry.name));
+    print(QStringLiteral("ext ") + readableText(extension));
+    print(rawValue(rule.filter.field));
+    return matches(rule, extension, existence.isDirectoryItself);
+}
+
+std::optional<EntryPipeline::Existence> EntryPipeline::find(const Entry& entry) const
+{
+    const std::string path = entry.path();
+    struct stat data;
+    if (::lstat(path.c_str(), &data) != 0) return std::nullopt;
+    if (!S_ISLNK(data.st_mode)) return Existence{S_ISDIR(data.st_mode), S_ISDIR(data.st_mode)};
+    // What a link leads to on a server that does not answer must not hold up the folder. The link exists.
+    const auto mounts = m_services.events.mounts();
+    if (const auto mount = mounts->remoteMount(path))
+        if (mount != mounts->remoteMount(entry.directory->path())) return Existence{};
+    if (::stat(path.c_str(), &data) != 0) return std::nullopt;
+    return Existence{S_ISDIR(data.st_mode), false};
+}
+
+bool EntryPipeline::isOwnFolder(const Entry& entry) const
+{
+    const std::string destination = entry.destination().path();
+    // Nor must a destination on such a server.
+    const auto mounts = m_services.events.mounts();
+    if (const auto mount = mounts->remoteMount(destination))
+        if (mount != mounts->remoteMount(entry.directory->path())) return false;
+    const Outcome<FileIdentity> identity = identityOf(destination);
+    return identity && MoveHistory::keyOf(*identity) == MoveHistory::keyOf(entry.directory->identity());
+}
+
+bool EntryPipeline::isPlaceholder(const Entry& entry, Downloads& downloads)
+{
+    if (entry.size != 0) return false;
+    // Where this or the listing fails, the next scan finds the file again.
+    const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, entry.path()});
+    if (!status) return true;
+    if (!status->isRegularFile()) return false;
+    auto found = downloads.find(entry.directory.get());
+    if (found == downloads.end())
+        found = downloads.emplace(entry.directory.get(), entry.directory->downloadsUnderWay()).first;
+    return !found->second || found->second->contains(downloadBase(entry.name));
+}
+
+void EntryPipeline::logSkipped(const Entry& entry) const
+{
+    m_services.addLog(QStringLiteral("Skipped busy file: ") + readableName(entry.name));
+}
+
+SerialQueue& EntryPipeline::movesTo(const std::string& destination, const std::string& source)
+{
+    std::shared_ptr<SerialQueue>& queue = m_moves[destination];
+    if (!queue) queue = m_services.pool.makeQueue("harbex.moves." + destination);
+    const auto mounts = m_services.events.mounts();
+    queue->setMayBlock(mounts->remoteMount(destination) || mounts->remoteMount(source));
+    return *queue;
+}
+
+void EntryPipeline::moveAll(Entries entries)
+{
+    for (Entry& entry : entries) {
+        if (m_services.pool.stopToken().stop_requested()) return;
+        move(entry);
+        // Most entries end here, without another turn of the folder's queue.
+        if (entry.step == Step::moved && entry.retries.empty()) continue;
+        const Clock::time_point due = entry.dueAt();
+        Entries one;
+        one.push_back(std::move(entry));
+        m_queue->asyncAt(due, [self = shared_from_this(), one = std::move(one)](Token token) mutable {
+            self->advance(token, std::move(one));
+        });
+    }
+}
+
+void EntryPipeline::move(Entry& entry) const
+{
+    const std::string destination = entry.destination().path();
+    // Before the last look at the entry, because a server may take its time for this.
+    const Target target = {uniqueDestination(entry.path(), destination), identityOf(destination)};
+    const bool isLate = Clock::now() - *entry.readAt >= samplingInterval;
+    const bool isUnchanged = entry.isFolder || entry.isSizeUnchanged();
+    // While this waited for a copy to end, the entry may have gone. Or another folder stands here now, whose
+    // entries were there before.
+    const bool isThere = entry.isFolder || entry.isLink ? find(entry).has_value() : entry.size.has_value();
+    if (!isThere || !entry.directory->isAtPath()) {
+        logSkipped(entry);
+        entry.step = Step::notMoved;
+        return;
+    }
+    // Or it has grown, or a download has begun whose placeholder it is.
+    if (!isUnchanged || (isLate && entry.size == 0)) {
+        entry.readAt = Clock::now();
+        entry.step = Step::secondTest;
+        return;
+    }
+    entry.step = moveImageToPicturesIfPossible(entry, target) ? Step::moved : Step::notMoved;
+}
+
+bool EntryPipeline::moveImageToPicturesIfPossible(const Entry& entry, const Target& target) const
+{
+    const FileUrl& destination = entry.destination();
+    const QString name = readableName(entry.name);
+    print(QStringLiteral("Moving %1 to %2...").arg(name, readableName(destination.lastPathComponent())));
+
+    const std::string targetName(lastPathComponent(target.path));
+    const MoveHistory::FolderKey folder =
+        target.folder ? MoveHistory::keyOf(*target.folder) : MoveHistory::FolderKey();
+    const bool isWatched = m_services.history.isWatched(folder);
+    if (isWatched) {
+        MoveHistory::Trail trail = entry.trail;
+        trail.emplace_back(MoveHistory::keyOf(entry.directory->identity()), Clock::now());
+        m_services.history.expect(folder, targetName, std::move(trail));
+    }
+    // A URL that names no local path must not become a name in the root folder.
+    const Outcome<void> moved =
+        target.path.empty() ? SystemError{ENOENT} : m_services.fileMove.moveItem(entry.path(), target.path);
+    if (moved) {
+        m_services.addLog(QStringLiteral("Moved ") + name + QStringLiteral(" -> ") +
+                          readableName(targetName));
+        return true;
+    }
+    if (isWatched) static_cast<void>(m_services.history.take(folder, targetName));
+    m_services.addLog(QStringLiteral("Move failed for ") + name + QStringLiteral(": ") +
+                      QString::fromStdString(moved.error().description()));
+    return false;
+}
+
+} // namespace harbex

@@ -1,0 +1,56 @@
+#include "watcher/MoveHistory.h"
+
+#include <algorithm>
+
+namespace harbex
+{
+
+void MoveHistory::addWatched(const FolderKey& folder)
+{
+    const MutexLock lock(m_mutex);
+    ++m_watched[folder];
+}
+
+void MoveHistory::removeWatched(const FolderKey& folder)
+{
+    const MutexLock lock(m_mutex);
+    if (--m_watched[folder] == 0) m_watched.erase(folder);
+}
+
+bool MoveHistory::isWatched(const FolderKey& folder)
+{
+    const MutexLock lock(m_mutex);
+    return m_watched.contains(folder);
+}
+
+void MoveHistory::expect(const FolderKey& folder, const std::string& name, Trail trail)
+{
+    const Clock::time_point now = Clock::now();
+    const MutexLock lock(m_mutex);
+    // What arrived unseen, in a folder that was no longer watched by then.
+    if (now >= m_nextCleaning) {
+        m_nextCleaning = now + memory;
+        std::erase_if(m_expected, [now](const auto& entry) { return now - entry.second.second > memory; });
+    }
+    m_expected.insert_or_assign({folder, name}, std::make_pair(std::move(trail), now));
+}
+
+MoveHistory::Trail MoveHistory::take(const FolderKey& folder, const std::string& name)
+{
+    const MutexLock lock(m_mutex);
+    const auto found = m_expected.find({folder, name});
+    if (found == m_expected.end()) return {};
+    Trail trail = std::move(found->second.first);
+    m_expected.erase(found);
+    return trail;
+}
+
+bool MoveHistory::leadsOutOf(const FolderKey& folder, const Trail& trail)
+{
+    const Clock::time_point now = Clock::now();
+    return std::ranges::any_of(trail, [&](const auto& departure) {
+        return departure.first == folder && now - departure.second <= memory;
+    });
+}
+
+} // namespace harbex

@@ -1,0 +1,116 @@
+#include "watcher/WatchedDirectory.h"
+
+#include "files/DirectoryListing.h"
+#include "files/EntryPlace.h"
+#include "watcher/RuleMatching.h"
+
+#include <cerrno>
+#include <utility>
+
+namespace harbex
+{
+
+namespace
+{
+
+/// Collects what the names of partial downloads begin with.
+struct Downloads {
+    std::set<std::string, std::less<>> bases;
+
+    void add(std::string_view name)
+    {
+        if (isPartialDownload(name)) bases.emplace(downloadBase(name));
+    }
+};
+
+} // namespace
+
+Outcome<std::shared_ptr<WatchedDirectory>, WatchedDirectory::Failure>
+WatchedDirectory::open(DirectoryEvents& events, MoveHistory& history, const std::string& path,
+                       DirectoryEvents::Handler handler)
+{
+    // Before the listing: what arrives after it is told, so that no directory needs to be listed twice.
+    auto source = events.watch(path, std::move(handler));
+    Outcome<DirectoryListing> listing = DirectoryListing::open(path);
+    if (!listing) return Failure{listing.error()};
+    if (!source) return Failure{source.error(), true};
+
+    const std::shared_ptr<WatchedDirectory> directory(
+        new WatchedDirectory(history, path, *std::move(source), listing->identity()));
+    // Another one took its place in between.
+    if (!directory->m_source->isFor(listing->descriptorPath())) return Failure{SystemError{ENOENT}};
+    NameSnapshot::Update update(directory->m_names);
+    if (const Outcome<void> listed = listing->forEachName([&](auto name) { update.add(name); }); !listed)
+        return Failure{listed.error()};
+    directory->m_names = update.takeCurrent();
+    directory->forgetPlaceholders();
+    return directory;
+}
+
+WatchedDirectory::WatchedDirectory(MoveHistory& history, std::string path,
+                                   std::shared_ptr<DirectoryEvents::Source> source,
+                                   const FileIdentity& identity)
+    : m_history(history), m_path(std::move(path)), m_source(std::move(source)), m_identity(identity)
+{
+    m_history.addWatched(MoveHistory::keyOf(m_identity));
+}
+
+WatchedDirectory::~WatchedDirectory()
+{
+    m_history.removeWatched(MoveHistory::keyOf(m_identity));
+}
+
+std::string WatchedDirectory::pathOf(const std::string& name) const
+{
+    return m_path == "/" ? m_path + name : m_path + '/' + name;
+}
+
+Outcome<std::vector<std::string>> WatchedDirectory::takeNewNames(Token)
+{
+    Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
+    if (!listing) return listing.error();
+    // The time of birth does not tell: an overlay file system changes it when it copies a directory up.
+    if (MoveHistory::keyOf(listing->identity()) != MoveHistory::keyOf(m_identity) ||
+        !m_source->isFor(listing->descriptorPath()))
+        return SystemError{ENOENT};
+
+    NameSnapshot::Update update(m_names);
+    const Outcome<void> listed = listing->forEachName([&](auto name) { update.add(name); });
+    if (!listed) return listed.error();
+    if (update.isUnchanged()) return std::vector<std::string>();
+    std::vector<std::string> names = update.newNames();
+    m_names = update.takeCurrent();
+    return names;
+}
+
+bool WatchedDirectory::isAtPath() const
+{
+    return m_source->isFor(m_path);
+}
+
+Outcome<std::set<std::string, std::less<>>> WatchedDirectory::downloadsUnderWay() const
+{
+    Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
+    if (!listing) return listing.error();
+    Downloads downloads;
+    if (const Outcome<void> listed = listing->forEachName([&](auto name) { downloads.add(name); }); !listed)
+        return listed.error();
+    return std::move(downloads.bases);
+}
+
+void WatchedDirectory::forgetPlaceholders()
+{
+    Downloads downloads;
+    m_names.forEachName([&](auto name) { downloads.add(name); });
+    if (downloads.bases.empty()) return;
+    std::vector<std::string> placeholders;
+    m_names.forEachName([&](std::string_view name) {
+        if (!downloads.bases.contains(downloadBase(name))) return;
+        const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, pathOf(std::string(name))});
+        if (status && status->isRegularFile() && status->size == 0) placeholders.emplace_back(name);
+    });
+    for (const std::string& name : placeholders)
+        m_names.remove(name);
+}
+
+} // namespace harbex

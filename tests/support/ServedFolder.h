@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace harbex::test
+{
+
+/// A folder seen through a file system that runs as an ordinary program (FUSE): bindfs of Debian. To the
+/// engine it is a volume that a server has. Ends the program with a message when it cannot be mounted.
+class ServedFolder
+{
+public:
+    class Silence;
+
+    /// Shows the folder `real` at the folder `place`.
+    ServedFolder(const std::string& real, std::string place);
+    ~ServedFolder();
+    ServedFolder(const ServedFolder&) = delete;
+    ServedFolder& operator=(const ServedFolder&) = delete;
+
+    /// Why such a file system cannot be mounted here; empty when it can. To be asked once, before the tests.
+    [[nodiscard]] static QString reasonAgainst();
+
+private:
+    const std::string m_place;
+    QProcess m_server;
+};
+
+/// For as long as this lives, the server answers nothing: whoever asks it waits. Declared after whatever may
+/// wait for it, so that a test that fails does not hang. Ends by itself after a minute, because nobody could
+/// end it while the thread of the test waits.
+class ServedFolder::Silence
+{
+public:
+    explicit Silence(const ServedFolder& folder);
+    ~Silence();
+    Silence(const Silence&) = delete;
+    Silence& operator=(const Silence&) = delete;
+
+    /// Whether the server has answered nothing so far.
+    [[nodiscard]] bool holds() const { return m_holds; }
+
+    /// Lets the server answer again.
+    void end();
+
+private:
+    const pid_t m_server;
+    std::atomic<bool> m_holds = true;
+    std::jthread m_guard;
+};
+
+} // namespace harbex::test
