@@ -33,7 +33,7 @@ QByteArray bookmarkOf(const fs::path& folder)
 /// The path to which it resolves, or "(nothing)".
 std::string resolved(const QByteArray& bookmark)
 {
-    const auto url = resolveBookmark(bookmark);
+    const auto url = resolveBookmark(bookmark, MountTable());
     return url ? url->path() : "(nothing)";
 }
 
@@ -100,6 +100,7 @@ private Q_SLOTS:
 
     // Where the folder is found.
     void resolvesToThePathItWasMadeFor();
+    void aRemoteVolumeIsNotAsked();
     void resolvesToTheNewNameInTheSameParent_data();
     void resolvesToTheNewNameInTheSameParent();
     void resolvesToANewNameOfAnyBytes();
@@ -159,7 +160,20 @@ void TestBookmark::init()
 void TestBookmark::resolvesToThePathItWasMadeFor()
 {
     const fs::path folder = makeFolder("Downloads");
-    QVERIFY(resolveBookmark(bookmarkOf(folder)) == FileUrl::fromPath(folder.string()));
+    QVERIFY(resolveBookmark(bookmarkOf(folder), MountTable()) == FileUrl::fromPath(folder.string()));
+}
+
+// Its server may not answer, and the window waits for this.
+void TestBookmark::aRemoteVolumeIsNotAsked()
+{
+    const fs::path folder = makeFolder("Downloads");
+    const QByteArray bookmark = bookmarkOf(folder);
+    const auto tableWith = [&](const char* type) {
+        return MountTable::parse("36 35 0:40 / " + folder.parent_path().string() + " rw - " + type + " x rw");
+    };
+    QVERIFY(resolveBookmark(bookmark, tableWith("ext4")) == FileUrl::fromPath(folder.string()));
+    QVERIFY(!resolveBookmark(bookmark, tableWith("nfs4")));
+    QVERIFY(!resolveBookmark(bookmark, tableWith("fuse.sshfs")));
 }
 
 void TestBookmark::resolvesToTheNewNameInTheSameParent_data()

@@ -103,7 +103,7 @@ void TestFolderPanel::theChosenFolderIsReportedWithItsBookmark()
     QCOMPARE(completion.calls, 1);
     QCOMPARE(completion.url, FileUrl::fromPath(path.toStdString()));
     QVERIFY(completion.bookmarkData);
-    QCOMPARE(resolveBookmark(*completion.bookmarkData), completion.url);
+    QCOMPARE(resolveBookmark(*completion.bookmarkData, MountTable()), completion.url);
 }
 
 void TestFolderPanel::aFolderWhoseBookmarkCannotBeMadeIsChosenAnyway()

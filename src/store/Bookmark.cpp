@@ -161,10 +161,10 @@ Outcome<QByteArray> createBookmark(const std::string& path)
     return encode({folderPath, *folder});
 }
 
-std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark)
+std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark, const MountTable& mounts)
 {
     const auto stored = decode(bookmark);
-    if (!stored) return std::nullopt;
+    if (!stored || mounts.remoteMount(stored->path)) return std::nullopt;
 
     const auto present = identityOfFolder(AT_FDCWD, stored->path.c_str());
     if (present && compare(*present, stored->folder) != Likeness::different)

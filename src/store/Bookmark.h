@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Outcome.h"
+#include "files/MountTable.h"
 #include "model/FileUrl.h"
 
 #include <QByteArray>
@@ -18,8 +19,9 @@ namespace harbex
 
 /// Where the folder of a bookmark stands now: at the path it was made for, or under another name in the same
 /// parent folder. Nothing when the folder is at neither place (moved away, deleted, replaced by another one
-/// or by a restored copy) and when the bytes are no bookmark; any bytes may be given. Takes at most one
-/// listing of the parent folder. Any thread.
-[[nodiscard]] std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark);
+/// or by a restored copy) and when the bytes are no bookmark; any bytes may be given. Nothing, too, when the
+/// path leads to a remote volume by `mounts`: its server may not answer, and no call is made to it. Takes at
+/// most one listing of the parent folder. Any thread.
+[[nodiscard]] std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark, const MountTable& mounts);
 
 } // namespace harbex

@@ -28,11 +28,13 @@ Outcome<std::vector<WatchedFolder>, JsonError> decodeStoredList(const Preference
 /// Replaces each URL whose bookmark resolves; the others stay as they were stored.
 void resolveBookmarks(std::vector<WatchedFolder>& folders)
 {
+    const MountTable mounts = MountTable::read();
     for (WatchedFolder& folder : folders) {
-        if (folder.bookmarkData) folder.url = resolveBookmark(*folder.bookmarkData).value_or(folder.url);
+        if (folder.bookmarkData)
+            folder.url = resolveBookmark(*folder.bookmarkData, mounts).value_or(folder.url);
         for (FilterRule& rule : folder.rules) {
             if (!rule.destinationBookmarkData) continue;
-            if (auto destination = resolveBookmark(*rule.destinationBookmarkData))
+            if (auto destination = resolveBookmark(*rule.destinationBookmarkData, mounts))
                 rule.destination = std::move(destination);
         }
     }
