@@ -387,14 +387,7 @@ void TestEngineServers::aFolderThatIsMissingIsWaitedForWithoutATimer()
 
 int main(int argc, char** argv)
 {
-    {
-        const QCoreApplication application(argc, argv);
-        const QString reason = ServedFolder::reasonAgainst();
-        if (!reason.isEmpty()) {
-            std::fprintf(stderr, "not possible here: %s\n", qPrintable(reason));
-            return notPossibleHere;
-        }
-    }
+    if (!ServedFolder::isPossible(argc, argv)) return notPossibleHere;
     reportApartFromStandardOutput();
     return runTest<QCoreApplication, TestEngineServers>(argc, argv);
 }

@@ -270,14 +270,7 @@ void TestFolderWatch::aServerWithoutTimesIsListedNowAndThen()
 
 int main(int argc, char** argv)
 {
-    {
-        const QCoreApplication application(argc, argv);
-        const QString reason = ServedFolder::reasonAgainst();
-        if (!reason.isEmpty()) {
-            std::fprintf(stderr, "not possible here: %s\n", qPrintable(reason));
-            return notPossibleHere;
-        }
-    }
+    if (!ServedFolder::isPossible(argc, argv)) return notPossibleHere;
     reportApartFromStandardOutput();
     const EngineOutput output;
     return runTest<QCoreApplication, TestFolderWatch>(argc, argv);

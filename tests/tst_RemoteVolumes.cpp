@@ -168,14 +168,7 @@ void TestRemoteVolumes::watchThatWaitsHoldsUpNobody()
 
 int main(int argc, char** argv)
 {
-    {
-        const QCoreApplication application(argc, argv);
-        const QString reason = ServedFolder::reasonAgainst();
-        if (!reason.isEmpty()) {
-            std::fprintf(stderr, "not possible here: %s\n", qPrintable(reason));
-            return notPossibleHere;
-        }
-    }
+    if (!ServedFolder::isPossible(argc, argv)) return notPossibleHere;
     return runTest<QCoreApplication, TestRemoteVolumes>(argc, argv);
 }
 

@@ -3,12 +3,14 @@
 #include "support/EngineFiles.h"
 #include "support/Eventually.h"
 
+#include <QCoreApplication>
 #include <QStandardPaths>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <linux/magic.h>
@@ -79,6 +81,14 @@ ServedFolder::ServedFolder(const std::string& real, std::string place) : m_place
 ServedFolder::~ServedFolder()
 {
     unmount(m_server, m_place);
+}
+
+bool ServedFolder::isPossible(int argc, char** argv)
+{
+    const QCoreApplication application(argc, argv);
+    const QString reason = reasonAgainst();
+    if (!reason.isEmpty()) std::fprintf(stderr, "not possible here: %s\n", qPrintable(reason));
+    return reason.isEmpty();
 }
 
 QString ServedFolder::reasonAgainst()

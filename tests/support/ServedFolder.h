@@ -24,10 +24,13 @@ public:
     ServedFolder(const ServedFolder&) = delete;
     ServedFolder& operator=(const ServedFolder&) = delete;
 
-    /// Why such a file system cannot be mounted here; empty when it can. To be asked once, before the tests.
-    [[nodiscard]] static QString reasonAgainst();
+    /// Whether such a file system can be mounted here; says why not on standard error. For main(), which gives
+    /// its arguments, before the tests.
+    [[nodiscard]] static bool isPossible(int argc, char** argv);
 
 private:
+    static QString reasonAgainst();
+
     const std::string m_place;
     QProcess m_server;
 };
