@@ -2,10 +2,21 @@
 
 #include "base/ReadableText.h"
 
+#include <QTimer>
+
+#include <chrono>
 #include <utility>
 
 namespace harbex
 {
+
+namespace
+{
+
+/// How long lines of the log are gathered before the main thread records them.
+constexpr std::chrono::milliseconds logDelay{20};
+
+} // namespace
 
 DownloadImageRedirector::DownloadImageRedirector(QObject* parent)
     : QObject(parent), m_fileMove(m_pool.stopToken())
@@ -94,20 +105,24 @@ std::vector<int> DownloadImageRedirector::activeFDs() const
     return descriptors;
 }
 
-/// Records a line. Any thread.
+/// Records a line, shortly. Any thread.
 void DownloadImageRedirector::addLog(const QString& message)
 {
-    publish([this, message] { appendLog(message); });
+    const MutexLock lock(m_publishedMutex);
+    m_published.emplace_back([this, message] { appendLog(message); });
+    // A burst logs thousands of lines: waking the main thread for each takes as long as the moves.
+    if (m_published.size() == 1)
+        QMetaObject::invokeMethod(
+            this, [this] { QTimer::singleShot(logDelay, this, &DownloadImageRedirector::runPublished); },
+            Qt::QueuedConnection);
 }
 
-/// Has `change` run in the next turn of the main loop, after all that waits already. Any thread.
+/// Has `change` run in the next turn of the main loop, after all that waits already. Main thread.
 void DownloadImageRedirector::publish(Change change)
 {
     const MutexLock lock(m_publishedMutex);
     m_published.push_back(std::move(change));
-    // One call runs all that has come by then: a burst logs thousands of lines.
-    if (m_published.size() == 1)
-        QMetaObject::invokeMethod(this, &DownloadImageRedirector::runPublished, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, &DownloadImageRedirector::runPublished, Qt::QueuedConnection);
 }
 
 void DownloadImageRedirector::runPublished()
