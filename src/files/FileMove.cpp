@@ -6,7 +6,6 @@
 #include "files/PartFolder.h"
 #include "files/VolumeCrossing.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace harbex
@@ -22,21 +21,16 @@ Outcome<void> FileMove::moveItem(const std::string& source, const std::string& t
     return moved;
 }
 
-void FileMove::removeLeftoversOnce(const std::string& path)
+void FileMove::removeLeftoversOnce(const std::string& folder)
 {
-    if (m_stop.stop_requested()) return;
-    // A folder that nothing can be told of is one that nothing was moved into.
-    const Outcome<FileIdentity> identity = identityOf(path);
-    if (!identity || !isFirstMoveInto(*identity)) return;
-    if (const Outcome<FileDescriptor> folder = openFolder(path)) PartFolder::removeLeftovers(folder->get());
+    if (m_stop.stop_requested() || !isFirstMoveInto(folder)) return;
+    if (const Outcome<FileDescriptor> opened = openFolder(folder)) PartFolder::removeLeftovers(opened->get());
 }
 
-bool FileMove::isFirstMoveInto(const FileIdentity& folder)
+bool FileMove::isFirstMoveInto(const std::string& folder)
 {
     const MutexLock lock(m_mutex);
-    if (std::ranges::find(m_visited, folder) != m_visited.end()) return false;
-    m_visited.push_back(folder);
-    return true;
+    return m_visited.insert(folder).second;
 }
 
 } // namespace harbex

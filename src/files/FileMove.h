@@ -1,12 +1,11 @@
 #pragma once
 
-#include "base/FileIdentity.h"
 #include "base/Mutex.h"
 #include "base/Outcome.h"
 
+#include <set>
 #include <stop_token>
 #include <string>
-#include <vector>
 
 namespace harbex
 {
@@ -33,14 +32,14 @@ public:
     Outcome<void> moveItem(const std::string& source, const std::string& target);
 
 private:
-    /// What killed processes left in the folder at `path` is looked for after the first move into it.
-    void removeLeftoversOnce(const std::string& path);
-    bool isFirstMoveInto(const FileIdentity& folder) EXCLUDES(m_mutex);
+    /// What killed processes left in `folder` is looked for after the first move into it.
+    void removeLeftoversOnce(const std::string& folder);
+    bool isFirstMoveInto(const std::string& folder) EXCLUDES(m_mutex);
 
     const std::stop_token m_stop;
     Mutex m_mutex;
-    /// The folders that were looked through; few, as they are the destinations of rules.
-    std::vector<FileIdentity> m_visited GUARDED_BY(m_mutex);
+    /// The paths of the folders that were looked through; few, as they are the destinations of rules.
+    std::set<std::string> m_visited GUARDED_BY(m_mutex);
 };
 
 } // namespace harbex

@@ -300,9 +300,12 @@ SerialQueue& EntryPipeline::movesTo(const std::string& destination, const std::s
 
 void EntryPipeline::moveAll(Entries entries)
 {
+    // Once for all of them: another folder in its place would only be no part of their history.
+    const Outcome<FileIdentity> identity = identityOf(entries.front().destination().path());
+    const auto folder = identity ? MoveHistory::keyOf(*identity) : MoveHistory::FolderKey();
     for (Entry& entry : entries) {
         if (m_services.pool.stopToken().stop_requested()) return;
-        move(entry);
+        move(entry, folder);
         // Most entries end here, without another turn of the folder's queue.
         if (entry.step == Step::moved && entry.retries.empty()) continue;
         const Clock::time_point due = entry.dueAt();
@@ -314,11 +317,10 @@ void EntryPipeline::moveAll(Entries entries)
     }
 }
 
-void EntryPipeline::move(Entry& entry) const
+void EntryPipeline::move(Entry& entry, const MoveHistory::FolderKey& folder) const
 {
-    const std::string destination = entry.destination().path();
     // Before the last look at the entry, because a server may take its time for this.
-    const Target target = {uniqueDestination(entry.path(), destination), identityOf(destination)};
+    const std::string target = uniqueDestination(entry.path(), entry.destination().path());
     const bool isLate = Clock::now() - *entry.readAt >= samplingInterval;
     const bool isUnchanged = entry.isFolder || entry.isSizeUnchanged();
     // While this waited for a copy to end, the entry may have gone. Or another folder stands here now, whose
@@ -335,18 +337,17 @@ void EntryPipeline::move(Entry& entry) const
         entry.step = Step::secondTest;
         return;
     }
-    entry.step = moveImageToPicturesIfPossible(entry, target) ? Step::moved : Step::notMoved;
+    entry.step = moveImageToPicturesIfPossible(entry, target, folder) ? Step::moved : Step::notMoved;
 }
 
-bool EntryPipeline::moveImageToPicturesIfPossible(const Entry& entry, const Target& target) const
+bool EntryPipeline::moveImageToPicturesIfPossible(const Entry& entry, const std::string& target,
+                                                  const MoveHistory::FolderKey& folder) const
 {
-    const FileUrl& destination = entry.destination();
     const QString name = readableName(entry.name);
-    print(QStringLiteral("Moving %1 to %2...").arg(name, readableName(destination.lastPathComponent())));
+    const QString folderName = readableName(entry.destination().lastPathComponent());
+    print(QStringLiteral("Moving %1 to %2...").arg(name, folderName));
 
-    const std::string targetName(lastPathComponent(target.path));
-    const MoveHistory::FolderKey folder =
-        target.folder ? MoveHistory::keyOf(*target.folder) : MoveHistory::FolderKey();
+    const std::string targetName(lastPathComponent(target));
     const bool isWatched = m_services.history.isWatched(folder);
     if (isWatched) {
         MoveHistory::Trail trail = entry.trail;
@@ -355,7 +356,7 @@ bool EntryPipeline::moveImageToPicturesIfPossible(const Entry& entry, const Targ
     }
     // A URL that names no local path must not become a name in the root folder.
     const Outcome<void> moved =
-        target.path.empty() ? SystemError{ENOENT} : m_services.fileMove.moveItem(entry.path(), target.path);
+        target.empty() ? SystemError{ENOENT} : m_services.fileMove.moveItem(entry.path(), target);
     if (moved) {
         m_services.addLog(QStringLiteral("Moved ") + name + QStringLiteral(" -> ") +
                           readableName(targetName));

@@ -127,13 +127,6 @@ private:
         bool isDirectoryItself = false;
     };
 
-    /// Where an entry is to go.
-    struct Target {
-        /// Empty when the destination is no local folder.
-        std::string path;
-        Outcome<FileIdentity> folder;
-    };
-
     /// What the downloads in a directory begin with, found out once for all entries of a batch.
     using Downloads = std::map<const WatchedDirectory*, Outcome<std::set<std::string, std::less<>>>>;
 
@@ -152,8 +145,11 @@ private:
     [[nodiscard]] SerialQueue& movesTo(const std::string& destination, const std::string& source);
     // On the queue of the destination.
     void moveAll(Entries entries);
-    void move(Entry& entry) const;
-    [[nodiscard]] bool moveImageToPicturesIfPossible(const Entry& entry, const Target& target) const;
+    /// `folder` is the destination.
+    void move(Entry& entry, const MoveHistory::FolderKey& folder) const;
+    /// `target` is the path it gets; empty when the destination is no local folder.
+    [[nodiscard]] bool moveImageToPicturesIfPossible(const Entry& entry, const std::string& target,
+                                                     const MoveHistory::FolderKey& folder) const;
 
     const Services m_services;
     const std::shared_ptr<SerialQueue> m_queue;

@@ -24,8 +24,8 @@ public:
     ServedFolder(const ServedFolder&) = delete;
     ServedFolder& operator=(const ServedFolder&) = delete;
 
-    /// Whether such a file system can be mounted here; says why not on standard error. For main(), which gives
-    /// its arguments, before the tests.
+    /// Whether such a file system can be mounted here; says why not on standard error. For main(), which
+    /// gives its arguments, before the tests.
     [[nodiscard]] static bool isPossible(int argc, char** argv);
 
 private:
