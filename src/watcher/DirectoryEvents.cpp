@@ -127,10 +127,12 @@ Outcome<void> DirectoryEvents::openIfNeeded()
     FileDescriptor wakeUp(::eventfd(0, EFD_CLOEXEC));
     if (!wakeUp) return SystemError::last();
 
+    FileDescriptor mountInfo(::open(MountTable::kernelTable, O_RDONLY | O_CLOEXEC));
+    if (!mountInfo) return SystemError::last();
+
     m_inotify = std::move(inotify);
     m_wakeUp = std::move(wakeUp);
-    // Where it cannot be opened, later mounts go unnoticed: poll() passes over a negative descriptor.
-    m_mountInfo = FileDescriptor(::open(MountTable::kernelTable, O_RDONLY | O_CLOEXEC));
+    m_mountInfo = std::move(mountInfo);
     m_mounts = std::make_shared<const MountTable>(MountTable::read());
     try {
         m_reader = std::thread([this] { readEvents(); });
