@@ -1,6 +1,6 @@
 # The commands of everyday work. Each says what it misses and installs it (Debian), then does its job.
 
-.PHONY: build run test check attack clients bench format clean
+.PHONY: build run test check attack mutants clients bench format clean
 
 build: # build/release/harbex
 	@scripts/build
@@ -16,6 +16,9 @@ check: # both compilers, both kinds of sanitizers and the linters; takes a while
 
 attack: # faults, races, hostile files, long life and fuzzing, in full; takes hours
 	@scripts/attack
+
+mutants: # changes the sources in 100 small ways, and shows which of them no test notices; takes hours
+	@scripts/mutate
 
 clients: # real browsers and download programs, and what becomes of their files; takes some minutes
 	@scripts/clients

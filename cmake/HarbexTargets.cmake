@@ -38,11 +38,11 @@ function(harbex_finish TARGET)
   endif()
 endfunction()
 
-# A room: one static library per folder of src/, named after it.
+# A room: one library per folder of src/, named after it; static unless BUILD_SHARED_LIBS says otherwise.
 #   harbex_room(NAME SOURCES ... LINKS ...)
 function(harbex_room NAME)
   cmake_parse_arguments(ROOM "" "" "SOURCES;LINKS" ${ARGN})
-  add_library(harbex_${NAME} STATIC ${ROOM_SOURCES})
+  add_library(harbex_${NAME} ${ROOM_SOURCES})
   target_include_directories(harbex_${NAME} PUBLIC ${PROJECT_SOURCE_DIR}/src)
   target_link_libraries(harbex_${NAME} PUBLIC ${ROOM_LINKS})
   harbex_finish(harbex_${NAME})
