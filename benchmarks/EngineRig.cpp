@@ -1,7 +1,7 @@
 #include "EngineRig.h"
 
 #include "Measure.h"
-#include "files/DirectoryListing.h"
+#include "fs/DirectoryListing.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>

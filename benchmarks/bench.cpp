@@ -8,8 +8,8 @@
 #include "MoverRig.h"
 #include "ProcessRig.h"
 #include "WindowRig.h"
-#include "files/FileMove.h"
-#include "files/FreeName.h"
+#include "fs/FileMove.h"
+#include "fs/FreeName.h"
 #include "watcher/EntryPipeline.h"
 #include "watcher/NameSnapshot.h"
 

@@ -38,12 +38,12 @@ function(harbex_finish TARGET)
   endif()
 endfunction()
 
-# A room: one library per folder of src/, named after it; static unless BUILD_SHARED_LIBS says otherwise.
-#   harbex_room(NAME SOURCES ... LINKS ...)
-function(harbex_room NAME)
-  cmake_parse_arguments(ROOM "" "" "SOURCES;LINKS" ${ARGN})
-  add_library(harbex_${NAME} ${ROOM_SOURCES})
+# A module: one library per folder of src/, named after it; static unless BUILD_SHARED_LIBS says otherwise.
+#   harbex_module(NAME SOURCES ... LINKS ...)
+function(harbex_module NAME)
+  cmake_parse_arguments(MODULE "" "" "SOURCES;LINKS" ${ARGN})
+  add_library(harbex_${NAME} ${MODULE_SOURCES})
   target_include_directories(harbex_${NAME} PUBLIC ${PROJECT_SOURCE_DIR}/src)
-  target_link_libraries(harbex_${NAME} PUBLIC ${ROOM_LINKS})
+  target_link_libraries(harbex_${NAME} PUBLIC ${MODULE_LINKS})
   harbex_finish(harbex_${NAME})
 endfunction()

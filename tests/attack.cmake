@@ -1,6 +1,6 @@
 # Attacks: brief forms that run with every other test. scripts/attack runs everything labelled "attack" in full.
 harbex_test(attack/tst_SaveFaults LINKS harbex_store LABELS attack TIMEOUT 600)
-harbex_test(attack/tst_ManyMovers LINKS harbex_files LABELS attack TIMEOUT 600)
+harbex_test(attack/tst_ManyMovers LINKS harbex_fs LABELS attack TIMEOUT 600)
 harbex_test(attack/tst_HostileEntries LINKS harbex_watcher LABELS attack TIMEOUT 600)
 harbex_test(attack/tst_WatchLimits LINKS harbex_watcher SOURCES attack/EngineProcess.cpp LABELS attack TIMEOUT 600)
 harbex_test(attack/tst_FolderGoesAway LINKS harbex_watcher LABELS attack TIMEOUT 600)

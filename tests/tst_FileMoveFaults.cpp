@@ -14,8 +14,8 @@ namespace
 {
 
 /// Whether a move can succeed although a call failed so: because there is another way or it is made again, or
-/// because it served the part folder, which may stay for the next move, or the search for such leftovers at
-/// the end. All others are needed.
+/// because it served the staging directory, which may stay for the next move, or the search for such
+/// leftovers at the end. All others are needed.
 bool mayFail(const Round::Incident& incident, int error)
 {
     const std::string name = incident.where.substr(0, incident.where.find(' '));
@@ -112,7 +112,7 @@ void TestFileMoveFaults::everyCallFails()
         if (incident.run.succeeded()) {
             QVERIFY2(mayFail(incident, error), where);
             QVERIFY2(round.isTargetWhole() && !exists(round.source), where);
-            // What failed may have been the removal of the empty part folder.
+            // What failed may have been the removal of the empty staging directory.
             QVERIFY2(round.moveSomethingElse(), where);
         } else {
             ++failures;

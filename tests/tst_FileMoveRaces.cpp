@@ -1,4 +1,4 @@
-#include "files/EntryName.h"
+#include "fs/EntryName.h"
 #include "support/Attack.h"
 #include "support/EntryPicture.h"
 #include "support/MoveRound.h"

@@ -1,4 +1,4 @@
-#include "files/FreeName.h"
+#include "fs/FreeName.h"
 #include "support/EngineFiles.h"
 #include "support/TestMain.h"
 

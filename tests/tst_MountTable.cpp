@@ -1,4 +1,4 @@
-#include "files/MountTable.h"
+#include "fs/MountTable.h"
 #include "support/EngineFiles.h"
 #include "support/TestMain.h"
 

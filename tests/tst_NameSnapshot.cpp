@@ -1,4 +1,4 @@
-#include "files/DirectoryListing.h"
+#include "fs/DirectoryListing.h"
 #include "support/EngineFiles.h"
 #include "support/RandomSeed.h"
 #include "support/TestMain.h"

@@ -1,4 +1,4 @@
-#include "files/RemoteVolume.h"
+#include "fs/RemoteVolume.h"
 #include "support/EngineFiles.h"
 #include "support/SyscallGate.h"
 #include "support/TestMain.h"
@@ -25,7 +25,7 @@ private Q_SLOTS:
 void TestRemoteVolume::answersOfRemoteVolumesCanBeLost()
 {
     const ScratchFolder scratch;
-    const EntryPlace place{AT_FDCWD, scratch.path() + "/entry"};
+    const DirEntry place{AT_FDCWD, scratch.path() + "/entry"};
     // What statfs(2) gives, as the kernel's headers and the sources of these systems have it.
     const std::map<uint32_t, bool> isRemote{
         {0x6969, true},      {0xff534d42, true},  {0xfe534d42, true},  {0x517b, true},
@@ -36,9 +36,9 @@ void TestRemoteVolume::answersOfRemoteVolumesCanBeLost()
         {0x2011bab0, false}, {0x5346544e, false}, {0xf2f52010, false}, {0, false}};
     const auto work = [&]() -> Outcome<void> {
         for (const auto& [type, remote] : isRemote)
-            if (mayHaveBeenDone(place, {EIO}) != remote) return SystemError{EMEDIUMTYPE};
+            if (outcomeUnknown(place, {EIO}) != remote) return SystemError{EMEDIUMTYPE};
         // The last one cannot be read.
-        return mayHaveBeenDone(place, {EIO}) ? Outcome<void>() : SystemError{EMEDIUMTYPE};
+        return outcomeUnknown(place, {EIO}) ? Outcome<void>() : SystemError{EMEDIUMTYPE};
     };
     auto next = isRemote.begin();
     uint32_t asked = 0;
@@ -52,7 +52,7 @@ void TestRemoteVolume::answersOfRemoteVolumesCanBeLost()
     });
     QVERIFY2(run.succeeded(), qPrintable(QString::number(asked, 16)));
     // A folder that cannot be opened is on no volume that could be asked.
-    QVERIFY(mayHaveBeenDone({AT_FDCWD, scratch.path() + "/missing/entry"}, {EIO}));
+    QVERIFY(outcomeUnknown({AT_FDCWD, scratch.path() + "/missing/entry"}, {EIO}));
 }
 
 void TestRemoteVolume::refusalIsNoLostAnswer_data()
@@ -71,7 +71,7 @@ void TestRemoteVolume::refusalIsNoLostAnswer()
     QFETCH(const bool, mayBeDone);
     const ScratchFolder scratch;
     // On a volume that cannot be asked only the failure tells.
-    QCOMPARE(mayHaveBeenDone({AT_FDCWD, scratch.path() + "/missing/entry"}, {error}), mayBeDone);
+    QCOMPARE(outcomeUnknown({AT_FDCWD, scratch.path() + "/missing/entry"}, {error}), mayBeDone);
 }
 
 HARBEX_TEST_MAIN(TestRemoteVolume)

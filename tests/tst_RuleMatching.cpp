@@ -1,4 +1,4 @@
-#include "files/EntryName.h"
+#include "fs/EntryName.h"
 #include "support/RandomSeed.h"
 #include "support/RuleModel.h"
 #include "support/TestMain.h"

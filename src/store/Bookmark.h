@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Outcome.h"
-#include "files/MountTable.h"
+#include "fs/MountTable.h"
 #include "model/FileUrl.h"
 
 #include <QByteArray>

@@ -3,7 +3,7 @@
 #include "base/FileDescriptor.h"
 #include "base/Mutex.h"
 #include "base/Outcome.h"
-#include "files/MountTable.h"
+#include "fs/MountTable.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Mutex.h"
-#include "files/FileMove.h"
+#include "fs/FileMove.h"
 #include "model/WatchedFolder.h"
 #include "watcher/ActivityLog.h"
 #include "watcher/DirectoryEvents.h"

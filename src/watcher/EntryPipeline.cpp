@@ -2,9 +2,9 @@
 
 #include "base/ReadableText.h"
 #include "base/StandardOutput.h"
-#include "files/EntryName.h"
-#include "files/EntryPlace.h"
-#include "files/FreeName.h"
+#include "fs/DirEntry.h"
+#include "fs/EntryName.h"
+#include "fs/FreeName.h"
 
 #include <QStringList>
 
@@ -76,7 +76,7 @@ void EntryPipeline::begin(Token token, const DirectoryPointer& directory, const 
     advance(token, std::move(entries));
 }
 
-bool EntryPipeline::Entry::isSizeUnchanged()
+bool EntryPipeline::Entry::sample()
 {
     readAt.reset();
     // The size of a link is its own, not that of what it leads to: the link is what would be moved.
@@ -118,7 +118,7 @@ void EntryPipeline::advance(Token token, Entries entries)
     // After everything else and in one go, so that all of them can be read again at one moment.
     for (Entry& entry : entries) {
         if (entry.step != Step::read) continue;
-        static_cast<void>(entry.isSizeUnchanged());
+        entry.sample();
         entry.step = Step::confirm;
     }
 
@@ -151,11 +151,11 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
     case Step::tryRules:
         return tryRules(entry);
     case Step::confirm:
-        if (const auto readAt = entry.readAt; entry.isSizeUnchanged()) entry.readAt = readAt;
+        if (const auto readAt = entry.readAt; entry.sample()) entry.readAt = readAt;
         entry.step = Step::firstTest;
         return;
     case Step::firstTest:
-        if (entry.isSizeUnchanged()) {
+        if (entry.sample()) {
             entry.step = Step::secondTest;
             return;
         }
@@ -166,7 +166,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
         entry.retries.emplace_back(Clock::now() + retryDelay, entry.rule);
         return tryNextRules(entry);
     case Step::secondTest:
-        if (!entry.isSizeUnchanged()) {
+        if (!entry.sample()) {
             if (entry.isDownloaded) {
                 entry.step = Step::read;
                 return;
@@ -197,7 +197,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
         }
         entry.isFolder = existence->isDirectory;
         entry.step = entry.isFolder ? Step::move : Step::secondTest;
-        static_cast<void>(entry.isSizeUnchanged());
+        entry.sample();
         return;
     }
     case Step::read:
@@ -322,7 +322,7 @@ void EntryPipeline::move(Entry& entry, const MoveHistory::FolderKey& folder) con
     // Before the last look at the entry, because a server may take its time for this.
     const std::string target = uniqueDestination(entry.path(), entry.destination().path());
     const bool isLate = Clock::now() - *entry.readAt >= samplingInterval;
-    const bool isUnchanged = entry.isFolder || entry.isSizeUnchanged();
+    const bool isUnchanged = entry.isFolder || entry.sample();
     // While this waited for a copy to end, the entry may have gone. Or another folder stands here now, whose
     // entries were there before.
     const bool isThere = entry.isFolder || entry.isLink ? find(entry).has_value() : entry.size.has_value();

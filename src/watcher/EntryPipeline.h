@@ -1,6 +1,6 @@
 #pragma once
 
-#include "files/FileMove.h"
+#include "fs/FileMove.h"
 #include "watcher/DirectoryEvents.h"
 #include "watcher/MoveHistory.h"
 #include "watcher/RuleMatching.h"
@@ -112,8 +112,8 @@ private:
         [[nodiscard]] std::string path() const { return directory->pathOf(name); }
         [[nodiscard]] const FileUrl& destination() const { return *(*rules)[rule].filter.destination; }
 
-        /// Reads the size; gives whether there is one and it is that of the last reading.
-        [[nodiscard]] bool isSizeUnchanged();
+        /// Reads the size. Returns whether it could be read and has not changed since the last sample.
+        bool sample();
         /// When it is due for its next step.
         [[nodiscard]] Clock::time_point dueAt() const;
     };

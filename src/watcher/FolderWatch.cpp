@@ -1,7 +1,7 @@
 #include "watcher/FolderWatch.h"
 
 #include "base/ReadableText.h"
-#include "files/DirectoryListing.h"
+#include "fs/DirectoryListing.h"
 #include "model/FolderListJson.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "watcher/RuleMatching.h"
 
 #include "base/ReadableText.h"
-#include "files/EntryName.h"
+#include "fs/EntryName.h"
 
 #include <QList>
 

@@ -1,7 +1,7 @@
 #include "watcher/WatchedDirectory.h"
 
-#include "files/DirectoryListing.h"
-#include "files/EntryPlace.h"
+#include "fs/DirEntry.h"
+#include "fs/DirectoryListing.h"
 #include "watcher/RuleMatching.h"
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "files/FileMove.h"
+#include "fs/FileMove.h"
 #include "support/Attack.h"
 #include "support/EngineOutput.h"
 #include "support/EngineProbe.h"

@@ -1,6 +1,6 @@
 #include "base/FileDescriptor.h"
-#include "files/FileMove.h"
-#include "files/FreeName.h"
+#include "fs/FileMove.h"
+#include "fs/FreeName.h"
 #include "support/Attack.h"
 #include "support/EngineOutput.h"
 #include "support/EngineProbe.h"

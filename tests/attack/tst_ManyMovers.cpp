@@ -1,5 +1,5 @@
-#include "files/FileMove.h"
-#include "files/FreeName.h"
+#include "fs/FileMove.h"
+#include "fs/FreeName.h"
 #include "support/Attack.h"
 #include "support/EngineFiles.h"
 #include "support/GatedMove.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "files/FileMove.h"
+#include "fs/FileMove.h"
 #include "support/EngineFiles.h"
 #include "support/SyscallGate.h"
 

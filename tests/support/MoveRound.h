@@ -37,7 +37,7 @@ struct Road {
 /// The rows of a test that goes all roads: a column "road" with their places in that list.
 void addRowsOfRoads();
 
-/// The hidden part folders in a folder.
+/// The hidden staging directories in a folder.
 [[nodiscard]] QByteArrayList partsIn(const std::string& folder);
 
 /// Gives the entry at the path, and with it everything in it, another change time than it has, and changes

@@ -1,6 +1,6 @@
-#include "files/PartFolder.h"
+#include "fs/StagingDirectory.h"
 
-#include "files/TreeWalk.h"
+#include "fs/TreeWalk.h"
 
 #include <array>
 #include <string_view>
@@ -23,7 +23,7 @@ constexpr std::string_view contentSuffix = ".entry";
 constexpr std::string_view digits = "0123456789abcdef";
 constexpr size_t randomBytes = 16;
 
-Outcome<std::string> randomPartName()
+Outcome<std::string> randomStagingName()
 {
     std::array<unsigned char, randomBytes> bytes;
     // So few bytes come in one piece.
@@ -37,7 +37,7 @@ Outcome<std::string> randomPartName()
     return name.append(suffix);
 }
 
-bool isPartName(std::string_view name)
+bool isStagingName(std::string_view name)
 {
     if (name.size() != prefix.size() + 2 * randomBytes + suffix.size()) return false;
     if (!name.starts_with(prefix) || !name.ends_with(suffix)) return false;
@@ -49,8 +49,8 @@ bool lock(int fd)
     return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
-/// The name that a copy has in the part folder of this name. Nothing else has it, so that it tells a part
-/// folder from one that was only called so.
+/// The name that a copy has in the staging directory of this name. Nothing else has it, so that it tells a
+/// part folder from one that was only called so.
 std::string contentNameIn(std::string_view part)
 {
     return std::string(part.substr(0, part.size() - suffix.size())).append(contentSuffix);
@@ -58,7 +58,7 @@ std::string contentNameIn(std::string_view part)
 
 // Whoever wants to know what failed cannot do anything about it either: a leftover harms nobody, and a later
 // move tries again.
-void removeIfPossible(const EntryPlace& part, int opened)
+void removeIfPossible(const DirEntry& part, int opened)
 {
     const Outcome<void> removed =
         removeTree({opened, contentNameIn(part.name)}, [](const TreeEntry&) { return true; });
@@ -67,7 +67,7 @@ void removeIfPossible(const EntryPlace& part, int opened)
     ::unlinkat(part.folder, part.name.c_str(), AT_REMOVEDIR);
 }
 
-void removeIfLeftOver(const EntryPlace& part)
+void removeIfLeftOver(const DirEntry& part)
 {
     const Outcome<EntryStatus> status = EntryStatus::of(part);
     if (!status || !status->isFolder() || status->owner != ::geteuid()) return;
@@ -79,25 +79,25 @@ void removeIfLeftOver(const EntryPlace& part)
 
 } // namespace
 
-Outcome<PartFolder> PartFolder::create(int folder)
+Outcome<StagingDirectory> StagingDirectory::create(int folder)
 {
     for (;;) {
-        const Outcome<std::string> name = randomPartName();
+        const Outcome<std::string> name = randomStagingName();
         if (!name) return name.error();
         if (::mkdirat(folder, name->c_str(), 0700) != 0) return SystemError::last();
-        PartFolder part({folder, *name});
+        StagingDirectory part({folder, *name});
         const Outcome<bool> occupied = part.occupy();
         if (!occupied) return occupied.error();
         if (*occupied) return part;
     }
 }
 
-Outcome<void> PartFolder::expectPossible(const EntryPlace& place)
+Outcome<void> StagingDirectory::expectPossible(const DirEntry& place)
 {
-    const Outcome<PartFolder> part = create(place.folder);
+    const Outcome<StagingDirectory> part = create(place.folder);
     if (!part) return part.error();
     // Where a copy is built, so that whatever is left of it goes as one does.
-    const EntryPlace inside = part->content();
+    const DirEntry inside = part->content();
     if (::mkdirat(inside.folder, inside.name.c_str(), 0700) != 0) return SystemError::last();
     const std::string path = inside.name + '/' + place.name;
     const FileDescriptor file(
@@ -106,7 +106,7 @@ Outcome<void> PartFolder::expectPossible(const EntryPlace& place)
     return {};
 }
 
-Outcome<bool> PartFolder::occupy()
+Outcome<bool> StagingDirectory::occupy()
 {
     m_opened = FileDescriptor(
         ::openat(m_place.folder, m_place.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -131,27 +131,27 @@ Outcome<bool> PartFolder::occupy()
     return true;
 }
 
-void PartFolder::removeLeftovers(int folder)
+void StagingDirectory::removeLeftovers(int folder)
 {
     const Outcome<std::vector<std::string>> names = namesIn(folder);
     if (!names) return;
     for (const std::string& name : *names) {
-        if (isPartName(name)) removeIfLeftOver({folder, name});
+        if (isStagingName(name)) removeIfLeftOver({folder, name});
     }
 }
 
-PartFolder::PartFolder(PartFolder&& other) noexcept
+StagingDirectory::StagingDirectory(StagingDirectory&& other) noexcept
     : m_place({other.m_place.folder, std::exchange(other.m_place.name, {})}),
       m_opened(std::move(other.m_opened))
 {
 }
 
-PartFolder::~PartFolder()
+StagingDirectory::~StagingDirectory()
 {
     if (!m_place.name.empty()) removeIfPossible(m_place, m_opened.get());
 }
 
-EntryPlace PartFolder::content() const
+DirEntry StagingDirectory::content() const
 {
     return {m_opened.get(), contentNameIn(m_place.name)};
 }

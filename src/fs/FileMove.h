@@ -25,7 +25,7 @@ public:
     /// appears under its name when it is complete, and then the removal of the source. A rename that is
     /// refused for any other reason is never tried as a copy. Fails with EEXIST when anything stands at
     /// `target`, and with the reason of the system otherwise; the entry is then left where it was, with the
-    /// exceptions that renameWithoutReplacing() and moveAcrossVolumes() tell of. Across volumes: EBUSY when
+    /// exceptions that renameWithoutReplacing() and moveAcrossDevices() tell of. Across volumes: EBUSY when
     /// the content of the source changed meanwhile, EOPNOTSUPP for pipes, sockets and devices.
     ///
     /// Blocks for as long as it takes.

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Outcome.h"
-#include "files/EntryPlace.h"
+#include "fs/DirEntry.h"
 
 #include <functional>
 #include <string>
@@ -11,7 +11,7 @@ namespace harbex
 
 /// An entry of a tree.
 struct TreeEntry {
-    EntryPlace place;
+    DirEntry place;
     /// From the root of the tree: "" for the root, "/a/b" below.
     std::string path;
     EntryStatus status;
@@ -27,12 +27,12 @@ struct TreeVisit {
 
 /// Goes through the entry at `root` with everything in it. Links are not followed. EMFILE for a tree too
 /// deep, EBUSY when another folder was put in the place of one. Any thread.
-[[nodiscard]] Outcome<void> walkTree(const EntryPlace& root, const TreeVisit& visit);
+[[nodiscard]] Outcome<void> walkTree(const DirEntry& root, const TreeVisit& visit);
 
 /// Removes the entry at `root`; of a folder first what is in it. Right before each removal, and before a
 /// folder is entered, `mayRemove` is asked about what stands there: when it refuses, everything stops with
 /// EBUSY. Links are removed, not followed. Any thread.
-[[nodiscard]] Outcome<void> removeTree(const EntryPlace& root,
+[[nodiscard]] Outcome<void> removeTree(const DirEntry& root,
                                        const std::function<bool(const TreeEntry&)>& mayRemove);
 
 } // namespace harbex

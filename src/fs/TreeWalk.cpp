@@ -1,4 +1,4 @@
-#include "files/TreeWalk.h"
+#include "fs/TreeWalk.h"
 
 #include <unistd.h>
 
@@ -8,7 +8,7 @@ namespace harbex
 namespace
 {
 
-Outcome<void> walk(const EntryPlace& place, const std::string& path, const TreeVisit& visit, size_t depth)
+Outcome<void> walk(const DirEntry& place, const std::string& path, const TreeVisit& visit, size_t depth)
 {
     const Outcome<EntryStatus> status = EntryStatus::of(place);
     if (!status) return status.error();
@@ -29,7 +29,7 @@ Outcome<void> walk(const EntryPlace& place, const std::string& path, const TreeV
     return visit.after ? visit.after(entry, folder->get()) : Outcome<void>();
 }
 
-Outcome<void> unlink(const EntryPlace& place, int flags)
+Outcome<void> unlink(const DirEntry& place, int flags)
 {
     if (::unlinkat(place.folder, place.name.c_str(), flags) != 0) return SystemError::last();
     return {};
@@ -37,12 +37,12 @@ Outcome<void> unlink(const EntryPlace& place, int flags)
 
 } // namespace
 
-Outcome<void> walkTree(const EntryPlace& root, const TreeVisit& visit)
+Outcome<void> walkTree(const DirEntry& root, const TreeVisit& visit)
 {
     return walk(root, {}, visit, 0);
 }
 
-Outcome<void> removeTree(const EntryPlace& root, const std::function<bool(const TreeEntry&)>& mayRemove)
+Outcome<void> removeTree(const DirEntry& root, const std::function<bool(const TreeEntry&)>& mayRemove)
 {
     const auto before = [&mayRemove](const TreeEntry& entry) -> Outcome<void> {
         if (!mayRemove(entry)) return SystemError{EBUSY};

@@ -1,6 +1,6 @@
-#include "files/FileCopy.h"
+#include "fs/FileCopy.h"
 
-#include "files/EntryAttributes.h"
+#include "fs/EntryAttributes.h"
 
 #include <algorithm>
 #include <cstring>
@@ -219,7 +219,7 @@ Outcome<void> expectSameContent(int source, int copy, uint64_t size, const std::
     return {};
 }
 
-Outcome<FileDescriptor> openSource(const EntryPlace& source, const EntryStatus& seen)
+Outcome<FileDescriptor> openSource(const DirEntry& source, const EntryStatus& seen)
 {
     // O_NONBLOCK: what stands there now may be a pipe, and opening one waits for a writer.
     FileDescriptor file(::openat(source.folder, source.name.c_str(),
@@ -233,7 +233,7 @@ Outcome<FileDescriptor> openSource(const EntryPlace& source, const EntryStatus& 
 
 } // namespace
 
-Outcome<void> copyFile(const EntryPlace& source, const EntryStatus& seen, int target,
+Outcome<void> copyFile(const DirEntry& source, const EntryStatus& seen, int target,
                        const std::stop_token& stop)
 {
     const Outcome<FileDescriptor> file = openSource(source, seen);
@@ -243,7 +243,7 @@ Outcome<void> copyFile(const EntryPlace& source, const EntryStatus& seen, int ta
     return copyAttributes(file->get(), seen, target);
 }
 
-Outcome<void> takeFileAgain(const EntryPlace& source, const EntryStatus& seen, int copy,
+Outcome<void> takeFileAgain(const DirEntry& source, const EntryStatus& seen, int copy,
                             const std::stop_token& stop)
 {
     const Outcome<FileDescriptor> file = openSource(source, seen);

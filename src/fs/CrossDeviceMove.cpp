@@ -1,11 +1,11 @@
-#include "files/VolumeCrossing.h"
+#include "fs/CrossDeviceMove.h"
 
-#include "files/EntryName.h"
-#include "files/EntryPlace.h"
-#include "files/NoReplaceRename.h"
-#include "files/PartFolder.h"
-#include "files/RemoteVolume.h"
-#include "files/TreeCopy.h"
+#include "fs/DirEntry.h"
+#include "fs/EntryName.h"
+#include "fs/NoReplaceRename.h"
+#include "fs/RemoteVolume.h"
+#include "fs/StagingDirectory.h"
+#include "fs/TreeCopy.h"
 
 #include <optional>
 #include <unistd.h>
@@ -17,10 +17,10 @@ namespace
 {
 
 /// One entry on its way from one volume to another.
-class Crossing
+class CrossDeviceMove
 {
 public:
-    Crossing(EntryPlace from, EntryPlace to, const EntryStatus& targetFolder, const std::stop_token& stop)
+    CrossDeviceMove(DirEntry from, DirEntry to, const EntryStatus& targetFolder, const std::stop_token& stop)
         : m_from(std::move(from)), m_to(std::move(to)), m_tree(m_from, targetFolder, stop)
     {
     }
@@ -29,7 +29,7 @@ public:
     {
         const Outcome<EntryStatus> source = m_tree.look();
         if (!source) return source.error();
-        const Outcome<void> possible = PartFolder::expectPossible(m_to);
+        const Outcome<void> possible = StagingDirectory::expectPossible(m_to);
         if (!possible) return possible;
         const Outcome<EntryStatus> copy = makeCopy(*source);
         if (!copy) return copy.error();
@@ -49,7 +49,7 @@ private:
             const std::optional<Outcome<EntryStatus>> copy = makeCopyWithoutName();
             if (copy) return *copy;
         }
-        return makeCopyInPartFolder();
+        return copyInStagingDirectory();
     }
 
     /// By a file that has no name until it is complete; nothing when this cannot be done here.
@@ -72,13 +72,13 @@ private:
         return SystemError::last();
     }
 
-    Outcome<EntryStatus> makeCopyInPartFolder()
+    Outcome<EntryStatus> copyInStagingDirectory()
     {
-        const Outcome<PartFolder> part = PartFolder::create(m_to.folder);
+        const Outcome<StagingDirectory> part = StagingDirectory::create(m_to.folder);
         if (!part) return part.error();
-        const EntryPlace built = part->content();
+        const DirEntry built = part->content();
         // One call for all files: one for each would take a journal's time for each. It tells of every error
-        // since the part folder was opened.
+        // since the staging directory was opened.
         const Outcome<void> copied = m_tree.make(built, ::syncfs, built.folder);
         if (!copied) return copied.error();
         const Outcome<EntryStatus> status = EntryStatus::of(built);
@@ -95,13 +95,13 @@ private:
         return {};
     }
 
-    const EntryPlace m_from;
-    const EntryPlace m_to;
+    const DirEntry m_from;
+    const DirEntry m_to;
     TreeCopy m_tree;
 };
 
 /// Saves copying for nothing; whether the name is free in the end is decided when the copy gets it.
-Outcome<void> expectNothingAt(const EntryPlace& place)
+Outcome<void> expectNothingAt(const DirEntry& place)
 {
     const Outcome<EntryStatus> there = EntryStatus::of(place);
     if (there) return SystemError{EEXIST};
@@ -111,7 +111,7 @@ Outcome<void> expectNothingAt(const EntryPlace& place)
 
 } // namespace
 
-Outcome<void> moveAcrossVolumes(const std::string& source, const std::string& target,
+Outcome<void> moveAcrossDevices(const std::string& source, const std::string& target,
                                 const std::stop_token& stop)
 {
     // Both folders stay the same ones to the end, whatever becomes of their paths.
@@ -119,14 +119,14 @@ Outcome<void> moveAcrossVolumes(const std::string& source, const std::string& ta
     if (!sourceFolder) return SystemError::last();
     const Outcome<FileDescriptor> targetFolder = openFolder(parentPath(target));
     if (!targetFolder) return targetFolder.error();
-    const EntryPlace from{sourceFolder.get(), std::string(lastPathComponent(source))};
-    const EntryPlace to{targetFolder->get(), std::string(lastPathComponent(target))};
+    const DirEntry from{sourceFolder.get(), std::string(lastPathComponent(source))};
+    const DirEntry to{targetFolder->get(), std::string(lastPathComponent(target))};
 
     const Outcome<void> isFree = expectNothingAt(to);
     if (!isFree) return isFree;
     const Outcome<EntryStatus> status = EntryStatus::ofOpen(to.folder);
     if (!status) return status.error();
-    return Crossing(from, to, *status, stop).run();
+    return CrossDeviceMove(from, to, *status, stop).run();
 }
 
 } // namespace harbex

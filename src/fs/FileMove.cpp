@@ -1,10 +1,10 @@
-#include "files/FileMove.h"
+#include "fs/FileMove.h"
 
-#include "files/EntryName.h"
-#include "files/EntryPlace.h"
-#include "files/NoReplaceRename.h"
-#include "files/PartFolder.h"
-#include "files/VolumeCrossing.h"
+#include "fs/CrossDeviceMove.h"
+#include "fs/DirEntry.h"
+#include "fs/EntryName.h"
+#include "fs/NoReplaceRename.h"
+#include "fs/StagingDirectory.h"
 
 #include <utility>
 
@@ -16,7 +16,7 @@ FileMove::FileMove(std::stop_token stop) : m_stop(std::move(stop)) {}
 Outcome<void> FileMove::moveItem(const std::string& source, const std::string& target)
 {
     Outcome<void> moved = renameWithoutReplacing({AT_FDCWD, source}, {AT_FDCWD, target});
-    if (!moved && moved.error().code == EXDEV) moved = moveAcrossVolumes(source, target, m_stop);
+    if (!moved && moved.error().code == EXDEV) moved = moveAcrossDevices(source, target, m_stop);
     removeLeftoversOnce(parentPath(target));
     return moved;
 }
@@ -24,7 +24,8 @@ Outcome<void> FileMove::moveItem(const std::string& source, const std::string& t
 void FileMove::removeLeftoversOnce(const std::string& folder)
 {
     if (m_stop.stop_requested() || !isFirstMoveInto(folder)) return;
-    if (const Outcome<FileDescriptor> opened = openFolder(folder)) PartFolder::removeLeftovers(opened->get());
+    if (const Outcome<FileDescriptor> opened = openFolder(folder))
+        StagingDirectory::removeLeftovers(opened->get());
 }
 
 bool FileMove::isFirstMoveInto(const std::string& folder)

@@ -1,4 +1,4 @@
-#include "files/DirectoryListing.h"
+#include "fs/DirectoryListing.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Outcome.h"
-#include "files/EntryPlace.h"
+#include "fs/DirEntry.h"
 
 namespace harbex
 {
@@ -16,6 +16,6 @@ namespace harbex
 /// beside the untouched entry. Only where a file system has no hard links either does a moment remain,
 /// between looking at that empty file and renaming over it, in which somebody else's file could be put in its
 /// place and be lost.
-[[nodiscard]] Outcome<void> renameWithoutReplacing(const EntryPlace& from, const EntryPlace& to);
+[[nodiscard]] Outcome<void> renameWithoutReplacing(const DirEntry& from, const DirEntry& to);
 
 } // namespace harbex

@@ -1,6 +1,6 @@
-#include "files/EntryPlace.h"
+#include "fs/DirEntry.h"
 
-#include "files/DirectoryListing.h"
+#include "fs/DirectoryListing.h"
 
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -47,7 +47,7 @@ Outcome<EntryStatus> statusAt(int folder, const char* name, int flags)
 
 } // namespace
 
-Outcome<EntryStatus> EntryStatus::of(const EntryPlace& place)
+Outcome<EntryStatus> EntryStatus::of(const DirEntry& place)
 {
     return statusAt(place.folder, place.name.c_str(), 0);
 }
@@ -80,7 +80,7 @@ Outcome<FileDescriptor> openFolder(const std::string& path)
     return folder;
 }
 
-Outcome<FileDescriptor> openSubfolder(const EntryPlace& place, const EntryStatus& expected)
+Outcome<FileDescriptor> openSubfolder(const DirEntry& place, const EntryStatus& expected)
 {
     FileDescriptor folder(
         ::openat(place.folder, place.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -102,7 +102,7 @@ Outcome<std::vector<std::string>> namesIn(int folder)
     return names;
 }
 
-void withdraw(const EntryPlace& place, const EntryStatus& ours)
+void unlinkIfOurs(const DirEntry& place, const EntryStatus& ours)
 {
     const Outcome<EntryStatus> now = EntryStatus::of(place);
     if (now && now->isSameEntry(ours) && now->hasSameContent(ours))

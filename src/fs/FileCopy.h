@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Outcome.h"
-#include "files/EntryPlace.h"
+#include "fs/DirEntry.h"
 
 #include <stop_token>
 
@@ -14,13 +14,13 @@ namespace harbex
 ///
 /// Nothing is synchronised with the disk. Fails with EBUSY when the source is or becomes another, and with
 /// ECANCELED soon after `stop`; the target is to be thrown away then. Any thread.
-[[nodiscard]] Outcome<void> copyFile(const EntryPlace& source, const EntryStatus& seen, int target,
+[[nodiscard]] Outcome<void> copyFile(const DirEntry& source, const EntryStatus& seen, int target,
                                      const std::stop_token& stop);
 
 /// Makes sure that the file open for reading as `copy`, which copyFile() made of the one at `source`, still
 /// has its content, byte for byte, and gives it everything else again as `seen` and the source say now. EBUSY
 /// when the contents differ; otherwise as copyFile().
-[[nodiscard]] Outcome<void> takeFileAgain(const EntryPlace& source, const EntryStatus& seen, int copy,
+[[nodiscard]] Outcome<void> takeFileAgain(const DirEntry& source, const EntryStatus& seen, int copy,
                                           const std::stop_token& stop);
 
 } // namespace harbex

@@ -1,7 +1,7 @@
-#include "files/FreeName.h"
+#include "fs/FreeName.h"
 
 #include "base/FileDescriptor.h"
-#include "files/EntryName.h"
+#include "fs/EntryName.h"
 
 #include <cstdint>
 #include <fcntl.h>

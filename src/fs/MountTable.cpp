@@ -1,4 +1,4 @@
-#include "files/MountTable.h"
+#include "fs/MountTable.h"
 
 #include <algorithm>
 #include <array>

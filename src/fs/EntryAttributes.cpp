@@ -1,4 +1,4 @@
-#include "files/EntryAttributes.h"
+#include "fs/EntryAttributes.h"
 
 #include <array>
 #include <string>
@@ -170,7 +170,7 @@ Outcome<void> takeAttributesAgain(int source, const EntryStatus& seen, int copy)
     return copyAttributes(source, seen, copy);
 }
 
-Outcome<void> copyLinkAttributes(const EntryStatus& seen, const EntryPlace& target)
+Outcome<void> copyLinkAttributes(const EntryStatus& seen, const DirEntry& target)
 {
     const Outcome<bool> keptOwner =
         changeOwner(target.folder, target.name.c_str(), seen, AT_SYMLINK_NOFOLLOW);

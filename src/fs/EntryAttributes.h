@@ -1,7 +1,7 @@
 #pragma once
 
 #include "base/Outcome.h"
-#include "files/EntryPlace.h"
+#include "fs/DirEntry.h"
 
 namespace harbex
 {
@@ -24,6 +24,6 @@ namespace harbex
 
 /// Gives the symbolic link at `target` the owner and the times that `seen` tells of another one. A link has
 /// no permissions and no attributes that a user could have set.
-[[nodiscard]] Outcome<void> copyLinkAttributes(const EntryStatus& seen, const EntryPlace& target);
+[[nodiscard]] Outcome<void> copyLinkAttributes(const EntryStatus& seen, const DirEntry& target);
 
 } // namespace harbex

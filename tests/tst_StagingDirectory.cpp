@@ -1,4 +1,4 @@
-#include "files/PartFolder.h"
+#include "fs/StagingDirectory.h"
 #include "support/EngineFiles.h"
 #include "support/GatedMove.h"
 #include "support/SyscallGate.h"
@@ -22,7 +22,7 @@ const std::string contentName = "/.harbex-0123456789abcdef0123456789abcdef.entry
 
 } // namespace
 
-class TestPartFolder : public QObject
+class TestStagingDirectory : public QObject
 {
     Q_OBJECT
 
@@ -55,13 +55,13 @@ private:
         return m_scratch->path() + '/' + name;
     }
     [[nodiscard]] QByteArrayList names() const { return test::namesIn(m_scratch->path()); }
-    void removeLeftovers() const { PartFolder::removeLeftovers(m_folder.get()); }
+    void removeLeftovers() const { StagingDirectory::removeLeftovers(m_folder.get()); }
 
     std::unique_ptr<test::ScratchFolder> m_scratch;
     FileDescriptor m_folder;
 };
 
-void TestPartFolder::init()
+void TestStagingDirectory::init()
 {
     m_scratch = std::make_unique<test::ScratchFolder>();
     Outcome<FileDescriptor> opened = openFolder(m_scratch->path());
@@ -69,21 +69,21 @@ void TestPartFolder::init()
     m_folder = std::move(*opened);
 }
 
-void TestPartFolder::cleanup()
+void TestStagingDirectory::cleanup()
 {
     m_folder = FileDescriptor();
     m_scratch.reset();
 }
 
-void TestPartFolder::isHiddenPrivateAndGoesWithAllThatIsInIt()
+void TestStagingDirectory::isHiddenPrivateAndGoesWithAllThatIsInIt()
 {
     {
-        const Outcome<PartFolder> part = PartFolder::create(m_folder.get());
+        const Outcome<StagingDirectory> part = StagingDirectory::create(m_folder.get());
         QVERIFY(part);
         QCOMPARE(names().size(), 1);
         const QRegularExpression pattern(QStringLiteral("^\\.harbex-[0-9a-f]{32}\\.part$"));
         QVERIFY(pattern.match(QString::fromUtf8(names()[0])).hasMatch());
-        const EntryPlace content = part->content();
+        const DirEntry content = part->content();
         struct stat data = {};
         QCOMPARE(::fstat(content.folder, &data), 0);
         QCOMPARE(data.st_mode & 07777, mode_t(0700));
@@ -96,7 +96,7 @@ void TestPartFolder::isHiddenPrivateAndGoesWithAllThatIsInIt()
     QCOMPARE(names(), QByteArrayList());
 }
 
-void TestPartFolder::leftoversAreRemoved()
+void TestStagingDirectory::leftoversAreRemoved()
 {
     test::makeFolder(inFolder(partName));
     test::makeFolder(inFolder(partName) + contentName);
@@ -106,7 +106,7 @@ void TestPartFolder::leftoversAreRemoved()
     QCOMPARE(names(), QByteArrayList{"photo.jpg"});
 }
 
-void TestPartFolder::aLinkInALeftoverIsNotFollowed()
+void TestStagingDirectory::aLinkInALeftoverIsNotFollowed()
 {
     test::makeFolder(inFolder("precious"));
     test::writeFile(inFolder("precious/file"), "content");
@@ -117,9 +117,9 @@ void TestPartFolder::aLinkInALeftoverIsNotFollowed()
     QCOMPARE(test::contents(inFolder("precious/file")), QByteArray("content"));
 }
 
-void TestPartFolder::onesInUseStay()
+void TestStagingDirectory::onesInUseStay()
 {
-    std::optional<Outcome<PartFolder>> part = PartFolder::create(m_folder.get());
+    std::optional<Outcome<StagingDirectory>> part = StagingDirectory::create(m_folder.get());
     QVERIFY(*part);
     removeLeftovers();
     QCOMPARE(names().size(), 1);
@@ -127,7 +127,7 @@ void TestPartFolder::onesInUseStay()
     QCOMPARE(names(), QByteArrayList());
 }
 
-void TestPartFolder::similarNamesStay_data()
+void TestStagingDirectory::similarNamesStay_data()
 {
     QTest::addColumn<QByteArray>("name");
     QTest::addColumn<QByteArray>("kind");
@@ -145,7 +145,7 @@ void TestPartFolder::similarNamesStay_data()
     row("a link to a folder", partName.c_str(), "link");
 }
 
-void TestPartFolder::similarNamesStay()
+void TestStagingDirectory::similarNamesStay()
 {
     QFETCH(const QByteArray, name);
     QFETCH(const QByteArray, kind);
@@ -157,7 +157,7 @@ void TestPartFolder::similarNamesStay()
     QCOMPARE(names(), QByteArrayList{name});
 }
 
-void TestPartFolder::aLeftoverOfSomebodyElseStays()
+void TestStagingDirectory::aLeftoverOfSomebodyElseStays()
 {
     if (::geteuid() != 0) QSKIP("only root makes folders of somebody else");
     test::makeFolder(inFolder(partName));
@@ -166,7 +166,7 @@ void TestPartFolder::aLeftoverOfSomebodyElseStays()
     QCOMPARE(names().size(), 1);
 }
 
-void TestPartFolder::anotherFolderOfThatNameStays_data()
+void TestStagingDirectory::anotherFolderOfThatNameStays_data()
 {
     QTest::addColumn<QByteArray>("inside");
     QTest::addColumn<bool>("isOpenToOthers");
@@ -175,7 +175,7 @@ void TestPartFolder::anotherFolderOfThatNameStays_data()
 }
 
 // Others, who may rename in the folder around but not write into this one, called it so.
-void TestPartFolder::anotherFolderOfThatNameStays()
+void TestStagingDirectory::anotherFolderOfThatNameStays()
 {
     QFETCH(const QByteArray, inside);
     QFETCH(const bool, isOpenToOthers);
@@ -187,11 +187,11 @@ void TestPartFolder::anotherFolderOfThatNameStays()
     QCOMPARE(test::contents(file), QByteArray("precious"));
 }
 
-void TestPartFolder::anotherFolderInItsPlaceStays()
+void TestStagingDirectory::anotherFolderInItsPlaceStays()
 {
     std::string place;
     {
-        const Outcome<PartFolder> part = PartFolder::create(m_folder.get());
+        const Outcome<StagingDirectory> part = StagingDirectory::create(m_folder.get());
         QVERIFY(part);
         place = inFolder(names()[0].toStdString());
         test::writeFile(place + '/' + part->content().name, "content");
@@ -204,12 +204,12 @@ void TestPartFolder::anotherFolderInItsPlaceStays()
     QCOMPARE(test::namesIn(inFolder("away")), QByteArrayList());
 }
 
-void TestPartFolder::aFolderOfSomebodyElseInItsPlaceIsRefused()
+void TestStagingDirectory::aFolderOfSomebodyElseInItsPlaceIsRefused()
 {
     if (::geteuid() != 0) QSKIP("only root makes folders of somebody else");
     const auto work = [this]() -> Outcome<void> {
         test::becomeOrdinary();
-        const Outcome<PartFolder> part = PartFolder::create(m_folder.get());
+        const Outcome<StagingDirectory> part = StagingDirectory::create(m_folder.get());
         if (!part) return part.error();
         return {};
     };
@@ -228,18 +228,18 @@ void TestPartFolder::aFolderOfSomebodyElseInItsPlaceIsRefused()
     QCOMPARE(run.error, EPERM);
 }
 
-void TestPartFolder::aNameIsTriedWithoutATrace()
+void TestStagingDirectory::aNameIsTriedWithoutATrace()
 {
     // Whether the name is free is not the question.
     test::writeFile(inFolder("taken"), "content");
     for (const std::string& name : {std::string("free"), std::string("taken"), std::string(255, 'x')}) {
-        QVERIFY(PartFolder::expectPossible({m_folder.get(), name}));
+        QVERIFY(StagingDirectory::expectPossible({m_folder.get(), name}));
         QCOMPARE(names(), QByteArrayList{"taken"});
     }
     QCOMPARE(test::contents(inFolder("taken")), QByteArray("content"));
 }
 
-void TestPartFolder::aNameThatCannotBeIsRefused_data()
+void TestStagingDirectory::aNameThatCannotBeIsRefused_data()
 {
     QTest::addColumn<QByteArray>("name");
     QTest::addColumn<int>("error");
@@ -249,12 +249,12 @@ void TestPartFolder::aNameThatCannotBeIsRefused_data()
     QTest::newRow("not of the encoding") << QByteArray("\xff") << EILSEQ;
 }
 
-void TestPartFolder::aNameThatCannotBeIsRefused()
+void TestStagingDirectory::aNameThatCannotBeIsRefused()
 {
     QFETCH(const QByteArray, name);
     QFETCH(const int, error);
     const test::GatedRun run = test::runGated(
-        {"openat"}, [&] { return PartFolder::expectPossible({m_folder.get(), name.toStdString()}); },
+        {"openat"}, [&] { return StagingDirectory::expectPossible({m_folder.get(), name.toStdString()}); },
         [&](const test::GatedCall& call) {
             const bool isTried = (call.arguments[2] & O_CREAT) && name.size() < 10;
             return isTried ? test::Answer::fail(error) : test::Answer::proceed();
@@ -263,13 +263,14 @@ void TestPartFolder::aNameThatCannotBeIsRefused()
     QCOMPARE(names(), QByteArrayList());
 }
 
-void TestPartFolder::killedWhileANameIsTried()
+void TestStagingDirectory::killedWhileANameIsTried()
 {
     bool wasKilled = true;
     size_t n = 0;
     for (; wasKilled; ++n) {
         const test::GatedRun run = test::runGated(
-            test::fileSystemCalls(), [this] { return PartFolder::expectPossible({m_folder.get(), "name"}); },
+            test::fileSystemCalls(),
+            [this] { return StagingDirectory::expectPossible({m_folder.get(), "name"}); },
             [n](const test::GatedCall& call) {
                 return call.index == n ? test::Answer::kill() : test::Answer::proceed();
             });
@@ -283,18 +284,18 @@ void TestPartFolder::killedWhileANameIsTried()
 namespace
 {
 
-/// Makes a part folder behind a gate that calls `act` before the first call named `moment`. Gives how many
-/// were made, or -1 when creating failed or one was left behind.
+/// Makes a staging directory behind a gate that calls `act` before the first call named `moment`. Gives how
+/// many were made, or -1 when creating failed or one was left behind.
 int partsMadeWhile(int folder, const char* moment, const std::function<test::Answer()>& act)
 {
     int made = 0;
     const test::GatedRun run = test::runGated(
         {"mkdirat", "openat", "flock"},
         [folder]() -> Outcome<void> {
-            const Outcome<PartFolder> part = PartFolder::create(folder);
+            const Outcome<StagingDirectory> part = StagingDirectory::create(folder);
             if (!part) return part.error();
             // Somebody else's lock on it would be refused.
-            PartFolder::removeLeftovers(folder);
+            StagingDirectory::removeLeftovers(folder);
             const Outcome<std::vector<std::string>> names = harbex::namesIn(folder);
             if (!names || names->size() != 1) return SystemError{ENOTEMPTY};
             return {};
@@ -308,7 +309,7 @@ int partsMadeWhile(int folder, const char* moment, const std::function<test::Ans
 
 } // namespace
 
-void TestPartFolder::removedBeforeItWasLocked()
+void TestStagingDirectory::removedBeforeItWasLocked()
 {
     for (const char* moment : {"openat", "flock"}) {
         const int made = partsMadeWhile(m_folder.get(), moment, [this] {
@@ -320,19 +321,19 @@ void TestPartFolder::removedBeforeItWasLocked()
     }
 }
 
-void TestPartFolder::takenForALeftoverBeforeItWasLocked()
+void TestStagingDirectory::takenForALeftoverBeforeItWasLocked()
 {
     const int made = partsMadeWhile(m_folder.get(), "flock", [] { return test::Answer::fail(EWOULDBLOCK); });
     QCOMPARE(made, 2);
     QCOMPARE(names(), QByteArrayList());
 }
 
-void TestPartFolder::withoutLocksNothingIsTakenForALeftover()
+void TestStagingDirectory::withoutLocksNothingIsTakenForALeftover()
 {
     const auto work = [this]() -> Outcome<void> {
-        const Outcome<PartFolder> part = PartFolder::create(m_folder.get());
+        const Outcome<StagingDirectory> part = StagingDirectory::create(m_folder.get());
         if (!part) return part.error();
-        PartFolder::removeLeftovers(m_folder.get());
+        StagingDirectory::removeLeftovers(m_folder.get());
         if (names().size() != 1) return SystemError{ENOTEMPTY};
         return {};
     };
@@ -343,6 +344,6 @@ void TestPartFolder::withoutLocksNothingIsTakenForALeftover()
     QCOMPARE(names(), QByteArrayList());
 }
 
-HARBEX_TEST_MAIN(TestPartFolder)
+HARBEX_TEST_MAIN(TestStagingDirectory)
 
-#include "tst_PartFolder.moc"
+#include "tst_StagingDirectory.moc"

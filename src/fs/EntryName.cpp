@@ -1,4 +1,4 @@
-#include "files/EntryName.h"
+#include "fs/EntryName.h"
 
 namespace harbex
 {

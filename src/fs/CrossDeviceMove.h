@@ -19,7 +19,7 @@ namespace harbex
 /// of a folder both stay then, the copy complete, the original perhaps in part. A name that the target cannot
 /// hold is refused before anything is copied. EBUSY when the content of the source was changed meanwhile, or
 /// its change time did not come to rest; ECANCELED when `stop` came before the copy had its name. Any thread.
-[[nodiscard]] Outcome<void> moveAcrossVolumes(const std::string& source, const std::string& target,
+[[nodiscard]] Outcome<void> moveAcrossDevices(const std::string& source, const std::string& target,
                                               const std::stop_token& stop);
 
 } // namespace harbex

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "base/Outcome.h"
-#include "files/EntryPlace.h"
-#include "files/TreeWalk.h"
+#include "fs/DirEntry.h"
+#include "fs/TreeWalk.h"
 
 #include <cstdint>
 #include <map>
@@ -23,7 +23,7 @@ class TreeCopy
 public:
     /// Of the entry at `source`, whose folder is open, into the folder that `targetFolder` is about.
     /// After `stop` look() and make() fail with ECANCELED soon.
-    TreeCopy(EntryPlace source, const EntryStatus& targetFolder, std::stop_token stop)
+    TreeCopy(DirEntry source, const EntryStatus& targetFolder, std::stop_token stop)
         : m_source(std::move(source)), m_targetFolder(targetFolder), m_stop(std::move(stop))
     {
     }
@@ -42,7 +42,7 @@ public:
     /// contents are compared and everything else is taken again. EBUSY when anything was written, added or
     /// taken away, and when the change times do not come to rest; otherwise fails as look() does. What was
     /// copied by then stays, to be thrown away.
-    [[nodiscard]] Outcome<void> make(const EntryPlace& target, int (*sync)(int), int fd);
+    [[nodiscard]] Outcome<void> make(const DirEntry& target, int (*sync)(int), int fd);
 
     /// Removes the source, each entry only while it is what make() found last. EBUSY at the first that is
     /// not: that one and what was not yet removed stay.
@@ -54,19 +54,19 @@ private:
     /// Takes into the copy what is not in it or was touched since. Gives whether there was any.
     Outcome<bool> takeAll();
     Outcome<void> take(const TreeEntry& entry);
-    Outcome<void> enterFolder(const EntryPlace& target, bool isThere);
+    Outcome<void> enterFolder(const DirEntry& target, bool isThere);
     Outcome<void> leaveFolder(const TreeEntry& entry, int folder);
-    Outcome<void> takeFile(const TreeEntry& entry, const EntryPlace& target, bool isThere);
-    static Outcome<void> takeLink(const TreeEntry& entry, const EntryPlace& target, bool isThere);
+    Outcome<void> takeFile(const TreeEntry& entry, const DirEntry& target, bool isThere);
+    static Outcome<void> takeLink(const TreeEntry& entry, const DirEntry& target, bool isThere);
     /// Whether `target` has become another name of an entry that was copied before.
-    Outcome<bool> linkToEarlierCopy(const TreeEntry& entry, const EntryPlace& target);
+    Outcome<bool> linkToEarlierCopy(const TreeEntry& entry, const DirEntry& target);
     void remember(const std::string& path, const EntryStatus& status);
 
-    const EntryPlace m_source;
+    const DirEntry m_source;
     const EntryStatus m_targetFolder;
     const std::stop_token m_stop;
     EntryStatus m_root;
-    EntryPlace m_target;
+    DirEntry m_target;
     /// What each entry was like when the copy was made of it, by path and not by inode: some file systems
     /// give an entry another inode number after a while.
     std::unordered_map<std::string, EntryStatus> m_taken;

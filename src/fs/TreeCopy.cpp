@@ -1,7 +1,7 @@
-#include "files/TreeCopy.h"
+#include "fs/TreeCopy.h"
 
-#include "files/EntryAttributes.h"
-#include "files/FileCopy.h"
+#include "fs/EntryAttributes.h"
+#include "fs/FileCopy.h"
 
 #include <climits>
 #include <unistd.h>
@@ -22,7 +22,7 @@ bool mayBeSame(const EntryStatus& now, const EntryStatus& then)
     return now.isUnchanged(then) || (now.isSameEntry(then) && now.hasSameContent(then));
 }
 
-Outcome<std::string> readLink(const EntryPlace& place)
+Outcome<std::string> readLink(const DirEntry& place)
 {
     std::string text(PATH_MAX, '\0');
     const ssize_t size = ::readlinkat(place.folder, place.name.c_str(), text.data(), text.size());
@@ -70,7 +70,7 @@ Outcome<void> TreeCopy::expectMovable(const TreeEntry& entry) const
     return {};
 }
 
-Outcome<void> TreeCopy::make(const EntryPlace& target, int (*sync)(int), int fd)
+Outcome<void> TreeCopy::make(const DirEntry& target, int (*sync)(int), int fd)
 {
     m_target = target;
     m_taken.clear();
@@ -111,7 +111,7 @@ Outcome<void> TreeCopy::take(const TreeEntry& entry)
     if (m_isMade && !(isThere && mayBeSame(now, then->second))) return SystemError{EBUSY};
     ++m_met;
 
-    const EntryPlace target = isRoot ? m_target : EntryPlace{m_folders.back().get(), entry.place.name};
+    const DirEntry target = isRoot ? m_target : DirEntry{m_folders.back().get(), entry.place.name};
     if (now.isFolder()) return enterFolder(target, isThere);
     if (isThere && now.isUnchanged(then->second)) return {};
     if (!isThere && now.links > 1) {
@@ -130,7 +130,7 @@ void TreeCopy::remember(const std::string& path, const EntryStatus& status)
     m_hasTaken = true;
 }
 
-Outcome<bool> TreeCopy::linkToEarlierCopy(const TreeEntry& entry, const EntryPlace& target)
+Outcome<bool> TreeCopy::linkToEarlierCopy(const TreeEntry& entry, const DirEntry& target)
 {
     const EntryStatus& now = entry.status;
     const auto [found, isFirst] = m_firstCopies.try_emplace({now.device, now.inode}, entry.path);
@@ -158,7 +158,7 @@ Outcome<bool> TreeCopy::linkToEarlierCopy(const TreeEntry& entry, const EntryPla
     }
 }
 
-Outcome<void> TreeCopy::takeFile(const TreeEntry& entry, const EntryPlace& target, bool isThere)
+Outcome<void> TreeCopy::takeFile(const TreeEntry& entry, const DirEntry& target, bool isThere)
 {
     const char* name = target.name.c_str();
     if (!isThere) {
@@ -176,7 +176,7 @@ Outcome<void> TreeCopy::takeFile(const TreeEntry& entry, const EntryPlace& targe
     return takeFileAgain(entry.place, entry.status, file.get(), m_stop);
 }
 
-Outcome<void> TreeCopy::enterFolder(const EntryPlace& target, bool isThere)
+Outcome<void> TreeCopy::enterFolder(const DirEntry& target, bool isThere)
 {
     const char* name = target.name.c_str();
     if (!isThere && ::mkdirat(target.folder, name, 0700) != 0) return SystemError::last();
@@ -200,7 +200,7 @@ Outcome<void> TreeCopy::leaveFolder(const TreeEntry& entry, int folder)
     return taken;
 }
 
-Outcome<void> TreeCopy::takeLink(const TreeEntry& entry, const EntryPlace& target, bool isThere)
+Outcome<void> TreeCopy::takeLink(const TreeEntry& entry, const DirEntry& target, bool isThere)
 {
     const Outcome<std::string> text = readLink(entry.place);
     if (!text) return text.error();

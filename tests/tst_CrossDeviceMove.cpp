@@ -27,7 +27,7 @@ void setTimes(const std::string& path)
 } // namespace
 
 /// Moves of entries of every kind to a real second file system.
-class TestFileMoveAcrossVolumes : public QObject
+class TestCrossDeviceMove : public QObject
 {
     Q_OBJECT
 
@@ -72,7 +72,7 @@ private:
     std::string m_target;
 };
 
-void TestFileMoveAcrossVolumes::init()
+void TestCrossDeviceMove::init()
 {
     m_here = std::make_unique<ScratchFolder>();
     m_there = std::make_unique<ScratchFolder>(folderOnAnotherVolume());
@@ -81,13 +81,13 @@ void TestFileMoveAcrossVolumes::init()
     m_target = m_out + "/target.dat";
 }
 
-void TestFileMoveAcrossVolumes::cleanup()
+void TestCrossDeviceMove::cleanup()
 {
     m_here.reset();
     m_there.reset();
 }
 
-void TestFileMoveAcrossVolumes::moveAndCompare()
+void TestCrossDeviceMove::moveAndCompare()
 {
     const QByteArray before = pictureOf(m_source);
     QCOMPARE(errorOfMove(m_source, m_target), 0);
@@ -97,14 +97,14 @@ void TestFileMoveAcrossVolumes::moveAndCompare()
     QCOMPARE(namesIn(m_here->path() + "/in"), QByteArrayList());
 }
 
-void TestFileMoveAcrossVolumes::theVolumesDiffer()
+void TestCrossDeviceMove::theVolumesDiffer()
 {
     writeFile(m_source, "");
     QCOMPARE(::rename(m_source.c_str(), m_target.c_str()), -1);
     QCOMPARE(errno, EXDEV);
 }
 
-void TestFileMoveAcrossVolumes::links_data()
+void TestCrossDeviceMove::links_data()
 {
     QTest::addColumn<QByteArray>("text");
     QTest::newRow("to a folder") << QByteArray("/etc");
@@ -113,7 +113,7 @@ void TestFileMoveAcrossVolumes::links_data()
     QTest::newRow("long") << QByteArray(3000, 'x');
 }
 
-void TestFileMoveAcrossVolumes::links()
+void TestCrossDeviceMove::links()
 {
     QFETCH(const QByteArray, text);
     makeLink(m_source, text.toStdString());
@@ -121,7 +121,7 @@ void TestFileMoveAcrossVolumes::links()
     moveAndCompare();
 }
 
-void TestFileMoveAcrossVolumes::trees()
+void TestCrossDeviceMove::trees()
 {
     makeFolder(m_source);
     makeFolder(m_source + "/empty");
@@ -145,14 +145,14 @@ void TestFileMoveAcrossVolumes::trees()
     QVERIFY(QFile::exists(QStringLiteral("/etc")));
 }
 
-void TestFileMoveAcrossVolumes::withoutHardLinks_data()
+void TestCrossDeviceMove::withoutHardLinks_data()
 {
     QTest::addColumn<bool>("isFolder");
     QTest::newRow("file") << false;
     QTest::newRow("folder") << true;
 }
 
-void TestFileMoveAcrossVolumes::withoutHardLinks()
+void TestCrossDeviceMove::withoutHardLinks()
 {
     QFETCH(const bool, isFolder);
     if (!isFolder) {
@@ -174,14 +174,14 @@ void TestFileMoveAcrossVolumes::withoutHardLinks()
     QVERIFY(!exists(m_source));
 }
 
-void TestFileMoveAcrossVolumes::inodeNumbersThatChange_data()
+void TestCrossDeviceMove::inodeNumbersThatChange_data()
 {
     withoutHardLinks_data();
 }
 
 // Some file systems number their entries anew when the kernel has forgotten them, as it may during a long
 // copy.
-void TestFileMoveAcrossVolumes::inodeNumbersThatChange()
+void TestCrossDeviceMove::inodeNumbersThatChange()
 {
     QFETCH(const bool, isFolder);
     if (isFolder) makeFolder(m_source);
@@ -199,7 +199,7 @@ void TestFileMoveAcrossVolumes::inodeNumbersThatChange()
     QVERIFY(!exists(m_source));
 }
 
-void TestFileMoveAcrossVolumes::inodeNumbersThatAreGivenTwice_data()
+void TestCrossDeviceMove::inodeNumbersThatAreGivenTwice_data()
 {
     QTest::addColumn<QByteArray>("other");
     QTest::addColumn<int>("error");
@@ -208,7 +208,7 @@ void TestFileMoveAcrossVolumes::inodeNumbersThatAreGivenTwice_data()
     QTest::newRow("the same size and time") << QByteArray("two content") << EBUSY;
 }
 
-void TestFileMoveAcrossVolumes::inodeNumbersThatAreGivenTwice()
+void TestCrossDeviceMove::inodeNumbersThatAreGivenTwice()
 {
     QFETCH(const QByteArray, other);
     QFETCH(const int, error);
@@ -233,7 +233,7 @@ void TestFileMoveAcrossVolumes::inodeNumbersThatAreGivenTwice()
     QVERIFY(!exists(error == 0 ? m_source : m_target));
 }
 
-void TestFileMoveAcrossVolumes::oneOfTwoNamesOfAFile()
+void TestCrossDeviceMove::oneOfTwoNamesOfAFile()
 {
     writeFile(m_source, "content");
     const std::string other = m_here->path() + "/other";
@@ -242,7 +242,7 @@ void TestFileMoveAcrossVolumes::oneOfTwoNamesOfAFile()
     QCOMPARE(contents(other), QByteArray("content"));
 }
 
-void TestFileMoveAcrossVolumes::specialFilesAreRefused_data()
+void TestCrossDeviceMove::specialFilesAreRefused_data()
 {
     QTest::addColumn<QByteArray>("kind");
     QTest::addColumn<bool>("inFolder");
@@ -252,7 +252,7 @@ void TestFileMoveAcrossVolumes::specialFilesAreRefused_data()
     }
 }
 
-void TestFileMoveAcrossVolumes::specialFilesAreRefused()
+void TestCrossDeviceMove::specialFilesAreRefused()
 {
     QFETCH(const QByteArray, kind);
     QFETCH(const bool, inFolder);
@@ -275,7 +275,7 @@ void TestFileMoveAcrossVolumes::specialFilesAreRefused()
     QVERIFY(targetFolderIsEmpty());
 }
 
-void TestFileMoveAcrossVolumes::nothingIsReplaced_data()
+void TestCrossDeviceMove::nothingIsReplaced_data()
 {
     QTest::addColumn<QByteArray>("kind");
     QTest::addColumn<QByteArray>("victim");
@@ -285,7 +285,7 @@ void TestFileMoveAcrossVolumes::nothingIsReplaced_data()
     }
 }
 
-void TestFileMoveAcrossVolumes::nothingIsReplaced()
+void TestCrossDeviceMove::nothingIsReplaced()
 {
     QFETCH(const QByteArray, kind);
     QFETCH(const QByteArray, victim);
@@ -301,7 +301,7 @@ void TestFileMoveAcrossVolumes::nothingIsReplaced()
     QCOMPARE(namesIn(m_out), QByteArrayList{"target.dat"});
 }
 
-void TestFileMoveAcrossVolumes::namesThatCannotBe_data()
+void TestCrossDeviceMove::namesThatCannotBe_data()
 {
     QTest::addColumn<QByteArray>("kind");
     QTest::addColumn<bool>("unnamedFiles");
@@ -315,7 +315,7 @@ void TestFileMoveAcrossVolumes::namesThatCannotBe_data()
 }
 
 // On such a file system nothing is found under the name, and only making it tells that it cannot be.
-void TestFileMoveAcrossVolumes::namesThatCannotBe()
+void TestCrossDeviceMove::namesThatCannotBe()
 {
     QFETCH(const QByteArray, kind);
     QFETCH(const bool, unnamedFiles);
@@ -347,7 +347,7 @@ void TestFileMoveAcrossVolumes::namesThatCannotBe()
         QVERIFY2(!label.starts_with("mkdirat"), label.c_str());
 }
 
-void TestFileMoveAcrossVolumes::aMissingDestination()
+void TestCrossDeviceMove::aMissingDestination()
 {
     writeFile(m_source, "content");
     QCOMPARE(errorOfMove(m_source, m_out + "/missing/target"), ENOENT);
@@ -387,7 +387,7 @@ int depthOf(const std::string& root)
 
 } // namespace
 
-void TestFileMoveAcrossVolumes::theDeepestTree()
+void TestCrossDeviceMove::theDeepestTree()
 {
     makeDeepTree(m_source, 399);
     QCOMPARE(errorOfMove(m_source, m_target), 0);
@@ -395,7 +395,7 @@ void TestFileMoveAcrossVolumes::theDeepestTree()
     QVERIFY(!exists(m_source));
 }
 
-void TestFileMoveAcrossVolumes::tooDeepATreeIsRefused()
+void TestCrossDeviceMove::tooDeepATreeIsRefused()
 {
     makeDeepTree(m_source, 400);
     QCOMPARE(errorOfMove(m_source, m_target), EMFILE);
@@ -403,7 +403,7 @@ void TestFileMoveAcrossVolumes::tooDeepATreeIsRefused()
     QVERIFY(targetFolderIsEmpty());
 }
 
-void TestFileMoveAcrossVolumes::aTreeDeeperThanTheDescriptorsIsRefused()
+void TestCrossDeviceMove::aTreeDeeperThanTheDescriptorsIsRefused()
 {
     makeDeepTree(m_source, 150);
     rlimit before = {};
@@ -418,7 +418,7 @@ void TestFileMoveAcrossVolumes::aTreeDeeperThanTheDescriptorsIsRefused()
     QVERIFY(targetFolderIsEmpty());
 }
 
-void TestFileMoveAcrossVolumes::whatCouldNotBeRemovedIsNotCopied_data()
+void TestCrossDeviceMove::whatCouldNotBeRemovedIsNotCopied_data()
 {
     QTest::addColumn<QByteArray>("closed");
     QTest::addColumn<int>("mode");
@@ -428,7 +428,7 @@ void TestFileMoveAcrossVolumes::whatCouldNotBeRemovedIsNotCopied_data()
     QTest::newRow("a folder in the tree cannot be entered") << QByteArray("in/source.dat/sub") << 0666;
 }
 
-void TestFileMoveAcrossVolumes::whatCouldNotBeRemovedIsNotCopied()
+void TestCrossDeviceMove::whatCouldNotBeRemovedIsNotCopied()
 {
     QFETCH(const QByteArray, closed);
     QFETCH(const int, mode);
@@ -456,7 +456,7 @@ void TestFileMoveAcrossVolumes::whatCouldNotBeRemovedIsNotCopied()
 }
 
 // The kernel says so by itself only within one volume; a folder that is mounted twice looks like two.
-void TestFileMoveAcrossVolumes::aFolderIntoItself()
+void TestCrossDeviceMove::aFolderIntoItself()
 {
     makeFolder(m_source);
     makeFolder(m_source + "/sub");
@@ -468,6 +468,6 @@ void TestFileMoveAcrossVolumes::aFolderIntoItself()
     }
 }
 
-HARBEX_TEST_MAIN(TestFileMoveAcrossVolumes)
+HARBEX_TEST_MAIN(TestCrossDeviceMove)
 
-#include "tst_FileMoveAcrossVolumes.moc"
+#include "tst_CrossDeviceMove.moc"

@@ -1,6 +1,6 @@
-#include "files/NoReplaceRename.h"
+#include "fs/NoReplaceRename.h"
 
-#include "files/RemoteVolume.h"
+#include "fs/RemoteVolume.h"
 
 #include <cstdio>
 #include <unistd.h>
@@ -11,7 +11,7 @@ namespace harbex
 namespace
 {
 
-Outcome<void> renameReplacing(const EntryPlace& from, const EntryPlace& to)
+Outcome<void> renameReplacing(const DirEntry& from, const DirEntry& to)
 {
     if (::renameat(from.folder, from.name.c_str(), to.folder, to.name.c_str()) != 0)
         return SystemError::last();
@@ -19,17 +19,17 @@ Outcome<void> renameReplacing(const EntryPlace& from, const EntryPlace& to)
 }
 
 // The kernel lets a folder take the place of an empty folder only.
-Outcome<void> renameFolder(const EntryPlace& from, const EntryPlace& to)
+Outcome<void> renameFolder(const DirEntry& from, const DirEntry& to)
 {
     if (::mkdirat(to.folder, to.name.c_str(), 0700) != 0) return SystemError::last();
     const Outcome<void> renamed = renameReplacing(from, to);
-    if (!renamed && !mayHaveBeenDone(from, renamed.error()))
+    if (!renamed && !outcomeUnknown(from, renamed.error()))
         ::unlinkat(to.folder, to.name.c_str(), AT_REMOVEDIR);
     return renamed;
 }
 
 /// Whether the empty file open as `fd` is still what stands at `place`; EEXIST when it is something else.
-Outcome<void> expectEmptyFile(const EntryPlace& place, int fd)
+Outcome<void> expectEmptyFile(const DirEntry& place, int fd)
 {
     const Outcome<EntryStatus> there = EntryStatus::of(place);
     if (!there) return there.error();
@@ -39,7 +39,7 @@ Outcome<void> expectEmptyFile(const EntryPlace& place, int fd)
     return {};
 }
 
-Outcome<void> renameOverPlaceholder(const EntryPlace& from, const EntryPlace& to)
+Outcome<void> renameOverPlaceholder(const DirEntry& from, const DirEntry& to)
 {
     const FileDescriptor placeholder(
         ::openat(to.folder, to.name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -56,7 +56,7 @@ bool saysThatLinksAreImpossible(int code)
     return code == EPERM || code == EOPNOTSUPP || code == ENOSYS || code == EMLINK;
 }
 
-Outcome<void> linkAndUnlink(const EntryPlace& from, const EntryPlace& to, const EntryStatus& entry)
+Outcome<void> linkAndUnlink(const DirEntry& from, const DirEntry& to, const EntryStatus& entry)
 {
     if (::linkat(from.folder, from.name.c_str(), to.folder, to.name.c_str(), 0) != 0) {
         const SystemError refused = SystemError::last();
@@ -78,7 +78,7 @@ Outcome<void> linkAndUnlink(const EntryPlace& from, const EntryPlace& to, const 
 
 } // namespace
 
-Outcome<void> renameWithoutReplacing(const EntryPlace& from, const EntryPlace& to)
+Outcome<void> renameWithoutReplacing(const DirEntry& from, const DirEntry& to)
 {
     if (::renameat2(from.folder, from.name.c_str(), to.folder, to.name.c_str(), RENAME_NOREPLACE) == 0)
         return {};

@@ -1,6 +1,6 @@
-#include "files/RemoteVolume.h"
+#include "fs/RemoteVolume.h"
 
-#include "files/EntryName.h"
+#include "fs/EntryName.h"
 
 #include <algorithm>
 #include <array>
@@ -39,7 +39,7 @@ bool isRefusal(SystemError error)
 
 } // namespace
 
-bool mayHaveBeenDone(const EntryPlace& place, SystemError error)
+bool outcomeUnknown(const DirEntry& place, SystemError error)
 {
     if (isRefusal(error)) return false;
     const FileDescriptor folder(
@@ -48,11 +48,11 @@ bool mayHaveBeenDone(const EntryPlace& place, SystemError error)
     return !folder || ::fstatfs(folder.get(), &volume) != 0 || isRemote(volume);
 }
 
-Outcome<void> endAfterFailedRemoval(const EntryPlace& oldName, SystemError error, const EntryPlace& newName,
+Outcome<void> endAfterFailedRemoval(const DirEntry& oldName, SystemError error, const DirEntry& newName,
                                     const EntryStatus& ours)
 {
-    if (!mayHaveBeenDone(oldName, error))
-        withdraw(newName, ours);
+    if (!outcomeUnknown(oldName, error))
+        unlinkIfOurs(newName, ours);
     else if (error.code == ENOENT)
         return {};
     return error;

@@ -24,7 +24,7 @@ inline constexpr size_t maximumTreeDepth = 400;
 
 /// Where an entry stands: its name in a folder that is open, or a path (the folder is AT_FDCWD then).
 /// The descriptor is borrowed.
-struct EntryPlace {
+struct DirEntry {
     int folder = AT_FDCWD;
     std::string name;
 };
@@ -47,7 +47,7 @@ struct EntryStatus {
     /// Nobody may remove it: it carries the immutable or the append-only flag.
     bool isProtected = false;
 
-    [[nodiscard]] static Outcome<EntryStatus> of(const EntryPlace& place);
+    [[nodiscard]] static Outcome<EntryStatus> of(const DirEntry& place);
     [[nodiscard]] static Outcome<EntryStatus> ofOpen(int fd);
 
     [[nodiscard]] bool isFolder() const { return S_ISDIR(mode); }
@@ -68,7 +68,7 @@ struct EntryStatus {
 [[nodiscard]] Outcome<FileDescriptor> openFolder(const std::string& path);
 
 /// Opens the folder that stands at `place`; EBUSY when it is not the one that `expected` is about.
-[[nodiscard]] Outcome<FileDescriptor> openSubfolder(const EntryPlace& place, const EntryStatus& expected);
+[[nodiscard]] Outcome<FileDescriptor> openSubfolder(const DirEntry& place, const EntryStatus& expected);
 
 /// The names in an open folder, without "." and "..".
 [[nodiscard]] Outcome<std::vector<std::string>> namesIn(int folder);
@@ -76,6 +76,6 @@ struct EntryStatus {
 /// Takes a name away again that was given to an entry of our own: only while it is still the name of that
 /// entry, with the content it had. Not for folders. That it could not be taken away is not reported: the
 /// callers are about to report the reason why they try.
-void withdraw(const EntryPlace& place, const EntryStatus& ours);
+void unlinkIfOurs(const DirEntry& place, const EntryStatus& ours);
 
 } // namespace harbex
