@@ -3,6 +3,7 @@
 #include "support/EngineProbe.h"
 #include "support/EngineResources.h"
 #include "support/RandomSeed.h"
+#include "support/ServedFolder.h"
 
 #include <array>
 #include <filesystem>
@@ -16,17 +17,30 @@ using namespace harbex::test;
 namespace
 {
 
+/// Why none of the destinations can be on a server; empty if one can.
+QString reasonAgainstServer()
+{
+#ifdef HARBEX_NO_SERVED_FOLDERS
+    return QStringLiteral("a sanitized test starts no program");
+#else
+    return ServedFolder::reasonAgainst();
+#endif
+}
+
 /// Files of which each has a name and a content of its own, and which of them may be moved.
 class Ledger
 {
 public:
-    explicit Ledger(std::mt19937& random) : m_random(random)
+    Ledger(std::mt19937& random, bool hasServer) : m_random(random)
     {
         for (const char* name : {"a", "b", "c"}) {
             m_inboxes.push_back(m_near.makeFolder(std::string("in ") + name));
             m_destinations.push_back(m_near.makeFolder(std::string("out ") + name));
         }
         m_destinations.push_back(m_far.makeFolder("far"));
+        if (!hasServer) return;
+        m_destinations.push_back(m_near.makeFolder("served"));
+        m_server = std::make_unique<ServedFolder>(m_near.makeFolder("real"), m_destinations.back());
     }
 
     /// Some files arrive.
@@ -75,6 +89,24 @@ public:
         writeFile(path, content(m_count - 1));
         m_known.push_back(path);
     }
+
+    /// From here on the server, if there is one, does not answer.
+    [[nodiscard]] std::unique_ptr<ServedFolder::Silence> silence() const
+    {
+        return m_server ? std::make_unique<ServedFolder::Silence>(*m_server) : nullptr;
+    }
+
+    /// Rules by which everything but the sentinel goes there.
+    [[nodiscard]] std::vector<WatchedFolder> allToTheServer() const
+    {
+        std::vector<WatchedFolder> folders;
+        for (const std::string& inbox : m_inboxes)
+            folders.push_back(watched(inbox, {m_sentinel.rule(), takeAll(m_destinations.back())}));
+        return folders;
+    }
+
+    /// Goes through one of the folders to a destination that always answers.
+    [[nodiscard]] Sentinel& sentinel() { return m_sentinel; }
 
     /// The folders with rules as an edit could have left them.
     std::vector<WatchedFolder> configuration()
@@ -160,6 +192,8 @@ private:
     const ScratchFolder m_far = ScratchFolder(folderOnAnotherVolume());
     std::vector<std::string> m_inboxes;
     std::vector<std::string> m_destinations;
+    std::unique_ptr<ServedFolder> m_server;
+    Sentinel m_sentinel{m_near, m_near.path() + "/in a"};
     std::vector<std::string> m_known;
     size_t m_count = 0;
     size_t m_names = 0;
@@ -184,11 +218,14 @@ void TestRestartStorm::nothingIsLostOrMovedTwice()
     const size_t rounds = attackSize(size_t(150), size_t(10'000));
     std::mt19937 random = seededRandom();
     const EngineOutput output;
-    const size_t threads = threadCount();
-    const size_t descriptors = descriptorCount();
+    const QString reason = reasonAgainstServer();
+    if (!reason.isEmpty()) qInfo("without a destination on a server: %s", qPrintable(reason));
     {
-        Ledger ledger(random);
+        Ledger ledger(random, reason.isEmpty());
+        const size_t threads = threadCount();
+        const size_t descriptors = descriptorCount();
         size_t moves = 0;
+        size_t silences = 0;
         std::map<QString, int> movesOf;
         QString twice;
         std::unique_ptr<DownloadImageRedirector> engine;
@@ -196,16 +233,29 @@ void TestRestartStorm::nothingIsLostOrMovedTwice()
             engine = std::make_unique<DownloadImageRedirector>();
             connect(engine.get(), &DownloadImageRedirector::logsChanged, this, [&] {
                 const QString message = lastMessage(*engine);
-                if (!message.startsWith(u"Moved ")) return;
+                if (!message.startsWith(u"Moved file ")) return;
                 ++moves;
                 // "Moved file 17.jpg -> file 17.jpg"
                 if (++movesOf[message.section(QLatin1Char(' '), 1, 2)] > 1) twice = message;
             });
         };
         makeEngine();
+        // After the engine, which at its end waits for calls that the server has not answered.
+        std::unique_ptr<ServedFolder::Silence> silence;
         for (size_t round = 0; round < rounds; ++round) {
             ledger.burst();
             if (randomBelow(random, 3) == 0) ledger.download();
+            if (randomBelow(random, 16) == 0) {
+                silence = silence ? nullptr : ledger.silence();
+                if (silence) {
+                    engine->restart(ledger.allToTheServer());
+                    QTRY_VERIFY_WITH_TIMEOUT(!engine->activeFDs().empty(), patience);
+                    ledger.burst();
+                    QVERIFY(ledger.sentinel().passes(*engine));
+                    QVERIFY(silence->holds());
+                    ++silences;
+                }
+            }
             switch (randomBelow(random, 13)) {
             case 0:
                 engine->stop();
@@ -223,6 +273,7 @@ void TestRestartStorm::nothingIsLostOrMovedTwice()
                     engine->restart(ledger.configuration());
                 break;
             case 3:
+                silence.reset();
                 engine.reset();
                 ledger.placeKnown();
                 makeEngine();
@@ -245,6 +296,7 @@ void TestRestartStorm::nothingIsLostOrMovedTwice()
             if (round % 500 != 499 && round + 1 != rounds) continue;
 
             ledger.finishDownload();
+            silence.reset();
             engine.reset();
             QCOMPARE(QString::fromStdString(ledger.findFault()), QString());
             QCOMPARE(kernelWatchCount(), 0U);
@@ -255,7 +307,8 @@ void TestRestartStorm::nothingIsLostOrMovedTwice()
         }
         QCOMPARE(twice, QString());
         QVERIFY(moves > rounds / 2);
-        qInfo("%zu moves", moves);
+        QVERIFY(silences > 0 || !reason.isEmpty());
+        qInfo("%zu moves, and %zu silences of the server", moves, silences);
     }
     reportRuns(rounds);
 }

@@ -39,6 +39,8 @@ QString mountAt(QProcess& server, const std::string& real, const std::string& pl
     server.setProcessChannelMode(QProcess::MergedChannels);
     server.start(bindfs, {QStringLiteral("-f"), QStringLiteral("--no-allow-other"),
                           QString::fromStdString(real), QString::fromStdString(place)});
+    // From here on the number of descriptors stays as it is.
+    server.waitForStarted();
     const bool isReady = eventually([&] {
         return isServed(place) || (server.waitForFinished(0), server.state() == QProcess::NotRunning);
     });

@@ -28,9 +28,10 @@ public:
     /// gives its arguments, before the tests.
     [[nodiscard]] static bool isPossible(int argc, char** argv);
 
-private:
-    static QString reasonAgainst();
+    /// Why it cannot; empty if it can. For a test that goes on without.
+    [[nodiscard]] static QString reasonAgainst();
 
+private:
     const std::string m_place;
     QProcess m_server;
 };
