@@ -1,13 +1,17 @@
+#include "support/Attack.h"
 #include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
 #include "support/EngineResources.h"
 #include "support/RandomSeed.h"
+#include "support/RuleModel.h"
 
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <array>
 #include <fcntl.h>
 #include <filesystem>
+#include <iterator>
 #include <linux/fs.h>
 #include <map>
 #include <memory>
@@ -21,6 +25,37 @@ namespace
 {
 
 namespace fs = std::filesystem;
+
+FilterRule randomRule(std::mt19937& random, const std::string& destination)
+{
+    const auto below = [&](size_t end) { return randomBelow(random, end); };
+    FilterRule rule = ruleFor(allRuleFields[below(allRuleFields.size())], destination);
+    rule.operatorType = allRuleOperators[below(allRuleOperators.size())];
+    rule.kind = allRuleKinds[below(allRuleKinds.size())];
+    if (rule.field != RuleField::kind && below(2))
+        rule.value = QString::fromLatin1(std::array{"jpg", "photo", "e", "pdf"}[below(4)]);
+    if (below(10) == 0) rule.destination.reset();
+    return rule;
+}
+
+/// The folders that an entry passes, from the one where it arrives to the one where it stays: the first rule
+/// in all records of a folder that takes it leads on, unless it has been there before.
+std::vector<std::string> wayOf(const std::string& name, bool isDirectory, const std::string& inbox,
+                               const std::vector<WatchedFolder>& records)
+{
+    std::vector<std::string> way = {inbox};
+    while (std::ranges::count(way, way.back()) == 1) {
+        std::vector<FilterRule> taking;
+        for (const WatchedFolder& record : records)
+            if (record.url.path() == way.back())
+                std::ranges::copy_if(record.rules, std::back_inserter(taking), [&](const FilterRule& rule) {
+                    return decide(name, isDirectory, rule).isTaken();
+                });
+        if (taking.empty() || taking.front().destination->path() == way.back()) break;
+        way.push_back(taking.front().destination->path());
+    }
+    return way;
+}
 
 /// A piece of content that must never be lost, doubled or overwritten: a file "17:....", its number and then
 /// dots, or a link whose target is called as its number. Its own name says nothing: the engine and the test
@@ -91,6 +126,15 @@ public:
             m_pieces[m_next].staysAt = path;
             writeFile(path, newFile(3));
         }
+    }
+
+    /// One of the folders is away for some milliseconds.
+    void hideFolder()
+    {
+        const std::string& folder = anyOf(m_changing);
+        renameEntry(folder, folder + " away");
+        QTest::qWait(static_cast<int>(below(20)));
+        renameEntry(folder + " away", folder);
     }
 
     /// Some of the watched folders, sometimes one of them twice or through a link, with some rules.
@@ -303,15 +347,8 @@ private:
     std::vector<FilterRule> rulesOf(const std::string& inbox)
     {
         std::vector<FilterRule> rules;
-        for (size_t i = below(4) + 1; i > 0; --i) {
-            FilterRule rule = ruleFor(allRuleFields[below(allRuleFields.size())], anyDestination(inbox));
-            rule.operatorType = allRuleOperators[below(allRuleOperators.size())];
-            rule.kind = allRuleKinds[below(allRuleKinds.size())];
-            if (rule.field != RuleField::kind && below(2))
-                rule.value = QString::fromLatin1(std::array{"jpg", "photo", "e", "pdf"}[below(4)]);
-            if (below(10) == 0) rule.destination.reset();
-            rules.push_back(rule);
-        }
+        for (size_t i = below(4) + 1; i > 0; --i)
+            rules.push_back(randomRule(m_random, anyDestination(inbox)));
         if (below(2)) rules.push_back(takeAll(anyDestination(inbox)));
         return rules;
     }
@@ -351,6 +388,7 @@ class TestRandomFolders : public QObject
 
 private Q_SLOTS:
     void nothingIsLostDoubledOverwrittenOrMovedThatWasThereBefore();
+    void everyEntryEndsWhereTheRulesLead();
 };
 
 void TestRandomFolders::nothingIsLostDoubledOverwrittenOrMovedThatWasThereBefore()
@@ -395,6 +433,10 @@ void TestRandomFolders::nothingIsLostDoubledOverwrittenOrMovedThatWasThereBefore
                 QTRY_VERIFY(!engine->isRunning());
                 engine->start(world.configuration());
                 break;
+            case 4:
+            case 5:
+                world.hideFolder();
+                break;
             default:
                 break;
             }
@@ -420,6 +462,78 @@ void TestRandomFolders::nothingIsLostDoubledOverwrittenOrMovedThatWasThereBefore
     QCOMPARE(strangeLines, QStringList());
     qInfo("%d moves", movedCount);
     QVERIFY(movedCount > 20);
+}
+
+/// By two records for each of three folders, which name each other and two more. Nobody else touches the
+/// entries.
+void TestRandomFolders::everyEntryEndsWhereTheRulesLead()
+{
+    const size_t rounds = attackSize(size_t(3), size_t(200));
+    std::mt19937 random = seededRandom();
+    const auto below = [&](size_t end) { return randomBelow(random, end); };
+    const EngineOutput output;
+    for (size_t round = 0; round < rounds; ++round) {
+        const ScratchFolder scratch;
+        std::vector<std::string> folders;
+        for (const char* name : {"a", "b", "c", "out", "other"})
+            folders.push_back(scratch.makeFolder(name));
+        std::vector<std::unique_ptr<Sentinel>> sentinels;
+        std::vector<WatchedFolder> records;
+        for (size_t i = 0; i < 6; ++i) {
+            std::vector<FilterRule> rules;
+            if (i < 3) {
+                sentinels.push_back(std::make_unique<Sentinel>(scratch, folders[i]));
+                rules.push_back(sentinels.back()->rule());
+            }
+            for (size_t rule = below(4); rule > 0; --rule)
+                rules.push_back(randomRule(random, folders[below(folders.size())]));
+            if (i >= 3) rules.push_back(takeAll(folders[below(folders.size())]));
+            records.push_back(watched(folders[i % 3], rules));
+        }
+        size_t moves = 0;
+        DownloadImageRedirector engine;
+        connect(&engine, &DownloadImageRedirector::logsChanged, this, [&] {
+            const QString message = lastMessage(engine);
+            moves += message.startsWith(u"Moved ") && !message.contains(u"sentinel");
+        });
+        QVERIFY(startAndWait(engine, records));
+
+        std::map<std::string, QByteArrayList> expected;
+        size_t expectedMoves = 0;
+        for (size_t i = 0; i < 3; ++i) {
+            // What is in a folder that comes back is known.
+            const std::string away = scratch.path() + "/away";
+            renameEntry(folders[i], away);
+            QTRY_COMPARE_WITH_TIMEOUT(engine.activeFDs().size(), 4U, patience);
+            writeFile(away + "/photo.jpg", "known");
+            renameEntry(away, folders[i]);
+            QTRY_COMPARE_WITH_TIMEOUT(engine.activeFDs().size(), 6U, patience);
+            expected[folders[i]] << "photo.jpg";
+        }
+        for (size_t i = 0; i < 100; ++i) {
+            const std::string name = std::array{"photo", "Letter", "Tool", "README"}[below(4)] +
+                                     ('.' + std::to_string(i)) +
+                                     std::array{".jpg", ".pdf", ".app", ".part", ".e"}[below(5)];
+            const std::string& inbox = folders[below(3)];
+            const bool isDirectory = below(4) == 0;
+            if (isDirectory)
+                makeFolder(inbox + '/' + name);
+            else
+                scratch.arrive(inbox + '/' + name, name);
+            const std::vector<std::string> way = wayOf(name, isDirectory, inbox, records);
+            expected[way.back()] << QByteArray::fromStdString(name);
+            expectedMoves += way.size() - 1;
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(moves, expectedMoves, patience);
+        for (const auto& sentinel : sentinels)
+            QVERIFY(sentinel->passes(engine));
+        QCOMPARE(moves, expectedMoves);
+        for (const std::string& folder : folders) {
+            std::ranges::sort(expected[folder]);
+            QCOMPARE(namesIn(folder), expected[folder]);
+        }
+    }
+    reportRuns(rounds);
 }
 
 HARBEX_ENGINE_TEST_MAIN(TestRandomFolders)
