@@ -27,12 +27,12 @@ void markStore()
 {
     QFile file(preferencesPath());
     QVERIFY(file.open(QIODevice::Append));
-    file.write("\n; a mark\n");
+    file.write("\n\n");
 }
 
 bool isStoreMarked()
 {
-    return storedText().contains("; a mark");
+    return storedText().endsWith("\n\n");
 }
 
 } // namespace

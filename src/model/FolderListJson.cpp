@@ -2,7 +2,6 @@
 
 #include "base/ReadableText.h"
 
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonParseError>
@@ -207,7 +206,17 @@ QJsonObject encodeRule(const FilterRule& rule)
 
 } // namespace
 
-Outcome<QByteArray, JsonError> encodeFolderList(const std::vector<WatchedFolder>& folders)
+Outcome<QJsonValue, JsonError> parseJson(const QByteArray& text)
+{
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(text, &parseError);
+    if (parseError.error != QJsonParseError::NoError)
+        return JsonError{
+            QStringLiteral("offset %1: %2").arg(parseError.offset).arg(parseError.errorString())};
+    return document.isArray() ? QJsonValue(document.array()) : QJsonValue(document.object());
+}
+
+Outcome<QJsonArray, JsonError> encodeFolderList(const std::vector<WatchedFolder>& folders)
 {
     QJsonArray list;
     for (const WatchedFolder& folder : folders) {
@@ -229,20 +238,15 @@ Outcome<QByteArray, JsonError> encodeFolderList(const std::vector<WatchedFolder>
             object.insert(key::bookmarkData, QLatin1String(folder.bookmarkData->toBase64()));
         list.append(object);
     }
-    return QJsonDocument(list).toJson(QJsonDocument::Compact);
+    return list;
 }
 
-Outcome<std::vector<WatchedFolder>, JsonError> decodeFolderList(const QByteArray& json)
+Outcome<std::vector<WatchedFolder>, JsonError> decodeFolderList(const QJsonValue& json)
 {
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
-    if (parseError.error != QJsonParseError::NoError)
-        return JsonError{
-            QStringLiteral("offset %1: %2").arg(parseError.offset).arg(parseError.errorString())};
-    if (!document.isArray()) return JsonError{QStringLiteral("top level: expected an array")};
+    if (!json.isArray()) return JsonError{QStringLiteral("top level: expected an array")};
 
     std::vector<WatchedFolder> folders;
-    const QJsonArray list = document.array();
+    const QJsonArray list = json.toArray();
     for (qsizetype i = 0; i < list.size(); ++i) {
         auto folder = decodeFolder(list.at(i), placeOf({}, i));
         if (!folder) return folder.error();

@@ -4,6 +4,8 @@
 #include "model/WatchedFolder.h"
 
 #include <QByteArray>
+#include <QJsonArray>
+#include <QJsonValue>
 #include <QString>
 #include <QStringView>
 #include <QUuid>
@@ -20,14 +22,17 @@ struct JsonError {
     QString description;
 };
 
-/// The JSON text (UTF-8, compact) of a list of folders: an array of objects whose keys are the names of the
-/// records' fields; absent values leave their key out. Fails when a rule's value is no Unicode text (a lone
-/// surrogate), which JSON in UTF-8 cannot hold.
-[[nodiscard]] Outcome<QByteArray, JsonError> encodeFolderList(const std::vector<WatchedFolder>& folders);
+/// The array or object that a JSON text (UTF-8) consists of. Takes any bytes.
+[[nodiscard]] Outcome<QJsonValue, JsonError> parseJson(const QByteArray& text);
 
-/// Reads what encodeFolderList() writes. Unknown keys are ignored; the first missing or wrong value fails the
-/// whole list. Takes any bytes.
-[[nodiscard]] Outcome<std::vector<WatchedFolder>, JsonError> decodeFolderList(const QByteArray& json);
+/// The JSON of a list of folders: an array of objects whose keys are the names of the records' fields; absent
+/// values leave their key out. Fails when a rule's value is no Unicode text (a lone surrogate), which JSON in
+/// UTF-8 cannot hold.
+[[nodiscard]] Outcome<QJsonArray, JsonError> encodeFolderList(const std::vector<WatchedFolder>& folders);
+
+/// Reads what encodeFolderList() makes. Unknown keys are ignored; the first missing or wrong value fails the
+/// whole list. Takes any JSON.
+[[nodiscard]] Outcome<std::vector<WatchedFolder>, JsonError> decodeFolderList(const QJsonValue& json);
 
 /// The canonical text of a UUID: 36 characters, upper-case hexadecimal, hyphens, no braces.
 [[nodiscard]] QString uuidText(const QUuid& id);

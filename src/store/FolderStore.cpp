@@ -5,6 +5,10 @@
 #include "model/FolderListJson.h"
 #include "store/Bookmark.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
 #include <algorithm>
 #include <utility>
 
@@ -19,10 +23,23 @@ void printText(const QString& text)
     printLine(text.toStdString());
 }
 
-Outcome<std::vector<WatchedFolder>, JsonError> decodeStoredList(const Preferences& stored)
+QString folderListKey()
 {
-    if (!stored.folderList) return JsonError{QStringLiteral("the stored value is not binary data")};
-    return decodeFolderList(*stored.folderList);
+    return QStringLiteral("savedWatchedFolders");
+}
+QString selectedFolderKey()
+{
+    return QStringLiteral("selectedWatchedFolderID");
+}
+
+/// What the content of the preferences says; an empty object where there are none.
+Outcome<QJsonObject, JsonError> parsePreferences(const QByteArray& content)
+{
+    if (content.isEmpty()) return QJsonObject();
+    const auto json = parseJson(content);
+    if (!json) return json.error();
+    if (!json->isObject()) return JsonError{QStringLiteral("top level: expected an object")};
+    return json->toObject();
 }
 
 /// Replaces each URL whose bookmark resolves; the others stay as they were stored.
@@ -58,12 +75,16 @@ FolderState FolderStore::loadState(FolderState current)
         return {state.folders, selection(state.folders, state.selectedFolderID)};
     }
 
-    const auto stored = content ? parsePreferences(*content) : std::nullopt;
-    m_seen = Seen{stored ? stored->folderList : std::nullopt};
-    if (!stored || stored->isDamaged)
-        printText(QStringLiteral("Failed to read the preferences: ") + readableText(path()));
-    if (stored && stored->hasFolderList) {
-        auto folders = decodeStoredList(*stored);
+    const auto stored = parsePreferences(content.value_or(QByteArray()));
+    const QJsonObject preferences = stored ? *stored : QJsonObject();
+    if (!content || !stored)
+        printText(QStringLiteral("Failed to read the preferences: ") + readableText(path()) +
+                  (stored ? QString() : QStringLiteral(": ") + stored.error().description));
+
+    const QJsonValue list = preferences.value(folderListKey());
+    m_seen = list;
+    if (!list.isUndefined()) {
+        auto folders = decodeFolderList(list);
         if (folders) {
             current.folders = *std::move(folders);
             resolveBookmarks(current.folders);
@@ -72,7 +93,7 @@ FolderState FolderStore::loadState(FolderState current)
             current.folders.clear();
         }
     }
-    const auto wanted = stored ? uuidFromText(stored->selectedFolder) : std::nullopt;
+    const auto wanted = uuidFromText(preferences.value(selectedFolderKey()).toString());
     current.selectedFolderID = selection(current.folders, wanted);
     return current;
 }
@@ -85,31 +106,42 @@ void FolderStore::saveState(const FolderState& state)
         printLine("Failed to save folders: \\(error)");
         return;
     }
-    const QString selected = state.selectedFolderID ? uuidText(*state.selectedFolderID) : QString();
     const auto content = m_file.content();
-    if (!putAsideWhatWouldBeLost(content) || !m_file.write(*list, selected)) {
+    // What cannot be read may be a good list, so it is not replaced either.
+    if (!content || !replace(*content, *list, state.selectedFolderID)) {
         printText(QStringLiteral("Failed to write the preferences: ") + readableText(path()));
         m_unwritten = Unwritten{state, content};
         return;
     }
     m_unwritten.reset();
-    m_seen = Seen{*list};
+    m_seen = *list;
 }
 
-bool FolderStore::putAsideWhatWouldBeLost(const std::optional<QByteArray>& content) const
+bool FolderStore::replace(const QByteArray& content, const QJsonArray& list,
+                          const std::optional<QUuid>& selected) const
 {
-    // What cannot be read may be a good list, so it is not replaced either.
-    const auto stored = content ? parsePreferences(*content) : std::nullopt;
-    if (!stored) return false;
-    if (!stored->hasFolderList && !stored->isDamaged) return true;
-    const auto folders = decodeStoredList(*stored);
-    if (stored->isDamaged || (!folders && !stored->folderList))
-        return m_file.putAside(*content, QStringLiteral("harbex"), QStringLiteral("conf"));
-    const bool isUnseen = folders && !folders->empty() && m_seen && m_seen->list != stored->folderList;
-    if (!folders || isUnseen)
-        return m_file.putAside(*stored->folderList, QStringLiteral("savedWatchedFolders"),
-                               QStringLiteral("json"));
-    return true;
+    const auto stored = parsePreferences(content);
+    QJsonObject preferences = stored ? *stored : QJsonObject();
+    const bool isKept = stored ? putAsideLostList(content, preferences.value(folderListKey()))
+                               : m_file.putAside(content, QStringLiteral("harbex"));
+    preferences.insert(folderListKey(), list);
+    if (selected)
+        preferences.insert(selectedFolderKey(), uuidText(*selected));
+    else
+        preferences.remove(selectedFolderKey());
+    return isKept && m_file.write(QJsonDocument(preferences).toJson(QJsonDocument::Compact));
+}
+
+bool FolderStore::putAsideLostList(const QByteArray& content, const QJsonValue& list) const
+{
+    if (list.isUndefined()) return true;
+    const auto folders = decodeFolderList(list);
+    if (folders && (folders->empty() || !m_seen || *m_seen == list)) return true;
+    // What somebody wrote by hand can say more than is left of it here, with a key that stands there twice.
+    const QByteArray bytes = QJsonDocument(list.toArray()).toJson(QJsonDocument::Compact);
+    if (list.isArray() && content.contains(bytes))
+        return m_file.putAside(bytes, QStringLiteral("savedWatchedFolders"));
+    return m_file.putAside(content, QStringLiteral("harbex"));
 }
 
 } // namespace harbex

@@ -4,6 +4,8 @@
 #include "store/PreferencesFile.h"
 
 #include <QByteArray>
+#include <QJsonArray>
+#include <QJsonValue>
 #include <QString>
 #include <QUuid>
 
@@ -19,24 +21,26 @@ struct FolderState {
     std::optional<QUuid> selectedFolderID;
 };
 
-/// Keeps the configuration in the user's preferences. Main thread only. No failure reaches the caller: each
-/// is one line on standard output.
+/// Keeps the configuration in the user's preferences: a JSON object with the list of folders under
+/// "savedWatchedFolders" and the id of the selected one, a string, under "selectedWatchedFolderID". Main
+/// thread only. No failure reaches the caller: each is one line on standard output.
 ///
 /// A stored list that cannot be used is never lost, nor one that was not there, or could not be read, when
 /// the configuration was loaded. Before a save replaces it, it is put aside, once, in a file beside the
 /// preferences: its own bytes as savedWatchedFolders-<hash>.json, or all the preferences as
-/// harbex-<hash>.conf when the damage goes beyond the list.
+/// harbex-<hash>.json when they are no JSON object or the list is not written as this program writes it.
 class FolderStore
 {
 public:
     /// The stored configuration. Where nothing is stored or the preferences cannot be read, the folders of
-    /// `current` stay; a list that does not decode gives no folders. A folder or destination whose bookmark
-    /// resolves is given the resolved URL. Selected is the stored folder or else the first one.
+    /// `current` stay; a list that does not decode gives no folders. Reads the file once. A folder or
+    /// destination whose bookmark resolves is given the resolved URL. Selected is the stored folder or else
+    /// the first one.
     [[nodiscard]] FolderState loadState(FolderState current);
 
-    /// Stores the configuration, written when it returns. When it cannot be encoded, what was stored before
-    /// stays. When it cannot be written, it is kept in memory and is what loadState() gives until a save
-    /// succeeds or somebody changes the file.
+    /// Stores the configuration, written when it returns, and leaves the values of other keys as they are.
+    /// When it cannot be encoded, what was stored before stays. When it cannot be written, it is kept in
+    /// memory and is what loadState() gives until a save succeeds or somebody changes the file.
     void saveState(const FolderState& state);
 
     /// Where the preferences are kept.
@@ -49,16 +53,14 @@ private:
         std::optional<QByteArray> fileContent;
     };
 
-    struct Seen {
-        /// Nothing when there was none.
-        std::optional<QByteArray> list;
-    };
-
-    [[nodiscard]] bool putAsideWhatWouldBeLost(const std::optional<QByteArray>& content) const;
+    [[nodiscard]] bool replace(const QByteArray& content, const QJsonArray& list,
+                               const std::optional<QUuid>& selected) const;
+    [[nodiscard]] bool putAsideLostList(const QByteArray& content, const QJsonValue& list) const;
 
     PreferencesFile m_file;
-    /// The list that was loaded or saved last; nothing before the first of these.
-    std::optional<Seen> m_seen;
+    /// The list that was loaded or saved last, undefined when there was none; nothing before the first of
+    /// these.
+    std::optional<QJsonValue> m_seen;
     std::optional<Unwritten> m_unwritten;
 };
 

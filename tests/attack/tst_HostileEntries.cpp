@@ -56,7 +56,7 @@ const std::vector<std::string>& hostileNames()
             'x' + std::string(253, '.') + 'x', repeated("\xe2\x82\xac", 85), std::string(255, '\xff'),
             std::string(255, '\n'), '.' + std::string(254, 'x'),
             // what a move itself could take for something of its own
-            ".harbex-", ".harbex-0123456789abcdef0123456789abcdef", "harbex.conf", "entry"};
+            ".harbex-", ".harbex-0123456789abcdef0123456789abcdef", "harbex.json", "entry"};
         for (char control = 1; control < 32; ++control)
             all.push_back(std::string("control") + control);
         return all;

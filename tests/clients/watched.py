@@ -120,12 +120,10 @@ class Harbex:
     """The program, on the desktop of the environment, with these folders in its configuration."""
 
     def __init__(self, program, log, folders):
-        text = json.dumps([folder.record() for folder in folders], separators=(",", ":"))
         configuration = os.path.join(os.environ["XDG_CONFIG_HOME"], "harbex")
         os.makedirs(configuration)
-        with open(os.path.join(configuration, "harbex.conf"), "w", encoding="utf-8") as file:
-            escaped = text.replace('"', '\\"')
-            file.write(f'[General]\nsavedWatchedFolders="@ByteArray({escaped})"\n')
+        with open(os.path.join(configuration, "harbex.json"), "w", encoding="utf-8") as file:
+            json.dump({"savedWatchedFolders": [folder.record() for folder in folders]}, file)
         self._log_path = log
         self._log = open(log, "wb")
         self._process = subprocess.Popen([program], stdin=subprocess.DEVNULL, stdout=self._log, stderr=self._log)

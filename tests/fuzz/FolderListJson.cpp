@@ -11,7 +11,8 @@ using namespace harbex::test;
 /// it is.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const auto folders = decodeFolderList(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
+    const auto json = parseJson(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
+    const auto folders = json ? decodeFolderList(*json) : json.error();
     if (!folders) {
         const QString& description = folders.error().description;
         require(!description.isEmpty() && !description.contains(u'\n') && !description.contains(u'\r'));

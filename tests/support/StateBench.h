@@ -21,7 +21,7 @@ namespace harbex::test
 inline QString preferencesPath()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
-           QStringLiteral("/harbex/harbex.conf");
+           QStringLiteral("/harbex/harbex.json");
 }
 
 /// An empty store, made before the real one looks at it.
