@@ -122,14 +122,21 @@ bool FolderStore::replace(const QByteArray& content, const QJsonArray& list,
 {
     const auto stored = parsePreferences(content);
     QJsonObject preferences = stored ? *stored : QJsonObject();
-    const bool isKept = stored ? putAsideLostList(content, preferences.value(folderListKey()))
-                               : m_file.putAside(content, QStringLiteral("harbex"));
-    preferences.insert(folderListKey(), list);
-    if (selected)
-        preferences.insert(selectedFolderKey(), uuidText(*selected));
-    else
-        preferences.remove(selectedFolderKey());
-    return isKept && m_file.write(QJsonDocument(preferences).toJson(QJsonDocument::Compact));
+    bool isKept = stored ? putAsideLostList(content, preferences.value(folderListKey()))
+                         : m_file.putAside(content, QStringLiteral("harbex"));
+    QJsonObject ours{{folderListKey(), list}};
+    if (selected) ours.insert(selectedFolderKey(), uuidText(*selected));
+    for (const QString& key : {folderListKey(), selectedFolderKey()})
+        preferences.insert(key, ours.value(key));
+    QByteArray bytes = QJsonDocument(preferences).toJson(QJsonDocument::Compact);
+    // Qt drops a byte order mark before a key, so that one of the other keys could hide one of these.
+    const auto written = parsePreferences(bytes);
+    if (!written || written->value(folderListKey()) != list ||
+        written->value(selectedFolderKey()) != ours.value(selectedFolderKey())) {
+        isKept = isKept && m_file.putAside(content, QStringLiteral("harbex"));
+        bytes = QJsonDocument(ours).toJson(QJsonDocument::Compact);
+    }
+    return isKept && m_file.write(bytes);
 }
 
 bool FolderStore::putAsideLostList(const QByteArray& content, const QJsonValue& list) const
