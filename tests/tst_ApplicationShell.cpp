@@ -1,4 +1,5 @@
 #include "store/FolderStore.h"
+#include "support/FolderDialogUser.h"
 #include "support/PanelDouble.h"
 #include "support/SessionBus.h"
 #include "support/WindowTestMain.h"
@@ -10,7 +11,6 @@
 #include <QComboBox>
 #include <QDir>
 #include <QFile>
-#include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
@@ -406,17 +406,12 @@ void TestApplicationShell::everyTextIsTranslatedAndTheStoreIsNot()
     QVERIFY(QApplication::activePopupWidget());
     QApplication::activePopupWidget()->close();
 
-    window()->findChild<QToolBar*>()->findChild<FlatButton*>()->click();
-    QTimer timer;
-    connect(&timer, &QTimer::timeout, this, [&] {
-        auto* panel = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
-        if (!panel) return;
-        timer.stop();
-        texts += panel->windowTitle();
-        texts += panel->labelText(QFileDialog::Accept);
-        panel->reject();
+    const FolderDialogUser user([&](QFileDialog& dialog) {
+        texts += dialog.windowTitle();
+        texts += dialog.labelText(QFileDialog::Accept);
+        dialog.reject();
     });
-    timer.start(1);
+    window()->findChild<QToolBar*>()->findChild<FlatButton*>()->click();
     const QString prompt = QStringLiteral("[Select Focus Folder]");
     QTRY_COMPARE(texts.count(prompt), 2);
 

@@ -1,3 +1,5 @@
+#include "store/Bookmark.h"
+#include "support/FolderDialogUser.h"
 #include "support/StateBench.h"
 #include "support/WindowTestMain.h"
 #include "ui/ContentView.h"
@@ -14,6 +16,7 @@
 #include <QLabel>
 #include <QLayout>
 #include <QLineEdit>
+#include <QPointer>
 #include <QPushButton>
 #include <QScrollBar>
 #include <QSignalSpy>
@@ -31,15 +34,12 @@ using namespace harbex::test;
 namespace
 {
 
-/// The content on screen; choosing a folder gives what `chosen` and `bookmark` hold.
+/// The content on screen, and its user, who chooses `chosen` in the folder dialog, or cancels it.
 struct ViewBench : StateBench {
     explicit ViewBench(const std::vector<WatchedFolder>& folders, std::optional<QUuid> selected = {})
     {
         appearWith(folders, selected);
-        view = std::make_unique<ContentView>(state, [this](const DirectoryCompletion& completion) {
-            ++questions;
-            completion(chosen, bookmark);
-        });
+        view = std::make_unique<ContentView>(state);
         view->show();
         view->activateWindow();
         QVERIFY(QTest::qWaitForWindowActive(view.get()));
@@ -70,9 +70,13 @@ struct ViewBench : StateBench {
 
     void addFolder() const { QTest::mouseClick(addition(), Qt::LeftButton); }
 
-    int questions = 0;
     std::optional<FileUrl> chosen;
-    std::optional<QByteArray> bookmark;
+    FolderDialogUser user{[this](QFileDialog& dialog) {
+        if (chosen)
+            FolderDialogUser::choose(dialog, QString::fromStdString(chosen->path()));
+        else
+            FolderDialogUser::cancel(dialog);
+    }};
     std::unique_ptr<ContentView> view;
 };
 
@@ -118,12 +122,13 @@ private Q_SLOTS:
 
     // Adding.
     void addingAFolderSelectsItShowsOneDefaultRuleAndSaves();
-    void cancellingTheFolderPanelChangesNothing();
+    void cancellingTheFolderDialogChangesNothing();
     void addingTheSameFolderTwiceShowsTwoRowsOfTheSameName();
-    void theFolderPanelIsShownOnceEvenIfAskedTwice();
+    void theFolderDialogIsShownOnceEvenIfAskedTwice();
+    void theContentMayGoWhileTheDialogIsUp();
     void addRuleAppendsARowNeitherRestartsNorSaves();
     void addRuleBringsTheNewRuleIntoSight();
-    void aDestinationIsChosenInTheSamePanel();
+    void aDestinationIsChosenInTheSameDialog();
 
     // Access.
     void theTitlesAreHeadings();
@@ -375,9 +380,8 @@ void TestContentView::addingAFolderSelectsItShowsOneDefaultRuleAndSaves()
 {
     ViewBench bench({});
     bench.chosen = StateBench::makeFolder(QStringLiteral("A")).url;
-    bench.bookmark = QByteArray("bookmark");
     bench.addFolder();
-    QTRY_COMPARE(bench.questions, 1);
+    QTRY_COMPARE(bench.user.dialogs(), 1);
     QCOMPARE(bench.folderList()->count(), 1);
     QVERIFY(bench.folderList()->item(0)->isSelected());
     QCOMPARE(bench.rows().size(), 1);
@@ -385,18 +389,20 @@ void TestContentView::addingAFolderSelectsItShowsOneDefaultRuleAndSaves()
     QCOMPARE(row->findChildren<QComboBox*>().at(0)->currentText(), QStringLiteral("Name"));
     QCOMPARE(row->findChildren<QComboBox*>().at(1)->currentText(), QStringLiteral("contains"));
     QCOMPARE(row->findChild<QLineEdit*>()->text(), QString());
-    QCOMPARE(bench.folder(0).bookmarkData, bench.bookmark);
+    QCOMPARE(bench.folder(0).url, bench.chosen);
+    QVERIFY(bench.folder(0).bookmarkData);
+    QCOMPARE(resolveBookmark(*bench.folder(0).bookmarkData, MountTable()), bench.chosen);
     QCOMPARE(bench.restarts(), 1);
     const auto saved = bench.takeSaved();
     QVERIFY(saved);
     QCOMPARE(saved->selectedFolderID, bench.folder(0).id);
 }
 
-void TestContentView::cancellingTheFolderPanelChangesNothing()
+void TestContentView::cancellingTheFolderDialogChangesNothing()
 {
     ViewBench bench({StateBench::makeFolder(QStringLiteral("A"))});
     bench.addFolder();
-    QTRY_COMPARE(bench.questions, 1);
+    QTRY_COMPARE(bench.user.dialogs(), 1);
     QCOMPARE(bench.folderList()->count(), 1);
     QCOMPARE(bench.restarts(), 0);
     QVERIFY(!bench.wasSaved());
@@ -414,30 +420,46 @@ void TestContentView::addingTheSameFolderTwiceShowsTwoRowsOfTheSameName()
     QVERIFY(bench.folderList()->item(1)->isSelected());
 }
 
-void TestContentView::theFolderPanelIsShownOnceEvenIfAskedTwice()
+void TestContentView::theFolderDialogIsShownOnceEvenIfAskedTwice()
 {
     StateBench bench;
     bench.appearWith({StateBench::makeFolder(QStringLiteral("A"))});
-    int panels = 0;
-    std::unique_ptr<ContentView> view;
-    // Assistive technology presses buttons behind a modal panel too.
+    ContentView view(bench.state);
+    view.show();
+    // Assistive technology presses buttons behind a modal dialog too.
     const auto press = [&] {
-        view->findChild<QToolBar*>()->findChild<FlatButton*>()->click();
-        view->findChild<DirectorySelector*>()->findChild<QToolButton*>()->click();
+        view.findChild<QToolBar*>()->findChild<FlatButton*>()->click();
+        view.findChild<DirectorySelector*>()->findChild<QToolButton*>()->click();
     };
-    view = std::make_unique<ContentView>(bench.state, [&](const DirectoryCompletion& completion) {
-        if (++panels < 3) press();
-        completion(std::nullopt, std::nullopt);
+    const FolderDialogUser user([&](QFileDialog& dialog) {
+        press();
+        FolderDialogUser::cancel(dialog);
+        press();
     });
-    view->show();
     press();
-    // A press is over before the panel is there.
-    QCOMPARE(panels, 0);
+    // A press is over before the dialog is there.
+    QCOMPARE(user.dialogs(), 0);
     bench.settle();
-    QCOMPARE(panels, 1);
-    view->findChild<DirectorySelector*>()->findChild<QToolButton*>()->click();
+    QCOMPARE(user.dialogs(), 1);
+    view.findChild<DirectorySelector*>()->findChild<QToolButton*>()->click();
     bench.settle();
-    QCOMPARE(panels, 2);
+    QCOMPARE(user.dialogs(), 2);
+}
+
+void TestContentView::theContentMayGoWhileTheDialogIsUp()
+{
+    StateBench bench;
+    bench.appearWith({});
+    QWidget window;
+    QPointer view = new ContentView(bench.state, &window);
+    const FolderDialogUser user([&](QFileDialog& dialog) {
+        delete view;
+        FolderDialogUser::choose(dialog, QDir::homePath());
+    });
+    view->findChild<QToolBar*>()->findChild<FlatButton*>()->click();
+    QTRY_VERIFY(!view);
+    QCOMPARE(bench.restarts(), 0);
+    QVERIFY(bench.state.folders().empty());
 }
 
 void TestContentView::addRuleAppendsARowNeitherRestartsNorSaves()
@@ -460,12 +482,12 @@ void TestContentView::addRuleBringsTheNewRuleIntoSight()
     QCOMPARE(row->visibleRegion().boundingRect(), row->rect());
 }
 
-void TestContentView::aDestinationIsChosenInTheSamePanel()
+void TestContentView::aDestinationIsChosenInTheSameDialog()
 {
     ViewBench bench({StateBench::makeFolder(QStringLiteral("A"))});
-    bench.chosen = FileUrl::fromPath("/srv/Pictures");
+    bench.chosen = StateBench::makeFolder(QStringLiteral("Pictures")).url;
     bench.rows().first()->findChild<DirectorySelector*>()->findChild<QToolButton*>()->click();
-    QTRY_COMPARE(bench.questions, 1);
+    QTRY_COMPARE(bench.user.dialogs(), 1);
     QCOMPARE(bench.restarts(), 1);
     QCOMPARE(bench.rule(0).destination, bench.chosen);
 }
@@ -559,6 +581,7 @@ void TestContentView::allIsDoneByKeyboard()
     const auto press = [](Qt::Key key) { QTest::keyClick(qApp->focusWidget(), key); };
     press(Qt::Key_Space);
     QTRY_COMPARE(bench.state.folders().size(), 1U);
+    QTRY_VERIFY(bench.view->isActiveWindow());
     // From the toolbar over the list to the field picker.
     press(Qt::Key_Tab);
     press(Qt::Key_Tab);
@@ -572,10 +595,10 @@ void TestContentView::allIsDoneByKeyboard()
     press(Qt::Key_Return);
     QCOMPARE(bench.rule(0).value, QStringLiteral("pdf"));
     press(Qt::Key_Tab);
-    bench.chosen = FileUrl::fromPath("/srv/Papers");
+    bench.chosen = StateBench::makeFolder(QStringLiteral("Papers")).url;
     press(Qt::Key_Space);
-    bench.settle();
-    QCOMPARE(bench.rule(0).destination, bench.chosen);
+    QTRY_COMPARE(bench.rule(0).destination, bench.chosen);
+    QTRY_VERIFY(bench.view->isActiveWindow());
     press(Qt::Key_Tab);
     press(Qt::Key_Tab);
     press(Qt::Key_Space);

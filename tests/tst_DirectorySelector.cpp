@@ -1,3 +1,5 @@
+#include "store/Bookmark.h"
+#include "support/FolderDialogUser.h"
 #include "support/WindowTestMain.h"
 #include "ui/DirectorySelector.h"
 #include "ui/Icons.h"
@@ -7,14 +9,17 @@
 #include <QFile>
 #include <QHelpEvent>
 #include <QLabel>
-#include <QSignalSpy>
+#include <QPointer>
+#include <QTemporaryDir>
 #include <QTextDocument>
 #include <QToolButton>
 #include <QToolTip>
 
 #include <memory>
+#include <vector>
 
 using namespace harbex;
+using namespace harbex::test;
 
 namespace
 {
@@ -33,18 +38,6 @@ QString labelOfUrl(const char* url)
 QString pathOf(int count, const QString& character)
 {
     return QLatin1Char('/') + character.repeated(count - 5) + QStringLiteral("/end");
-}
-
-DirectoryChooser chooserOf(const char* path, const char* bookmark)
-{
-    return [=](const DirectoryCompletion& completion) {
-        completion(FileUrl::fromPath(path), bookmark ? std::optional(QByteArray(bookmark)) : std::nullopt);
-    };
-}
-
-void cancel(const DirectoryCompletion& completion)
-{
-    completion(std::nullopt, std::nullopt);
 }
 
 void hover(QWidget* widget)
@@ -98,10 +91,11 @@ private Q_SLOTS:
     void theButtonTakesTheFocusAndTheLabelDoesNot();
 
     // Choosing.
-    void aChosenFolderIsReportedInALaterTurn();
-    void aFolderWithoutABookmarkIsReported();
+    void thePressIsOverBeforeTheDialogIsThere();
+    void aChosenFolderIsReportedOnceInALaterTurn();
     void cancellingReportsNothing();
-    void theSelectorMayGoWhileThePanelIsOpen();
+    void theSelectorMayGoWhileTheDialogIsUp();
+    void itsWindowMayGoWhileTheDialogIsUp();
 };
 
 void TestDirectorySelector::aPathIsWrittenAsAPathUpTo40Characters_data()
@@ -207,7 +201,7 @@ void TestDirectorySelector::anotherSchemeIsWrittenByItsLastComponent()
 
 void TestDirectorySelector::withoutAFolderThePromptIsShown()
 {
-    DirectorySelector selector(cancel);
+    DirectorySelector selector;
     QCOMPARE(selector.text(), QStringLiteral("Select destination..."));
     selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
     QCOMPARE(selector.text(), QStringLiteral("/srv/Pictures"));
@@ -217,7 +211,7 @@ void TestDirectorySelector::withoutAFolderThePromptIsShown()
 
 void TestDirectorySelector::theLabelIsNoRichText()
 {
-    DirectorySelector selector(cancel);
+    DirectorySelector selector;
     selector.showUrl(FileUrl::fromPath("/srv/<b>bold"));
     QCOMPARE(selector.text(), QStringLiteral("/srv/<b>bold"));
     QCOMPARE(selector.findChild<QLabel*>()->textFormat(), Qt::PlainText);
@@ -225,7 +219,7 @@ void TestDirectorySelector::theLabelIsNoRichText()
 
 void TestDirectorySelector::aTextWithoutRoomIsShortenedAndToldInFull()
 {
-    DirectorySelector selector(cancel);
+    DirectorySelector selector;
     selector.showUrl(FileUrl::fromPath("/srv/0123456789/0123456789/0123456789"));
     selector.resize(120, selector.sizeHint().height());
     selector.show();
@@ -250,7 +244,7 @@ void TestDirectorySelector::aTextWithoutRoomIsShortenedAndToldInFull()
 void TestDirectorySelector::theTooltipIsNoRichText()
 {
     for (const char* path : {"/srv/<b>bold</b> & more", "/srv/a&amp;b & <c>"}) {
-        DirectorySelector selector(cancel);
+        DirectorySelector selector;
         selector.showUrl(FileUrl::fromPath(path));
         selector.resize(80, selector.sizeHint().height());
         selector.show();
@@ -262,7 +256,7 @@ void TestDirectorySelector::theTooltipIsNoRichText()
 
 void TestDirectorySelector::theButtonNamesWhatItDoes()
 {
-    DirectorySelector selector(cancel);
+    DirectorySelector selector;
     selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
     QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(selector.button());
     QCOMPARE(spoken->role(), QAccessible::Button);
@@ -272,67 +266,83 @@ void TestDirectorySelector::theButtonNamesWhatItDoes()
 
 void TestDirectorySelector::theButtonTakesTheFocusAndTheLabelDoesNot()
 {
-    DirectorySelector selector(cancel);
+    DirectorySelector selector;
     QCOMPARE(selector.button()->focusPolicy(), Qt::StrongFocus);
     QCOMPARE(selector.findChild<QLabel*>()->focusPolicy(), Qt::NoFocus);
     QCOMPARE(selector.findChild<QToolButton*>()->icon().pixmap(16).toImage(),
              symbolIcon(Symbol::folder).pixmap(16).toImage());
 }
 
-void TestDirectorySelector::aChosenFolderIsReportedInALaterTurn()
+void TestDirectorySelector::thePressIsOverBeforeTheDialogIsThere()
 {
-    DirectorySelector selector(chooserOf("/srv/caf\xe9", "bookmark"));
-    int reports = 0;
-    connect(&selector, &DirectorySelector::chosen, this,
-            [&](const FileUrl& url, const std::optional<QByteArray>& bookmarkData) {
-                ++reports;
-                QCOMPARE(url, FileUrl::fromPath("/srv/caf\xe9"));
-                QCOMPARE(bookmarkData, QByteArray("bookmark"));
-            });
+    DirectorySelector selector;
+    const FolderDialogUser user(FolderDialogUser::cancel);
     selector.findChild<QToolButton*>()->click();
-    QCOMPARE(reports, 0);
-    QCoreApplication::processEvents();
-    QCOMPARE(reports, 1);
+    QCOMPARE(user.dialogs(), 0);
+    QTRY_COMPARE(user.dialogs(), 1);
 }
 
-void TestDirectorySelector::aFolderWithoutABookmarkIsReported()
+void TestDirectorySelector::aChosenFolderIsReportedOnceInALaterTurn()
 {
-    DirectorySelector selector(chooserOf("/srv", nullptr));
-    int reports = 0;
-    connect(&selector, &DirectorySelector::chosen, this,
-            [&](const FileUrl&, const std::optional<QByteArray>& bookmarkData) {
-                ++reports;
-                QVERIFY(!bookmarkData);
-            });
+    const QTemporaryDir folder;
+    const auto url = FileUrl::fromPath(folder.path().toStdString());
+    DirectorySelector selector;
+    const FolderDialogUser user(FolderDialogUser::chooser(url));
+    std::vector<ChosenFolder> reports;
+    connect(&selector, &DirectorySelector::chosen, this, [&](const ChosenFolder& chosen) {
+        QVERIFY(!QApplication::activeModalWidget());
+        reports.push_back(chosen);
+    });
     selector.findChild<QToolButton*>()->click();
+    QTRY_COMPARE(reports.size(), 1U);
     QCoreApplication::processEvents();
-    QCOMPARE(reports, 1);
+    QCOMPARE(reports.size(), 1U);
+    QCOMPARE(user.dialogs(), 1);
+    QCOMPARE(reports.front().url, url);
+    QVERIFY(reports.front().bookmarkData);
+    QCOMPARE(resolveBookmark(*reports.front().bookmarkData, MountTable()), url);
 }
 
 void TestDirectorySelector::cancellingReportsNothing()
 {
-    DirectorySelector selector(cancel);
+    DirectorySelector selector;
+    const FolderDialogUser user(FolderDialogUser::cancel);
     int reports = 0;
     connect(&selector, &DirectorySelector::chosen, this, [&] { ++reports; });
     selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
     selector.findChild<QToolButton*>()->click();
+    QTRY_COMPARE(user.dialogs(), 1);
     QCoreApplication::processEvents();
     QCOMPARE(reports, 0);
     QCOMPARE(selector.text(), QStringLiteral("/srv/Pictures"));
 }
 
-void TestDirectorySelector::theSelectorMayGoWhileThePanelIsOpen()
+void TestDirectorySelector::theSelectorMayGoWhileTheDialogIsUp()
 {
-    std::unique_ptr<DirectorySelector> selector;
-    bool isCompleted = false;
-    selector = std::make_unique<DirectorySelector>([&](const DirectoryCompletion& completion) {
-        selector.reset();
-        completion(FileUrl::fromPath("/srv"), std::nullopt);
-        isCompleted = true;
+    const QTemporaryDir folder;
+    QWidget window;
+    QPointer selector = new DirectorySelector(&window);
+    int reports = 0;
+    connect(selector, &DirectorySelector::chosen, this, [&] { ++reports; });
+    const FolderDialogUser user([&](QFileDialog& dialog) {
+        delete selector;
+        FolderDialogUser::choose(dialog, folder.path());
     });
     selector->findChild<QToolButton*>()->click();
-    QVERIFY(isCompleted);
+    QTRY_VERIFY(!selector);
     QCoreApplication::processEvents();
+    QCOMPARE(user.dialogs(), 1);
+    QCOMPARE(reports, 0);
+}
+
+void TestDirectorySelector::itsWindowMayGoWhileTheDialogIsUp()
+{
+    auto window = std::make_unique<QWidget>();
+    auto* selector = new DirectorySelector(window.get());
+    const FolderDialogUser user([&](QFileDialog& /*dialog*/) { window.reset(); });
+    selector->findChild<QToolButton*>()->click();
+    QTRY_VERIFY(!window);
+    QVERIFY(!QApplication::activeModalWidget());
 }
 
 HARBEX_WINDOW_TEST_MAIN(TestDirectorySelector)

@@ -84,7 +84,7 @@ private Q_SLOTS:
     void itIsTitledHarbexAndHoldsTheContent();
     void nothingOfAClosedWindowIsLeft();
     void reopenedAtOnceItIsWhole();
-    void closedBehindAPanelItKeepsWhatThePanelAnswersTo();
+    void closedBehindADialogItKeepsWhatTheDialogAnswersTo();
     void itCannotBeSmallerThan1000By400();
     void itsFirstSizeFitsASmallScreen();
     void everyOpeningBeginsWithTheSameSize();
@@ -134,19 +134,19 @@ void TestMainWindow::nothingOfAClosedWindowIsLeft()
     }
 }
 
-void TestMainWindow::closedBehindAPanelItKeepsWhatThePanelAnswersTo()
+void TestMainWindow::closedBehindADialogItKeepsWhatTheDialogAnswersTo()
 {
     WindowBench bench;
     bench.open();
-    QDialog panel(bench.window.get());
-    panel.open();
+    QDialog dialog(bench.window.get());
+    dialog.open();
     const QPointer<QWidget> content = bench.window->centralWidget();
     bench.window->close();
     bench.settle();
     QVERIFY(content);
     bench.window->open();
     QCOMPARE(bench.window->centralWidget(), content.data());
-    panel.reject();
+    dialog.reject();
     bench.window->close();
     QTRY_VERIFY(!content);
 }

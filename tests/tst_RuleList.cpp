@@ -32,7 +32,7 @@ struct ListBench : StateBench {
         appearWith({watched, second}, watched.id);
         auto* layout = new QVBoxLayout(&window);
         before = new QPushButton(QStringLiteral("before"));
-        list = new RuleList(state, {});
+        list = new RuleList(state);
         after = new QPushButton(QStringLiteral("after"));
         for (QWidget* each :
              {static_cast<QWidget*>(before), static_cast<QWidget*>(list), static_cast<QWidget*>(after)})

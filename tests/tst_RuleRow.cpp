@@ -1,3 +1,5 @@
+#include "store/Bookmark.h"
+#include "support/FolderDialogUser.h"
 #include "support/StateBench.h"
 #include "support/WindowTestMain.h"
 #include "ui/DirectorySelector.h"
@@ -34,8 +36,7 @@ struct RowBench : StateBench {
         auto folder = makeFolder(QStringLiteral("Watched"));
         folder.rules = {rule};
         appearWith({folder}, folder.id);
-        const auto choose = [this](const DirectoryCompletion& completion) { completion(chosen, bookmark); };
-        row = new RuleRow(state, this->rule(0), choose, parent);
+        row = new RuleRow(state, this->rule(0), parent);
         QObject::connect(&state, &ContentState::ruleChanged, row, [this] { row->showRule(this->rule(0)); });
         row->resize(row->sizeHint());
         row->show();
@@ -68,8 +69,6 @@ struct RowBench : StateBench {
         QTest::keyClick(list, Qt::Key_Return);
     }
 
-    std::optional<FileUrl> chosen;
-    std::optional<QByteArray> bookmark;
     RuleRow* row = nullptr;
 };
 
@@ -360,14 +359,15 @@ void TestRuleRow::aStoredValueWithALineBreakIsKeptUntilItIsEdited()
 void TestRuleRow::choosingADestinationChangesTheRuleInALaterTurnAndRestartsOnce()
 {
     RowBench bench;
-    bench.chosen = FileUrl::fromPath("/srv/Pictures");
-    bench.bookmark = QByteArray("bookmark");
+    const FileUrl pictures = StateBench::makeFolder(QStringLiteral("Pictures")).url;
+    const FolderDialogUser user(FolderDialogUser::chooser(pictures));
     bench.selector()->findChild<QToolButton*>()->click();
     QVERIFY(!bench.rule(0).destination);
     bench.settle();
-    QCOMPARE(bench.rule(0).destination, bench.chosen);
-    QCOMPARE(bench.rule(0).destinationBookmarkData, bench.bookmark);
-    QCOMPARE(bench.selector()->text(), QStringLiteral("/srv/Pictures"));
+    QCOMPARE(bench.rule(0).destination, pictures);
+    QVERIFY(bench.rule(0).destinationBookmarkData);
+    QCOMPARE(resolveBookmark(*bench.rule(0).destinationBookmarkData, MountTable()), pictures);
+    QCOMPARE(bench.selector()->text(), QStringLiteral("~/Pictures"));
     QCOMPARE(bench.restarts(), 1);
     QVERIFY(!bench.wasSaved());
 }
@@ -375,14 +375,15 @@ void TestRuleRow::choosingADestinationChangesTheRuleInALaterTurnAndRestartsOnce(
 void TestRuleRow::choosingTheSameDestinationRestartsNothingAndRenewsTheBookmark()
 {
     FilterRule rule;
-    rule.destination = FileUrl::fromPath("/srv/Pictures");
+    const FileUrl pictures = StateBench::makeFolder(QStringLiteral("Pictures")).url;
+    rule.destination = pictures;
     rule.destinationBookmarkData = QByteArray("old");
     RowBench bench(rule);
-    bench.chosen = rule.destination;
-    bench.bookmark = QByteArray("new");
+    const FolderDialogUser user(FolderDialogUser::chooser(pictures));
     bench.selector()->findChild<QToolButton*>()->click();
     QCOMPARE(bench.restarts(), 0);
-    QCOMPARE(bench.rule(0).destinationBookmarkData, bench.bookmark);
+    QVERIFY(bench.rule(0).destinationBookmarkData);
+    QCOMPARE(resolveBookmark(*bench.rule(0).destinationBookmarkData, MountTable()), pictures);
 }
 
 void TestRuleRow::cancellingTheDestinationChangesNothing()
@@ -391,8 +392,10 @@ void TestRuleRow::cancellingTheDestinationChangesNothing()
     rule.destination = FileUrl::fromPath("/srv/Pictures");
     rule.destinationBookmarkData = QByteArray("old");
     RowBench bench(rule);
+    const FolderDialogUser user(FolderDialogUser::cancel);
     bench.selector()->findChild<QToolButton*>()->click();
     QCOMPARE(bench.restarts(), 0);
+    QCOMPARE(user.dialogs(), 1);
     QCOMPARE(bench.rule(0).destination, rule.destination);
     QCOMPARE(bench.rule(0).destinationBookmarkData, rule.destinationBookmarkData);
 }

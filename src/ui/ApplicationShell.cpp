@@ -28,8 +28,8 @@ void ApplicationShell::quit()
 {
     // exit() and not quit(), which closes the window first: closing it saves.
     QApplication::exit(0);
-    // Some desktops' panels have a loop that is not Qt's, which ends with the panel only.
-    if (auto* panel = qobject_cast<QDialog*>(QApplication::activeModalWidget())) panel->reject();
+    // Some desktops' dialogs have a loop that is not Qt's, which ends with the dialog only.
+    if (auto* dialog = qobject_cast<QDialog*>(QApplication::activeModalWidget())) dialog->reject();
 }
 
 bool ApplicationShell::eventFilter(QObject* watched, QEvent* event)

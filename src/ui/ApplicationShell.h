@@ -28,7 +28,7 @@ public:
     /// Opens the main window, which starts the engine. Called once, before the main loop.
     void applicationDidFinishLaunching();
 
-    /// Ends the main loop, and a folder panel that is up without an answer. Nothing is saved.
+    /// Ends the main loop, and a folder dialog that is up without an answer. Nothing is saved.
     void quit();
 
 protected:

@@ -2,6 +2,7 @@
 
 #include "ui/ContentState.h"
 #include "ui/FlatButton.h"
+#include "ui/FolderDialog.h"
 #include "ui/FolderList.h"
 #include "ui/HeadingLabel.h"
 #include "ui/Icons.h"
@@ -9,6 +10,7 @@
 
 #include <QEvent>
 #include <QHBoxLayout>
+#include <QPointer>
 #include <QPushButton>
 #include <QSplitter>
 #include <QStackedWidget>
@@ -16,13 +18,10 @@
 #include <QToolBar>
 #include <QVBoxLayout>
 
-#include <utility>
-
 namespace harbex
 {
 
-ContentView::ContentView(ContentState& state, DirectoryChooser showPanel, QWidget* parent)
-    : QWidget(parent), m_state(state), m_showPanel(std::move(showPanel))
+ContentView::ContentView(ContentState& state, QWidget* parent) : QWidget(parent), m_state(state)
 {
     auto* columns = new QSplitter(this);
     columns->setMinimumSize(700, 400);
@@ -74,7 +73,8 @@ QWidget* ContentView::sidebar()
     m_addFolder->setText(tr("Add Folder"));
     m_addFolder->setIcon(symbolIcon(Symbol::plus));
     m_addFolder->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
-    connect(m_addFolder, &FlatButton::clicked, this, &ContentView::addFolder);
+    // In a later turn, because a press is over before the dialog is there.
+    connect(m_addFolder, &FlatButton::clicked, this, &ContentView::addFolder, Qt::QueuedConnection);
     auto* toolBar = new QToolBar(sidebar);
     toolBar->setMovable(false);
     const int iconSize = style()->pixelMetric(QStyle::PM_SmallIconSize);
@@ -113,8 +113,7 @@ QWidget* ContentView::detailView()
 QWidget* ContentView::ruleView()
 {
     auto* view = new QWidget(this);
-    const auto chooser = [this](const DirectoryCompletion& completion) { selectDirectory(completion); };
-    m_ruleList = new RuleList(m_state, chooser, view);
+    m_ruleList = new RuleList(m_state, view);
     auto* addition = new QPushButton(tr("Add Rule"), view);
     connect(addition, &QPushButton::clicked, this, &ContentView::addRule);
     auto* divider = new QFrame(view);
@@ -143,29 +142,11 @@ void ContentView::dimEmptyText()
     if (m_emptyText) m_emptyText->setPalette(dimmed);
 }
 
-void ContentView::selectDirectory(const DirectoryCompletion& completion)
-{
-    // Assistive technology presses buttons behind a modal panel too.
-    if (m_isPanelShown) {
-        completion(std::nullopt, std::nullopt);
-        return;
-    }
-    m_isPanelShown = true;
-    // In a later turn: it also waits for the press of its button to be over, which the panel would prolong.
-    QMetaObject::invokeMethod(
-        this,
-        [this, completion] {
-            m_showPanel(completion);
-            m_isPanelShown = false;
-        },
-        Qt::QueuedConnection);
-}
-
 void ContentView::addFolder()
 {
-    selectDirectory([this](const std::optional<FileUrl>& url, const std::optional<QByteArray>& bookmarkData) {
-        if (url) m_state.addFolder(*url, bookmarkData);
-    });
+    const QPointer self(this);
+    const auto folder = askForFolder(*this);
+    if (self && folder) m_state.addFolder(folder->url, folder->bookmarkData);
 }
 
 void ContentView::addRule()

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "ui/FolderPanel.h"
-
 #include <QWidget>
 
 class QLabel;
@@ -22,8 +20,7 @@ class ContentView : public QWidget
     Q_OBJECT
 
 public:
-    /// `showPanel` is how the user chooses a folder to watch or a destination.
-    ContentView(ContentState& state, DirectoryChooser showPanel, QWidget* parent = nullptr);
+    explicit ContentView(ContentState& state, QWidget* parent = nullptr);
 
 protected:
     void showEvent(QShowEvent* event) override;
@@ -35,13 +32,10 @@ private:
     QWidget* ruleView();
     void showDetail();
     void dimEmptyText();
-    void selectDirectory(const DirectoryCompletion& completion);
     void addFolder();
     void addRule();
 
     ContentState& m_state;
-    const DirectoryChooser m_showPanel;
-    bool m_isPanelShown = false;
     FlatButton* m_addFolder = nullptr;
     FolderList* m_folderList = nullptr;
     QStackedWidget* m_detail = nullptr;

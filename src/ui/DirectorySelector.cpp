@@ -15,8 +15,6 @@
 #include <QToolButton>
 #include <QToolTip>
 
-#include <utility>
-
 namespace harbex
 {
 
@@ -92,9 +90,8 @@ QString folderLabel(const FileUrl& url)
     return readableText(home == QLatin1String("/") ? path : QString(path).replace(home, QStringLiteral("~")));
 }
 
-DirectorySelector::DirectorySelector(DirectoryChooser selectDirectory, QWidget* parent)
-    : QWidget(parent), m_selectDirectory(std::move(selectDirectory)), m_label(new PathLabel(this)),
-      m_button(new QToolButton(this))
+DirectorySelector::DirectorySelector(QWidget* parent)
+    : QWidget(parent), m_label(new PathLabel(this)), m_button(new QToolButton(this))
 {
     m_label->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
     m_button->setIcon(symbolIcon(Symbol::folder));
@@ -102,7 +99,8 @@ DirectorySelector::DirectorySelector(DirectoryChooser selectDirectory, QWidget* 
     m_button->setAccessibleName(tr("Select destination..."));
     // As high as the rest of its line.
     m_button->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Ignored);
-    connect(m_button, &QToolButton::clicked, this, &DirectorySelector::choose);
+    // In a later turn, because a press is over before the dialog is there.
+    connect(m_button, &QToolButton::clicked, this, &DirectorySelector::choose, Qt::QueuedConnection);
 
     auto* layout = new QHBoxLayout(this);
     layout->setContentsMargins({});
@@ -129,14 +127,12 @@ QWidget* DirectorySelector::button() const
 
 void DirectorySelector::choose()
 {
-    // The panel runs a loop of its own, in which the rule may go, and this with it.
+    // The rule may go while the dialog is up, and this with it.
     const QPointer self(this);
-    const DirectoryChooser selectDirectory = m_selectDirectory;
-    selectDirectory([self](const std::optional<FileUrl>& url, const std::optional<QByteArray>& bookmarkData) {
-        if (!url || !self) return;
-        const auto report = [self, url = *url, bookmarkData] { Q_EMIT self->chosen(url, bookmarkData); };
-        QMetaObject::invokeMethod(self, report, Qt::QueuedConnection);
-    });
+    const auto folder = askForFolder(*this);
+    if (!self || !folder) return;
+    const auto report = [this, folder = *folder] { Q_EMIT chosen(folder); };
+    QMetaObject::invokeMethod(this, report, Qt::QueuedConnection);
 }
 
 } // namespace harbex

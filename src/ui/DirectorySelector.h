@@ -1,9 +1,8 @@
 #pragma once
 
 #include "model/FileUrl.h"
-#include "ui/FolderPanel.h"
+#include "ui/FolderDialog.h"
 
-#include <QByteArray>
 #include <QString>
 #include <QWidget>
 
@@ -22,8 +21,7 @@ class DirectorySelector : public QWidget
     Q_OBJECT
 
 public:
-    /// `selectDirectory` is what the button calls.
-    explicit DirectorySelector(DirectoryChooser selectDirectory, QWidget* parent = nullptr);
+    explicit DirectorySelector(QWidget* parent = nullptr);
 
     /// Shows a folder, or the prompt when there is none. Emits nothing.
     void showUrl(const std::optional<FileUrl>& url);
@@ -35,13 +33,12 @@ public:
     [[nodiscard]] QWidget* button() const;
 
 Q_SIGNALS:
-    /// The user has chosen a folder. Comes in a later turn of the main loop than the end of the panel.
-    void chosen(const harbex::FileUrl& url, const std::optional<QByteArray>& bookmarkData);
+    /// The user has chosen a folder. Comes in a later turn of the main loop than the end of the dialog.
+    void chosen(const harbex::ChosenFolder& folder);
 
 private:
     void choose();
 
-    const DirectoryChooser m_selectDirectory;
     PathLabel* m_label;
     QToolButton* m_button;
 };

@@ -2,7 +2,6 @@
 
 #include "ui/ContentState.h"
 #include "ui/ContentView.h"
-#include "ui/FolderPanel.h"
 #include "ui/IdleMemory.h"
 
 #include <QApplication>
@@ -91,8 +90,7 @@ void MainWindow::open(const QString& activationToken)
     if (!m_isOpen) {
         m_isOpen = true;
         m_state.appear();
-        const auto chooser = [this](const DirectoryCompletion& done) { selectDirectory(this, done); };
-        if (!centralWidget()) setCentralWidget(new ContentView(m_state, chooser, this));
+        if (!centralWidget()) setCentralWidget(new ContentView(m_state, this));
         setWindowState(Qt::WindowNoState);
         resize(QSize(1100, 640).boundedTo(screen()->availableSize()));
     }
@@ -117,7 +115,7 @@ void MainWindow::closeEvent(QCloseEvent* event)
 
 void MainWindow::releaseContent()
 {
-    // A panel that is still up answers to the content.
+    // A dialog that is still up answers to the content.
     if (m_isOpen || QApplication::activeModalWidget()) return;
     delete takeCentralWidget();
     destroy();

@@ -33,8 +33,7 @@ void discard(RuleRow* row)
 
 } // namespace
 
-RuleList::RuleList(ContentState& state, DirectoryChooser selectDirectory, QWidget* parent)
-    : QScrollArea(parent), m_state(state), m_selectDirectory(std::move(selectDirectory))
+RuleList::RuleList(ContentState& state, QWidget* parent) : QScrollArea(parent), m_state(state)
 {
     setFrameShape(QFrame::NoFrame);
     // Tab goes to the rows. Only what can have the focus has a place in its order, and theirs is after the
@@ -140,7 +139,7 @@ const std::vector<FilterRule>& RuleList::rules() const
 
 void RuleList::measureRow()
 {
-    const RuleRow row(m_state, FilterRule(), m_selectDirectory, this);
+    const RuleRow row(m_state, FilterRule(), this);
     m_rowSize = {row.minimumSizeHint().width(), row.sizeHint().height()};
 }
 
@@ -201,7 +200,7 @@ RuleRow* RuleList::build(std::size_t index)
 {
     RuleRow*& row = m_rows[index];
     if (row) return row;
-    row = new RuleRow(m_state, rules()[index], m_selectDirectory, widget());
+    row = new RuleRow(m_state, rules()[index], widget());
     row->setGeometry(placeOf(index));
     row->show();
     return row;

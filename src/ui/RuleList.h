@@ -1,7 +1,6 @@
 #pragma once
 
 #include "model/FilterRule.h"
-#include "ui/FolderPanel.h"
 
 #include <QScrollArea>
 
@@ -26,7 +25,7 @@ class RuleList : public QScrollArea
     Q_OBJECT
 
 public:
-    RuleList(ContentState& state, DirectoryChooser selectDirectory, QWidget* parent = nullptr);
+    explicit RuleList(ContentState& state, QWidget* parent = nullptr);
     ~RuleList() override;
 
     /// Brings the last rule into view.
@@ -57,7 +56,6 @@ private:
     [[nodiscard]] std::optional<std::size_t> focusedRow() const;
 
     ContentState& m_state;
-    const DirectoryChooser m_selectDirectory;
     /// One place for each rule; null where its row does not exist.
     std::vector<RuleRow*> m_rows;
     /// The least width of a row, and its height.

@@ -59,8 +59,7 @@ void setOnChoice(Picker* picker, const std::array<Case, Count>& cases, ContentSt
 
 } // namespace
 
-RuleRow::RuleRow(ContentState& state, const FilterRule& rule, const DirectoryChooser& selectDirectory,
-                 QWidget* parent)
+RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
     : QWidget(parent), m_ruleID(rule.id), m_field(makePicker(allRuleFields, tr("Field"), this)),
       m_operator(makePicker(allRuleOperators, tr("Operator"), this)), m_value(new QLineEdit(this)),
       m_kind(makePicker(allRuleKinds, tr("Kind"), this)), m_destination(nullptr), m_delete(nullptr)
@@ -76,7 +75,7 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, const DirectoryCho
     m_value->setSizePolicy(policy);
 
     auto* moveTo = new QLabel(tr("move to"), this);
-    m_destination = new DirectorySelector(selectDirectory, this);
+    m_destination = new DirectorySelector(this);
     m_destination->setMinimumWidth(220);
     m_delete = new FlatButton(this);
     m_delete->setIcon(symbolIcon(Symbol::minusCircle));
@@ -102,8 +101,8 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, const DirectoryCho
             [&state, id = m_ruleID](const QString& text) { state.setValue(id, text); });
     connect(m_value, &QLineEdit::returnPressed, &state, &ContentState::submitValue);
     connect(m_destination, &DirectorySelector::chosen, &state,
-            [&state, id = m_ruleID](const FileUrl& url, const std::optional<QByteArray>& bookmarkData) {
-                state.setDestination(id, url, bookmarkData);
+            [&state, id = m_ruleID](const ChosenFolder& folder) {
+                state.setDestination(id, folder.url, folder.bookmarkData);
             });
     connect(m_delete, &FlatButton::clicked, &state, [&state, id = m_ruleID] { state.deleteRule(id); });
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "model/FilterRule.h"
-#include "ui/FolderPanel.h"
 
 #include <QList>
 #include <QUuid>
@@ -24,8 +23,7 @@ class RuleRow : public QWidget
     Q_OBJECT
 
 public:
-    RuleRow(ContentState& state, const FilterRule& rule, const DirectoryChooser& selectDirectory,
-            QWidget* parent = nullptr);
+    RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent = nullptr);
 
     [[nodiscard]] const QUuid& ruleID() const { return m_ruleID; }
 

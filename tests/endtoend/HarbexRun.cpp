@@ -67,7 +67,7 @@ Accessible HarbexRun::control(const char* role, const char* name) const
     return window().find(QString::fromLatin1(role), QString::fromLatin1(name));
 }
 
-Accessible HarbexRun::panel() const
+Accessible HarbexRun::dialog() const
 {
     return m_session.window(QStringLiteral("dialog"));
 }
@@ -82,14 +82,14 @@ bool HarbexRun::choose(const Accessible& picker, const char* choice) const
            QTest::qWaitFor([&] { return picker.text() == wanted; }, patienceMilliseconds);
 }
 
-bool HarbexRun::answerPanel(const QString& path) const
+bool HarbexRun::answerDialog(const QString& path) const
 {
-    const auto line = [this] { return panel().find(QStringLiteral("text"), QStringLiteral("Directory:")); };
+    const auto line = [this] { return dialog().find(QStringLiteral("text"), QStringLiteral("Directory:")); };
     const auto isReady = [&] { return line().has(Accessible::State::focused); };
     return QTest::qWaitFor(isReady, patienceMilliseconds) && m_session.type(path) &&
            QTest::qWaitFor([&] { return line().text() == path; }, patienceMilliseconds) &&
            m_session.press({QStringLiteral("Return")}) &&
-           QTest::qWaitFor([this] { return !panel(); }, patienceMilliseconds);
+           QTest::qWaitFor([this] { return !dialog(); }, patienceMilliseconds);
 }
 
 bool HarbexRun::chooseFromMenu(const QRect& icon, MenuItem item, DesktopSession::Button button) const

@@ -39,13 +39,13 @@ public:
     /// What of that role and name is shown in the main window, in order, or the first of it.
     [[nodiscard]] QList<Accessible> controls(const char* role, const char* name) const;
     [[nodiscard]] Accessible control(const char* role, const char* name) const;
-    /// Qt's own folder panel; empty while there is none.
-    [[nodiscard]] Accessible panel() const;
+    /// Qt's own folder dialog; empty while there is none.
+    [[nodiscard]] Accessible dialog() const;
 
     /// Chooses in a picker, which assistive technology opens, by a click. Whether it shows the choice then.
     [[nodiscard]] bool choose(const Accessible& picker, const char* choice) const;
-    /// Types a path into Qt's own folder panel, once that is there, and confirms. Whether it is gone then.
-    [[nodiscard]] bool answerPanel(const QString& path) const;
+    /// Types a path into Qt's own folder dialog, once that is there, and confirms. Whether it is gone then.
+    [[nodiscard]] bool answerDialog(const QString& path) const;
     /// Clicks on the icon, which opens the menu, and on one of its two items. Whether the menu is gone then.
     enum class MenuItem { open, quit };
     [[nodiscard]] bool chooseFromMenu(const QRect& icon, MenuItem item,

@@ -27,7 +27,7 @@ void TestKeyboardAlone::everythingCanBeDone()
     STEP("\"Add Folder\" has the focus in an empty window",
          focusIsOn(harbex.control("push button", "Add Folder")));
     QVERIFY2(press("space"), "space");
-    QVERIFY2(harbex.answerPanel(HarbexRun::inbox()), "the folder panel takes a path that is typed");
+    QVERIFY2(harbex.answerDialog(HarbexRun::inbox()), "the folder dialog takes a path that is typed");
     STEP("the folder is in the list", harbex.control("list item", "Inbox"));
     STEP("the window has the keyboard again", harbex.focused());
 
@@ -50,7 +50,7 @@ void TestKeyboardAlone::everythingCanBeDone()
     QVERIFY2(press("Tab"), "Tab");
     STEP("Tab goes on to the destination", focusIsOn(destination));
     QVERIFY2(press("space"), "space");
-    QVERIFY2(harbex.answerPanel(HarbexRun::sorted()), "the folder panel takes the destination");
+    QVERIFY2(harbex.answerDialog(HarbexRun::sorted()), "the folder dialog takes the destination");
     STEP("the rule shows its destination", destination.description() == QLatin1String("~/Sorted"));
     STEP("the destination has the keyboard again", focusIsOn(destination));
 

@@ -115,9 +115,9 @@ void TestStatusNotifierPanel::aPersonsFirstDay()
 
     QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
              "a click on \"Add Folder\"");
-    STEP("the folder panel opens with the confirm text",
-         harbex.panel().find(QStringLiteral("push button"), QStringLiteral("Select Focus Folder")));
-    QVERIFY2(harbex.answerPanel(harbex.inbox()), "the folder panel takes a path that is typed");
+    STEP("the folder dialog opens with the confirm text",
+         harbex.dialog().find(QStringLiteral("push button"), QStringLiteral("Select Focus Folder")));
+    QVERIFY2(harbex.answerDialog(harbex.inbox()), "the folder dialog takes a path that is typed");
     STEP("the folder is in the list and selected",
          harbex.control("list item", "Inbox").has(Accessible::State::selected));
     STEP("it has one rule", harbex.controls("combo box", "Field").size() == 1);
@@ -126,7 +126,7 @@ void TestStatusNotifierPanel::aPersonsFirstDay()
     QVERIFY2(harbex.choose(harbex.control("combo box", "Field"), "Extension"), "the field becomes Extension");
     QVERIFY2(harbex.choose(harbex.control("combo box", "Operator"), "is"), "the operator becomes \"is\"");
     QVERIFY2(harbex.control("push button", "Select destination...").press(), "the destination's button");
-    QVERIFY2(harbex.answerPanel(harbex.sorted()), "the folder panel takes the destination");
+    QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes the destination");
     STEP("the rule shows its destination",
          harbex.control("push button", "Select destination...").description() == QLatin1String("~/Sorted"));
 
@@ -150,7 +150,7 @@ void TestStatusNotifierPanel::aPersonsFirstDay()
     QVERIFY2(harbex.choose(harbex.control("combo box", "Kind"), "Audio"), "its kind becomes Audio");
     QVERIFY2(harbex.controls("push button", "Select destination...").at(1).press(),
              "its destination's button");
-    QVERIFY2(harbex.answerPanel(harbex.sorted()), "the folder panel takes its destination");
+    QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes its destination");
     STEP("it shows its destination",
          harbex.controls("push button", "Select destination...").value(1).description() ==
              QLatin1String("~/Sorted"));

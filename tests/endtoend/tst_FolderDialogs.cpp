@@ -6,26 +6,26 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// With the folder panels of desktops, which Qt shows instead of its own.
-class TestFolderPanels : public QObject
+/// With the folder dialogs of desktops, which Qt shows instead of its own.
+class TestFolderDialogs : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses_data();
-    void theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses();
-    void theProgramEndsBehindAnOpenPanelWithoutSaving_data();
-    void theProgramEndsBehindAnOpenPanelWithoutSaving();
+    void theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses_data();
+    void theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses();
+    void theProgramEndsBehindAnOpenDialogWithoutSaving_data();
+    void theProgramEndsBehindAnOpenDialogWithoutSaving();
 };
 
-void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses_data()
+void TestFolderDialogs::theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses_data()
 {
     QTest::addColumn<QString>("platformTheme");
     QTest::newRow("GTK's own") << QStringLiteral("gtk3");
     QTest::newRow("the portal's") << QStringLiteral("xdgdesktopportal");
 }
 
-void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses()
+void TestFolderDialogs::theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses()
 {
     QFETCH(const QString, platformTheme);
     DesktopSession desktop;
@@ -39,31 +39,31 @@ void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses()
     desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
     HarbexRun harbex(desktop);
     harbex.start();
-    const auto panel = [&] { return desktop.window(QStringLiteral("file chooser")); };
+    const auto dialog = [&] { return desktop.window(QStringLiteral("file chooser")); };
 
     STEP("the window opens", harbex.window().has(Accessible::State::active));
     QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
              "a click on \"Add Folder\"");
-    STEP("the desktop's panel opens", panel().has(Accessible::State::active));
+    STEP("the desktop's dialog opens", dialog().has(Accessible::State::active));
     STEP("it has the confirm text",
-         panel().find(QStringLiteral("push button"), QStringLiteral("Select Focus Folder")));
+         dialog().find(QStringLiteral("push button"), QStringLiteral("Select Focus Folder")));
     QVERIFY2(desktop.press({QStringLiteral("Escape")}), "Escape");
-    STEP("the panel is gone", !panel());
+    STEP("the dialog is gone", !dialog());
     STEP("the window has the keyboard again", harbex.focused());
     QVERIFY2(harbex.control("label", "Select a folder from the sidebar"), "there is no folder");
 
     // With the mouse: on a busy machine openbox now and then gives the keyboard to nobody when the window of
-    // another program's panel goes after ours has asked for it.
+    // another program's dialog goes after ours has asked for it.
     QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
              "another click on \"Add Folder\"");
-    STEP("the panel opens again", panel().has(Accessible::State::active));
-    const auto line = [&] { return panel().find(QStringLiteral("text")); };
+    STEP("the dialog opens again", dialog().has(Accessible::State::active));
+    const auto line = [&] { return dialog().find(QStringLiteral("text")); };
     QVERIFY2(desktop.press({QStringLiteral("slash")}), "a path is begun");
-    STEP("the panel shows a line for it", line().has(Accessible::State::focused) && line().text() == u'/');
+    STEP("the dialog shows a line for it", line().has(Accessible::State::focused) && line().text() == u'/');
     QVERIFY2(desktop.type(HarbexRun::inbox().mid(1)), "the rest of the path is typed");
-    STEP("the panel has taken it", line().text().startsWith(HarbexRun::inbox()));
+    STEP("the dialog has taken it", line().text().startsWith(HarbexRun::inbox()));
     QVERIFY2(desktop.press({QStringLiteral("Return")}), "Return");
-    STEP("the panel is gone after Return", !panel());
+    STEP("the dialog is gone after Return", !dialog());
     STEP("the folder is in the list", harbex.control("list item", "Inbox"));
     QVERIFY2(harbex.closeWindow(), "the window closes");
     const FolderState stored = HarbexRun::stored();
@@ -73,7 +73,7 @@ void TestFolderPanels::theDesktopsPanelHasTheConfirmTextIsCancelledAndChooses()
     STEP("the program ends with status 0", harbex.exitStatus() == 0);
 }
 
-void TestFolderPanels::theProgramEndsBehindAnOpenPanelWithoutSaving_data()
+void TestFolderDialogs::theProgramEndsBehindAnOpenDialogWithoutSaving_data()
 {
     QTest::addColumn<QString>("platformTheme");
     QTest::addColumn<QString>("role");
@@ -86,7 +86,7 @@ void TestFolderPanels::theProgramEndsBehindAnOpenPanelWithoutSaving_data()
     }
 }
 
-void TestFolderPanels::theProgramEndsBehindAnOpenPanelWithoutSaving()
+void TestFolderDialogs::theProgramEndsBehindAnOpenDialogWithoutSaving()
 {
     QFETCH(const QString, platformTheme);
     QFETCH(const QString, role);
@@ -103,7 +103,7 @@ void TestFolderPanels::theProgramEndsBehindAnOpenPanelWithoutSaving()
     STEP("it is there", harbex.control("text", "Value").text() == QLatin1String("unsaved"));
     QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
              "a click on \"Add Folder\"");
-    STEP("the panel opens", desktop.window(role).has(Accessible::State::active));
+    STEP("the dialog opens", desktop.window(role).has(Accessible::State::active));
     if (isByBus) {
         QVERIFY2(desktop.run(
                      QStringLiteral("gapplication"),
@@ -118,5 +118,5 @@ void TestFolderPanels::theProgramEndsBehindAnOpenPanelWithoutSaving()
     QCOMPARE(stored.folders[0].rules[0].value, QString());
 }
 
-HARBEX_TEST_MAIN(TestFolderPanels)
-#include "tst_FolderPanels.moc"
+HARBEX_TEST_MAIN(TestFolderDialogs)
+#include "tst_FolderDialogs.moc"

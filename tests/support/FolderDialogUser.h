@@ -1,0 +1,63 @@
+#pragma once
+
+#include "model/FileUrl.h"
+
+#include <QApplication>
+#include <QDialogButtonBox>
+#include <QEvent>
+#include <QFileDialog>
+#include <QLineEdit>
+#include <QObject>
+#include <QPushButton>
+#include <QString>
+
+#include <functional>
+#include <utility>
+
+namespace harbex::test
+{
+
+/// Sits in front of the folder dialogs that come up while it lives: each is given to `answer` once it is on
+/// screen. What asks for a folder goes on when `answer` has ended the dialog.
+class FolderDialogUser : public QObject
+{
+public:
+    explicit FolderDialogUser(std::function<void(QFileDialog&)> answer) : m_answer(std::move(answer))
+    {
+        qApp->installEventFilter(this);
+    }
+
+    /// How many dialogs have come up.
+    [[nodiscard]] int dialogs() const { return m_dialogs; }
+
+    static void choose(QFileDialog& dialog, const QString& path)
+    {
+        dialog.findChild<QLineEdit*>(QStringLiteral("fileNameEdit"))->setText(path);
+        dialog.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Open)->click();
+    }
+    /// Chooses the same folder in every dialog.
+    static std::function<void(QFileDialog&)> chooser(const FileUrl& folder)
+    {
+        return [path = QString::fromStdString(folder.path())](QFileDialog& dialog) { choose(dialog, path); };
+    }
+    static void cancel(QFileDialog& dialog)
+    {
+        dialog.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Cancel)->click();
+    }
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        auto* dialog = qobject_cast<QFileDialog*>(watched);
+        if (!dialog || event->type() != QEvent::Show) return false;
+        ++m_dialogs;
+        QMetaObject::invokeMethod(dialog, [this, dialog] { m_answer(*dialog); }, Qt::QueuedConnection);
+        return false;
+    }
+
+private:
+    const std::function<void(QFileDialog&)> m_answer;
+    int m_dialogs = 0;
+};
+
+} // namespace harbex::test
