@@ -5,11 +5,11 @@
 
 #include <QApplication>
 #include <QEvent>
-#include <QMultiHash>
 #include <QScrollBar>
 #include <QStyle>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace harbex
@@ -89,28 +89,23 @@ void RuleList::changeEvent(QEvent* event)
 
 void RuleList::showOtherFolder()
 {
-    for (RuleRow* row : std::exchange(m_rows, {}))
-        if (row) discard(row);
-    // Without rows the list is at its top.
-    layOut();
+    verticalScrollBar()->setValue(0);
     showRules();
 }
 
 void RuleList::showRules()
 {
-    QMultiHash<QUuid, RuleRow*> former;
-    // A hash gives equal ids back last in, first out.
-    const std::vector<RuleRow*> rows = std::exchange(m_rows, {});
-    for (auto row = rows.rbegin(); row != rows.rend(); ++row)
-        if (*row) former.insert((*row)->ruleID(), *row);
-
+    std::vector<RuleRow*> former = std::exchange(m_rows, {});
+    std::erase(former, nullptr);
     for (const FilterRule& rule : rules()) {
-        m_rows.push_back(former.take(rule.id));
-        if (m_rows.back()) m_rows.back()->showRule(rule);
+        const auto row = std::ranges::find(former, rule.id, &RuleRow::ruleID);
+        m_rows.push_back(row == former.end() ? nullptr : *row);
+        if (row == former.end()) continue;
+        former.erase(row);
+        m_rows.back()->showRule(rule);
     }
     layOut();
-    for (RuleRow* row : std::as_const(former))
-        discard(row);
+    std::ranges::for_each(former, discard);
 }
 
 void RuleList::showAddedOrDeleted()
@@ -184,16 +179,12 @@ void RuleList::buildWanted()
         return isEnd || isSeen || isNearFocus;
     };
 
-    bool isAnyNew = false;
     for (std::size_t i = 0; i < m_rows.size(); ++i) {
-        if (!isWanted(i)) {
-            if (m_rows[i]) discard(std::exchange(m_rows[i], nullptr));
-        } else if (!m_rows[i]) {
+        if (isWanted(i))
             build(i);
-            isAnyNew = true;
-        }
+        else if (m_rows[i])
+            discard(std::exchange(m_rows[i], nullptr));
     }
-    if (isAnyNew) putInOrder();
 }
 
 RuleRow* RuleList::build(std::size_t index)
@@ -203,31 +194,21 @@ RuleRow* RuleList::build(std::size_t index)
     row = new RuleRow(m_state, rules()[index], widget());
     row->setGeometry(placeOf(index));
     row->show();
+
+    // Rows are made in the order in which they come into view; the keyboard and screen readers go from top to
+    // bottom.
+    const auto isThere = [](const RuleRow* each) { return each != nullptr; };
+    const auto place = m_rows.begin() + static_cast<std::ptrdiff_t>(index);
+    const auto below = std::find_if(place + 1, m_rows.end(), isThere);
+    if (below != m_rows.end()) row->stackUnder(*below);
+    const auto above = std::find_if(std::make_reverse_iterator(place), m_rows.rend(), isThere);
+    QWidget* previous = above == m_rows.rend() ? this : (*above)->controls().last();
+    const QList<QWidget*> controls = row->controls();
+    for (QWidget* control : controls) {
+        setTabOrder(previous, control);
+        previous = control;
+    }
     return row;
-}
-
-/// Rows are made in the order in which they come into view; the keyboard and screen readers go from top to
-/// bottom.
-void RuleList::putInOrder()
-{
-    QWidget* previous = this;
-    for (const RuleRow* row : m_rows) {
-        if (!row) continue;
-        const QList<QWidget*> controls = row->controls();
-        for (QWidget* control : controls) {
-            setTabOrder(previous, control);
-            previous = control;
-        }
-    }
-
-    const QObjectList& children = widget()->children();
-    RuleRow* below = nullptr;
-    for (auto place = m_rows.rbegin(); place != m_rows.rend(); ++place) {
-        RuleRow* const row = *place;
-        if (!row) continue;
-        if (below && children.indexOf(row) > children.indexOf(below)) row->stackUnder(below);
-        below = row;
-    }
 }
 
 void RuleList::followFocus(QWidget* /*former*/, QWidget* focus)

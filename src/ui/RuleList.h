@@ -51,7 +51,6 @@ private:
     void layOut();
     void buildWanted();
     RuleRow* build(std::size_t index);
-    void putInOrder();
     void followFocus(QWidget* former, QWidget* focus);
     [[nodiscard]] std::optional<std::size_t> focusedRow() const;
 
