@@ -10,7 +10,7 @@ function(harbex_endtoend_test NAME)
 endfunction()
 
 harbex_endtoend_test(tst_StatusNotifierPanel)
-harbex_endtoend_test(tst_OldTray)
+harbex_endtoend_test(tst_XEmbedTray)
 harbex_endtoend_test(tst_Wayland)
 harbex_endtoend_test(tst_DesktopFile)
 harbex_endtoend_test(tst_KeyboardAlone)

@@ -34,14 +34,14 @@ private Q_SLOTS:
     void popUpIsTheSameMenu();
     void popUpOpensAtThePosition();
 
-    void oldTrayIsLeftAloneWhereAPanelShowsTheItem();
-    void oldTrayServesWhereThereIsNoPanel();
-    void oldTrayServesWhereThereIsNoBus();
-    void oldTrayIsLeftForAPanelThatStartsLater();
-    void oldTrayServesAgainWhenThePanelIsGone();
-    void oldTrayShowsTheSameIconAndMenu();
-    void leftClickInTheOldTrayOpensTheMenu();
-    void otherClicksInTheOldTrayAreTheMenusOwn();
+    void xembedTrayIsLeftAloneWhereAPanelShowsTheItem();
+    void xembedTrayServesWhereThereIsNoPanel();
+    void xembedTrayServesWhereThereIsNoBus();
+    void xembedTrayIsLeftForAPanelThatStartsLater();
+    void xembedTrayServesAgainWhenThePanelIsGone();
+    void xembedTrayShowsTheSameIconAndMenu();
+    void leftClickInTheXEmbedTrayOpensTheMenu();
+    void otherClicksInTheXEmbedTrayAreTheMenusOwn();
 
 private:
     void makeItem(const QDBusConnection& connection)
@@ -52,7 +52,7 @@ private:
     }
     void makeItem() { makeItem(m_bus->connect()); }
     [[nodiscard]] QSystemTrayIcon* trayIcon() const { return m_item->findChild<QSystemTrayIcon*>(); }
-    [[nodiscard]] bool isInOldTray() const { return trayIcon() && trayIcon()->isVisible(); }
+    [[nodiscard]] bool isInXEmbedTray() const { return trayIcon() && trayIcon()->isVisible(); }
     static QMenu* popUp() { return qobject_cast<QMenu*>(QApplication::activePopupWidget()); }
     static QDBusMessage click(const PanelDouble& panel, int id)
     {
@@ -223,7 +223,7 @@ void TestStatusItem::popUpOpensAtThePosition()
     QCOMPARE(position, QPoint(123, 234));
 }
 
-void TestStatusItem::oldTrayIsLeftAloneWhereAPanelShowsTheItem()
+void TestStatusItem::xembedTrayIsLeftAloneWhereAPanelShowsTheItem()
 {
     const PanelDouble panel(*m_bus);
     makeItem();
@@ -234,43 +234,43 @@ void TestStatusItem::oldTrayIsLeftAloneWhereAPanelShowsTheItem()
     QVERIFY(!trayIcon());
 }
 
-void TestStatusItem::oldTrayServesWhereThereIsNoPanel()
+void TestStatusItem::xembedTrayServesWhereThereIsNoPanel()
 {
     makeItem();
-    QTRY_VERIFY(isInOldTray());
+    QTRY_VERIFY(isInXEmbedTray());
 }
 
-void TestStatusItem::oldTrayServesWhereThereIsNoBus()
+void TestStatusItem::xembedTrayServesWhereThereIsNoBus()
 {
     makeItem(QDBusConnection(QStringLiteral("no such connection")));
-    QTRY_VERIFY(isInOldTray());
+    QTRY_VERIFY(isInXEmbedTray());
 }
 
-void TestStatusItem::oldTrayIsLeftForAPanelThatStartsLater()
+void TestStatusItem::xembedTrayIsLeftForAPanelThatStartsLater()
 {
     makeItem();
-    QTRY_VERIFY(isInOldTray());
+    QTRY_VERIFY(isInXEmbedTray());
     const PanelDouble panel(*m_bus);
-    QTRY_VERIFY(!isInOldTray());
+    QTRY_VERIFY(!isInXEmbedTray());
 }
 
-void TestStatusItem::oldTrayServesAgainWhenThePanelIsGone()
+void TestStatusItem::xembedTrayServesAgainWhenThePanelIsGone()
 {
     for (int time = 0; time < 3; ++time) {
         auto panel = std::make_unique<PanelDouble>(*m_bus);
         if (!m_item) makeItem();
         QTRY_COMPARE(panel->items().size(), 1);
-        QTRY_VERIFY(!isInOldTray());
+        QTRY_VERIFY(!isInXEmbedTray());
         panel.reset();
-        QTRY_VERIFY(isInOldTray());
+        QTRY_VERIFY(isInXEmbedTray());
     }
     QCOMPARE(m_item->findChildren<QSystemTrayIcon*>().size(), 1);
 }
 
-void TestStatusItem::oldTrayShowsTheSameIconAndMenu()
+void TestStatusItem::xembedTrayShowsTheSameIconAndMenu()
 {
     makeItem();
-    QTRY_VERIFY(isInOldTray());
+    QTRY_VERIFY(isInXEmbedTray());
     QVERIFY(!trayIcon()->icon().pixmap(22).isNull());
     QCOMPARE(trayIcon()->toolTip(), QStringLiteral("Harbex"));
     QCOMPARE(trayIcon()->contextMenu()->actions().size(), 3);
@@ -278,10 +278,10 @@ void TestStatusItem::oldTrayShowsTheSameIconAndMenu()
     QCOMPARE(m_quit->count(), 1);
 }
 
-void TestStatusItem::leftClickInTheOldTrayOpensTheMenu()
+void TestStatusItem::leftClickInTheXEmbedTrayOpensTheMenu()
 {
     makeItem();
-    QTRY_VERIFY(isInOldTray());
+    QTRY_VERIFY(isInXEmbedTray());
     Q_EMIT trayIcon()->activated(QSystemTrayIcon::Trigger);
     QTRY_VERIFY(popUp());
     QCOMPARE(popUp(), trayIcon()->contextMenu());
@@ -289,10 +289,10 @@ void TestStatusItem::leftClickInTheOldTrayOpensTheMenu()
     QCOMPARE(m_open->count(), 0);
 }
 
-void TestStatusItem::otherClicksInTheOldTrayAreTheMenusOwn()
+void TestStatusItem::otherClicksInTheXEmbedTrayAreTheMenusOwn()
 {
     makeItem();
-    QTRY_VERIFY(isInOldTray());
+    QTRY_VERIFY(isInXEmbedTray());
     // The right click opens the menu by itself; twice would close it at once.
     for (const auto reason :
          {QSystemTrayIcon::Context, QSystemTrayIcon::DoubleClick, QSystemTrayIcon::MiddleClick})

@@ -30,7 +30,7 @@ StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
     m_notifierItem = std::make_unique<StatusNotifierItem>(bus, tr("Harbex"), iconName, m_icon, m_menu);
     connect(m_notifierItem.get(), &StatusNotifierItem::menuRequested, this, &StatusItem::popUp);
     connect(m_notifierItem.get(), &StatusNotifierItem::shownChanged, this,
-            [this](bool isShown) { showInOldTray(!isShown); });
+            [this](bool isShown) { showInXEmbedTray(!isShown); });
 }
 
 void StatusItem::popUp(const QPoint& position)
@@ -43,13 +43,13 @@ void StatusItem::popUp(const QPoint& position)
         m_menu.popup(position);
 }
 
-void StatusItem::showInOldTray(bool isShown)
+void StatusItem::showInXEmbedTray(bool isShown)
 {
-    if (isWayland()) return; // It has no old tray.
+    if (isWayland()) return; // It has no XEmbed tray.
 
     // Qt decides at the first icon, for the life of the process, which protocol its icons speak. Made while
-    // no panel speaks the newer one, this speaks that of the old tray, and from then on follows every old
-    // tray that comes and goes by itself.
+    // no panel speaks the newer one, this speaks XEmbed, and from then on follows every XEmbed tray that
+    // comes and goes by itself.
     if (isShown && !m_trayIcon) {
         m_trayIcon = new QSystemTrayIcon(QIcon::fromTheme(iconName, m_icon), this);
         m_trayIcon->setToolTip(tr("Harbex"));

@@ -17,7 +17,7 @@ namespace harbex
 {
 
 /// The item in the panel whose menu opens the main window and ends the program: a folder, shown by a panel
-/// that speaks the status-notifier protocol, or else in the system tray of X11 where there is one. Panels may
+/// that speaks the status-notifier protocol, or else in the XEmbed tray of X11 where there is one. Panels may
 /// come and go at any time. Without any, nothing is shown. Knows neither the engine nor the store. Main
 /// thread only.
 class StatusItem : public QObject
@@ -35,7 +35,7 @@ Q_SIGNALS:
 
 private:
     void popUp(const QPoint& position);
-    void showInOldTray(bool isShown);
+    void showInXEmbedTray(bool isShown);
 
     QIcon m_icon;
     QMenu m_menu;

@@ -6,8 +6,8 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// With a panel that knows only the tray of X11, into which programs put a window of theirs.
-class TestOldTray : public QObject
+/// With a panel that knows only the XEmbed tray of X11, into which programs put a window of theirs.
+class TestXEmbedTray : public QObject
 {
     Q_OBJECT
 
@@ -45,7 +45,7 @@ QRect iconIn(DesktopSession& desktop)
 
 } // namespace
 
-void TestOldTray::theIconDocksAndItsMenuOpensAndQuits()
+void TestXEmbedTray::theIconDocksAndItsMenuOpensAndQuits()
 {
     DesktopSession desktop;
     startPanel(desktop);
@@ -68,7 +68,7 @@ void TestOldTray::theIconDocksAndItsMenuOpensAndQuits()
     STEP("\"Quit\" ends the program with status 0", harbex.exitStatus() == 0);
 }
 
-void TestOldTray::aPanelThatStartsLaterGetsTheIcon()
+void TestXEmbedTray::aPanelThatStartsLaterGetsTheIcon()
 {
     DesktopSession desktop;
     HarbexRun harbex(desktop);
@@ -80,5 +80,5 @@ void TestOldTray::aPanelThatStartsLaterGetsTheIcon()
     STEP("\"Quit\" ends the program with status 0", harbex.exitStatus() == 0);
 }
 
-HARBEX_TEST_MAIN(TestOldTray)
-#include "tst_OldTray.moc"
+HARBEX_TEST_MAIN(TestXEmbedTray)
+#include "tst_XEmbedTray.moc"
