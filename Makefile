@@ -1,6 +1,6 @@
 # The commands of everyday work. Each says what it misses and installs it (Debian), then does its job.
 
-.PHONY: build run test check attack mutants clients bench format clean
+.PHONY: build run test check stress mutants clients bench format clean
 
 build: # build/release/harbex
 	@scripts/build
@@ -14,8 +14,8 @@ test: # everything that must pass before a change goes in
 check: # both compilers, both kinds of sanitizers and the linters; takes a while
 	@scripts/check
 
-attack: # faults, races, hostile files, long life and fuzzing, in full; takes hours
-	@scripts/attack
+stress: # faults, races, hostile files, long life and fuzzing, in full; takes hours
+	@scripts/stress
 
 mutants: # changes the sources in 100 small ways, and shows which of them no test notices; takes hours
 	@scripts/mutate

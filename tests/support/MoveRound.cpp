@@ -1,6 +1,6 @@
 #include "support/MoveRound.h"
 
-#include "support/EntryPicture.h"
+#include "support/TreeSnapshot.h"
 
 #include <QTest>
 
@@ -143,7 +143,7 @@ Round::Round(const Road& road)
     m_before = pictureOf(source);
 }
 
-GatedRun Round::move(const Gatekeeper& keeper) const
+InterceptedRun Round::move(const Interceptor& keeper) const
 {
     bool isTouched = !m_road.isTouched;
     return moveGated(source, target, [&](const GatedCall& call) {
@@ -162,7 +162,7 @@ GatedRun Round::move(const Gatekeeper& keeper) const
 }
 
 Round::Incident Round::moveWithIncident(size_t n, const std::function<bool(const GatedCall&)>& counts,
-                                        const Gatekeeper& act) const
+                                        const Interceptor& act) const
 {
     Incident incident;
     size_t seen = 0;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "support/EngineFiles.h"
-#include "support/GatedMove.h"
+#include "support/InterceptedMove.h"
 
 #include <QByteArray>
 #include <QByteArrayList>
@@ -58,7 +58,7 @@ public:
 
     /// Goes the road behind a gate. The keeper is asked about every call, before the answer that a file
     /// system gives that lacks something.
-    GatedRun move(const Gatekeeper& keeper) const;
+    InterceptedRun move(const Interceptor& keeper) const;
 
     /// What came of a move in which something happened once.
     struct Incident {
@@ -69,11 +69,11 @@ public:
         /// The path of what the call was about.
         std::string subject;
         bool sourceWasThere = false;
-        GatedRun run;
+        InterceptedRun run;
     };
     /// The same, where `act` is asked about one call only: the n-th, from 0, of those that `counts` tells.
     [[nodiscard]] Incident moveWithIncident(size_t n, const std::function<bool(const GatedCall&)>& counts,
-                                            const Gatekeeper& act) const;
+                                            const Interceptor& act) const;
 
     [[nodiscard]] bool isSourceWhole() const;
     [[nodiscard]] bool isTargetWhole() const;

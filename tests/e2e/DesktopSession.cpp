@@ -1,0 +1,274 @@
+#include "e2e/DesktopSession.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusVariant>
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <QSettings>
+
+#include <csignal>
+#include <sys/prctl.h>
+
+namespace harbex::test
+{
+
+namespace
+{
+
+constexpr int patienceMilliseconds = 30000;
+
+/// Nothing of the desktop around the test may be seen from the session.
+QProcessEnvironment emptyEnvironment()
+{
+    const QProcessEnvironment around = QProcessEnvironment::systemEnvironment();
+    QProcessEnvironment environment;
+    for (const char* name : {"PATH", "HOME", "TMPDIR", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME",
+                             "XDG_RUNTIME_DIR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+        const QString variable = QString::fromLatin1(name);
+        if (around.contains(variable)) environment.insert(variable, around.value(variable));
+    }
+    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    // Settings of programs that have them from GNOME's store stay in memory.
+    environment.insert(QStringLiteral("GSETTINGS_BACKEND"), QStringLiteral("memory"));
+    return environment;
+}
+
+} // namespace
+
+DesktopSession::DesktopSession(Kind kind)
+    : m_kind(kind), m_connection(m_bus.connect()), m_environment(emptyEnvironment())
+{
+    set("DBUS_SESSION_BUS_ADDRESS", m_bus.address());
+    if (kind == Kind::x11)
+        startX11();
+    else
+        startWayland();
+    startAccessibility();
+}
+
+DesktopSession::~DesktopSession()
+{
+    if (QTest::currentTestFailed()) keepEvidence();
+    QDBusConnection::disconnectFromBus(m_accessibilityBus.name());
+    for (auto last = m_programs.rbegin(); last != m_programs.rend(); ++last) {
+        QProcess* const program = last->get();
+        // In order: the one that has started the accessibility bus ends it.
+        program->terminate();
+        if (program->waitForFinished(5000)) continue;
+        program->kill();
+        program->waitForFinished();
+    }
+}
+
+void DesktopSession::set(const char* variable, const QString& value)
+{
+    m_environment.insert(QString::fromLatin1(variable), value);
+}
+
+QProcess& DesktopSession::start(const QString& program, const QStringList& arguments)
+{
+    QProcess& process = *m_programs.emplace_back(std::make_unique<QProcess>());
+    process.setProcessEnvironment(m_environment);
+    process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+    process.start(program, arguments);
+    if (!process.waitForStarted()) qFatal("%s: %s", qPrintable(program), qPrintable(process.errorString()));
+    return process;
+}
+
+void DesktopSession::startService(const QString& name)
+{
+    const QSettings file(QStringLiteral("/usr/share/dbus-1/services/%1.service").arg(name),
+                         QSettings::IniFormat);
+    QStringList command = QProcess::splitCommand(file.value(QStringLiteral("D-BUS Service/Exec")).toString());
+    if (command.isEmpty()) qFatal("%s is not installed", qPrintable(name));
+    const QString program = command.takeFirst();
+    start(program, command);
+    const auto isReady = [&] { return m_connection.interface()->isServiceRegistered(name).value(); };
+    if (!QTest::qWaitFor(isReady, patienceMilliseconds)) qFatal("%s does not start", qPrintable(name));
+}
+
+std::optional<QByteArray> DesktopSession::run(const QString& program, const QStringList& arguments)
+{
+    QProcess process;
+    process.setProcessEnvironment(m_environment);
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.start(program, arguments);
+    const bool hasWorked = process.waitForFinished(patienceMilliseconds) &&
+                           process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    return hasWorked ? std::optional(process.readAllStandardOutput()) : std::nullopt;
+}
+
+void DesktopSession::startX11()
+{
+    QProcess& server = start(QStringLiteral("Xvfb"),
+                             {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
+                              QStringLiteral("0"), QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"),
+                              QStringLiteral("tcp"), QStringLiteral("-noreset")});
+    if (!QTest::qWaitFor([&] { return server.canReadLine(); }, patienceMilliseconds))
+        qFatal("no screen: %s", server.readAllStandardError().constData());
+    set("DISPLAY", QStringLiteral(":") + QString::fromLatin1(server.readLine().trimmed()));
+
+    start(QStringLiteral("openbox"));
+    // A root window knows how many desktops there are once a window manager has taken it over.
+    const auto isManaged = [&] {
+        return run(QStringLiteral("xdotool"), {QStringLiteral("get_num_desktops")}).has_value();
+    };
+    if (!QTest::qWaitFor(isManaged, patienceMilliseconds)) qFatal("no window manager");
+    // The first key that is pressed announces a new keyboard. The window manager then lets go of its own keys
+    // for a moment, and one of them would be lost.
+    if (!press({QStringLiteral("Shift_L")})) qFatal("no keyboard");
+}
+
+void DesktopSession::startWayland()
+{
+    const QString name = QStringLiteral("harbex-test-%1").arg(QCoreApplication::applicationPid());
+    start(QStringLiteral("weston"),
+          {QStringLiteral("--backend=headless-backend.so"), QStringLiteral("--use-pixman"),
+           QStringLiteral("--width=1280"), QStringLiteral("--height=800"), QStringLiteral("--no-config"),
+           QStringLiteral("--debug"), QStringLiteral("--socket=") + name});
+    const QString socket = m_environment.value(QStringLiteral("XDG_RUNTIME_DIR")) + u'/' + name;
+    if (!QTest::qWaitFor([&] { return QFile::exists(socket); }, patienceMilliseconds))
+        qFatal("no compositor: %s", m_programs.back()->readAllStandardError().constData());
+    set("WAYLAND_DISPLAY", name);
+    set("QT_QPA_PLATFORM", QStringLiteral("wayland"));
+}
+
+void DesktopSession::startAccessibility()
+{
+    startService(QStringLiteral("org.a11y.Bus"));
+    const RemoteObject launcher{m_connection, QStringLiteral("org.a11y.Bus"), QStringLiteral("/org/a11y/bus"),
+                                QStringLiteral("org.a11y.Bus")};
+    QString address;
+    const auto hasAddress = [&] {
+        address = launcher.call(QStringLiteral("GetAddress")).arguments().value(0).toString();
+        return address.startsWith(QLatin1String("unix:"));
+    };
+    if (!QTest::qWaitFor(hasAddress, patienceMilliseconds)) qFatal("no accessibility bus");
+
+    const RemoteObject properties{m_connection, launcher.service, launcher.path,
+                                  QStringLiteral("org.freedesktop.DBus.Properties")};
+    (void)properties.call(QStringLiteral("Set"),
+                          {QStringLiteral("org.a11y.Status"), QStringLiteral("IsEnabled"),
+                           QVariant::fromValue(QDBusVariant(true))});
+    set("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", QStringLiteral("1"));
+    m_accessibilityBus = QDBusConnection::connectToBus(address, address);
+    if (!m_accessibilityBus.isConnected()) qFatal("no connection to the accessibility bus");
+}
+
+Accessible DesktopSession::window(const QString& role, const QString& name) const
+{
+    const QList<Accessible> programs = Accessible::desktop(m_accessibilityBus).children();
+    for (const Accessible& program : programs) {
+        const QList<Accessible> windows = program.children();
+        for (const Accessible& window : windows)
+            if (window.isShown(role, name)) return window;
+    }
+    return {};
+}
+
+bool DesktopSession::click(const QRect& place, Button button)
+{
+    if (place.isEmpty()) return false;
+    const QPoint middle = place.center();
+    return run(QStringLiteral("xdotool"),
+               {QStringLiteral("mousemove"), QString::number(middle.x()), QString::number(middle.y()),
+                QStringLiteral("click"), QString::number(static_cast<int>(button))})
+        .has_value();
+}
+
+bool DesktopSession::press(const QStringList& keys)
+{
+    return run(QStringLiteral("xdotool"), QStringList{QStringLiteral("key")} + keys).has_value();
+}
+
+bool DesktopSession::type(const QString& text)
+{
+    return run(QStringLiteral("xdotool"), {QStringLiteral("type"), QStringLiteral("--"), text}).has_value();
+}
+
+QList<QRect> DesktopSession::windows(const QString& ofClass)
+{
+    QList<QRect> places;
+    for (const XWindow& window : visibleWindows(ofClass))
+        places.append(window.place);
+    return places;
+}
+
+QRect DesktopSession::openMenu()
+{
+    // The window manager manages all windows but these; others that nobody is to see are tiny.
+    for (const XWindow& window : visibleWindows(QStringLiteral(".")))
+        if (window.isUnmanaged && window.place.height() > 1) return window.place;
+    return {};
+}
+
+std::vector<DesktopSession::XWindow> DesktopSession::visibleWindows(const QString& ofClass)
+{
+    std::vector<XWindow> windows;
+    const QByteArray ids =
+        run(QStringLiteral("xdotool"),
+            {QStringLiteral("search"), QStringLiteral("--onlyvisible"), QStringLiteral("--class"), ofClass})
+            .value_or(QByteArray());
+    const auto number = [](const QString& report, const char* label) {
+        const QRegularExpression line(QString::fromLatin1(label) + QStringLiteral(": +(-?\\d+)"));
+        return line.match(report).captured(1).toInt();
+    };
+    for (const QByteArray& id : ids.trimmed().split('\n')) {
+        if (id.isEmpty()) continue;
+        // One that has gone meanwhile has no answer.
+        const auto answer =
+            run(QStringLiteral("xwininfo"), {QStringLiteral("-stats"), QStringLiteral("-children"),
+                                             QStringLiteral("-id"), QString::fromLatin1(id)});
+        if (!answer) continue;
+        const QString report = QString::fromUtf8(*answer);
+        windows.push_back({{number(report, "Absolute upper-left X"), number(report, "Absolute upper-left Y"),
+                            number(report, "Width"), number(report, "Height")},
+                           report.contains(QLatin1String("Override Redirect State: yes")) &&
+                               report.contains(QRegularExpression(QStringLiteral(
+                                   "Root window id: (0x[0-9a-f]+) .*\n *Parent window id: \\1 ")))});
+    }
+    return windows;
+}
+
+int DesktopSession::countColours(const QRect& place)
+{
+    // An empty part would be taken for the whole screen.
+    if (place.isEmpty()) return 0;
+    const QString crop =
+        QStringLiteral("%1x%2+%3+%4").arg(place.width()).arg(place.height()).arg(place.x()).arg(place.y());
+    return run(QStringLiteral("import"),
+               {QStringLiteral("-window"), QStringLiteral("root"), QStringLiteral("-crop"), crop,
+                QStringLiteral("-format"), QStringLiteral("%k"), QStringLiteral("info:")})
+        .value_or(QByteArray())
+        .toInt();
+}
+
+void DesktopSession::keepEvidence()
+{
+    const QString place = QStringLiteral(HARBEX_EVIDENCE);
+    const QString name = QStringLiteral("%1/%2.%3")
+                             .arg(place, QCoreApplication::applicationName(),
+                                  QString::fromLatin1(QTest::currentTestFunction()));
+    QDir().mkpath(place);
+    if (m_kind == Kind::x11) {
+        run(QStringLiteral("import"),
+            {QStringLiteral("-window"), QStringLiteral("root"), name + QStringLiteral(".png")});
+        qInfo("The screen as it was: %s.png", qPrintable(name));
+    } else {
+        // It chooses the name, which has the time in it.
+        set("XDG_PICTURES_DIR", place);
+        run(QStringLiteral("weston-screenshooter"), {});
+        qInfo("The screen as it was: the latest %s/wayland-screenshot-*.png", qPrintable(place));
+    }
+    QFile log(name + QStringLiteral(".log"));
+    if (!log.open(QIODevice::WriteOnly)) return;
+    for (const auto& program : m_programs) {
+        log.write("=== " + program->program().toUtf8() + '\n' + program->readAllStandardOutput() +
+                  program->readAllStandardError() + '\n');
+    }
+    log.write(Accessible::desktop(m_accessibilityBus).outline().toUtf8());
+    qInfo("What the programs printed and showed: %s.log", qPrintable(name));
+}
+
+} // namespace harbex::test

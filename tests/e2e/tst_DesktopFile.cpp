@@ -1,0 +1,69 @@
+#include "e2e/HarbexRun.h"
+#include "support/TestMain.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+
+using namespace harbex;
+using namespace harbex::test;
+
+/// What a desktop does with the program's desktop file, as its menu and its list of programs do.
+class TestDesktopFile : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void launchingOpensTheWindowAndTheQuitActionEndsTheProgram();
+};
+
+namespace
+{
+
+/// The command of an action, taken from the installed file.
+QStringList commandOf(const QString& group)
+{
+    const QString path =
+        qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/applications/org.harbex.Harbex.desktop");
+    const QSettings file(path, QSettings::IniFormat);
+    return QProcess::splitCommand(file.value(group + QStringLiteral("/Exec")).toString());
+}
+
+} // namespace
+
+void TestDesktopFile::launchingOpensTheWindowAndTheQuitActionEndsTheProgram()
+{
+    DesktopSession desktop;
+    const QDir applications(qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/applications"));
+    const QString name = QStringLiteral("org.harbex.Harbex.desktop");
+    QVERIFY(applications.mkpath(QStringLiteral(".")));
+    QVERIFY2(QFile::copy(QStringLiteral(HARBEX_PACKAGING "/") + name, applications.filePath(name)),
+             "the desktop file is installed");
+
+    // Desktops leave out a program that is not found where programs are.
+    desktop.set("PATH",
+                QFileInfo(QStringLiteral(HARBEX_PROGRAM)).path() + u':' + qEnvironmentVariable("PATH"));
+    QCOMPARE(desktop.run(QStringLiteral("gapplication"),
+                         {QStringLiteral("list-actions"), QStringLiteral("org.harbex.Harbex")}),
+             "quit\n");
+
+    HarbexRun harbex(desktop);
+    harbex.start();
+    STEP("the window opens at the start", harbex.window().has(Accessible::State::active));
+    QVERIFY2(harbex.closeWindow(), "the window closes");
+    QVERIFY2(desktop.run(QStringLiteral("gapplication"),
+                         {QStringLiteral("launch"), QStringLiteral("org.harbex.Harbex")}),
+             "the desktop can launch the program");
+    STEP("launching opens the window of the one that runs, in front",
+         harbex.window().has(Accessible::State::active));
+
+    QStringList command = commandOf(QStringLiteral("Desktop Action quit"));
+    QVERIFY2(!command.isEmpty(), "the desktop file has the action");
+    const QString program = command.takeFirst();
+    QVERIFY2(desktop.run(program, command), "the command of the action works");
+    STEP("the action ends the program with status 0", harbex.exitStatus() == 0);
+}
+
+HARBEX_TEST_MAIN(TestDesktopFile)
+#include "tst_DesktopFile.moc"

@@ -1,0 +1,214 @@
+#include "e2e/HarbexRun.h"
+#include "store/Bookmark.h"
+#include "support/TestMain.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+using namespace harbex;
+using namespace harbex::test;
+
+namespace
+{
+
+void writeConfiguration(const QString& path, const QByteArray& content)
+{
+    QFile file(qEnvironmentVariable("XDG_CONFIG_HOME") + u'/' + path);
+    const bool isWritten = QDir().mkpath(QFileInfo(file).path()) && file.open(QIODevice::WriteOnly) &&
+                           file.write(content) == content.size();
+    if (!isWritten) qFatal("no configuration of the panel");
+}
+
+/// LXQt's panel with nothing in it but the icons of programs. A left click has the program open its menu;
+/// with a right click the panel draws the menu.
+class LxqtPanel
+{
+public:
+    explicit LxqtPanel(DesktopSession& desktop) : m_desktop(desktop)
+    {
+        writeConfiguration(QStringLiteral("lxqt/panel.conf"), "panels=panel1\n"
+                                                              "iconTheme=Adwaita\n"
+                                                              "[panel1]\n"
+                                                              "plugins=statusnotifier\n"
+                                                              "position=Bottom\n"
+                                                              "desktop=0\n"
+                                                              "panelSize=32\n"
+                                                              "iconSize=22\n"
+                                                              "width=100\n"
+                                                              "width-percent=true\n"
+                                                              "[statusnotifier]\n"
+                                                              "type=statusnotifier\n"
+                                                              "alignment=Right\n");
+        m_desktop.start(QStringLiteral("lxqt-panel"));
+    }
+
+    [[nodiscard]] QRect icon() const
+    {
+        // LXQt 1 calls its panel a frame, LXQt 2 a panel.
+        for (const auto& role : {QStringLiteral("frame"), QStringLiteral("panel")}) {
+            const Accessible panel = m_desktop.window(role, QStringLiteral("LXQt Panel"));
+            if (panel) return panel.find(QStringLiteral("push button")).extents();
+        }
+        return {};
+    }
+
+private:
+    DesktopSession& m_desktop;
+};
+
+/// Xfce's panel, which draws the menu itself whichever button is used.
+void startXfcePanel(DesktopSession& desktop)
+{
+    writeConfiguration(QStringLiteral("xfce4/xfconf/xfce-perchannel-xml/xfce4-panel.xml"),
+                       R"(<?xml version="1.0" encoding="UTF-8"?>
+        <channel name="xfce4-panel" version="1.0">
+          <property name="configver" type="int" value="2"/>
+          <property name="panels" type="array">
+            <value type="int" value="1"/>
+            <property name="panel-1" type="empty">
+              <property name="position" type="string" value="p=8;x=640;y=785"/>
+              <property name="position-locked" type="bool" value="true"/>
+              <property name="length" type="uint" value="100"/>
+              <property name="size" type="uint" value="30"/>
+              <property name="plugin-ids" type="array">
+                <value type="int" value="1"/>
+              </property>
+            </property>
+          </property>
+          <property name="plugins" type="empty">
+            <property name="plugin-1" type="string" value="systray"/>
+          </property>
+        </channel>)");
+    desktop.startService(QStringLiteral("org.xfce.Xfconf"));
+    desktop.start(QStringLiteral("xfce4-panel"));
+}
+
+} // namespace
+
+/// With a panel that speaks the status-notifier protocol.
+class TestStatusNotifierPanel : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void aPersonsFirstDay();
+    void aPanelThatStartsLaterGetsTheIconAndDrawsTheMenuItself();
+};
+
+/// From the first start to the end, with the mouse and with what assistive technology does.
+void TestStatusNotifierPanel::aPersonsFirstDay()
+{
+    DesktopSession desktop;
+    const LxqtPanel panel(desktop);
+    HarbexRun harbex(desktop);
+    harbex.start();
+    STEP("the window opens at the start", harbex.window());
+    STEP("the panel draws the icon", desktop.countColours(panel.icon()) > 4);
+    // Until the pointer has been in a window of the program, Qt 6.8 lets the first click into a menu close
+    // it, unless many small movements led there.
+    QVERIFY2(desktop.click(harbex.window().extents()), "a click into the window");
+    QVERIFY2(harbex.closeWindow(), "the window closes");
+    QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::open),
+             "a click on the icon opens the menu, which has \"Open Harbex\"");
+    STEP("\"Open Harbex\" opens the window, in front", harbex.window().has(Accessible::State::active));
+
+    QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
+             "a click on \"Add Folder\"");
+    STEP("the folder dialog opens with the confirm text",
+         harbex.dialog().find(QStringLiteral("push button"), QStringLiteral("Select Focus Folder")));
+    QVERIFY2(harbex.answerDialog(harbex.inbox()), "the folder dialog takes a path that is typed");
+    STEP("the folder is in the list and selected",
+         harbex.control("list item", "Inbox").has(Accessible::State::selected));
+    STEP("it has one rule", harbex.controls("combo box", "Field").size() == 1);
+    STEP("the folder is watched", harbex.watches(harbex.inbox()));
+
+    QVERIFY2(harbex.choose(harbex.control("combo box", "Field"), "Extension"), "the field becomes Extension");
+    QVERIFY2(harbex.choose(harbex.control("combo box", "Operator"), "is"), "the operator becomes \"is\"");
+    QVERIFY2(harbex.control("push button", "Select destination...").press(), "the destination's button");
+    QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes the destination");
+    STEP("the rule shows its destination",
+         harbex.control("push button", "Select destination...").description() == QLatin1String("~/Sorted"));
+
+    const Accessible value = harbex.control("text", "Value");
+    QVERIFY2(value.setText(QStringLiteral("pdf")), "the value can be written");
+    QVERIFY2(harbex.drop(QStringLiteral("early.pdf")) && harbex.drop(QStringLiteral("plain")),
+             "two files arrive");
+    STEP("before Return the rule is still the one without a value",
+         harbex.wasMoved(QStringLiteral("plain")) &&
+             QFile::exists(harbex.inbox() + QStringLiteral("/early.pdf")));
+    QVERIFY2(value.takeFocus(), "the value can be given the focus");
+    STEP("the value has the focus", value.has(Accessible::State::focused));
+    QVERIFY2(desktop.press({QStringLiteral("Return")}), "Return");
+    QVERIFY2(harbex.drop(QStringLiteral("report.pdf")), "a file arrives");
+    STEP("after Return the rule has the value", harbex.wasMoved(QStringLiteral("report.pdf")));
+
+    QVERIFY2(harbex.control("push button", "Add Rule").press(), "\"Add Rule\"");
+    STEP("there is a second rule", harbex.controls("combo box", "Field").size() == 2);
+    QVERIFY2(harbex.choose(harbex.controls("combo box", "Field").at(1), "Kind"), "its field becomes Kind");
+    STEP("it shows the picker of kinds", harbex.control("combo box", "Kind"));
+    QVERIFY2(harbex.choose(harbex.control("combo box", "Kind"), "Audio"), "its kind becomes Audio");
+    QVERIFY2(harbex.controls("push button", "Select destination...").at(1).press(),
+             "its destination's button");
+    QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes its destination");
+    STEP("it shows its destination",
+         harbex.controls("push button", "Select destination...").value(1).description() ==
+             QLatin1String("~/Sorted"));
+
+    QVERIFY2(harbex.closeWindow(), "the window closes after the edits");
+    QVERIFY2(harbex.drop(QStringLiteral("song.mp3")), "a file arrives while the window is closed");
+    STEP("it is moved while the window is closed", harbex.wasMoved(QStringLiteral("song.mp3")));
+    QVERIFY2(!harbex.window(), "the window has stayed closed");
+
+    QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::open), "\"Open Harbex\" once more");
+    STEP("the window shows the rules again", harbex.controls("combo box", "Field").size() == 2);
+    QVERIFY2(harbex.control("text", "Value").setText(QStringLiteral("lost")), "an edit that nothing saves");
+    QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::quit, DesktopSession::Button::right),
+             "\"Quit\" is in the menu that a right click opens");
+    STEP("the program ends with status 0", harbex.exitStatus() == 0);
+
+    const FolderState stored = HarbexRun::stored();
+    QCOMPARE(stored.folders.size(), 1U);
+    const WatchedFolder& folder = stored.folders.front();
+    QCOMPARE(stored.selectedFolderID, folder.id);
+    QCOMPARE(folder.url.path(), harbex.inbox().toStdString());
+    QCOMPARE(folder.bookmarkData, *createBookmark(harbex.inbox().toStdString()));
+    QCOMPARE(folder.rules.size(), 2U);
+    FilterRule first;
+    first.id = folder.rules[0].id;
+    first.field = RuleField::fileExtension;
+    first.operatorType = RuleOperator::isEqual;
+    first.value = QStringLiteral("pdf");
+    first.destination = FileUrl::fromPath(HarbexRun::sorted().toStdString());
+    first.destinationBookmarkData = *createBookmark(HarbexRun::sorted().toStdString());
+    FilterRule second = first;
+    second.id = folder.rules[1].id;
+    second.field = RuleField::kind;
+    second.operatorType = RuleOperator::contains;
+    second.value.clear();
+    second.kind = RuleKind::audio;
+    QVERIFY2(folder.rules[0] == first, "the first rule is stored as it was made");
+    QVERIFY2(folder.rules[1] == second, "the second rule is stored as it was made");
+    QVERIFY(first.id != second.id);
+}
+
+void TestStatusNotifierPanel::aPanelThatStartsLaterGetsTheIconAndDrawsTheMenuItself()
+{
+    DesktopSession desktop;
+    HarbexRun harbex(desktop);
+    harbex.start();
+    STEP("the window opens without a panel", harbex.window().has(Accessible::State::active));
+    QVERIFY2(harbex.closeWindow(), "the window closes");
+
+    startXfcePanel(desktop);
+    // The icons are a window of their own in this panel.
+    const auto icon = [&] { return desktop.windows(QStringLiteral("wrapper-2.0")).value(0); };
+    STEP("the panel draws the icon", desktop.countColours(icon()) > 4);
+    QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::open), "a click on the icon opens the menu");
+    STEP("\"Open Harbex\" opens the window, in front", harbex.window().has(Accessible::State::active));
+    QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::quit), "\"Quit\" is in the menu");
+    STEP("the program ends with status 0", harbex.exitStatus() == 0);
+}
+
+HARBEX_TEST_MAIN(TestStatusNotifierPanel)
+#include "tst_StatusNotifierPanel.moc"

@@ -1,0 +1,84 @@
+#include "e2e/HarbexRun.h"
+#include "support/TestMain.h"
+
+#include <QFile>
+
+using namespace harbex;
+using namespace harbex::test;
+
+/// With a panel that knows only the XEmbed tray of X11, into which programs put a window of theirs.
+class TestXEmbedTray : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void theIconDocksAndItsMenuOpensAndQuits();
+    void aPanelThatStartsLaterGetsTheIcon();
+};
+
+namespace
+{
+
+void startPanel(DesktopSession& desktop)
+{
+    const QString path = qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/tint2rc");
+    QFile configuration(path);
+    const bool isWritten = configuration.open(QIODevice::WriteOnly) &&
+                           configuration.write("panel_items = S\n"
+                                               "panel_position = bottom center horizontal\n"
+                                               "panel_size = 100% 32\n"
+                                               "systray_icon_size = 24\n") > 0;
+    if (!isWritten) qFatal("no configuration of the panel");
+    configuration.close();
+    desktop.start(QStringLiteral("tint2"), {QStringLiteral("-c"), path});
+}
+
+/// The program's one window that is on the panel.
+QRect iconIn(DesktopSession& desktop)
+{
+    const QRect panel = desktop.windows(QStringLiteral("tint2")).value(0);
+    const QList<QRect> windows = desktop.windows(QStringLiteral("harbex"));
+    for (const QRect& window : windows)
+        if (panel.contains(window)) return window;
+    return {};
+}
+
+} // namespace
+
+void TestXEmbedTray::theIconDocksAndItsMenuOpensAndQuits()
+{
+    DesktopSession desktop;
+    startPanel(desktop);
+    STEP("the panel is there", !desktop.windows(QStringLiteral("tint2")).isEmpty());
+    HarbexRun harbex(desktop);
+    harbex.storeRuleForAll();
+    harbex.start();
+    STEP("the window opens at the start", harbex.window());
+    STEP("the icon is docked and drawn", desktop.countColours(iconIn(desktop)) > 4);
+
+    QVERIFY2(harbex.closeWindow(), "the window closes");
+    QVERIFY2(harbex.drop(QStringLiteral("photo.jpg")), "a file arrives while the window is closed");
+    STEP("it is moved while the window is closed", harbex.wasMoved(QStringLiteral("photo.jpg")));
+    QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::open),
+             "a left click opens the menu");
+    STEP("\"Open Harbex\" opens the window, in front", harbex.window().has(Accessible::State::active));
+
+    QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::quit, DesktopSession::Button::right),
+             "a right click opens the menu");
+    STEP("\"Quit\" ends the program with status 0", harbex.exitStatus() == 0);
+}
+
+void TestXEmbedTray::aPanelThatStartsLaterGetsTheIcon()
+{
+    DesktopSession desktop;
+    HarbexRun harbex(desktop);
+    harbex.start();
+    STEP("the window opens without a panel", harbex.window().has(Accessible::State::active));
+    startPanel(desktop);
+    STEP("the icon is docked and drawn", desktop.countColours(iconIn(desktop)) > 4);
+    QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::quit), "a click opens the menu");
+    STEP("\"Quit\" ends the program with status 0", harbex.exitStatus() == 0);
+}
+
+HARBEX_TEST_MAIN(TestXEmbedTray)
+#include "tst_XEmbedTray.moc"

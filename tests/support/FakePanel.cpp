@@ -1,0 +1,50 @@
+#include "support/FakePanel.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusObjectPath>
+#include <QDBusReply>
+
+namespace harbex::test
+{
+
+FakePanel::FakePanel(SessionBus& bus, bool hasHost)
+    : m_sessionBus(bus), m_connection(bus.connect()), m_hasHost(hasHost)
+{
+    m_connection.registerObject(QStringLiteral("/StatusNotifierWatcher"), this,
+                                QDBusConnection::ExportScriptableContents);
+    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
+        m_connection.interface()->registerService(QStringLiteral("org.kde.StatusNotifierWatcher"),
+                                                  QDBusConnectionInterface::ReplaceExistingService,
+                                                  QDBusConnectionInterface::AllowReplacement);
+    if (reply != QDBusConnectionInterface::ServiceRegistered) qFatal("the panel got no name");
+}
+
+FakePanel::~FakePanel()
+{
+    m_sessionBus.close(m_connection);
+}
+
+void FakePanel::setHost(bool isThere)
+{
+    m_hasHost = isThere;
+    if (isThere)
+        Q_EMIT StatusNotifierHostRegistered();
+    else
+        Q_EMIT StatusNotifierHostUnregistered();
+}
+
+RemoteObject FakePanel::item() const
+{
+    return {m_connection, m_items.value(m_items.size() - 1), QStringLiteral("/StatusNotifierItem"),
+            QStringLiteral("org.kde.StatusNotifierItem")};
+}
+
+RemoteObject FakePanel::menu() const
+{
+    const RemoteObject shown = item();
+    return {m_connection, shown.service,
+            shown.property(QStringLiteral("Menu")).value<QDBusObjectPath>().path(),
+            QStringLiteral("com.canonical.dbusmenu")};
+}
+
+} // namespace harbex::test

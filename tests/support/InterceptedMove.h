@@ -1,0 +1,126 @@
+#pragma once
+
+#include "fs/FileMove.h"
+#include "support/EngineFiles.h"
+#include "support/SyscallInterceptor.h"
+
+#include <QtGlobal>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+namespace harbex::test
+{
+
+/// What a file system cannot do.
+struct Lacks {
+    /// Renaming without replacing: the errno that says so, 0 if it can.
+    int noReplace = 0;
+    bool hardLinks = false;
+    bool unnamedFiles = false;
+    /// How it says the latter two.
+    int hardLinksError = EPERM;
+    int unnamedFilesError = EOPNOTSUPP;
+
+    /// How such a file system answers the call; nothing when it is none of these.
+    [[nodiscard]] std::optional<Answer> refuses(const GatedCall& call) const
+    {
+        if (noReplace != 0 && call.name == "renameat2") return Answer::fail(noReplace);
+        if (hardLinks && call.name == "linkat") return Answer::fail(hardLinksError);
+        const bool isUnnamed = call.name == "openat" && (call.arguments[2] & O_TMPFILE) == O_TMPFILE;
+        if (unnamedFiles && isUnnamed) return Answer::fail(unnamedFilesError);
+        return {};
+    }
+};
+
+/// Moves behind a gate that stops at every call concerning files.
+[[nodiscard]] inline InterceptedRun moveGated(const std::string& source, const std::string& target,
+                                              const Interceptor& keeper)
+{
+    return runIntercepted(fileSystemCalls(), [&] { return FileMove().moveItem(source, target); }, keeper);
+}
+
+/// The same on file systems that lack something.
+[[nodiscard]] inline InterceptedRun moveGated(
+    const std::string& source, const std::string& target, const Lacks& lacks,
+    const Interceptor& keeper = [](const GatedCall&) { return Answer::proceed(); })
+{
+    return moveGated(source, target, [&](const GatedCall& call) {
+        const std::optional<Answer> refused = lacks.refuses(call);
+        return refused ? *refused : keeper(call);
+    });
+}
+
+/// Has the code behind a gate believe that its first rename would cross volumes.
+[[nodiscard]] inline Answer crossing(const GatedCall& call)
+{
+    return call.name == "renameat2" && call.ordinal == 1 ? Answer::fail(EXDEV) : Answer::proceed();
+}
+
+/// Answers a waiting statx(2) with what it gives, changed by `falsify`.
+[[nodiscard]] inline Answer answerStatus(const GatedCall& call,
+                                         const std::function<void(struct statx&)>& falsify)
+{
+    const bool isPath = static_cast<int>(call.arguments[0]) == AT_FDCWD;
+    const FileDescriptor folder = isPath ? FileDescriptor() : call.descriptor(0);
+    struct statx data = {};
+    if (::statx(isPath ? AT_FDCWD : folder.get(), call.text(1).c_str(), static_cast<int>(call.arguments[2]),
+                static_cast<unsigned>(call.arguments[3]), &data) != 0)
+        return Answer::fail(errno);
+    falsify(data);
+    call.writeMemory(call.arguments[4], std::string(reinterpret_cast<const char*>(&data), sizeof data));
+    return Answer::give(0);
+}
+
+/// Answers a waiting fstatfs(2) with the type of a volume, from linux/magic.h; lets all other calls proceed.
+[[nodiscard]] inline Answer answerVolume(const GatedCall& call, uint type)
+{
+    if (call.name != "fstatfs") return Answer::proceed();
+    struct statfs volume = {};
+    volume.f_type = type;
+    call.writeMemory(call.arguments[1], std::string(reinterpret_cast<const char*>(&volume), sizeof volume));
+    return Answer::give(0);
+}
+
+/// Gives up being root, if one is. For a child process.
+inline void becomeOrdinary()
+{
+    constexpr uid_t nobody = 65534;
+    if (::geteuid() != 0) return;
+    if (::setresgid(nobody, nobody, nobody) != 0 || ::setresuid(nobody, nobody, nobody) != 0)
+        qFatal("cannot give up being root");
+}
+
+/// How a plain move ended: 0, or the errno.
+[[nodiscard]] inline int errorOfMove(const std::string& source, const std::string& target)
+{
+    const Outcome<void> moved = FileMove().moveItem(source, target);
+    return moved ? 0 : moved.error().code;
+}
+
+/// Things that may stand at a target when a move arrives.
+inline const char* const victimKinds[] = {"file",        "empty file", "folder",
+                                          "full folder", "link",       "dangling link"};
+
+inline void makeVictim(const std::string& kind, const std::string& path)
+{
+    if (kind == "file") writeFile(path, "a victim");
+    if (kind == "empty file") writeFile(path, "");
+    if (kind == "folder" || kind == "full folder") makeFolder(path);
+    if (kind == "full folder") writeFile(path + "/inside", "a victim");
+    if (kind == "link") makeLink(path, "/");
+    if (kind == "dangling link") makeLink(path, "nowhere");
+}
+
+[[nodiscard]] inline ino_t inodeOf(const std::string& path)
+{
+    struct stat data = {};
+    return ::lstat(path.c_str(), &data) == 0 ? data.st_ino : 0;
+}
+
+} // namespace harbex::test

@@ -1,0 +1,102 @@
+#include "support/TreeSnapshot.h"
+
+#include "support/EngineFiles.h"
+
+#include <QByteArrayList>
+#include <QCryptographicHash>
+
+#include <algorithm>
+#include <climits>
+#include <map>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <utility>
+
+namespace harbex::test
+{
+
+namespace
+{
+
+/// The kernel allows no longer list of names and no longer value.
+constexpr size_t longestAttribute = 65536;
+
+/// The attributes that users give; what the system gives (labels) differs between volumes.
+QByteArrayList attributesOf(const std::string& path)
+{
+    std::string names(longestAttribute, '\0');
+    const ssize_t size = ::llistxattr(path.c_str(), names.data(), names.size());
+    if (size < 0) return {};
+    names.resize(static_cast<size_t>(size));
+    QByteArrayList attributes;
+    for (size_t at = 0; at < names.size();) {
+        const std::string name(names.c_str() + at);
+        at += name.size() + 1;
+        if (!name.starts_with("user.") && !name.starts_with("system.posix_acl")) continue;
+        QByteArray value(longestAttribute, '\0');
+        value.resize(
+            std::max<ssize_t>(0, ::lgetxattr(path.c_str(), name.c_str(), value.data(), longestAttribute)));
+        attributes << QByteArray::fromStdString(name) + '=' + value.toHex();
+    }
+    std::sort(attributes.begin(), attributes.end());
+    return attributes;
+}
+
+class Picture
+{
+public:
+    void add(const std::string& path, const QByteArray& shownPath)
+    {
+        struct stat data;
+        if (::lstat(path.c_str(), &data) != 0) {
+            m_lines << shownPath + " (nothing)";
+            return;
+        }
+        QByteArray line = shownPath + " mode " + QByteArray::number(data.st_mode, 8) + " owner " +
+                          QByteArray::number(data.st_uid) + ':' + QByteArray::number(data.st_gid) +
+                          " modified " + QByteArray::number(qint64(data.st_mtim.tv_sec)) + '.' +
+                          QByteArray::number(qint64(data.st_mtim.tv_nsec));
+        for (const QByteArray& attribute : attributesOf(path))
+            line += ' ' + attribute;
+        if (S_ISREG(data.st_mode))
+            line += " size " + QByteArray::number(qint64(data.st_size)) + ' ' + hashOf(path);
+        if (S_ISLNK(data.st_mode)) line += " -> " + linkText(path);
+        if (!S_ISDIR(data.st_mode)) {
+            const auto [first, isNew] = m_first.try_emplace({data.st_dev, data.st_ino}, shownPath);
+            if (!isNew) line += " is " + first->second;
+        }
+        m_lines << line;
+        if (!S_ISDIR(data.st_mode)) return;
+        for (const QByteArray& name : namesIn(path))
+            add(path + '/' + name.toStdString(), shownPath + '/' + name);
+    }
+
+    [[nodiscard]] QByteArray text() const { return m_lines.join('\n'); }
+
+private:
+    static QByteArray hashOf(const std::string& path)
+    {
+        return QCryptographicHash::hash(contents(path), QCryptographicHash::Sha1).toHex();
+    }
+    static QByteArray linkText(const std::string& path)
+    {
+        QByteArray text(PATH_MAX, '\0');
+        text.resize(std::max<ssize_t>(0, ::readlink(path.c_str(), text.data(), PATH_MAX)));
+        return text;
+    }
+
+    QByteArrayList m_lines;
+    std::map<std::pair<dev_t, ino_t>, QByteArray> m_first;
+};
+
+} // namespace
+
+QByteArray pictureOf(const std::string& path)
+{
+    Picture picture;
+    picture.add(path, ".");
+    return picture.text();
+}
+
+} // namespace harbex::test
