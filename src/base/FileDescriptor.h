@@ -6,7 +6,7 @@
 namespace harbex
 {
 
-/// Owns one open file descriptor and closes it at the end of its life. Empty when negative.
+/// Owns one file descriptor and closes it in the destructor. A negative descriptor means empty.
 class FileDescriptor
 {
 public:
@@ -20,7 +20,7 @@ public:
     }
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
-    // The error of close() is not looked at: whoever needs the data on disk has called fsync() before.
+    // Ignores close() errors: code that needs the data on disk calls fsync() first.
     ~FileDescriptor()
     {
         if (m_fd >= 0) ::close(m_fd);

@@ -8,9 +8,8 @@
 namespace harbex
 {
 
-/// What tells one file or folder from every other while the system runs, whatever its name: inode numbers
-/// are used again after a deletion, so the time of birth belongs to it (zero where the file system keeps
-/// none).
+/// Identifies a file or folder independently of its name while the system runs. File systems reuse inode
+/// numbers after a deletion, therefore the birth time is included (zero where the file system has none).
 struct FileIdentity {
     uint64_t device = 0;
     uint64_t inode = 0;
@@ -20,10 +19,10 @@ struct FileIdentity {
     friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };
 
-/// The identity of what is open as `fd`.
+/// Returns the identity of the open file or folder `fd`. Thread-safe.
 [[nodiscard]] Outcome<FileIdentity> identityOf(int fd);
 
-/// The identity of what stands at `path` (raw bytes); a link is followed.
+/// Returns the identity of the entry at `path` (raw bytes). Follows symbolic links. Thread-safe.
 [[nodiscard]] Outcome<FileIdentity> identityOf(const std::string& path);
 
 } // namespace harbex

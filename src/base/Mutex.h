@@ -11,7 +11,7 @@
 namespace harbex
 {
 
-/// std::mutex with the attributes that let clang check who holds it.
+/// std::mutex with the attributes of clang's thread-safety analysis.
 class CAPABILITY("mutex") Mutex
 {
 public:
@@ -23,7 +23,7 @@ private:
     std::mutex m_mutex;
 };
 
-/// Holds a Mutex for the length of a scope.
+/// Locks a Mutex in the constructor and unlocks it in the destructor.
 class SCOPED_CAPABILITY MutexLock
 {
 public:
@@ -36,7 +36,7 @@ private:
     Mutex& m_mutex;
 };
 
-/// A condition variable for Mutex. Waits may end without a notification, so callers test in a loop.
+/// A condition variable for Mutex. Spurious wakeups are possible: callers check their condition in a loop.
 class Condition
 {
 public:
@@ -63,8 +63,8 @@ private:
     std::condition_variable m_condition;
 };
 
-/// Says of data that only one thread may touch it: members are GUARDED_BY a ThreadRole, and every
-/// function that touches them first asserts that it runs on the thread that made the role.
+/// Restricts data to one thread: members are GUARDED_BY a ThreadRole, and every function that accesses them
+/// first calls assertHere(), which asserts that it runs on the thread that created the role.
 class CAPABILITY("thread") ThreadRole
 {
 public:

@@ -10,21 +10,21 @@
 namespace harbex
 {
 
-/// A failed call into the operating system: the errno it left.
+/// The errno value of a failed system call.
 struct SystemError {
     int code = 0;
 
-    /// What people read: "No such file or directory".
+    /// Returns the message text, for example "No such file or directory".
     [[nodiscard]] std::string description() const { return std::generic_category().message(code); }
 
-    /// The errno of the call that just failed, before anything else can change it.
+    /// Returns the current errno. Call immediately after the failed call, before errno changes.
     [[nodiscard]] static SystemError last() { return {errno}; }
 
     friend bool operator==(const SystemError&, const SystemError&) = default;
 };
 
-/// What a call that can fail gives back: a value or the reason there is none.
-/// Asking for the one that is not there is a programming error and ends the program.
+/// The result of a call that can fail: a value or an error. Reading the one that is not present is a
+/// programming error: it throws an exception that no code catches.
 template <class Value, class Error = SystemError>
 class [[nodiscard]] Outcome
 {
@@ -46,7 +46,7 @@ private:
     std::variant<Value, Error> m_state;
 };
 
-/// The outcome of a call that gives nothing back when it succeeds.
+/// The result of a call that returns no value on success.
 template <class Error>
 class [[nodiscard]] Outcome<void, Error>
 {

@@ -9,7 +9,7 @@ namespace harbex
 namespace
 {
 
-bool breaksALine(char32_t c)
+bool mustBeEscaped(char32_t c)
 {
     switch (QChar::category(c)) {
     case QChar::Other_Control:
@@ -19,8 +19,8 @@ bool breaksALine(char32_t c)
     default:
         break;
     }
-    // Marks, embeddings, overrides and isolates of the bidirectional algorithm: left in a line, they
-    // can make a name look as if it ended in another extension.
+    // Bidirectional marks, embeddings, overrides and isolates: unescaped, they can make a name appear to have
+    // another extension.
     return c == 0x061c || c == 0x200e || c == 0x200f || (c >= 0x202a && c <= 0x202e) ||
            (c >= 0x2066 && c <= 0x2069);
 }
@@ -47,7 +47,7 @@ QString readableText(const QString& text)
     readable.reserve(text.size());
     const QList<uint> characters = text.toUcs4();
     for (const char32_t c : characters) {
-        if (breaksALine(c))
+        if (mustBeEscaped(c))
             readable += escape(c);
         else
             readable += QChar::fromUcs4(c);
@@ -57,10 +57,10 @@ QString readableText(const QString& text)
 
 QString textOfName(std::string_view bytes)
 {
-    // fromUtf8() takes a byte-order mark at the beginning away, so something else stands there.
-    QByteArray behindOne("x");
-    behindOne.append(bytes.data(), static_cast<qsizetype>(bytes.size()));
-    return QString::fromUtf8(behindOne).sliced(1);
+    // fromUtf8() removes a leading byte-order mark. The added first character prevents that.
+    QByteArray prefixed("x");
+    prefixed.append(bytes.data(), static_cast<qsizetype>(bytes.size()));
+    return QString::fromUtf8(prefixed).sliced(1);
 }
 
 QString readableName(std::string_view bytes)

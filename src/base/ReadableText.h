@@ -8,17 +8,16 @@
 namespace harbex
 {
 
-/// The text of a name or path, for comparing: bytes that are no UTF-8 become U+FFFD, everything else is as it
-/// stands, a byte-order mark at the beginning included.
+/// Returns a name or path (raw bytes) as text for comparisons. Invalid UTF-8 becomes U+FFFD. All other
+/// characters are kept, including a leading byte-order mark. Thread-safe.
 [[nodiscard]] QString textOfName(std::string_view bytes);
 
-/// The text of a name or path as people read it: bytes that are no UTF-8 become U+FFFD, and every
-/// character that would break or reorder a line (controls, line and paragraph separators,
-/// bidirectional marks) is written as an escape such as \n or \u{202e}. For showing and logging only;
-/// it cannot be turned back into the name.
+/// Returns a name or path (raw bytes) as text for display and logs. Invalid UTF-8 becomes U+FFFD. Characters
+/// that break or reorder a line (controls, line and paragraph separators, bidirectional marks) become escapes
+/// such as \n or \u{202e}. The text cannot be converted back to the name. Thread-safe.
 [[nodiscard]] QString readableName(std::string_view bytes);
 
-/// The same for text that is Unicode already.
+/// Escapes `text` in the same way as readableName(). Thread-safe.
 [[nodiscard]] QString readableText(const QString& text);
 
 } // namespace harbex

@@ -14,35 +14,35 @@ namespace harbex
 namespace
 {
 
-constexpr int patienceMilliseconds = 1000;
+constexpr int pollTimeoutMilliseconds = 1000;
 
-/// Writes lines one after the other.
+/// Serializes writes to standard output.
 class LineWriter
 {
 public:
-    void write(std::string_view rest) EXCLUDES(m_mutex)
+    void write(std::string_view text) EXCLUDES(m_mutex)
     {
         const MutexLock lock(m_mutex);
-        while (!rest.empty() && isReady()) {
-            // So much a pipe that is ready takes at once.
-            const std::string_view piece = rest.substr(0, PIPE_BUF);
+        while (!text.empty() && isReady()) {
+            // A pipe that poll() reports as writable takes PIPE_BUF bytes without blocking.
+            const std::string_view piece = text.substr(0, PIPE_BUF);
             const ssize_t written = ::write(STDOUT_FILENO, piece.data(), piece.size());
             if (written < 0 && errno == EINTR) continue;
-            // Nobody reads the diagnostics any more; moving files goes on without them.
+            // Nothing reads the output any more. The program continues without it.
             if (written <= 0) return;
-            rest.remove_prefix(static_cast<size_t>(written));
+            text.remove_prefix(static_cast<size_t>(written));
         }
     }
 
 private:
-    /// Whether a write would not wait. A reader that once kept us waiting for too long is waited for no more
-    /// until it has made room.
+    /// Returns whether a write does not block. Waits up to pollTimeoutMilliseconds. After a timeout it does
+    /// not wait again until the output has been writable.
     bool isReady() REQUIRES(m_mutex)
     {
         pollfd output{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
         int ready = 0;
         do {
-            ready = ::poll(&output, 1, m_isStuck ? 0 : patienceMilliseconds);
+            ready = ::poll(&output, 1, m_isStuck ? 0 : pollTimeoutMilliseconds);
         } while (ready < 0 && errno == EINTR);
         m_isStuck = ready == 0;
         return !m_isStuck;

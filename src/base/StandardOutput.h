@@ -5,9 +5,9 @@
 namespace harbex
 {
 
-/// Writes one diagnostic line to standard output; the line end is added here. Any thread; lines of
-/// different threads never mix. A standard output that is closed or full, or that nobody reads for a second,
-/// loses the line and nothing else.
+/// Writes `line` and a line end to standard output. Thread-safe: lines of different threads never mix. Waits
+/// up to one second for a reader that does not read. Drops the line, or the end of a long line, when standard
+/// output is closed or full or the wait times out.
 void printLine(std::string_view line);
 
 } // namespace harbex

@@ -1,6 +1,6 @@
 #pragma once
 
-// Names for clang's thread-safety attributes; other compilers read past them.
+// Macros for clang's thread-safety attributes. They are empty for other compilers.
 #if defined(__clang__)
 #define HARBEX_ATTRIBUTE(x) __attribute__((x))
 #else

@@ -16,7 +16,7 @@ namespace harbex
 namespace
 {
 
-/// One entry on its way from one volume to another.
+/// The move of one entry to another volume.
 class CrossDeviceMove
 {
 public:
@@ -27,7 +27,7 @@ public:
 
     Outcome<void> run()
     {
-        const Outcome<EntryStatus> source = m_tree.look();
+        const Outcome<EntryStatus> source = m_tree.checkSource();
         if (!source) return source.error();
         const Outcome<void> possible = StagingDirectory::expectPossible(m_to);
         if (!possible) return possible;
@@ -35,25 +35,26 @@ public:
         if (!copy) return copy.error();
         Outcome<void> removed = syncTargetFolder();
         if (removed) removed = m_tree.removeSource();
-        // A folder that had its name may hold new things of others by now.
+        // Other programs may already have added entries to a published folder.
         if (removed || copy->isFolder()) return removed;
-        // Gone by somebody else's hand, an original must not leave two of it.
+        // Another program may have moved the original away. The copy would be a duplicate.
         return endAfterFailedRemoval(m_from, removed.error(), m_to, *copy);
     }
 
 private:
-    /// Makes the copy appear under its name, whole, and gives what it is like.
+    /// Publishes the complete copy under its name and returns its status.
     Outcome<EntryStatus> makeCopy(const EntryStatus& source)
     {
         if (source.isRegularFile()) {
-            const std::optional<Outcome<EntryStatus>> copy = makeCopyWithoutName();
+            const std::optional<Outcome<EntryStatus>> copy = copyToUnnamedFile();
             if (copy) return *copy;
         }
         return copyInStagingDirectory();
     }
 
-    /// By a file that has no name until it is complete; nothing when this cannot be done here.
-    std::optional<Outcome<EntryStatus>> makeCopyWithoutName()
+    /// Copies to an unnamed file and links the complete copy to its name. Returns nullopt where the file
+    /// system or the kernel does not support this.
+    std::optional<Outcome<EntryStatus>> copyToUnnamedFile()
     {
         const FileDescriptor file(::openat(m_to.folder, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
         if (!file) {
@@ -74,11 +75,11 @@ private:
 
     Outcome<EntryStatus> copyInStagingDirectory()
     {
-        const Outcome<StagingDirectory> part = StagingDirectory::create(m_to.folder);
-        if (!part) return part.error();
-        const DirEntry built = part->content();
-        // One call for all files: one for each would take a journal's time for each. It tells of every error
-        // since the staging directory was opened.
+        const Outcome<StagingDirectory> staging = StagingDirectory::create(m_to.folder);
+        if (!staging) return staging.error();
+        const DirEntry built = staging->content();
+        // One syncfs() instead of one fsync() for each file, which would wait for the journal each time.
+        // syncfs() reports every write error since the staging directory was opened.
         const Outcome<void> copied = m_tree.make(built, ::syncfs, built.folder);
         if (!copied) return copied.error();
         const Outcome<EntryStatus> status = EntryStatus::of(built);
@@ -90,7 +91,7 @@ private:
 
     Outcome<void> syncTargetFolder() const
     {
-        // EINVAL: this file system has nothing to synchronise in a folder.
+        // EINVAL: this file system does not support fsync() on folders.
         if (::fsync(m_to.folder) != 0 && errno != EINVAL) return SystemError::last();
         return {};
     }
@@ -100,8 +101,8 @@ private:
     TreeCopy m_tree;
 };
 
-/// Saves copying for nothing; whether the name is free in the end is decided when the copy gets it.
-Outcome<void> expectNothingAt(const DirEntry& place)
+/// Fails with EEXIST when `place` exists. Avoids a useless copy; the final link or rename checks again.
+Outcome<void> expectFree(const DirEntry& place)
 {
     const Outcome<EntryStatus> there = EntryStatus::of(place);
     if (there) return SystemError{EEXIST};
@@ -114,7 +115,7 @@ Outcome<void> expectNothingAt(const DirEntry& place)
 Outcome<void> moveAcrossDevices(const std::string& source, const std::string& target,
                                 const std::stop_token& stop)
 {
-    // Both folders stay the same ones to the end, whatever becomes of their paths.
+    // Descriptors identify both folders even if their paths change during the move.
     const FileDescriptor sourceFolder(::open(parentPath(source).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!sourceFolder) return SystemError::last();
     const Outcome<FileDescriptor> targetFolder = openFolder(parentPath(target));
@@ -122,7 +123,7 @@ Outcome<void> moveAcrossDevices(const std::string& source, const std::string& ta
     const DirEntry from{sourceFolder.get(), std::string(lastPathComponent(source))};
     const DirEntry to{targetFolder->get(), std::string(lastPathComponent(target))};
 
-    const Outcome<void> isFree = expectNothingAt(to);
+    const Outcome<void> isFree = expectFree(to);
     if (!isFree) return isFree;
     const Outcome<EntryStatus> status = EntryStatus::ofOpen(to.folder);
     if (!status) return status.error();

@@ -8,17 +8,19 @@
 namespace harbex
 {
 
-/// Moves the entry (file, link, folder) at `source` to `target` on another volume, never replacing anything.
-/// What the target's file system cannot hold of its attributes, owner, permissions and times is left out.
-/// The copy is complete, and on the disk, before it gets its name; the source is removed only after that, and
-/// only if it is still what was copied. Killed at any moment, the process leaves the source or the whole copy
-/// or both, and nothing incomplete under the name; what it had built by then may be left over in a part
-/// folder.
+/// Moves the entry (file, symbolic link or folder) at `source` to `target` on another volume. Never replaces
+/// an entry. Omits attributes, owner, permissions and times that the target's file system cannot store.
 ///
-/// On failure the source stays. A file or link that could not be removed in the end has its copy taken back;
-/// of a folder both stay then, the copy complete, the original perhaps in part. A name that the target cannot
-/// hold is refused before anything is copied. EBUSY when the content of the source was changed meanwhile, or
-/// its change time did not come to rest; ECANCELED when `stop` came before the copy had its name. Any thread.
+/// The copy gets its name only when it is complete and written to disk. The source is removed after that, and
+/// only if it is still what was copied. A process that is killed leaves the source, the complete copy, or
+/// both, and never a partial copy at `target`. It may leave a staging directory.
+///
+/// Fails with EEXIST when `target` exists, EBUSY when the content of the source changes or its change time
+/// keeps changing, ECANCELED when `stop` is requested before the copy gets its name. A name that the target's
+/// file system rejects fails before the copy. The source stays on failure. If the removal of the source
+/// fails, the copy of a file or link is removed again, with the exceptions of endAfterFailedRemoval(). The
+/// complete copy of a folder stays, and its original may be partly removed. Paths and names are raw bytes.
+/// Thread-safe.
 [[nodiscard]] Outcome<void> moveAcrossDevices(const std::string& source, const std::string& target,
                                               const std::stop_token& stop);
 

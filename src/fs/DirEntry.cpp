@@ -25,7 +25,7 @@ Outcome<EntryStatus> statusAt(int folder, const char* name, int flags)
 {
     struct statx data = {};
     flags |= AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
-    // What is remembered of a remote volume may be seconds old, and another computer write into the entry.
+    // Cached status of a remote volume may be seconds old, and other computers may write to the entry.
     flags |= AT_STATX_FORCE_SYNC;
     if (::statx(folder, name, flags, STATX_BASIC_STATS, &data) != 0) return SystemError::last();
 

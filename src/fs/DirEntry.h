@@ -15,25 +15,25 @@
 namespace harbex
 {
 
-// What moving, copying and removing have in common: entries are reached from folders that are open, and
-// links are never followed. Names are raw bytes. Everything here may be called from any thread.
+// Shared by move, copy and removal. Entries are addressed relative to open folders. Only openFolder() follows
+// symbolic links. Paths and names are raw bytes. Thread-safe.
 
-/// How many levels of folders a tree may have that is copied or removed. Each level of a copy holds two
-/// descriptors, of which a process has 1024 as a rule.
+/// Maximum depth of folders in a tree that is copied or removed. A copy holds two descriptors for each level,
+/// and a process usually has at most 1024.
 inline constexpr size_t maximumTreeDepth = 400;
 
-/// Where an entry stands: its name in a folder that is open, or a path (the folder is AT_FDCWD then).
-/// The descriptor is borrowed.
+/// A directory entry: a name in the open folder `folder`, or a path when `folder` is AT_FDCWD. Does not own
+/// the descriptor.
 struct DirEntry {
     int folder = AT_FDCWD;
     std::string name;
 };
 
-/// What the file system says of one entry at one moment; of a link itself, not of what it leads to.
+/// The status of one entry at one moment. For a symbolic link: of the link itself.
 struct EntryStatus {
     uint64_t device = 0;
     uint64_t inode = 0;
-    /// Type and permissions.
+    /// File type and permissions.
     mode_t mode = 0;
     uint32_t links = 0;
     uid_t owner = 0;
@@ -42,9 +42,9 @@ struct EntryStatus {
     timespec accessTime = {};
     timespec modificationTime = {};
     timespec changeTime = {};
-    /// Another file system, or another part of one, is mounted here.
+    /// The entry is a mount point, bind mounts included.
     bool isMountPoint = false;
-    /// Nobody may remove it: it carries the immutable or the append-only flag.
+    /// The entry has the immutable or the append-only flag and cannot be removed.
     bool isProtected = false;
 
     [[nodiscard]] static Outcome<EntryStatus> of(const DirEntry& place);
@@ -54,28 +54,27 @@ struct EntryStatus {
     [[nodiscard]] bool isRegularFile() const { return S_ISREG(mode); }
     [[nodiscard]] bool isLink() const { return S_ISLNK(mode); }
 
-    /// Whether both are about the same inode, whatever was written into it in between.
+    /// Returns whether device, inode and type are the same. The content may differ.
     [[nodiscard]] bool isSameEntry(const EntryStatus& other) const;
-    /// Whether type, size and modification time are the same: nobody has written into it, and what was put in
-    /// its place, if anything, passes for it.
+    /// Returns whether type, size and modification time are the same. The inode is not compared: a
+    /// replacement with the same values passes.
     [[nodiscard]] bool hasSameContent(const EntryStatus& other) const;
-    /// The same content and change time: no other name, owner, permission or attribute was given to it
-    /// either, and nothing was put in its place.
+    /// Returns whether content and change time are the same: names, owner, permissions and attributes did not
+    /// change, and the entry was not replaced.
     [[nodiscard]] bool isUnchanged(const EntryStatus& other) const;
 };
 
-/// Opens a folder by its path to work in it.
+/// Opens the folder at `path`. Follows symbolic links.
 [[nodiscard]] Outcome<FileDescriptor> openFolder(const std::string& path);
 
-/// Opens the folder that stands at `place`; EBUSY when it is not the one that `expected` is about.
+/// Opens the folder at `place`. Fails with EBUSY when it is not the folder that `expected` describes.
 [[nodiscard]] Outcome<FileDescriptor> openSubfolder(const DirEntry& place, const EntryStatus& expected);
 
-/// The names in an open folder, without "." and "..".
+/// Returns the names in an open folder, without "." and "..".
 [[nodiscard]] Outcome<std::vector<std::string>> namesIn(int folder);
 
-/// Takes a name away again that was given to an entry of our own: only while it is still the name of that
-/// entry, with the content it had. Not for folders. That it could not be taken away is not reported: the
-/// callers are about to report the reason why they try.
+/// Removes `place` only if it is still the entry that `ours` describes, with the same content. Not for
+/// folders. Ignores failures: the callers report the error that made them undo their change.
 void unlinkIfOurs(const DirEntry& place, const EntryStatus& ours);
 
 } // namespace harbex

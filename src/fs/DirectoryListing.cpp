@@ -19,7 +19,7 @@ Outcome<DirectoryListing> DirectoryListing::open(const std::string& path)
 
 Outcome<DirectoryListing> DirectoryListing::openAgain(int folder)
 {
-    // Not "." in it: that needs the right to search the folder, which is not needed to list it.
+    // Opening "." would need search permission for the folder. A listing needs only read permission.
     return open("/proc/self/fd/" + std::to_string(folder));
 }
 

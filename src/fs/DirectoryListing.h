@@ -13,37 +13,39 @@
 namespace harbex
 {
 
-/// One pass over the entries of a folder. The folder is open only while this lives, so that nothing keeps its
-/// volume from being unmounted. Used by one thread.
+/// One pass over the entries of a folder. The object keeps the folder open, which prevents an unmount of its
+/// volume: destroy it after use. Use from one thread at a time.
 class DirectoryListing
 {
 public:
     /// Opens the folder at `path` (raw bytes).
     [[nodiscard]] static Outcome<DirectoryListing> open(const std::string& path);
 
-    /// The same for a folder that is open already, with a position of its own: `folder` is not moved on.
+    /// Opens the folder of the descriptor `folder` a second time. The read position of `folder` does not
+    /// change.
     [[nodiscard]] static Outcome<DirectoryListing> openAgain(int folder);
 
-    /// Which folder was opened.
+    /// Returns the identity of the opened folder.
     [[nodiscard]] const FileIdentity& identity() const { return m_identity; }
 
-    /// A path to the opened folder itself, whatever stands at the path it was opened by. Valid as long as
-    /// this.
+    /// Returns a path to the opened folder, even if another entry is at its original path. Valid during the
+    /// lifetime of this object.
     [[nodiscard]] std::string descriptorPath() const
     {
         return "/proc/self/fd/" + std::to_string(m_directory.get());
     }
 
-    /// When an entry was last added, removed or renamed.
+    /// Returns the time when an entry was last added, removed or renamed. Asks the server of a remote volume.
     [[nodiscard]] Outcome<timespec> modificationTime() const;
 
-    /// Calls `name` with the name of every entry, hidden ones included, "." and ".." left out, in the order
-    /// in which the file system gives them. Reads no attributes. On failure some names may have been given.
+    /// Calls `name` with the name of each entry except "." and "..", in the order of the file system.
+    /// Includes hidden entries. Each std::string_view is valid during its call only. May fail after some
+    /// calls.
     template <class Name>
     [[nodiscard]] Outcome<void> forEachName(Name&& name);
 
 private:
-    /// A record of getdents64(2), up to its name.
+    /// Field offsets in a record of getdents64(2).
     struct Record {
         static constexpr size_t lengthOffset = 16;
         static constexpr size_t nameOffset = 19;
@@ -54,7 +56,7 @@ private:
     {
     }
 
-    /// Fills the buffer with the next records and gives their size, 0 at the end.
+    /// Fills the buffer with the next records. Returns their size in bytes, 0 at the end.
     Outcome<size_t> readRecords(char* buffer, size_t size);
 
     FileDescriptor m_directory;
@@ -64,7 +66,7 @@ private:
 template <class Name>
 Outcome<void> DirectoryListing::forEachName(Name&& name)
 {
-    // getdents64 instead of readdir: names come without a copy and without a lock for each.
+    // getdents64() instead of readdir(): no copy and no lock for each name.
     alignas(8) char buffer[64 * 1024];
     for (;;) {
         const Outcome<size_t> size = readRecords(buffer, sizeof buffer);

@@ -6,24 +6,24 @@
 namespace harbex
 {
 
-// What an entry is besides its name and content. What the target's file system cannot hold, be it an
-// attribute that is too large or a time, and what only a more privileged user could set, is left out; every
-// other failure is one. Any thread.
+// Copies owner, permissions, times, extended attributes and ACLs. These functions omit values that the
+// target's file system cannot store, and values that need more privileges. They report all other failures.
+// Thread-safe.
 
-/// Gives the file or folder open as `target` what the one open as `source` has, as `seen` says: owner,
-/// extended attributes, access lists, permissions, and last the times. Access lists that the target inherited
-/// from its folder go.
+/// Copies the extended attributes and ACLs of the open file or folder `source` to the open `target`, and sets
+/// the owner, permissions and times of `seen`. Removes ACLs that `target` inherited from its folder.
 ///
-/// An owner that could not be kept takes the set-user-ID and set-group-ID bits along, and a folder that
-/// became ours is open to us. An access list that could not be kept takes the permissions of the group along.
+/// If the owner or group cannot be kept, the set-user-ID and set-group-ID bits are cleared, and a folder
+/// becomes accessible to its new owner. If the access ACL cannot be kept, the permissions of the group are
+/// cleared.
 [[nodiscard]] Outcome<void> copyAttributes(int source, const EntryStatus& seen, int target);
 
-/// The same for a `copy` that has been given what the source had before: attributes that the source has lost
-/// since go.
-[[nodiscard]] Outcome<void> takeAttributesAgain(int source, const EntryStatus& seen, int copy);
+/// Same as copyAttributes() for a `copy` that already has attributes of `source`. Also removes the "user."
+/// and "trusted." attributes that `source` no longer has.
+[[nodiscard]] Outcome<void> refreshAttributes(int source, const EntryStatus& seen, int copy);
 
-/// Gives the symbolic link at `target` the owner and the times that `seen` tells of another one. A link has
-/// no permissions and no attributes that a user could have set.
+/// Sets the owner and times of `seen` on the symbolic link at `target`. A link has no permissions and no
+/// attributes that a user can set.
 [[nodiscard]] Outcome<void> copyLinkAttributes(const EntryStatus& seen, const DirEntry& target);
 
 } // namespace harbex

@@ -6,7 +6,7 @@ namespace harbex
 namespace
 {
 
-/// "/" stays what it is.
+/// Leaves "/" unchanged.
 std::string_view withoutTrailingSlashes(std::string_view path)
 {
     while (path.size() > 1 && path.back() == '/')

@@ -6,18 +6,18 @@
 namespace harbex
 {
 
-// Paths and names are raw bytes here. All of these are pure functions and may be called from any thread.
+// Pure functions. Paths and names are raw bytes. Thread-safe.
 
-/// The name that the entry at `path` has in its folder, trailing slashes left out; "/" for the root and
-/// empty for an empty path.
+/// Returns the last component of `path`, without trailing slashes. Returns "/" for the root and an empty text
+/// for an empty path.
 [[nodiscard]] std::string_view lastPathComponent(std::string_view path);
 
-/// The path of the folder that holds the entry at `path`: "/" for what stands in the root, "." for a bare
-/// name.
+/// Returns the path of the folder that contains the entry at `path`: "/" for an entry of the root, "." for a
+/// name without a slash, an empty text for an empty path.
 [[nodiscard]] std::string parentPath(std::string_view path);
 
-/// The text after the last dot of a name, without the dot. None (empty) for a name whose only dot leads it
-/// (".env") and for one that ends in a dot ("name.", "...").
+/// Returns the text after the last dot of `name`. Empty for a name without a dot, with only a leading dot
+/// (".env"), or with a dot at the end ("name.", "...").
 [[nodiscard]] std::string_view pathExtension(std::string_view name);
 
 } // namespace harbex

@@ -15,11 +15,11 @@ namespace harbex
 namespace
 {
 
-/// Larger pieces are slower: the page cache then looks for large runs of free memory.
+/// Bytes for each read. Larger buffers are slower: the page cache then searches for contiguous memory.
 constexpr uint64_t bufferSize = 128U << 10U;
-/// What the kernel copies in one call, few enough to hear of a stop soon.
-constexpr uint64_t kernelChunk = 8U << 20U;
-/// After so much the disk is set to work, while the copy goes on.
+/// Bytes for each copy_file_range() call. Small, because a call cannot be interrupted by a stop request.
+constexpr uint64_t copyRangeChunk = 8U << 20U;
+/// Bytes after which the kernel is told to start writing to disk.
 constexpr uint64_t writeBackChunk = 8U << 20U;
 
 struct Range {
@@ -27,25 +27,26 @@ struct Range {
     uint64_t end;
 };
 
-/// The next piece of a file from `from` on that is no hole; empty at the end when there is none.
+/// Returns the next data range at or after `from`, or an empty range at `size` when only a hole follows.
 Outcome<Range> nextData(int file, uint64_t from, uint64_t size)
 {
     const off_t begin = ::lseek(file, static_cast<off_t>(from), SEEK_DATA);
     if (begin < 0) {
         if (errno == ENXIO) return Range{size, size};
-        // This file system does not tell its holes.
+        // This file system does not report holes.
         if (errno == EINVAL || errno == EOPNOTSUPP) return Range{from, size};
         return SystemError::last();
     }
     const off_t end = ::lseek(file, begin, SEEK_HOLE);
     if (end < 0) {
+        // The file has been truncated.
         if (errno == ENXIO) return SystemError{EBUSY};
         return SystemError::last();
     }
     return Range{std::min(static_cast<uint64_t>(begin), size), std::min(static_cast<uint64_t>(end), size)};
 }
 
-/// Reads at most `length` bytes and gives how many; 0 at the end.
+/// Reads at most `length` bytes at offset `at`. Returns the number of bytes, 0 at the end of the file.
 Outcome<uint64_t> readSome(int file, char* bytes, uint64_t length, uint64_t at)
 {
     for (;;) {
@@ -55,7 +56,7 @@ Outcome<uint64_t> readSome(int file, char* bytes, uint64_t length, uint64_t at)
     }
 }
 
-/// Copies the content of one open file into another one.
+/// Copies the content of one open file into another.
 class ContentCopy
 {
 public:
@@ -69,7 +70,7 @@ public:
 private:
     Outcome<void> copy(Range range);
     void startWriteBack(uint64_t end);
-    /// Copies at most `length` bytes and gives how many.
+    /// Copies at most `length` bytes at offset `at`. Returns the number of bytes.
     Outcome<uint64_t> copySome(uint64_t at, uint64_t length);
     Outcome<uint64_t> readAndWrite(uint64_t at, uint64_t length);
     Outcome<void> write(uint64_t at, uint64_t length);
@@ -79,15 +80,15 @@ private:
     const int m_target;
     const uint64_t m_size;
     const std::stop_token& m_stop;
-    /// Where the part of the target begins that the disk was not yet told to write.
-    uint64_t m_notWrittenBack = 0;
-    bool m_kernelCopies = true;
+    /// Offset in the target up to which write-back was started.
+    uint64_t m_writeBackBegin = 0;
+    bool m_useCopyFileRange = true;
     std::unique_ptr<char[]> m_buffer;
 };
 
 Outcome<void> ContentCopy::run()
 {
-    // Where both share a file system that can, the copy shares the blocks of the source.
+    // A reflink shares the blocks of the source. It works on one file system that supports it.
     if (::ioctl(m_target, FICLONE, m_source) == 0) {
         const Outcome<EntryStatus> cloned = EntryStatus::ofOpen(m_target);
         if (!cloned) return cloned.error();
@@ -122,27 +123,27 @@ Outcome<void> ContentCopy::copy(Range range)
     return {};
 }
 
-// The final synchronising is short then, and so is the time in which a stop is not heard.
+// Shortens the final synchronization, which a stop request cannot interrupt.
 void ContentCopy::startWriteBack(uint64_t end)
 {
-    if (end - m_notWrittenBack < writeBackChunk) return;
-    // A failure to write is told by that final synchronising, and one to begin costs nothing but time.
-    ::sync_file_range(m_target, static_cast<off_t>(m_notWrittenBack),
-                      static_cast<off_t>(end - m_notWrittenBack), SYNC_FILE_RANGE_WRITE);
-    m_notWrittenBack = end;
+    if (end - m_writeBackBegin < writeBackChunk) return;
+    // Ignores failures: the final synchronization reports write errors.
+    ::sync_file_range(m_target, static_cast<off_t>(m_writeBackBegin),
+                      static_cast<off_t>(end - m_writeBackBegin), SYNC_FILE_RANGE_WRITE);
+    m_writeBackBegin = end;
 }
 
 Outcome<uint64_t> ContentCopy::copySome(uint64_t at, uint64_t length)
 {
-    if (m_kernelCopies) {
+    if (m_useCopyFileRange) {
         off_t in = static_cast<off_t>(at);
         off_t out = in;
         const ssize_t copied =
-            ::copy_file_range(m_source, &in, m_target, &out, std::min(length, kernelChunk), 0);
+            ::copy_file_range(m_source, &in, m_target, &out, std::min(length, copyRangeChunk), 0);
         if (copied > 0) return static_cast<uint64_t>(copied);
-        // It cannot for these two files, or found an end that may be none, or failed: reading and writing
-        // can always, and tells the reason if not.
-        m_kernelCopies = false;
+        // Unsupported for these files, a possibly wrong end of file, or an error. Reading and writing works
+        // for all files and reports the actual error.
+        m_useCopyFileRange = false;
     }
     return readAndWrite(at, length);
 }
@@ -152,7 +153,7 @@ Outcome<uint64_t> ContentCopy::readAndWrite(uint64_t at, uint64_t length)
     if (!m_buffer) m_buffer = std::make_unique_for_overwrite<char[]>(std::min(m_size, bufferSize));
     const Outcome<uint64_t> size = readSome(m_source, m_buffer.get(), std::min(length, bufferSize), at);
     if (!size) return size;
-    // The file has been cut.
+    // The file has been truncated.
     if (*size == 0) return SystemError{EBUSY};
     const Outcome<void> written = write(at, *size);
     if (!written) return written.error();
@@ -174,7 +175,7 @@ Outcome<void> ContentCopy::write(uint64_t at, uint64_t length)
     return {};
 }
 
-// Some file systems tell a size that is not the one a reader finds.
+// Some file systems report a size that is smaller than the readable content.
 Outcome<void> ContentCopy::expectSourceEnd()
 {
     char beyond = 0;
@@ -184,7 +185,7 @@ Outcome<void> ContentCopy::expectSourceEnd()
     return {};
 }
 
-Outcome<void> readWhole(int file, char* bytes, uint64_t length, uint64_t at)
+Outcome<void> readExactly(int file, char* bytes, uint64_t length, uint64_t at)
 {
     for (uint64_t done = 0; done < length;) {
         const Outcome<uint64_t> size = readSome(file, bytes + done, length - done, at + done);
@@ -204,13 +205,13 @@ Outcome<void> expectSameContent(int source, int copy, uint64_t size, const std::
         if (!inSource) return inSource.error();
         const Outcome<Range> inCopy = nextData(copy, at, size);
         if (!inCopy) return inCopy.error();
-        // What comes before is a hole in both.
+        // Both files have a hole before this range.
         const Range data = inSource->begin < inCopy->begin ? *inSource : *inCopy;
         for (at = data.begin; at < data.end;) {
             if (stop.stop_requested()) return SystemError{ECANCELED};
             const uint64_t length = std::min(bufferSize, data.end - at);
-            Outcome<void> read = readWhole(source, bytes.get(), length, at);
-            if (read) read = readWhole(copy, bytesOfCopy.get(), length, at);
+            Outcome<void> read = readExactly(source, bytes.get(), length, at);
+            if (read) read = readExactly(copy, bytesOfCopy.get(), length, at);
             if (!read) return read;
             if (std::memcmp(bytes.get(), bytesOfCopy.get(), length) != 0) return SystemError{EBUSY};
             at += length;
@@ -221,7 +222,7 @@ Outcome<void> expectSameContent(int source, int copy, uint64_t size, const std::
 
 Outcome<FileDescriptor> openSource(const DirEntry& source, const EntryStatus& seen)
 {
-    // O_NONBLOCK: what stands there now may be a pipe, and opening one waits for a writer.
+    // O_NONBLOCK: a pipe may have replaced the file, and opening a pipe waits for a writer.
     FileDescriptor file(::openat(source.folder, source.name.c_str(),
                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file) return SystemError::last();
@@ -243,14 +244,14 @@ Outcome<void> copyFile(const DirEntry& source, const EntryStatus& seen, int targ
     return copyAttributes(file->get(), seen, target);
 }
 
-Outcome<void> takeFileAgain(const DirEntry& source, const EntryStatus& seen, int copy,
-                            const std::stop_token& stop)
+Outcome<void> refreshFileCopy(const DirEntry& source, const EntryStatus& seen, int copy,
+                              const std::stop_token& stop)
 {
     const Outcome<FileDescriptor> file = openSource(source, seen);
     if (!file) return file.error();
     const Outcome<void> same = expectSameContent(file->get(), copy, seen.size, stop);
     if (!same) return same;
-    return takeAttributesAgain(file->get(), seen, copy);
+    return refreshAttributes(file->get(), seen, copy);
 }
 
 } // namespace harbex

@@ -8,19 +8,19 @@
 namespace harbex
 {
 
-/// Copies the regular file at `source`, which must still be the one that `seen` is about, with the same size
-/// and modification time, into the empty file that is open for writing as `target`: content with its holes,
-/// then owner, attributes, permissions and times.
+/// Copies the regular file at `source` into the empty file `target`, which is open for writing: content with
+/// its holes, then owner, attributes, permissions and times. Does not synchronize the data to disk.
 ///
-/// Nothing is synchronised with the disk. Fails with EBUSY when the source is or becomes another, and with
-/// ECANCELED soon after `stop`; the target is to be thrown away then. Any thread.
+/// Fails with EBUSY when `source` is no longer the file of `seen` with the same size and modification time,
+/// or when its size changes during the copy. Fails with ECANCELED when `stop` is requested during the copy.
+/// After a failure the caller deletes the target. Thread-safe.
 [[nodiscard]] Outcome<void> copyFile(const DirEntry& source, const EntryStatus& seen, int target,
                                      const std::stop_token& stop);
 
-/// Makes sure that the file open for reading as `copy`, which copyFile() made of the one at `source`, still
-/// has its content, byte for byte, and gives it everything else again as `seen` and the source say now. EBUSY
-/// when the contents differ; otherwise as copyFile().
-[[nodiscard]] Outcome<void> takeFileAgain(const DirEntry& source, const EntryStatus& seen, int copy,
-                                          const std::stop_token& stop);
+/// Compares the content of `source` with `copy`, an earlier result of copyFile() that is open for reading,
+/// and sets the owner, attributes, permissions and times on the copy again. Fails with EBUSY when the
+/// contents differ, otherwise as copyFile() does. Thread-safe.
+[[nodiscard]] Outcome<void> refreshFileCopy(const DirEntry& source, const EntryStatus& seen, int copy,
+                                            const std::stop_token& stop);
 
 } // namespace harbex

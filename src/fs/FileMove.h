@@ -10,35 +10,35 @@
 namespace harbex
 {
 
-/// Moves entries of the file system without ever replacing anything. Any number of threads may call it at
-/// once.
+/// Moves files, folders and symbolic links. Never replaces an entry. Thread-safe.
 class FileMove
 {
 public:
-    /// Once `stop` is asked to stop, a copy to another volume is given up and thrown away (ECANCELED).
+    /// A stop request cancels copies to another volume with ECANCELED and deletes the partial copies.
     explicit FileMove(std::stop_token stop = {});
 
-    /// Moves the entry at `source` (a file, a folder with all that is in it, a link itself) to the path
-    /// `target`, whose folder must exist. Paths are raw bytes, without a slash at the end.
+    /// Moves the entry at `source` (a file, a folder with its content, or a symbolic link itself) to
+    /// `target`. The folder of `target` must exist. Paths and names are raw bytes, without a slash at the
+    /// end.
     ///
-    /// On one volume that is a rename; when the system says that the volumes differ (EXDEV) it is a copy that
-    /// appears under its name when it is complete, and then the removal of the source. A rename that is
-    /// refused for any other reason is never tried as a copy. Fails with EEXIST when anything stands at
-    /// `target`, and with the reason of the system otherwise; the entry is then left where it was, with the
-    /// exceptions that renameWithoutReplacing() and moveAcrossDevices() tell of. Across volumes: EBUSY when
-    /// the content of the source changed meanwhile, EOPNOTSUPP for pipes, sockets and devices.
+    /// Renames the entry. Makes a cross-device move only if the rename fails with EXDEV: copies the entry,
+    /// publishes the complete copy, and removes the source. Fails with EEXIST when `target` exists, otherwise
+    /// with the error of the system call. The entry stays at `source` on failure, with the exceptions of
+    /// renameWithoutReplacing() and moveAcrossDevices(). A cross-device move also fails with EBUSY when the
+    /// content of the source changes, and with EOPNOTSUPP for pipes, sockets and devices.
     ///
-    /// Blocks for as long as it takes.
+    /// Blocks until the move has ended.
     Outcome<void> moveItem(const std::string& source, const std::string& target);
 
 private:
-    /// What killed processes left in `folder` is looked for after the first move into it.
+    /// Removes the staging directories that killed processes left in `folder`, at its first call for
+    /// `folder`.
     void removeLeftoversOnce(const std::string& folder);
     bool isFirstMoveInto(const std::string& folder) EXCLUDES(m_mutex);
 
     const std::stop_token m_stop;
     Mutex m_mutex;
-    /// The paths of the folders that were looked through; few, as they are the destinations of rules.
+    /// Paths of the folders that were searched. The set stays small: rules name all destinations.
     std::set<std::string> m_visited GUARDED_BY(m_mutex);
 };
 

@@ -13,7 +13,7 @@ namespace harbex
 
 std::string uniqueDestination(const std::string& path, const std::string& folder)
 {
-    // "" + "/" + name would be an entry of the root.
+    // An empty path plus "/" would address the root directory.
     if (folder.empty()) return {};
 
     const std::string name(lastPathComponent(path));
@@ -26,7 +26,7 @@ std::string uniqueDestination(const std::string& path, const std::string& folder
     // Most names are free.
     if (::lstat((prefix + name).c_str(), &data) != 0) return prefix + name;
 
-    // Opened once, so that a long search walks the path of the folder once.
+    // A descriptor avoids resolving the path of the folder for each candidate.
     const FileDescriptor opened(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     const auto isTaken = [&](const std::string& candidate) {
         return opened && ::fstatat(opened.get(), candidate.c_str(), &data, AT_SYMLINK_NOFOLLOW) == 0;

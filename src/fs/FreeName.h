@@ -5,13 +5,13 @@
 namespace harbex
 {
 
-/// The path in `folder` under which the entry at `path` will be stored: its own name when that is free there,
-/// else base-1.ext, base-2.ext and so on without a bound (base-1 for a name without an extension). A name is
-/// taken when anything stands there, a dangling link too.
+/// Returns a free path in `folder` for the entry at `path`: with its own name if that is free, otherwise
+/// base-1.ext, base-2.ext and so on without a limit (base-1 for a name without an extension). A name is taken
+/// if any entry has it, dangling symbolic links included.
 ///
-/// A candidate that cannot be looked at (the folder is missing, the name has grown too long) is given back as
-/// the answer: the move then fails with the reason. The answer is free only at this moment. An empty `folder`
-/// gives an empty path. Paths are raw bytes; any thread.
+/// If a candidate cannot be checked (the folder is missing, the name is too long), returns that candidate,
+/// and the move reports the error. Other processes may take the name at any time. Returns an empty path for
+/// an empty `folder`. Paths and names are raw bytes. Thread-safe.
 [[nodiscard]] std::string uniqueDestination(const std::string& path, const std::string& folder);
 
 } // namespace harbex

@@ -18,14 +18,14 @@ namespace
 
 bool isRemoteType(std::string_view type)
 {
-    // autofs mounts something, often from a server, as soon as it is touched.
+    // autofs mounts a volume, often from a server, at the first access.
     constexpr std::array<std::string_view, 16> types{"9p",     "afs",   "autofs", "ceph",  "cifs", "coda",
                                                      "lustre", "ncp",   "ncpfs",  "nfs",   "nfs4", "ocfs2",
                                                      "smb3",   "smbfs", "smb2",   "vboxsf"};
     return type.starts_with("fuse") || std::ranges::find(types, type) != types.end();
 }
 
-/// Undoes the kernel's escapes: a space is \040.
+/// Decodes the kernel's octal escapes, for example \040 for a space.
 std::string unescaped(std::string_view text)
 {
     std::string path;
@@ -41,7 +41,7 @@ std::string unescaped(std::string_view text)
     return path;
 }
 
-/// What the link at `path` says; nothing when that is no link or is not there, and the reason in errno.
+/// Returns the target of the symbolic link at `path`, or nullopt with errno set.
 std::optional<std::string> readLink(const std::string& path)
 {
     std::array<char, PATH_MAX> text;
@@ -80,7 +80,7 @@ MountTable MountTable::parse(std::string_view text)
         }
         std::string type;
         if (!(fields >> type)) continue;
-        // The last of several mounts at one place is the one that is seen.
+        // The last of several mounts at one mount point hides the others.
         if (isRemoteType(type))
             table.m_remoteMounts.insert(unescaped(mountPoint));
         else
@@ -91,7 +91,7 @@ MountTable MountTable::parse(std::string_view text)
 
 std::optional<std::string> MountTable::follow(const std::string& path, const Visit& visit) const
 {
-    constexpr int maximumLinks = 40; // as many as the kernel follows
+    constexpr int maximumLinks = 40; // the kernel's limit
     std::string folder = "/";
     if (m_remoteMounts.contains(folder)) return folder;
     int links = 0;
@@ -123,7 +123,7 @@ std::optional<std::string> MountTable::follow(const std::string& path, const Vis
 
 std::optional<std::string> MountTable::remoteMount(const std::string& path) const
 {
-    // Nearly always, and asked for every batch of entries.
+    // Fast path: most systems have no remote mounts, and each batch of entries calls this.
     if (m_remoteMounts.empty()) return std::nullopt;
     return follow(path, [](const std::string&, const std::string&) { return false; });
 }

@@ -9,38 +9,37 @@
 namespace harbex
 {
 
-/// Which paths lead to a volume that a server has: a network file system, or one that a program serves
-/// (FUSE). Any call that touches such a volume may wait for its server without end, so this is found out from
-/// the kernel's table of mounts and from links on local volumes alone. A value; any thread.
+/// Finds the paths that lead to a remote volume: a network file system or FUSE. A call that accesses such a
+/// volume may block forever. Therefore this class reads only the kernel's mount table and symbolic links on
+/// local volumes. A value type. Thread-safe.
 class MountTable
 {
 public:
-    /// The kernel's table of mounts in text, which also tells of its changes: poll(2) with POLLPRI.
+    /// Path of the kernel's mount table. poll(2) with POLLPRI reports its changes.
     static constexpr const char* kernelTable = "/proc/self/mountinfo";
 
-    /// A table without a mount.
+    /// Creates an empty table.
     MountTable() = default;
 
-    /// Reads the mounts of this process. Where they cannot be read, every path counts as local.
+    /// Reads the mount table of this process. If it cannot be read, all paths count as local.
     [[nodiscard]] static MountTable read();
 
-    /// From the text of the kernel's table.
+    /// Parses the text of the kernel's mount table.
     [[nodiscard]] static MountTable parse(std::string_view text);
 
-    /// Called before the name `name` is looked up in the folder at `folder`, which is local and has no link
-    /// in its path. Gives whether what has that name is known to be a folder and no link.
+    /// Called before the lookup of `name` in `folder`, a local path without symbolic links. Returns whether
+    /// the entry is known to be a folder and not a link.
     using Visit = std::function<bool(const std::string& folder, const std::string& name)>;
 
-    /// Follows the absolute path `path` (raw bytes) and its links as the kernel does, up to a name that is
-    /// missing or the first remote volume. Gives where that volume is mounted; nothing when the path stays on
-    /// local volumes.
+    /// Resolves the absolute `path` (raw bytes) and its symbolic links as the kernel does, up to a missing
+    /// name or the first remote volume. Returns the mount point of that volume, or nullopt for a local path.
     std::optional<std::string> follow(const std::string& path, const Visit& visit) const;
 
-    /// Where the remote volume is mounted that `path` leads to; nothing for a local path.
+    /// Returns the mount point of the remote volume that `path` leads to, or nullopt for a local path.
     [[nodiscard]] std::optional<std::string> remoteMount(const std::string& path) const;
 
 private:
-    /// The paths at which remote volumes are mounted.
+    /// Mount points of remote volumes.
     std::set<std::string, std::less<>> m_remoteMounts;
 };
 

@@ -18,7 +18,7 @@ Outcome<void> renameReplacing(const DirEntry& from, const DirEntry& to)
     return {};
 }
 
-// The kernel lets a folder take the place of an empty folder only.
+// Reserves the name with an empty folder. rename() of a folder replaces only an empty folder.
 Outcome<void> renameFolder(const DirEntry& from, const DirEntry& to)
 {
     if (::mkdirat(to.folder, to.name.c_str(), 0700) != 0) return SystemError::last();
@@ -28,7 +28,7 @@ Outcome<void> renameFolder(const DirEntry& from, const DirEntry& to)
     return renamed;
 }
 
-/// Whether the empty file open as `fd` is still what stands at `place`; EEXIST when it is something else.
+/// Fails with EEXIST when the entry at `place` is not the file open as `fd`, or is not empty.
 Outcome<void> expectEmptyFile(const DirEntry& place, int fd)
 {
     const Outcome<EntryStatus> there = EntryStatus::of(place);
@@ -51,7 +51,7 @@ Outcome<void> renameOverPlaceholder(const DirEntry& from, const DirEntry& to)
     return renamed;
 }
 
-bool saysThatLinksAreImpossible(int code)
+bool isLinkUnsupported(int code)
 {
     return code == EPERM || code == EOPNOTSUPP || code == ENOSYS || code == EMLINK;
 }
@@ -60,11 +60,11 @@ Outcome<void> linkAndUnlink(const DirEntry& from, const DirEntry& to, const Entr
 {
     if (::linkat(from.folder, from.name.c_str(), to.folder, to.name.c_str(), 0) != 0) {
         const SystemError refused = SystemError::last();
-        if (saysThatLinksAreImpossible(refused.code)) return renameOverPlaceholder(from, to);
+        if (isLinkUnsupported(refused.code)) return renameOverPlaceholder(from, to);
         return refused;
     }
 
-    // Somebody may have saved a new file under the old name in this moment; that one has to stay.
+    // Another program may have saved a new file under the old name. That file must stay.
     const Outcome<EntryStatus> now = EntryStatus::of(from);
     Outcome<void> unlinked;
     if (!now)
@@ -83,8 +83,8 @@ Outcome<void> renameWithoutReplacing(const DirEntry& from, const DirEntry& to)
     if (::renameat2(from.folder, from.name.c_str(), to.folder, to.name.c_str(), RENAME_NOREPLACE) == 0)
         return {};
     const SystemError refused = SystemError::last();
-    // A file system without the flag says EINVAL, which is also the answer for a folder moved into itself;
-    // the folder gets that answer again below.
+    // EINVAL means that the file system does not support the flag, or that a folder is moved into itself. In
+    // the second case the calls below fail with EINVAL again.
     if (refused.code != EINVAL && refused.code != ENOSYS && refused.code != EOPNOTSUPP) return refused;
 
     const Outcome<EntryStatus> entry = EntryStatus::of(from);

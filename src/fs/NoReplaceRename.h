@@ -6,16 +6,17 @@
 namespace harbex
 {
 
-/// Gives an entry of any kind another name on the same volume, in one step and never replacing what stands
-/// under the new name: EEXIST then. EXDEV when the new name is on another volume; EINVAL when a folder would
-/// be moved into itself. On failure the entry stands where it stood; on a remote volume, whose server may
-/// have moved it all the same, it may have the new name as well or instead, or something empty has it.
+/// Renames an entry of any type on one volume, atomically and without replacing an entry. Fails with EEXIST
+/// when `to` exists, EXDEV when `to` is on another volume, EINVAL when a folder would be moved into itself.
+/// The entry keeps its name on failure. Exception: on a remote volume the server may have done the change.
+/// The entry may then have the new name too, or only the new name, or an empty placeholder may have it.
+/// Thread-safe.
 ///
-/// File systems that cannot refuse to replace within a rename get the same by other means. Killed in the
-/// middle of those, the process leaves both names of a file, or an empty file or folder under the new name
-/// beside the untouched entry. Only where a file system has no hard links either does a moment remain,
-/// between looking at that empty file and renaming over it, in which somebody else's file could be put in its
-/// place and be lost.
+/// Where the file system does not support RENAME_NOREPLACE, a fallback of several calls is used, which is not
+/// atomic. A process that is killed during the fallback leaves both names of a file, or an empty placeholder
+/// at `to` and the entry at `from`. The fallback has one race for each type of file system: with hard links,
+/// a file that replaces `from` between the last check and the removal is lost. Without hard links, a file
+/// that replaces the placeholder between the last check and the rename is lost.
 [[nodiscard]] Outcome<void> renameWithoutReplacing(const DirEntry& from, const DirEntry& to);
 
 } // namespace harbex

@@ -26,11 +26,11 @@ bool isRemote(const struct statfs& volume)
                                              OCFS2_SUPER_MAGIC, SMB2_SUPER_MAGIC,
                                              SMB_SUPER_MAGIC,   V9FS_MAGIC,
                                              virtualBoxFolders, lustre};
-    // The kernel widens the number with its sign on some machines.
+    // Some architectures sign-extend the number.
     return std::ranges::find(types, static_cast<uint32_t>(volume.f_type)) != types.end();
 }
 
-/// Whether it is how a change is refused, not how the way to the one who makes it fails.
+/// Returns whether the error means that the change was refused, and is not a communication failure.
 bool isRefusal(SystemError error)
 {
     constexpr std::array refusals{EACCES, EBUSY, EDQUOT, EEXIST, ENOSPC, ENOTEMPTY, EPERM, EROFS, EXDEV};

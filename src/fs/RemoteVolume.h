@@ -6,14 +6,14 @@
 namespace harbex
 {
 
-/// Whether a change to the entry at `place` that failed so may have been made all the same: by a server whose
-/// answer was lost. Looking again would not tell, because the request may still be on its way.
-/// True when the volume cannot be asked what it is.
+/// Returns whether a change of the entry at `place` that failed with `error` may still have been done, by a
+/// server whose answer was lost. A check of the entry cannot tell, because the request may still be pending.
+/// Returns true when the type of the volume cannot be read. Thread-safe.
 [[nodiscard]] bool outcomeUnknown(const DirEntry& place, SystemError error);
 
-/// How a move ends whose entry, like `ours`, has its new name while the removal of the old one failed so.
-/// Takes the new name away again and gives the error; but where the removal may have been made that name
-/// stays, and ENOENT, the answer of a server that was asked again, is success.
+/// Ends a move whose entry `ours` has its new name while the removal of the old name failed with `error`.
+/// Removes the new name and returns `error`. If outcomeUnknown(), the new name stays, and ENOENT is success:
+/// a server returns it for a repeated request. Thread-safe.
 [[nodiscard]] Outcome<void> endAfterFailedRemoval(const DirEntry& oldName, SystemError error,
                                                   const DirEntry& newName, const EntryStatus& ours);
 

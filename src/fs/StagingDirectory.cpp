@@ -20,19 +20,19 @@ namespace
 constexpr std::string_view prefix = ".harbex-";
 constexpr std::string_view suffix = ".part";
 constexpr std::string_view contentSuffix = ".entry";
-constexpr std::string_view digits = "0123456789abcdef";
+constexpr std::string_view hexDigits = "0123456789abcdef";
 constexpr size_t randomBytes = 16;
 
 Outcome<std::string> randomStagingName()
 {
     std::array<unsigned char, randomBytes> bytes;
-    // So few bytes come in one piece.
+    // getrandom() returns up to 256 bytes completely.
     if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
         return SystemError::last();
     std::string name(prefix);
     for (const unsigned char byte : bytes) {
-        name += digits[byte >> 4];
-        name += digits[byte & 15];
+        name += hexDigits[byte >> 4];
+        name += hexDigits[byte & 15];
     }
     return name.append(suffix);
 }
@@ -41,40 +41,39 @@ bool isStagingName(std::string_view name)
 {
     if (name.size() != prefix.size() + 2 * randomBytes + suffix.size()) return false;
     if (!name.starts_with(prefix) || !name.ends_with(suffix)) return false;
-    return name.substr(prefix.size(), 2 * randomBytes).find_first_not_of(digits) == std::string_view::npos;
+    return name.substr(prefix.size(), 2 * randomBytes).find_first_not_of(hexDigits) == std::string_view::npos;
 }
 
-bool lock(int fd)
+bool tryLock(int fd)
 {
     return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
-/// The name that a copy has in the staging directory of this name. Nothing else has it, so that it tells a
-/// part folder from one that was only called so.
-std::string contentNameIn(std::string_view part)
+/// Returns the name of the copy in the staging directory `staging`. The cleanup removes only this name,
+/// therefore another folder with a name of this form keeps its content.
+std::string contentNameFor(std::string_view staging)
 {
-    return std::string(part.substr(0, part.size() - suffix.size())).append(contentSuffix);
+    return std::string(staging.substr(0, staging.size() - suffix.size())).append(contentSuffix);
 }
 
-// Whoever wants to know what failed cannot do anything about it either: a leftover harms nobody, and a later
-// move tries again.
-void removeIfPossible(const DirEntry& part, int opened)
+// Ignores failures: a leftover does no harm, and removeLeftovers() tries again.
+void tryRemove(const DirEntry& staging, int descriptor)
 {
     const Outcome<void> removed =
-        removeTree({opened, contentNameIn(part.name)}, [](const TreeEntry&) { return true; });
+        removeTree({descriptor, contentNameFor(staging.name)}, [](const TreeEntry&) { return true; });
     static_cast<void>(removed);
-    // By now the name may be that of another folder, of which no more than an empty one goes.
-    ::unlinkat(part.folder, part.name.c_str(), AT_REMOVEDIR);
+    // The name may belong to another folder now. AT_REMOVEDIR removes only an empty folder.
+    ::unlinkat(staging.folder, staging.name.c_str(), AT_REMOVEDIR);
 }
 
-void removeIfLeftOver(const DirEntry& part)
+void removeIfLeftover(const DirEntry& staging)
 {
-    const Outcome<EntryStatus> status = EntryStatus::of(part);
+    const Outcome<EntryStatus> status = EntryStatus::of(staging);
     if (!status || !status->isFolder() || status->owner != ::geteuid()) return;
-    // Into one that is closed to them others cannot bring what makes it look like ours.
+    // Other users could have put files into a folder that they can write to.
     if (status->mode & (S_IWGRP | S_IWOTH)) return;
-    const Outcome<FileDescriptor> opened = openSubfolder(part, *status);
-    if (opened && lock(opened->get())) removeIfPossible(part, opened->get());
+    const Outcome<FileDescriptor> descriptor = openSubfolder(staging, *status);
+    if (descriptor && tryLock(descriptor->get())) tryRemove(staging, descriptor->get());
 }
 
 } // namespace
@@ -85,19 +84,19 @@ Outcome<StagingDirectory> StagingDirectory::create(int folder)
         const Outcome<std::string> name = randomStagingName();
         if (!name) return name.error();
         if (::mkdirat(folder, name->c_str(), 0700) != 0) return SystemError::last();
-        StagingDirectory part({folder, *name});
-        const Outcome<bool> occupied = part.occupy();
-        if (!occupied) return occupied.error();
-        if (*occupied) return part;
+        StagingDirectory staging({folder, *name});
+        const Outcome<bool> locked = staging.openAndLock();
+        if (!locked) return locked.error();
+        if (*locked) return staging;
     }
 }
 
 Outcome<void> StagingDirectory::expectPossible(const DirEntry& place)
 {
-    const Outcome<StagingDirectory> part = create(place.folder);
-    if (!part) return part.error();
-    // Where a copy is built, so that whatever is left of it goes as one does.
-    const DirEntry inside = part->content();
+    const Outcome<StagingDirectory> staging = create(place.folder);
+    if (!staging) return staging.error();
+    // Uses the name of a copy: the cleanup removes only that.
+    const DirEntry inside = staging->content();
     if (::mkdirat(inside.folder, inside.name.c_str(), 0700) != 0) return SystemError::last();
     const std::string path = inside.name + '/' + place.name;
     const FileDescriptor file(
@@ -106,25 +105,25 @@ Outcome<void> StagingDirectory::expectPossible(const DirEntry& place)
     return {};
 }
 
-Outcome<bool> StagingDirectory::occupy()
+Outcome<bool> StagingDirectory::openAndLock()
 {
-    m_opened = FileDescriptor(
+    m_directory = FileDescriptor(
         ::openat(m_place.folder, m_place.name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!m_opened && errno == ENOENT) return false;
-    if (!m_opened) return SystemError::last();
-    // What the folder around it has its entries inherit is not for the copy, and may even keep us out.
-    if (::fchmod(m_opened.get(), 0700) != 0) {
+    if (!m_directory && errno == ENOENT) return false;
+    if (!m_directory) return SystemError::last();
+    // Removes inherited permissions and ACLs, which must not apply to the copy and may deny access.
+    if (::fchmod(m_directory.get(), 0700) != 0) {
         if (errno != EPERM && errno != EOPNOTSUPP) return SystemError::last();
-        // This file system has no permissions, or somebody has put a folder of theirs in its place.
-        const Outcome<EntryStatus> opened = EntryStatus::ofOpen(m_opened.get());
-        if (!opened) return opened.error();
-        if (opened->owner != ::geteuid()) return SystemError{EPERM};
+        // This file system has no permissions, or another user has replaced the folder.
+        const Outcome<EntryStatus> current = EntryStatus::ofOpen(m_directory.get());
+        if (!current) return current.error();
+        if (current->owner != ::geteuid()) return SystemError{EPERM};
     }
-    if (::fremovexattr(m_opened.get(), "system.posix_acl_default") != 0 && errno != ENODATA &&
+    if (::fremovexattr(m_directory.get(), "system.posix_acl_default") != 0 && errno != ENODATA &&
         errno != EOPNOTSUPP)
         return SystemError::last();
-    // A file system without locks refuses the one of removeLeftovers() as well.
-    if (!lock(m_opened.get()) && errno == EWOULDBLOCK) return false;
+    // Other errors: the file system has no locks. The lock in removeLeftovers() fails there too.
+    if (!tryLock(m_directory.get()) && errno == EWOULDBLOCK) return false;
     const Outcome<EntryStatus> status = EntryStatus::of(m_place);
     if (!status && status.error().code == ENOENT) return false;
     if (!status) return status.error();
@@ -136,24 +135,24 @@ void StagingDirectory::removeLeftovers(int folder)
     const Outcome<std::vector<std::string>> names = namesIn(folder);
     if (!names) return;
     for (const std::string& name : *names) {
-        if (isStagingName(name)) removeIfLeftOver({folder, name});
+        if (isStagingName(name)) removeIfLeftover({folder, name});
     }
 }
 
 StagingDirectory::StagingDirectory(StagingDirectory&& other) noexcept
     : m_place({other.m_place.folder, std::exchange(other.m_place.name, {})}),
-      m_opened(std::move(other.m_opened))
+      m_directory(std::move(other.m_directory))
 {
 }
 
 StagingDirectory::~StagingDirectory()
 {
-    if (!m_place.name.empty()) removeIfPossible(m_place, m_opened.get());
+    if (!m_place.name.empty()) tryRemove(m_place, m_directory.get());
 }
 
 DirEntry StagingDirectory::content() const
 {
-    return {m_opened.get(), contentNameIn(m_place.name)};
+    return {m_directory.get(), contentNameFor(m_place.name)};
 }
 
 } // namespace harbex

@@ -9,48 +9,48 @@
 namespace harbex
 {
 
-/// A hidden folder ".harbex-<32 hexadecimal digits>.part" in which a copy is built before it gets its name
-/// in the folder around. The ending tells watchers to leave it alone; the process that works in it holds its
-/// lock (flock), which is free again when that process was killed. Used by one thread; several may have one
-/// each in the same folder.
+/// A hidden folder ".harbex-<32 hexadecimal digits>.part" in which a copy is built before it gets its name in
+/// the parent folder. Watchers ignore the suffix. The process that uses the directory holds an flock() on it;
+/// the kernel releases the lock when the process ends. Use from one thread at a time. Several staging
+/// directories may exist in one folder.
 ///
-/// Where others may write into the folder around, they may move a staging directory away, put another folder
-/// in its place, or give its kind of name to one. Whatever they do, no file is removed but one built here.
+/// Other users who can write to the parent folder may rename or replace a staging directory, or create a
+/// folder with such a name. Even then only files that were built in a staging directory are removed.
 class StagingDirectory
 {
 public:
-    /// Makes one in `folder`, which must stay open longer.
+    /// Creates a staging directory in the open `folder`, which must outlive the result.
     [[nodiscard]] static Outcome<StagingDirectory> create(int folder);
 
-    /// Whether the folder of `place`, which is open, can hold an entry of its name. It fails as the file
-    /// system does for a name that is too long or has characters that it does not take. The name is tried in
-    /// a staging directory, so that nothing ever appears at `place`.
+    /// Checks that the file system accepts the name of `place`, whose folder is open. Fails with the error of
+    /// the file system, for example for a name that is too long or has invalid characters. Tests the name in
+    /// a staging directory and never creates an entry at `place`.
     [[nodiscard]] static Outcome<void> expectPossible(const DirEntry& place);
 
-    /// Removes the staging directories that killed processes of this user left in `folder`, as far as that is
-    /// possible. Those that somebody still works in stay, and so does a folder that others may write into.
+    /// Removes the staging directories that killed processes of this user left in `folder`. Skips directories
+    /// that a process still uses and directories that other users can write to. Ignores failures.
     static void removeLeftovers(int folder);
 
     StagingDirectory(StagingDirectory&& other) noexcept;
     StagingDirectory(const StagingDirectory&) = delete;
     StagingDirectory& operator=(const StagingDirectory&) = delete;
 
-    /// Removes the staging directory with its content. What cannot be removed now, a later move removes.
+    /// Removes the staging directory and the copy in it. Ignores failures: removeLeftovers() can try again.
     ~StagingDirectory();
 
-    /// Where the copy is to be built: the only name that may be made in the staging directory, which is open,
-    /// empty at first and closed to other users.
+    /// Returns the entry at which the copy is built. Create no other entry in the staging directory, which is
+    /// initially empty and not accessible to other users. Valid during the lifetime of this object.
     [[nodiscard]] DirEntry content() const;
 
 private:
     explicit StagingDirectory(DirEntry place) : m_place(std::move(place)) {}
 
-    /// Opens and locks what was just made; false when it was removed meanwhile by somebody who took it for a
-    /// leftover.
-    Outcome<bool> occupy();
+    /// Opens and locks the new directory. Returns false when a concurrent removeLeftovers() has locked or
+    /// removed it.
+    Outcome<bool> openAndLock();
 
     DirEntry m_place;
-    FileDescriptor m_opened;
+    FileDescriptor m_directory;
 };
 
 } // namespace harbex

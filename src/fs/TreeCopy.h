@@ -15,50 +15,52 @@
 namespace harbex
 {
 
-/// Copies an entry with everything in it, makes sure that the copy is what the source is, and removes the
-/// source: files, folders and links with content, times, owner, permissions and attributes; files that are
-/// one inode stay one where the target has hard links. Used by one thread.
+/// Copies an entry with its content, verifies the copy, and removes the source. Copies files, folders and
+/// symbolic links with their content, times, owner, permissions and attributes. Preserves hard links where
+/// the target supports them. Use from one thread at a time.
 class TreeCopy
 {
 public:
-    /// Of the entry at `source`, whose folder is open, into the folder that `targetFolder` is about.
-    /// After `stop` look() and make() fail with ECANCELED soon.
+    /// Prepares the copy of `source`, whose folder is open, into the folder with the status `targetFolder`. A
+    /// stop request makes checkSource() and make() fail with ECANCELED.
     TreeCopy(DirEntry source, const EntryStatus& targetFolder, std::stop_token stop)
         : m_source(std::move(source)), m_targetFolder(targetFolder), m_stop(std::move(stop))
     {
     }
 
-    /// Looks at the whole source and refuses what could not be moved: pipes, sockets and devices
-    /// (EOPNOTSUPP), mounted file systems (EBUSY), the target folder itself or one around it (EINVAL), what
-    /// this process could not remove afterwards (EACCES, EPERM), and trees too deep (EMFILE). Gives what the
-    /// entry itself is like.
-    [[nodiscard]] Outcome<EntryStatus> look();
+    /// Walks the source and returns the status of its root. Fails for entries that cannot be moved: pipes,
+    /// sockets and devices (EOPNOTSUPP), mount points (EBUSY), the target folder or a folder that contains it
+    /// (EINVAL), entries that this process could not remove (EACCES, EPERM), and trees that are too deep
+    /// (EMFILE).
+    [[nodiscard]] Outcome<EntryStatus> checkSource();
 
-    /// Makes the copy at `target`, where nothing stands yet, in a folder that nobody else works in; or, of a
-    /// file, in the empty file to which `target` is a path. `sync`, called with `fd`, puts it on the disk.
+    /// Copies the source to `target`, a free name in a folder that no other program uses, or, for a file, the
+    /// path of an existing empty file. Calls `sync` with `fd` after each pass that changes the copy, to write
+    /// it to disk.
     ///
-    /// Then looks at the source again until it is what was copied. Where only its change time differs,
-    /// somebody set an attribute or made a hard link, or wrote and set the modification time back: the
-    /// contents are compared and everything else is taken again. EBUSY when anything was written, added or
-    /// taken away, and when the change times do not come to rest; otherwise fails as look() does. What was
-    /// copied by then stays, to be thrown away.
+    /// Repeats the pass over the source until no entry has changed. If only a change time differs, a program
+    /// set an attribute, made a hard link, or wrote and reset the modification time: make() compares the
+    /// contents and copies all attributes again. Fails with EBUSY when content was written, added or removed,
+    /// or when change times keep changing; otherwise as checkSource() does. The caller deletes the partial
+    /// copy after a failure.
     [[nodiscard]] Outcome<void> make(const DirEntry& target, int (*sync)(int), int fd);
 
-    /// Removes the source, each entry only while it is what make() found last. EBUSY at the first that is
-    /// not: that one and what was not yet removed stay.
+    /// Removes the source. Checks before each removal that the entry is still what make() copied. Fails with
+    /// EBUSY at the first entry that is not, and keeps that entry and all that are not yet removed.
     [[nodiscard]] Outcome<void> removeSource() const;
 
 private:
-    [[nodiscard]] Outcome<void> expectMovable(const TreeEntry& entry) const;
+    [[nodiscard]] Outcome<void> checkMovable(const TreeEntry& entry) const;
 
-    /// Takes into the copy what is not in it or was touched since. Gives whether there was any.
-    Outcome<bool> takeAll();
-    Outcome<void> take(const TreeEntry& entry);
-    Outcome<void> enterFolder(const DirEntry& target, bool isThere);
+    /// Copies entries that are not in the copy and checks those that changed. Returns whether there were any.
+    Outcome<bool> runPass();
+    Outcome<void> visitEntry(const TreeEntry& entry);
+    Outcome<void> enterFolder(const DirEntry& target, bool isCopied);
     Outcome<void> leaveFolder(const TreeEntry& entry, int folder);
-    Outcome<void> takeFile(const TreeEntry& entry, const DirEntry& target, bool isThere);
-    static Outcome<void> takeLink(const TreeEntry& entry, const DirEntry& target, bool isThere);
-    /// Whether `target` has become another name of an entry that was copied before.
+    Outcome<void> copyOrCheckFile(const TreeEntry& entry, const DirEntry& target, bool isCopied);
+    static Outcome<void> copyOrCheckLink(const TreeEntry& entry, const DirEntry& target, bool isCopied);
+    /// Creates `target` as a hard link to an earlier copy of the same inode. Returns false if there is none,
+    /// or if the file system refuses the link.
     Outcome<bool> linkToEarlierCopy(const TreeEntry& entry, const DirEntry& target);
     void remember(const std::string& path, const EntryStatus& status);
 
@@ -67,17 +69,19 @@ private:
     const std::stop_token m_stop;
     EntryStatus m_root;
     DirEntry m_target;
-    /// What each entry was like when the copy was made of it, by path and not by inode: some file systems
-    /// give an entry another inode number after a while.
-    std::unordered_map<std::string, EntryStatus> m_taken;
-    /// The path of the first copy of each entry with several names, by device and inode.
+    /// Status of each entry at the time of its copy, by path: some file systems change the inode numbers of
+    /// entries.
+    std::unordered_map<std::string, EntryStatus> m_copied;
+    /// Path of the first copy of each file with several hard links, by device and inode.
     std::map<std::pair<uint64_t, uint64_t>, std::string> m_firstCopies;
-    bool m_isMade = false;
+    /// The first pass has ended. A new entry then means that the source has changed.
+    bool m_isComplete = false;
 
-    /// Of one pass: the folders of the copy that it is in, and how many entries it met.
+    /// State of one pass: the open folders of the copy, the number of visited entries, and whether the pass
+    /// changed the copy.
     std::vector<FileDescriptor> m_folders;
-    size_t m_met = 0;
-    bool m_hasTaken = false;
+    size_t m_visitedCount = 0;
+    bool m_changedCopy = false;
 };
 
 } // namespace harbex

@@ -12,26 +12,26 @@ namespace harbex
 /// An entry of a tree.
 struct TreeEntry {
     DirEntry place;
-    /// From the root of the tree: "" for the root, "/a/b" below.
+    /// Relative to the root of the tree (raw bytes): "" for the root, "/a/b" for its descendants.
     std::string path;
     EntryStatus status;
 };
 
-/// What is done at the entries of a tree. A failure ends the walk.
+/// Callbacks of a tree walk. A failure ends the walk.
 struct TreeVisit {
-    /// At every entry; at a folder before anything in it.
+    /// Called for each entry; for a folder before its content.
     std::function<Outcome<void>(const TreeEntry&)> before;
-    /// At a folder, which is open as `folder`, after everything in it. May be empty.
+    /// Called for each folder, open as `folder`, after its content. May be empty.
     std::function<Outcome<void>(const TreeEntry&, int folder)> after;
 };
 
-/// Goes through the entry at `root` with everything in it. Links are not followed. EMFILE for a tree too
-/// deep, EBUSY when another folder was put in the place of one. Any thread.
+/// Visits the entry at `root` and its content. Does not follow symbolic links. Fails with EMFILE for a tree
+/// deeper than maximumTreeDepth, EBUSY when another folder replaces a visited one. Thread-safe.
 [[nodiscard]] Outcome<void> walkTree(const DirEntry& root, const TreeVisit& visit);
 
-/// Removes the entry at `root`; of a folder first what is in it. Right before each removal, and before a
-/// folder is entered, `mayRemove` is asked about what stands there: when it refuses, everything stops with
-/// EBUSY. Links are removed, not followed. Any thread.
+/// Removes the entry at `root` and its content. Calls `mayRemove` before each removal of a file or link, and
+/// before it enters a folder; fails with EBUSY when that returns false. Does not follow symbolic links.
+/// Thread-safe.
 [[nodiscard]] Outcome<void> removeTree(const DirEntry& root,
                                        const std::function<bool(const TreeEntry&)>& mayRemove);
 
