@@ -6,13 +6,14 @@
 namespace harbex
 {
 
-/// The last 200 things that were done, newest first, in memory only. Belongs to one thread.
+/// Log of the last 200 messages, newest first, in memory only. Main thread only.
 class ActivityLog
 {
 public:
     static constexpr qsizetype maximumLines = 200;
 
-    /// Adds "[HH:mm:ss] " + `message` with the local time of now; what would break the line is escaped.
+    /// Adds the line "[HH:mm:ss] " + `message` with the current local time. Escapes characters that would
+    /// break or reorder the line.
     void add(const QString& message);
 
     [[nodiscard]] const QStringList& lines() const { return m_lines; }

@@ -20,7 +20,7 @@ namespace harbex
 namespace
 {
 
-// What is written into a file is left out on purpose: a growing download costs nothing until it is renamed.
+// No IN_MODIFY and no IN_CLOSE_WRITE: a growing download must not cause events.
 constexpr uint32_t watchedEvents =
     IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR;
 
@@ -39,8 +39,8 @@ DirectoryEvents::Source::~Source()
 
 bool DirectoryEvents::Source::isFor(const std::string& path) const
 {
-    // The kernel knows a folder that it watches already. Another folder is watched from now on, without a
-    // source: taking that back could take the watch away that somebody else is about to have there.
+    // The kernel returns the existing descriptor for a watched folder. For another folder the call adds a
+    // watch without a source. Removing it here could remove the watch of a concurrent watch() call.
     return ::inotify_add_watch(m_events.m_inotify.get(), path.c_str(), watchedEvents) == m_descriptor;
 }
 
@@ -48,7 +48,7 @@ DirectoryEvents::~DirectoryEvents()
 {
     if (!m_reader.joinable()) return;
     const uint64_t one = 1;
-    // An eventfd takes this unless its counter is full, and then the reader is awake already.
+    // The write fails only when the counter is full. The reader is awake in that case.
     if (::write(m_wakeUp.get(), &one, sizeof one) < 0) {
     }
     m_reader.join();
@@ -66,7 +66,7 @@ DirectoryEvents::watch(const std::string& path, Handler handler, const std::stri
         pathChanges = m_pathChanges;
     }
     for (;;) {
-        // Without the lock, because this may wait for a server.
+        // Not under the lock: the call may block on a server.
         const int descriptor = ::inotify_add_watch(m_inotify.get(), path.c_str(), watchedEvents);
         if (descriptor < 0) return SystemError::last();
         std::shared_ptr<Source> source;
@@ -74,7 +74,7 @@ DirectoryEvents::watch(const std::string& path, Handler handler, const std::stri
             const MutexLock lock(m_mutex);
             source = add(descriptor, handler, name);
         }
-        // Somebody else's last source there may have taken the watch away before this one was added.
+        // Another thread may have destroyed the last source, and with it the watch, before add().
         if (!source->isFor(path)) continue;
         const MutexLock lock(m_mutex);
         if (!name.empty() && pathChanges == m_pathChanges) m_folders[path] = descriptor;
@@ -92,13 +92,13 @@ std::shared_ptr<DirectoryEvents::Source> DirectoryEvents::add(int descriptor, Ha
 
 void DirectoryEvents::remove(const Source& source)
 {
-    // What is no longer watched may change unseen.
+    // The cache must not contain paths whose changes are no longer reported.
     if (!source.m_name.empty()) forgetFolders();
     const auto found = m_watches.find(source.m_descriptor);
     Watch& watch = found->second;
     std::erase(watch.sources, &source);
     if (!watch.sources.empty()) return;
-    // Can only fail for a watch that the kernel has dropped in this moment.
+    // Fails only if the kernel has just removed the watch.
     if (!watch.gone) ::inotify_rm_watch(m_inotify.get(), source.m_descriptor);
     m_watches.erase(found);
 }
@@ -116,8 +116,7 @@ std::shared_ptr<const MountTable> DirectoryEvents::mounts()
     return m_mounts;
 }
 
-// Opened by the first watch rather than by the constructor, so that an instance the system refused once is
-// asked for again at the next start.
+// watch() opens the instance, not the constructor: the next start retries after a failure.
 Outcome<void> DirectoryEvents::openIfNeeded()
 {
     if (m_reader.joinable()) return {};
@@ -144,7 +143,7 @@ Outcome<void> DirectoryEvents::openIfNeeded()
 
 void DirectoryEvents::readEvents()
 {
-    constexpr int restMilliseconds = 1;
+    constexpr int pauseMilliseconds = 1;
     alignas(inotify_event) char buffer[64 * 1024];
     std::array<pollfd, 3> polled = {
         {{m_inotify.get(), POLLIN, 0}, {m_mountInfo.get(), POLLPRI, 0}, {m_wakeUp.get(), POLLIN, 0}}};
@@ -165,12 +164,11 @@ void DirectoryEvents::readEvents()
             Handlers affected = affectedBy(buffer, static_cast<size_t>(size));
             handlers.insert(handlers.end(), affected.begin(), affected.end());
         }
-        // Without the lock: a handler may let go of the last reference to a source.
+        // Not under the lock: a handler may destroy a source, and ~Source() takes the lock.
         for (const auto& handler : handlers)
             (*handler)();
-        // What comes in quick succession is read together: each of ten thousand renames would wake this
-        // thread.
-        (void)::poll(&polled[2], 1, restMilliseconds);
+        // The pause collects the events of a burst. Without it each event would wake this thread.
+        (void)::poll(&polled[2], 1, pauseMilliseconds);
     }
 }
 
@@ -180,20 +178,20 @@ DirectoryEvents::Handlers DirectoryEvents::affectedBy(const char* buffer, size_t
     for (size_t offset = 0; offset < size;) {
         inotify_event event;
         std::memcpy(&event, buffer + offset, sizeof event);
-        // Padded with NULs; empty when it is about the folder itself.
+        // Padded with NULs; empty for an event of the folder itself.
         const std::string_view name = event.len == 0 ? "" : buffer + offset + sizeof event;
         offset += sizeof event + event.len;
 
-        // Events were lost, nobody knows whose.
+        // Events of unknown folders were lost.
         if (event.mask & IN_Q_OVERFLOW) return all();
-        // Unknown descriptors are of watches that have ended while their events waited here.
+        // The watch of a queued event may have been removed, so its descriptor can be unknown.
         const auto found = m_watches.find(event.wd);
         if (found == m_watches.end()) continue;
         if (event.mask & IN_IGNORED) found->second.gone = true;
         for (const Source* source : found->second.sources) {
             if (!source->m_name.empty() && !name.empty() && source->m_name != name) continue;
             if (!source->m_name.empty()) forgetFolders();
-            // Most events follow upon others of the same folder.
+            // Consecutive events often belong to the same folder: call its handler once for them.
             if (handlers.empty() || handlers.back() != source->m_handler)
                 handlers.push_back(source->m_handler);
         }

@@ -16,14 +16,15 @@
 namespace harbex
 {
 
-/// The one inotify instance of an engine, the kernel's table of mounts, and the thread that reads both. Turns
-/// whatever happens to the names of a folder, or to the folder itself, into one call: "look there again".
+/// Owns the inotify instance of an engine, its copy of the mount table, and the thread that reads both. Calls
+/// a handler when names in a watched folder change or when the folder itself changes. Paths and names are raw
+/// bytes.
 class DirectoryEvents
 {
 public:
     using Handler = std::shared_ptr<const std::function<void()>>;
 
-    /// One subscription, from its making to its end. Must end before its DirectoryEvents does.
+    /// One subscription. Must be destroyed before its DirectoryEvents.
     class Source
     {
     public:
@@ -31,12 +32,12 @@ public:
         Source(const Source&) = delete;
         Source& operator=(const Source&) = delete;
 
-        /// The inotify watch descriptor; the same for every source of one folder.
+        /// Returns the inotify watch descriptor. All sources of one folder share it.
         [[nodiscard]] int descriptor() const { return m_descriptor; }
 
-        /// Whether the folder at `path` is the one that is watched. Two folders never have the same watch
-        /// descriptor, even if the one got the inode number of the other. Any thread; may wait for the disk
-        /// or server that has the folder.
+        /// Returns whether the folder at `path` is the watched one. The check uses the watch descriptor,
+        /// which differs even if a new folder reuses the inode number. Thread-safe. May block on a disk or
+        /// server.
         [[nodiscard]] bool isFor(const std::string& path) const;
 
     private:
@@ -45,7 +46,7 @@ public:
 
         DirectoryEvents& m_events;
         const int m_descriptor;
-        /// The name whose changes are told; empty for those of the whole folder.
+        /// The only name whose changes call the handler; empty for all names.
         const std::string m_name;
         const Handler m_handler;
     };
@@ -55,30 +56,35 @@ public:
     DirectoryEvents(const DirectoryEvents&) = delete;
     DirectoryEvents& operator=(const DirectoryEvents&) = delete;
 
-    /// Watches the folder at `path` (raw bytes): its names, and whether it is renamed, deleted or unmounted.
-    /// With `name`, only what happens to that name in it. `handler` runs on the reading thread, briefly, for
-    /// each change, for every change of the table of mounts, and when events were lost; one call may still be
-    /// under way when the source has ended.
+    /// Watches the names in the folder at `path`, and whether the folder is renamed, deleted or unmounted.
+    /// With `name`, ignores changes of all other names.
     ///
-    /// A folder that takes the place of this one during the call may be the one that is watched: list it
-    /// afterwards and ask isFor() about what was listed. Not so with a name: whatever happens to the folder
-    /// itself is told then by the source of its name in the folder above. Fails with the errno of inotify: no
-    /// such folder, no permission to read it, the user's limit of watches or instances. Any thread; waits for
-    /// the disk or server that has the folder, and holds up nobody else meanwhile.
+    /// `handler` runs on the reading thread and must return quickly. It runs after changes of the folder,
+    /// after each change of the mount table, and after lost events. One call can cover several changes. A
+    /// call can still run after the source is destroyed.
+    ///
+    /// The call may watch another folder if one replaces the folder at `path` meanwhile. The caller must list
+    /// the folder afterwards and check isFor() for the listed one. This check is not needed with `name` if
+    /// another source watches the folder's own name in its parent.
+    ///
+    /// Fails with the errno of inotify (no such folder, no read permission, limit of watches or instances),
+    /// or of the other calls that start the reading thread. Thread-safe. May block on a disk or server;
+    /// blocks no other thread meanwhile.
     [[nodiscard]] Outcome<std::shared_ptr<Source>> watch(const std::string& path, Handler handler,
                                                          const std::string& name = {});
 
-    /// Whether names are watched in the folder at `path`, which has no link in it, so that it is known to be
-    /// there: a change would be told. Any thread.
+    /// Returns whether `path` is known to be a folder: a source with a name watches it, and no watched name
+    /// has changed since. `path` must contain no symbolic link. Thread-safe.
     [[nodiscard]] bool isKnownFolder(const std::string& path);
 
-    /// The mounts as they are now, shortly after a change. Any thread.
+    /// Returns the mount table. Follows changes with a short delay after the first successful watch(); before
+    /// that, it stays as at the first call. Thread-safe.
     [[nodiscard]] std::shared_ptr<const MountTable> mounts();
 
 private:
     struct Watch {
         std::vector<const Source*> sources;
-        /// The kernel has dropped the watch: the folder was deleted or its volume unmounted.
+        /// The kernel has removed the watch: the folder was deleted or its volume unmounted.
         bool gone = false;
     };
     using Handlers = std::vector<Handler>;
@@ -94,13 +100,13 @@ private:
     Mutex m_mutex;
     FileDescriptor m_inotify;
     FileDescriptor m_mountInfo;
-    /// Written to end the reading thread.
+    /// Eventfd that stops the reading thread.
     FileDescriptor m_wakeUp;
     std::map<int, Watch> m_watches GUARDED_BY(m_mutex);
-    /// The watches of folders by path, as long as no name on any watched path has changed: thousands of
-    /// folders have few paths to them.
+    /// Cache: watch descriptor by path, for sources with a name. Many watched folders share their parent
+    /// folders. Cleared when a watched name changes.
     std::map<std::string, int> m_folders GUARDED_BY(m_mutex);
-    /// How often such a change was told: what was found out before one is not entered there after it.
+    /// Number of times that m_folders was cleared. A result from before a clearing must not enter the cache.
     uint64_t m_pathChanges GUARDED_BY(m_mutex) = 0;
     std::shared_ptr<const MountTable> m_mounts GUARDED_BY(m_mutex);
     std::thread m_reader;

@@ -13,7 +13,7 @@ namespace harbex
 namespace
 {
 
-/// How long lines of the log are gathered before the main thread records them.
+/// Time for which log lines are collected before the main thread records them.
 constexpr std::chrono::milliseconds logDelay{20};
 
 } // namespace
@@ -27,7 +27,7 @@ DownloadImageRedirector::~DownloadImageRedirector()
 {
     m_mainThread.assertHere();
     cancelSources();
-    // Its tasks use every other member.
+    // The pool's tasks use every other member.
     m_pool.stop();
 }
 
@@ -41,8 +41,8 @@ void DownloadImageRedirector::start(const std::vector<WatchedFolder>& folders)
         std::vector<FilterRule>& all = rules[folder.url];
         all.insert(all.end(), folder.rules.begin(), folder.rules.end());
     }
-    // isRunning() turns true only in a later turn. Whoever starts twice before it finds a folder's watch,
-    // with what has arrived since, as the first start left it.
+    // A second start() can come before isRunning() is true. It keeps existing watches: a new snapshot would
+    // contain entries that arrived since the first start.
     const auto earlier = std::exchange(m_watches, {});
     m_activeSources.clear();
     for (const WatchedFolder& folder : folders) {
@@ -105,19 +105,20 @@ std::vector<int> DownloadImageRedirector::activeFDs() const
     return descriptors;
 }
 
-/// Records a line, shortly. Any thread.
+/// Records a line within about 20 ms. Thread-safe.
 void DownloadImageRedirector::addLog(const QString& message)
 {
     const MutexLock lock(m_publishedMutex);
     m_published.emplace_back([this, message] { appendLog(message); });
-    // A burst logs thousands of lines: waking the main thread for each takes as long as the moves.
+    // A burst logs thousands of lines. One wake-up per line would cost as much time as the moves.
     if (m_published.size() == 1)
         QMetaObject::invokeMethod(
             this, [this] { QTimer::singleShot(logDelay, this, &DownloadImageRedirector::runPublished); },
             Qt::QueuedConnection);
 }
 
-/// Has `change` run in the next turn of the main loop, after all that waits already. Main thread.
+/// Runs `change` in a later iteration of the main loop, after the changes that wait already. Main thread
+/// only.
 void DownloadImageRedirector::publish(Change change)
 {
     const MutexLock lock(m_publishedMutex);

@@ -20,10 +20,12 @@
 namespace harbex
 {
 
-/// The engine: watches folders and moves what newly arrives in them as their rules say. One for the life of
-/// the process. Every public function belongs to the main thread. start() and restart() list each folder on a
-/// local volume once there; everything else is done on other threads. Destroying it ends everything: a copy
-/// under way is given up and its source stays.
+/// The engine: watches folders and moves new entries according to the rules of each folder. The process has
+/// one instance. Main thread only.
+///
+/// start() and restart() open and list folders on local volumes on the main thread. Worker threads open
+/// folders on remote volumes, and do all scans and moves. The destructor cancels running copies, whose
+/// sources stay.
 class DownloadImageRedirector : public QObject
 {
     Q_OBJECT
@@ -34,31 +36,33 @@ public:
     explicit DownloadImageRedirector(QObject* parent = nullptr);
     ~DownloadImageRedirector() override;
 
-    /// Begins to watch these folders, unless isRunning() already. What is in them now stays where it is. A
-    /// folder that is not there is waited for; one that the system refuses to watch is logged. Records of one
-    /// URL are one folder, with the rules of all of them in their order. isRunning() turns true in a later
-    /// turn of the main loop.
+    /// Starts to watch these folders. Does nothing if isRunning(). Existing entries stay where they are. The
+    /// engine waits for a missing folder, and logs a folder that the system refuses to watch. Records with
+    /// the same URL share one watch, which uses their rules in the order of the records. isRunning() becomes
+    /// true in a later iteration of the main loop.
     void start(const std::vector<WatchedFolder>& folders);
 
-    /// Ends all watching and forgets what was seen. isRunning() turns false in a later turn of the main loop.
+    /// Stops all watches and discards their snapshots. isRunning() becomes false in a later iteration of the
+    /// main loop.
     void stop();
 
-    /// Stops, and starts again with these folders in a later turn of the main loop.
+    /// Stops, and starts again with these folders in a later iteration of the main loop.
     void restart(std::vector<WatchedFolder> folders);
 
     [[nodiscard]] bool isRunning() const;
 
-    /// What was done, newest first: at most 200 lines "[HH:mm:ss] message".
+    /// Returns the activity log, newest first: at most 200 lines "[HH:mm:ss] message".
     [[nodiscard]] const QStringList& logs() const;
 
-    /// The descriptors of the records whose folders are watched at this moment, in the order of the records.
+    /// Returns the inotify watch descriptors of the records whose folders are watched now, in the order of
+    /// the records.
     [[nodiscard]] std::vector<int> activeFDs() const;
 
-    /// How many threads work for the engine now, the one that reads events left out.
+    /// Returns the number of worker threads, idle ones included. The thread that reads events does not count.
     [[nodiscard]] std::size_t threadCount() { return m_pool.threadCount(); }
 
 Q_SIGNALS:
-    /// Comes before every change of isRunning() or logs().
+    /// Emitted before each change of isRunning() or logs().
     void objectWillChange();
     void isRunningChanged(bool isRunning);
     void logsChanged();
@@ -77,18 +81,18 @@ private:
     const ThreadRole m_mainThread;
 
     Mutex m_publishedMutex;
-    /// Changes that wait for a turn of the main loop.
+    /// Changes that wait for the main loop.
     std::vector<Change> m_published GUARDED_BY(m_publishedMutex);
 
     bool m_isRunning GUARDED_BY(m_mainThread) = false;
     ActivityLog m_log GUARDED_BY(m_mainThread);
 
-    // In this order: the folders use the pool, whose tasks use the others.
+    // Order matters: a member may use the ones above it. The destructor stops the pool's tasks first.
     WorkerPool m_pool;
     FileMove m_fileMove;
     MoveHistory m_history;
     DirectoryEvents m_events;
-    /// One watch for each URL: records of one folder share its snapshot.
+    /// One watch per URL: records with the same URL share its snapshot.
     std::map<FileUrl, std::shared_ptr<FolderWatch>> m_watches GUARDED_BY(m_mainThread);
     /// The watch of each record, in the order of the records.
     std::vector<std::shared_ptr<FolderWatch>> m_activeSources GUARDED_BY(m_mainThread);

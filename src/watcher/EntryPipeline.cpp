@@ -48,7 +48,7 @@ EntryPipeline::EntryPipeline(const Services& services, std::shared_ptr<SerialQue
 void EntryPipeline::begin(Token token, const DirectoryPointer& directory, const Rules& rules,
                           std::vector<std::string> names)
 {
-    // In pieces, so that the first of many thousands are moved while the last are still tried.
+    // Batches let the first entries move while the engine still tests the last of many thousands.
     constexpr size_t batchSize = 500;
     if (names.size() > batchSize) {
         const auto rest = names.begin() + batchSize;
@@ -79,7 +79,7 @@ void EntryPipeline::begin(Token token, const DirectoryPointer& directory, const 
 bool EntryPipeline::Entry::sample()
 {
     readAt.reset();
-    // The size of a link is its own, not that of what it leads to: the link is what would be moved.
+    // For a symbolic link this is the size of the link itself, because the engine moves the link.
     const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, path()});
     const std::optional<uint64_t> last = std::exchange(size, std::nullopt);
     if (!status) return false;
@@ -115,7 +115,7 @@ void EntryPipeline::advance(Token token, Entries entries)
     Downloads downloads;
     for (Entry& entry : entries)
         step(token, entry, downloads);
-    // After everything else and in one go, so that all of them can be read again at one moment.
+    // All first samples come last and together: they share one due time for the next sample.
     for (Entry& entry : entries) {
         if (entry.step != Step::read) continue;
         entry.sample();
@@ -133,7 +133,7 @@ void EntryPipeline::advance(Token token, Entries entries)
             waiting[entry.dueAt()].push_back(std::move(entry));
     }
     for (auto& [destination, together] : moves) {
-        SerialQueue& queue = movesTo(destination, together.front().directory->path());
+        SerialQueue& queue = moveQueueFor(destination, together.front().directory->path());
         queue.async([self = shared_from_this(), batch = std::move(together)](Token) mutable {
             self->moveAll(std::move(batch));
         });
@@ -175,7 +175,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
             return tryNextRules(entry);
         }
         if (isPlaceholder(entry, downloads)) {
-            // The finished download takes its name and has to be new then.
+            // The finished download replaces it under the same name and must then count as new.
             entry.directory->forget(token, entry.name);
             entry.step = Step::done;
             return;
@@ -183,7 +183,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
         entry.step = Step::move;
         return;
     case Step::moved:
-        return beginRetry(entry);
+        return retryOrFinish(entry);
     case Step::notMoved:
         return tryNextRules(entry);
     case Step::retry: {
@@ -193,7 +193,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
         const std::optional<Existence> existence = find(entry);
         if (!existence) {
             logSkipped(entry);
-            return beginRetry(entry);
+            return retryOrFinish(entry);
         }
         entry.isFolder = existence->isDirectory;
         entry.step = entry.isFolder ? Step::move : Step::secondTest;
@@ -214,23 +214,24 @@ void EntryPipeline::tryRules(Entry& entry) const
         if (!passesNameFilter(entry.splitName, rule)) continue;
         const std::optional<Existence> existence = find(entry);
         if (!existence || !processIfImage(entry, rule, *existence)) continue;
-        // A rule can say "stays here". The entry must not get a new name for it, which would be new again.
+        // The destination is the watched folder: the entry stays. A move would rename it, and the next scan
+        // would report the new name.
         if (isOwnFolder(entry)) break;
         entry.isFolder = existence->isDirectory;
         entry.step = entry.isFolder ? Step::move : Step::read;
         return;
     }
-    beginRetry(entry);
+    retryOrFinish(entry);
 }
 
 void EntryPipeline::tryNextRules(Entry& entry) const
 {
-    if (entry.isRetry) return beginRetry(entry);
+    if (entry.isRetry) return retryOrFinish(entry);
     ++entry.rule;
     tryRules(entry);
 }
 
-void EntryPipeline::beginRetry(Entry& entry)
+void EntryPipeline::retryOrFinish(Entry& entry)
 {
     entry.step = entry.retries.empty() ? Step::done : Step::retry;
 }
@@ -252,7 +253,8 @@ std::optional<EntryPipeline::Existence> EntryPipeline::find(const Entry& entry) 
     struct stat data;
     if (::lstat(path.c_str(), &data) != 0) return std::nullopt;
     if (!S_ISLNK(data.st_mode)) return Existence{S_ISDIR(data.st_mode), S_ISDIR(data.st_mode)};
-    // What a link leads to on a server that does not answer must not hold up the folder. The link exists.
+    // The target of a symbolic link may be on another remote volume. stat() could then block the folder's
+    // queue, so only the link itself counts.
     const auto mounts = m_services.events.mounts();
     if (const auto mount = mounts->remoteMount(path))
         if (mount != mounts->remoteMount(entry.directory->path())) return Existence{};
@@ -263,7 +265,7 @@ std::optional<EntryPipeline::Existence> EntryPipeline::find(const Entry& entry) 
 bool EntryPipeline::isOwnFolder(const Entry& entry) const
 {
     const std::string destination = entry.destination().path();
-    // Nor must a destination on such a server.
+    // A destination on another remote volume could block the folder's queue, and is not the watched folder.
     const auto mounts = m_services.events.mounts();
     if (const auto mount = mounts->remoteMount(destination))
         if (mount != mounts->remoteMount(entry.directory->path())) return false;
@@ -274,7 +276,7 @@ bool EntryPipeline::isOwnFolder(const Entry& entry) const
 bool EntryPipeline::isPlaceholder(const Entry& entry, Downloads& downloads)
 {
     if (entry.size != 0) return false;
-    // Where this or the listing fails, the next scan finds the file again.
+    // If this call or the listing fails, the file counts as a placeholder: the next scan reports it again.
     const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, entry.path()});
     if (!status) return true;
     if (!status->isRegularFile()) return false;
@@ -289,9 +291,9 @@ void EntryPipeline::logSkipped(const Entry& entry) const
     m_services.addLog(QStringLiteral("Skipped busy file: ") + readableName(entry.name));
 }
 
-SerialQueue& EntryPipeline::movesTo(const std::string& destination, const std::string& source)
+SerialQueue& EntryPipeline::moveQueueFor(const std::string& destination, const std::string& source)
 {
-    std::shared_ptr<SerialQueue>& queue = m_moves[destination];
+    std::shared_ptr<SerialQueue>& queue = m_moveQueues[destination];
     if (!queue) queue = m_services.pool.makeQueue("harbex.moves." + destination);
     const auto mounts = m_services.events.mounts();
     queue->setMayBlock(mounts->remoteMount(destination) || mounts->remoteMount(source));
@@ -300,13 +302,13 @@ SerialQueue& EntryPipeline::movesTo(const std::string& destination, const std::s
 
 void EntryPipeline::moveAll(Entries entries)
 {
-    // Once for all of them: another folder in its place would only be no part of their history.
+    // One lookup for the batch: if another folder replaces this one, only the move history is incomplete.
     const Outcome<FileIdentity> identity = identityOf(entries.front().destination().path());
     const auto folder = identity ? MoveHistory::keyOf(*identity) : MoveHistory::FolderKey();
     for (Entry& entry : entries) {
         if (m_services.pool.stopToken().stop_requested()) return;
         move(entry, folder);
-        // Most entries end here, without another turn of the folder's queue.
+        // Most entries are done here and need no further task on the folder's queue.
         if (entry.step == Step::moved && entry.retries.empty()) continue;
         const Clock::time_point due = entry.dueAt();
         Entries one;
@@ -319,19 +321,19 @@ void EntryPipeline::moveAll(Entries entries)
 
 void EntryPipeline::move(Entry& entry, const MoveHistory::FolderKey& folder) const
 {
-    // Before the last look at the entry, because a server may take its time for this.
+    // This can block on a server, so it comes before the last sample.
     const std::string target = uniqueDestination(entry.path(), entry.destination().path());
     const bool isLate = Clock::now() - *entry.readAt >= samplingInterval;
     const bool isUnchanged = entry.isFolder || entry.sample();
-    // While this waited for a copy to end, the entry may have gone. Or another folder stands here now, whose
-    // entries were there before.
+    // The entry may be gone after a long wait for another copy. Or another folder has replaced the watched
+    // one, and its entries are not new.
     const bool isThere = entry.isFolder || entry.isLink ? find(entry).has_value() : entry.size.has_value();
     if (!isThere || !entry.directory->isAtPath()) {
         logSkipped(entry);
         entry.step = Step::notMoved;
         return;
     }
-    // Or it has grown, or a download has begun whose placeholder it is.
+    // The entry may also have grown, or become the placeholder of a download.
     if (!isUnchanged || (isLate && entry.size == 0)) {
         entry.readAt = Clock::now();
         entry.step = Step::secondTest;
@@ -354,7 +356,7 @@ bool EntryPipeline::moveImageToPicturesIfPossible(const Entry& entry, const std:
         trail.emplace_back(MoveHistory::keyOf(entry.directory->identity()), Clock::now());
         m_services.history.expect(folder, targetName, std::move(trail));
     }
-    // A URL that names no local path must not become a name in the root folder.
+    // A destination without a local path gives an empty target: fail before any file system call.
     const Outcome<void> moved =
         target.empty() ? SystemError{ENOENT} : m_services.fileMove.moveItem(entry.path(), target);
     if (moved) {

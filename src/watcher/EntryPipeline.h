@@ -24,10 +24,10 @@
 namespace harbex
 {
 
-/// Takes the new entries of one watched folder through its rules: tests, waits, moves, and records what
-/// became of them. An entry is a value that says which step comes next; entries that wait for the same moment
-/// are stepped together. Steps run on the folder's queue. Moves run on one queue for each destination, so
-/// that a long one holds up neither a scan, nor a sampling, nor a move to anywhere else.
+/// Processes the new entries of one watched folder: tests them against the rules, samples their sizes, moves
+/// them and logs the result. Each Entry stores its next step. Entries with the same due time form one batch.
+/// Steps run on the folder's queue. Moves run on one queue per destination: a long move delays no scan, no
+/// sample and no move to another destination.
 class EntryPipeline : public std::enable_shared_from_this<EntryPipeline>
 {
 public:
@@ -35,50 +35,50 @@ public:
     using Rules = std::shared_ptr<const std::vector<MatchableRule>>;
     using DirectoryPointer = std::shared_ptr<WatchedDirectory>;
 
-    /// What the folders of an engine share. The references must live as long as the pool runs tasks.
+    /// Objects that all folders of an engine share. They must live as long as the pool runs tasks.
     struct Services {
         WorkerPool& pool;
         DirectoryEvents& events;
         FileMove& fileMove;
         MoveHistory& history;
-        /// Records one line in the activity log; called on any thread.
+        /// Records one line in the activity log. Thread-safe.
         std::function<void(const QString& message)> addLog;
     };
 
-    /// How far apart two sizes are read that must be the same.
+    /// Time between two size samples that must be equal.
     static constexpr std::chrono::milliseconds samplingInterval{150};
-    /// A file whose size changes so soon after its first reading was caught between its creation and its
-    /// first write: the reading is taken anew.
+    /// Time between the first sample and its confirmation. A file that changes within this time was sampled
+    /// between its creation and its first write: the second sample replaces the first.
     static constexpr std::chrono::milliseconds confirmationDelay{10};
-    /// How long after its failed first test a busy entry gets its one more attempt.
+    /// Time between a failed first test of a busy entry and its only retry.
     static constexpr std::chrono::seconds retryDelay{1};
 
     EntryPipeline(const Services& services, std::shared_ptr<SerialQueue> queue);
 
-    /// Sets entries of the directory, given by their names (raw bytes), on their way through these rules.
-    /// Destinations are tried in the order of the rules.
+    /// Starts to process the entries of `directory` with these names (raw bytes). Tries the rules in their
+    /// order. Call on the folder's queue.
     void begin(Token token, const DirectoryPointer& directory, const Rules& rules,
                std::vector<std::string> names);
 
 private:
     using Clock = SerialQueue::Clock;
 
-    /// What comes next for an entry.
+    /// The next step of an entry.
     enum class Step {
-        /// Find the next rule that takes it, from Entry::rule on.
+        /// Find the next matching rule, starting at Entry::rule.
         tryRules,
-        /// Read its size for the first time.
+        /// Take the first sample.
         read,
-        /// Shortly after that reading: take it anew if it was too early.
+        /// Sample again shortly after `read`; a changed size replaces the first sample.
         confirm,
-        /// The end of the first stability test, and the beginning of the second.
+        /// End the first stability test and start the second one.
         firstTest,
-        /// The end of the second, right before the move.
+        /// End the second stability test, or the only test of a retry.
         secondTest,
         move,
         moved,
         notMoved,
-        /// The one more attempt of a rule whose first test had failed.
+        /// Retry a rule whose first test failed.
         retry,
         done,
     };
@@ -88,53 +88,54 @@ private:
         SplitName splitName;
         DirectoryPointer directory;
         Rules rules;
-        /// The watched folders that the engine has just moved it out of.
+        /// The watched folders out of which the engine recently moved the entry.
         MoveHistory::Trail trail;
 
         Step step = Step::tryRules;
         size_t rule = 0;
-        /// This is the one more attempt of the rule; later rules have had their turn.
+        /// This is the retry of the rule. The later rules have been tried already.
         bool isRetry = false;
-        /// A folder, or a link to one: not sampled.
+        /// The entry is a folder or a symbolic link to one, and needs no stability test.
         bool isFolder = false;
+        /// Size in bytes at the last sample; empty if that sample failed.
         std::optional<uint64_t> size = {};
         bool isLink = false;
-        /// Which file it was whose size was read.
+        /// Inode at the last successful sample.
         uint64_t inode = 0;
-        /// The last reading found another file where there had been an empty one: what a browser has
-        /// downloaded, in the place of its placeholder.
+        /// The last successful sample found a new inode in place of an empty file: a browser has replaced its
+        /// placeholder by the finished download.
         bool isDownloaded = false;
-        /// When the size was read; nothing while the readings of a batch are under way.
+        /// Time of the last sample. sample() clears it; advance() then sets one time for the whole batch.
         std::optional<Clock::time_point> readAt = {};
-        /// The rules that get one more attempt, and when.
+        /// Due times and indexes of the rules to retry.
         std::vector<std::pair<Clock::time_point, size_t>> retries = {};
 
         [[nodiscard]] std::string path() const { return directory->pathOf(name); }
         [[nodiscard]] const FileUrl& destination() const { return *(*rules)[rule].filter.destination; }
 
-        /// Reads the size. Returns whether it could be read and has not changed since the last sample.
+        /// Reads the size. Returns whether this succeeds and the size equals that of the last sample.
         bool sample();
-        /// When it is due for its next step.
+        /// Returns the due time of the next step.
         [[nodiscard]] Clock::time_point dueAt() const;
     };
     using Entries = std::vector<Entry>;
 
-    /// Whether an entry is there, as the file manager asks.
+    /// The type of an entry that exists.
     struct Existence {
-        /// Through links.
+        /// Follows symbolic links.
         bool isDirectory = false;
-        /// Of the entry itself.
+        /// Does not follow symbolic links.
         bool isDirectoryItself = false;
     };
 
-    /// What the downloads in a directory begin with, found out once for all entries of a batch.
+    /// Cache for one batch: the results of WatchedDirectory::downloadsUnderWay().
     using Downloads = std::map<const WatchedDirectory*, Outcome<std::set<std::string, std::less<>>>>;
 
     void advance(Token token, Entries entries);
     void step(Token token, Entry& entry, Downloads& downloads) const;
     void tryRules(Entry& entry) const;
     void tryNextRules(Entry& entry) const;
-    static void beginRetry(Entry& entry);
+    static void retryOrFinish(Entry& entry);
     [[nodiscard]] bool processIfImage(const Entry& entry, const MatchableRule& rule,
                                       const Existence& existence) const;
     [[nodiscard]] std::optional<Existence> find(const Entry& entry) const;
@@ -142,19 +143,19 @@ private:
     [[nodiscard]] static bool isPlaceholder(const Entry& entry, Downloads& downloads);
     void logSkipped(const Entry& entry) const;
 
-    [[nodiscard]] SerialQueue& movesTo(const std::string& destination, const std::string& source);
-    // On the queue of the destination.
+    [[nodiscard]] SerialQueue& moveQueueFor(const std::string& destination, const std::string& source);
+    // These run on the queue of the destination.
     void moveAll(Entries entries);
-    /// `folder` is the destination.
+    /// `folder` identifies the destination.
     void move(Entry& entry, const MoveHistory::FolderKey& folder) const;
-    /// `target` is the path it gets; empty when the destination is no local folder.
+    /// `target` is the new path of the entry; empty if the destination URL has no local path.
     [[nodiscard]] bool moveImageToPicturesIfPossible(const Entry& entry, const std::string& target,
                                                      const MoveHistory::FolderKey& folder) const;
 
     const Services m_services;
     const std::shared_ptr<SerialQueue> m_queue;
-    /// By the path of the destination. Used on the folder's queue only.
-    std::map<std::string, std::shared_ptr<SerialQueue>> m_moves;
+    /// Move queues by destination path. Use on the folder's queue only.
+    std::map<std::string, std::shared_ptr<SerialQueue>> m_moveQueues;
 };
 
 } // namespace harbex

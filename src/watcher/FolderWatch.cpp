@@ -17,28 +17,28 @@ namespace
 using namespace std::chrono_literals;
 using Clock = SerialQueue::Clock;
 
-/// After a listing the folder is left alone for three times as long as it took, and at most this long. Each
-/// of ten thousand arrivals and departures is an event of its own: listing a large folder for every one would
-/// keep a processor busy, and the directory locked against the very moves that cause them.
+/// Cooldown after a scan: three times the duration of the scan, at most maximumCooldown. A burst causes one
+/// event per arrival and per departure. A scan for each event would load a processor and lock the directory
+/// against the moves.
 constexpr int cooldownFactor = 3;
 constexpr auto maximumCooldown = 250ms;
 
 /// Poll interval for folders whose file system reports no changes by others.
 constexpr auto pollInterval = 2s;
-/// A server may keep no modification times for folders: they are listed at least this often.
+/// Maximum time between two scans of a remote folder, because a server may keep no modification times.
 constexpr auto maximumPollAge = 30s;
 
-/// When a look is repeated that the system had no descriptor or memory for.
+/// Delay before the retry of an update that failed for lack of descriptors or memory.
 constexpr auto shortageDelay = 1s;
 
-/// Whether it says that the process or the system has too much open or in memory, and not what the folder is.
+/// Returns whether descriptors or memory are exhausted. Such an error says nothing about the folder.
 bool isShortage(SystemError error)
 {
     return error.code == EMFILE || error.code == ENFILE || error.code == ENOMEM;
 }
 
-/// Whether it says that the directory that was watched does not stand at the path.
-bool saysGone(SystemError error)
+/// Returns whether the watched directory is no longer at its path.
+bool isGone(SystemError error)
 {
     return error.code == ENOENT || error.code == ENOTDIR || error.code == ELOOP;
 }
@@ -54,9 +54,9 @@ std::shared_ptr<FolderWatch> FolderWatch::start(const EntryPipeline::Services& s
                                                 const QUuid& id, const std::vector<FilterRule>& rules)
 {
     const std::shared_ptr<FolderWatch> watch(new FolderWatch(services, url, id, rules));
-    // Weakly: whoever has the handler must not keep the watch.
+    // A weak pointer, because m_handler must not keep its owner alive.
     watch->m_handler = std::make_shared<const std::function<void()>>([weak = watch->weak_from_this()] {
-        if (const auto self = weak.lock()) self->requestLook();
+        if (const auto self = weak.lock()) self->requestUpdate();
     });
     const auto open = [watch](Token token) { watch->open(token); };
     if (services.events.mounts()->remoteMount(watch->m_path)) {
@@ -85,7 +85,7 @@ void FolderWatch::cancel()
 {
     m_state = State::cancelled;
     m_descriptor = -1;
-    // A server that does not answer holds this up, and nothing else.
+    // On the queue, because these members may be in use there, and a remote server can block the queue.
     m_queue->async([self = shared_from_this()](Token) {
         self->m_directory.reset();
         self->m_pathSources.clear();
@@ -94,31 +94,31 @@ void FolderWatch::cancel()
 
 void FolderWatch::setState(State state)
 {
-    // Whatever the main thread has said meanwhile is final.
+    // The main thread may have set `cancelled`, which is final.
     State expected = state == State::watched ? State::waiting : State::watched;
     m_state.compare_exchange_strong(expected, state);
     m_descriptor = m_state == State::watched ? m_directory->descriptor() : -1;
 }
 
-void FolderWatch::requestLook()
+void FolderWatch::requestUpdate()
 {
-    if (!m_lookWaits.exchange(true)) lookAt(Clock::time_point::min());
+    if (!m_isUpdatePending.exchange(true)) updateAt(Clock::time_point::min());
 }
 
-void FolderWatch::lookAt(Clock::time_point when)
+void FolderWatch::updateAt(Clock::time_point when)
 {
-    auto look = [self = shared_from_this()](Token token) { self->look(token); };
+    auto update = [self = shared_from_this()](Token token) { self->update(token); };
     if (when == Clock::time_point::min())
-        m_queue->async(std::move(look));
+        m_queue->async(std::move(update));
     else
-        m_queue->asyncAt(when, std::move(look));
+        m_queue->asyncAt(when, std::move(update));
 }
 
-void FolderWatch::look(Token token)
+void FolderWatch::update(Token token)
 {
-    if (Clock::now() < m_nextLook) return lookAt(m_nextLook);
-    // Before anything is looked at: what changes from here on may be missed and needs the next look.
-    m_lookWaits = false;
+    if (Clock::now() < m_nextUpdate) return updateAt(m_nextUpdate);
+    // Reset before the scan: the scan may miss a later change, which then needs another update.
+    m_isUpdatePending = false;
     if (m_state == State::watched) scanForNewFiles(token);
     if (m_state == State::waiting) open(token);
 }
@@ -126,7 +126,7 @@ void FolderWatch::look(Token token)
 void FolderWatch::open(Token)
 {
     m_lastModified.reset();
-    // Before the directory is looked for: what changes on the path to it from here on leads to another look.
+    // Watch the path first: a change of the path after this line requests another update.
     watchPath();
     auto opened = WatchedDirectory::open(m_services.events, m_services.history, m_path, m_handler);
     if (opened) {
@@ -147,13 +147,13 @@ void FolderWatch::watchPath()
 {
     std::vector<std::shared_ptr<DirectoryEvents::Source>> sources;
     const auto watchName = [&](const std::string& folder, const std::string& name) {
-        // Where the system refuses this, only what happens to the watched folder itself is noticed.
+        // A failure is not an error: the engine then does not notice changes of this name.
         if (auto source = m_services.events.watch(folder, m_handler, name)) sources.push_back(*source);
         return m_services.events.isKnownFolder(folder == "/" ? folder + name : folder + '/' + name);
     };
     m_isRemote = m_services.events.mounts()->follow(m_path, watchName).has_value();
     m_queue->setMayBlock(m_isRemote);
-    // Only now, so that what both need stays watched.
+    // Replace the old sources last: folders in both lists stay watched without a gap.
     m_pathSources.swap(sources);
 }
 
@@ -162,21 +162,21 @@ void FolderWatch::scanForNewFiles(Token token)
     m_lastScan = Clock::now();
     Outcome<std::vector<std::string>> names = m_directory->takeNewNames(token);
     const Clock::time_point end = Clock::now();
-    m_nextLook = end + std::min<Clock::duration>(cooldownFactor * (end - m_lastScan), maximumCooldown);
+    m_nextUpdate = end + std::min<Clock::duration>(cooldownFactor * (end - m_lastScan), maximumCooldown);
     if (names) {
         if (m_state == State::watched) m_pipeline->begin(token, m_directory, m_rules, *std::move(names));
-    } else if (saysGone(names.error())) {
+    } else if (isGone(names.error())) {
         m_directory.reset();
         setState(State::waiting);
     } else if (isShortage(names.error())) {
-        // The event is used up, and there may be no other for long.
+        // The event is consumed and there may be no further one.
         retryLater();
     }
 }
 
 void FolderWatch::retryLater()
 {
-    if (!m_lookWaits.exchange(true)) lookAt(Clock::now() + shortageDelay);
+    if (!m_isUpdatePending.exchange(true)) updateAt(Clock::now() + shortageDelay);
 }
 
 void FolderWatch::pollLater()
@@ -189,14 +189,14 @@ void FolderWatch::poll(Token token)
 {
     m_isPolling = m_isRemote && m_state != State::cancelled;
     if (!m_isPolling) return;
-    if (isPollDue()) look(token);
+    if (isPollDue()) update(token);
     pollLater();
 }
 
 bool FolderWatch::isPollDue()
 {
     if (m_state == State::waiting) return true;
-    // A server that does not answer now may do so at the next poll.
+    // If this fails, the update handles the failure.
     const Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
     if (!listing) return true;
     const Outcome<timespec> modified = listing->modificationTime();
@@ -204,8 +204,8 @@ bool FolderWatch::isPollDue()
     const bool isChanged = !m_lastModified || m_lastModified->tv_sec != modified->tv_sec ||
                            m_lastModified->tv_nsec != modified->tv_nsec;
     m_lastModified = *modified;
-    // Once more after a change: times can be as coarse as two seconds, and what came after that poll may bear
-    // the same one.
+    // Scan once more after a change: timestamps can have a resolution of two seconds, so a change after that
+    // poll can have the same timestamp.
     return std::exchange(m_wasChanged, isChanged) || isChanged || Clock::now() - m_lastScan >= maximumPollAge;
 }
 

@@ -17,46 +17,46 @@
 namespace harbex
 {
 
-/// One watched folder, from a start to the next stop. It is a URL: whatever directory stands there is
-/// watched, and as long as none does, it is waited for. Everything but the functions of the main thread runs
-/// on a queue of its own.
+/// One watched folder, from start to stop. The folder is a URL: this class watches any directory at that
+/// path, and waits while there is none. Its tasks run on its own queue, the folder's queue.
 class FolderWatch : public std::enable_shared_from_this<FolderWatch>
 {
 public:
     using Token = SerialQueue::Token;
 
-    /// Where the folder stands. Every change of it is in FolderWatch.cpp: `cancelled` is final and comes from
-    /// the main thread, the others from the queue.
+    /// The main thread sets `cancelled`, which is final. The folder's queue sets the other states.
     enum class State {
-        /// Nothing that can be watched stands at the URL.
+        /// The URL has no directory that can be watched.
         waiting,
         watched,
         cancelled,
     };
 
-    /// Begins to watch the folder at `url`; `id` names its queue. A directory on a local volume is watched,
-    /// and its names are known, when this returns; one on a remote volume soon after. Main thread.
+    /// Starts to watch the folder at `url`. The label of its queue contains `id`. On a local volume the first
+    /// snapshot is complete on return; on a remote volume the folder's queue takes it later. Main thread
+    /// only.
     [[nodiscard]] static std::shared_ptr<FolderWatch> start(const EntryPipeline::Services& services,
                                                             const FileUrl& url, const QUuid& id,
                                                             const std::vector<FilterRule>& rules);
 
-    /// Sets the rules for what arrives from now on. Main thread.
+    /// Sets the rules for entries that later scans find. Main thread only.
     void setRules(const std::vector<FilterRule>& rules);
 
-    /// Ends the watch: no scan begins after this. Entries that were found before are still brought to their
-    /// end. Main thread.
+    /// Stops the watch: later updates do nothing. Entries found before are still processed. Main thread only.
     void cancel();
 
-    /// The descriptor of the watch; negative while none stands. Any thread.
+    /// Returns the inotify watch descriptor; negative while nothing is watched. Thread-safe.
     [[nodiscard]] int descriptor() const { return m_descriptor; }
 
 private:
     FolderWatch(const EntryPipeline::Services& services, const FileUrl& url, const QUuid& id,
                 const std::vector<FilterRule>& rules);
 
-    void requestLook();
-    void lookAt(SerialQueue::Clock::time_point when);
-    void look(Token token);
+    /// Schedules an update unless one is pending. Thread-safe.
+    void requestUpdate();
+    void updateAt(SerialQueue::Clock::time_point when);
+    /// Scans the directory if it is watched; tries to open it if the state is `waiting`.
+    void update(Token token);
     void open(Token token);
     void watchPath();
     void scanForNewFiles(Token token);
@@ -74,25 +74,25 @@ private:
 
     std::atomic<State> m_state = State::waiting;
     std::atomic<int> m_descriptor = -1;
-    /// A look waits in the queue: further events need none of their own.
-    std::atomic<bool> m_lookWaits = false;
+    /// An update is queued and will cover further events.
+    std::atomic<bool> m_isUpdatePending = false;
 
-    // Used on the queue only.
+    // Use on the folder's queue only.
     EntryPipeline::Rules m_rules;
-    /// Requests a look.
+    /// Calls requestUpdate().
     DirectoryEvents::Handler m_handler;
-    /// What stands at the URL; null unless the state is `watched`.
+    /// The directory at the URL. Not null in the state `watched`.
     std::shared_ptr<WatchedDirectory> m_directory;
-    /// Tell of changes of every name on the path to the folder.
+    /// Report changes of each name on the path to the folder.
     std::vector<std::shared_ptr<DirectoryEvents::Source>> m_pathSources;
-    /// Before this no further look begins.
-    SerialQueue::Clock::time_point m_nextLook;
+    /// End of the cooldown: the earliest time of the next update.
+    SerialQueue::Clock::time_point m_nextUpdate;
     bool m_isRefusalLogged = false;
-    /// Others may change the folder without an event here.
+    /// The path leads to a remote volume, where other computers change the folder without an event.
     bool m_isRemote = false;
     bool m_isPolling = false;
     SerialQueue::Clock::time_point m_lastScan;
-    /// The folder's modification time at the last poll, and whether it had changed.
+    /// The folder's modification time at the last poll, and whether it differed from the one before.
     std::optional<timespec> m_lastModified;
     bool m_wasChanged = false;
 };

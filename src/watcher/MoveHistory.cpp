@@ -27,7 +27,7 @@ void MoveHistory::expect(const FolderKey& folder, const std::string& name, Trail
 {
     const Clock::time_point now = Clock::now();
     const MutexLock lock(m_mutex);
-    // What arrived unseen, in a folder that was no longer watched by then.
+    // Remove old trails without a take(), because their folder was no longer watched.
     if (now >= m_nextCleaning) {
         m_nextCleaning = now + memory;
         std::erase_if(m_expected, [now](const auto& entry) { return now - entry.second.second > memory; });

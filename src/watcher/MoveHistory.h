@@ -12,38 +12,39 @@
 namespace harbex
 {
 
-/// Which watched folders the engine has just moved an entry out of. Two folders that name each other would
-/// otherwise move an entry to and fro for ever. Any thread.
+/// Remembers out of which watched folders the engine recently moved an entry. This prevents an endless loop
+/// when two folders are each other's destination. Names are raw bytes. Thread-safe.
 class MoveHistory
 {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// How long a move is remembered.
+    /// Time for which a move counts as recent.
     static constexpr std::chrono::seconds memory{60};
 
-    /// The number of the volume and of the folder on it.
+    /// Device and inode number of a folder.
     using FolderKey = std::pair<uint64_t, uint64_t>;
     [[nodiscard]] static FolderKey keyOf(const FileIdentity& folder) { return {folder.device, folder.inode}; }
 
-    /// The folders that one entry was moved out of, and when.
+    /// The folders out of which one entry was moved, each with the time of the move.
     using Trail = std::vector<std::pair<FolderKey, Clock::time_point>>;
 
-    /// Says of a folder that it is watched, or no longer. Counted: as often as it is added.
+    /// Adds or removes one watch of a folder. Calls are counted.
     void addWatched(const FolderKey& folder);
     void removeWatched(const FolderKey& folder);
 
+    /// Returns whether the folder has at least one watch.
     [[nodiscard]] bool isWatched(const FolderKey& folder);
 
-    /// Called before an entry is moved into a watched folder: it will have this name there.
+    /// Records the trail of an entry before the engine moves it to `name` in a watched folder.
     void expect(const FolderKey& folder, const std::string& name, Trail trail);
 
-    /// The trail of the entry that has arrived under this name in this folder; empty for one that the engine
-    /// did not move there within the last minute. Asked once for each arrival: the next entry of the name is
-    /// another one. Also takes back an expect() whose move has failed.
+    /// Removes and returns the trail recorded for this name in this folder; empty if there is none. Call once
+    /// per new entry, because the next entry of this name is another one. Also undoes expect() after a failed
+    /// move.
     [[nodiscard]] Trail take(const FolderKey& folder, const std::string& name);
 
-    /// Whether the trail leads out of this folder within the last minute.
+    /// Returns whether the trail contains a recent move out of this folder.
     [[nodiscard]] static bool leadsOutOf(const FolderKey& folder, const Trail& trail);
 
 private:

@@ -8,28 +8,27 @@
 namespace harbex
 {
 
-/// The set of names of one folder as a listing gave them: exact to the byte, and little larger than the names
-/// themselves, because they stand one after the other, each ended by a NUL, in the order of the listing. That
-/// order is the same as long as nothing changes, so that a folder is recognised by comparing from front to
-/// back.
+/// Compact set of the names in one folder. Names are raw bytes. One string holds all names in the order of
+/// the listing, each with a NUL at its end. The order stays the same while the folder does not change, so one
+/// comparison from front to back detects an unchanged folder.
 class NameSnapshot
 {
 public:
     class Update;
 
-    /// How much memory the names take here, in bytes.
+    /// Returns the memory allocated for the names, in bytes.
     [[nodiscard]] size_t capacity() const { return m_names.capacity(); }
 
     [[nodiscard]] bool isEmpty() const { return m_names.empty(); }
 
-    /// Calls `each` with every name.
+    /// Calls `each` with each name.
     template <class Each>
     void forEachName(Each&& each) const
     {
         forEachNameIn(m_names, each);
     }
 
-    /// Takes a name out, if it is there.
+    /// Removes a name. Does nothing if the name is not in the set.
     void remove(std::string_view name);
 
 private:
@@ -46,14 +45,14 @@ private:
     std::string m_names;
 };
 
-/// Compares a new listing with a snapshot, one name at a time, and makes the new snapshot from the first
-/// difference on: an unchanged folder costs no memory. The snapshot must live as long.
+/// Compares a new listing with a snapshot, one name at a time. Copies names only from the first difference
+/// on, so an unchanged folder needs no memory. The snapshot must outlive this object.
 class NameSnapshot::Update
 {
 public:
     explicit Update(const NameSnapshot& known) : m_known(known.m_names) {}
 
-    /// The next name of the listing. Defined here because a listing calls it for every entry.
+    /// Adds the next name of the listing. Inline, because a listing calls it for each entry.
     void add(std::string_view name)
     {
         if (m_same && nextKnownIs(name)) {
@@ -65,17 +64,18 @@ public:
         m_current.push_back('\0');
     }
 
-    /// Whether the listing, complete now, gave exactly the names of the snapshot in the same order.
+    /// Returns whether the listing has exactly the names of the snapshot in the same order. Call after the
+    /// last add().
     [[nodiscard]] bool isUnchanged() const { return m_same && m_cursor == m_known.size(); }
 
-    /// The names that the snapshot does not hold. The listing is complete.
+    /// Returns the names that are not in the snapshot, in no particular order. Call after the last add().
     [[nodiscard]] std::vector<std::string> newNames() const;
 
-    /// The snapshot that the complete listing makes. Ends the life of this object.
+    /// Returns the snapshot of the new listing. Call after the last add(); do not use this object afterwards.
     [[nodiscard]] NameSnapshot takeCurrent();
 
 private:
-    // The snapshot ends every name with a NUL that no name holds, so a longer known name differs there.
+    // The check for the NUL excludes a longer known name that begins with `name`.
     bool nextKnownIs(std::string_view name) const
     {
         return m_known.compare(m_cursor, name.size(), name) == 0 && m_cursor + name.size() < m_known.size() &&
@@ -84,7 +84,7 @@ private:
     void beginCopy();
 
     const std::string& m_known;
-    /// How far listing and snapshot are the same, in bytes.
+    /// Length of the common prefix of snapshot and listing, in bytes.
     size_t m_cursor = 0;
     bool m_same = true;
     std::string m_current;

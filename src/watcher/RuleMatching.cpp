@@ -55,7 +55,7 @@ bool isOfKind(RuleKind kind, const QString& extension, std::optional<bool> isDir
 
 ComparableText::ComparableText(const QString& text)
     : exact(text.normalized(QString::NormalizationForm_C)),
-      // Lower-casing can leave a letter and a mark that compose anew.
+      // Normalise again: lower case can contain a letter and a combining mark that compose.
       lowerCased(exact.toLower().normalized(QString::NormalizationForm_C))
 {
 }
@@ -81,8 +81,8 @@ bool passesNameFilter(const SplitName& name, const MatchableRule& rule)
 
 bool isPartialDownload(std::string_view name)
 {
-    // In bytes, because all names of a large folder are asked about. No letter of these extensions is the
-    // lower case of one outside ASCII.
+    // A byte comparison is fast enough for all names of a large folder. It is sufficient, because no
+    // non-ASCII letter has a letter of these extensions as its lower case.
     const auto isSame = [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; };
     const std::string_view extension = pathExtension(name);
     return std::ranges::any_of(partialDownloadExtensions, [&](std::string_view partial) {

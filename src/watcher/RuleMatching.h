@@ -13,14 +13,14 @@
 namespace harbex
 {
 
-// The decision whether a rule takes an entry. Pure functions and plain values, for any thread.
+// These functions decide whether a rule matches an entry. Pure functions and plain values. Thread-safe.
 //
-// It is made in two stages, and an entry must pass both. The first looks at the name alone and costs next to
-// nothing; the second at what stands on the disk. For extension rules the two differ on purpose: the first
-// may be a substring test, the second always asks for the whole extension in lower case.
+// An entry must pass two stages. The first stage is cheap and tests only the name. The second stage is for an
+// entry that exists, and tests its extension or kind. The stages differ on purpose for extension rules: the
+// first can be a substring test, the second compares the rule's value with the whole lower-case extension.
 //
-// Text is compared under canonical equivalence: an "é" that a person typed finds one that another system
-// wrote as "e" and a combining accent. Letters are folded by Unicode's lower-casing.
+// Comparisons use canonical equivalence: a composed "é" equals "e" plus a combining accent. Case-insensitive
+// comparisons use Unicode lower case.
 
 /// The extensions of each kind, in lower case without a dot.
 inline constexpr std::array<QStringView, 11> imageExtensions{
@@ -33,28 +33,30 @@ inline constexpr std::array<QStringView, 10> audioExtensions{u"mp3", u"wav",  u"
                                                              u"m4a", u"opus", u"wma", u"alac", u"dsd"};
 inline constexpr std::array<QStringView, 2> applicationExtensions{u"app", u"exe"};
 
-/// A text in the two forms it is compared in.
+/// A text in its two forms for comparison.
 struct ComparableText {
     ComparableText() = default;
     explicit ComparableText(const QString& text);
 
+    /// In normal form C.
     QString exact;
+    /// In lower case and normal form C.
     QString lowerCased;
 };
 
-/// The name of an entry, split for the first stage.
+/// The name of an entry, split at its dots for the first stage.
 struct SplitName {
-    /// `name` is raw bytes; what is no UTF-8 takes part as U+FFFD.
+    /// `name` is raw bytes. Bytes that are not UTF-8 become U+FFFD.
     explicit SplitName(std::string_view name);
 
-    /// What stands between the dots, empty pieces left out. None at all for a name made of dots only.
+    /// The non-empty parts between the dots. A name of dots only has none.
     std::vector<QString> pieces;
-    /// The first and the last piece; without pieces, empty.
+    /// The first and the last piece; empty if there are no pieces.
     ComparableText base;
     ComparableText tail;
 };
 
-/// A rule with its value prepared for comparing.
+/// A rule with its value prepared for comparison.
 struct MatchableRule {
     explicit MatchableRule(const FilterRule& rule) : filter(rule), value(rule.value) {}
 
@@ -62,19 +64,20 @@ struct MatchableRule {
     ComparableText value;
 };
 
-/// The first stage. A rule without a destination takes nothing; one without a value, and one for a kind, lets
-/// every name pass; a name without pieces passes no test of its text.
+/// Runs the first stage and returns its result. A rule without a destination matches no name. A rule without
+/// a value, or with the field Kind, passes every other name. Every other rule fails for a name without
+/// pieces.
 [[nodiscard]] bool passesNameFilter(const SplitName& name, const MatchableRule& rule);
 
-/// Whether the name (raw bytes) is that of an unfinished download, which no rule takes.
+/// Returns whether `name` (raw bytes) is that of an unfinished download. No rule matches such an entry.
 [[nodiscard]] bool isPartialDownload(std::string_view name);
 
-/// What a browser's names for one download have in common: "film" for "film.mp4", which it creates empty to
-/// keep the name, and for "film.gqqRF_r1.mp4.part", which it writes. The text before the first dot.
+/// Returns the part of `name` (raw bytes) before the first dot. A browser uses it in all names of one
+/// download: "film" in the empty placeholder "film.mp4" and in the partial file "film.gqqRF_r1.mp4.part".
 [[nodiscard]] std::string_view downloadBase(std::string_view name);
 
-/// The second stage, for an entry that exists. `isDirectory` does not follow links and is absent when it
-/// could not be read.
+/// Runs the second stage for an entry that exists, and returns its result. `isDirectory` does not follow
+/// symbolic links; empty means unknown.
 [[nodiscard]] bool matches(const MatchableRule& rule, const QString& lowerCasedExtension,
                            std::optional<bool> isDirectory);
 

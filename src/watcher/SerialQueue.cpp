@@ -35,7 +35,7 @@ void SerialQueue::runHere(const Task& task)
 bool SerialQueue::push(Task task)
 {
     const MutexLock lock(m_mutex);
-    // Tasks may hold what holds their queue. Undropped they would keep each other alive for good.
+    // A task can own the owner of this queue. A task kept here would leak both.
     if (m_pool.stopToken().stop_requested()) return false;
     m_tasks.push_back(std::move(task));
     return !std::exchange(m_isScheduled, true);
@@ -54,7 +54,7 @@ void SerialQueue::runTasks()
             task = std::move(m_tasks.front());
             m_tasks.pop_front();
         }
-        // A dropped task is let go of here, without the lock: it may hold the last reference to anything.
+        // A dropped task is destroyed without the lock, because it may own the last reference to anything.
         if (!m_pool.stopToken().stop_requested()) task(Token());
     }
 }

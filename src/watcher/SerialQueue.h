@@ -13,16 +13,15 @@ namespace harbex
 
 class WorkerPool;
 
-/// Runs tasks one after the other on whatever thread of a WorkerPool is free, in the order in which they came
-/// or fell due. Nothing is blocked while a task waits for its time. Made by WorkerPool::makeQueue(); the pool
-/// must live longer. Once the pool has stopped, tasks that have not begun are dropped.
+/// Runs tasks one after the other on the threads of a WorkerPool, in the order in which they were added or
+/// became due. A delayed task does not block the others. WorkerPool::makeQueue() creates queues; the pool
+/// must outlive them. When the pool stops, it drops the tasks that have not started.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue>
 {
 public:
     using Clock = Condition::Clock;
 
-    /// Proof of running on a queue. Only a queue makes one: a function that takes it cannot be called from
-    /// anywhere else.
+    /// Proof that the caller runs on a queue, because only a queue can create a Token.
     class Token
     {
         friend class SerialQueue;
@@ -34,21 +33,21 @@ public:
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
-    /// Has `task` run after those that wait already. Any thread.
+    /// Adds `task` at the end of the queue. Thread-safe.
     void async(Task task);
 
-    /// Has `task` run once `when` has come. Any thread.
+    /// Adds `task` at the end of the queue at the time `when`. Thread-safe.
     void asyncAt(Clock::time_point when, Task task);
 
-    /// Runs `task` on the calling thread before it returns; what is put into the queue meanwhile runs after
-    /// it. Only as the first use of the queue.
+    /// Runs `task` on the calling thread. Tasks added meanwhile run after it. Only as the first use of the
+    /// queue.
     void runHere(const Task& task);
 
-    /// Says whether tasks may wait for a server that does not answer. Such tasks do not count towards the
-    /// limit of threads, so that they cannot keep others from running. Any thread.
+    /// Sets whether tasks may block on a remote server. The thread limit of the pool does not count such
+    /// queues, because they could use up all threads. Thread-safe.
     void setMayBlock(bool mayBlock) { m_mayBlock = mayBlock; }
 
-    /// Names the queue for people who debug.
+    /// Returns the label of the queue, for debugging.
     [[nodiscard]] const std::string& label() const { return m_label; }
 
 private:
@@ -56,9 +55,9 @@ private:
 
     SerialQueue(WorkerPool& pool, std::string label) : m_pool(pool), m_label(std::move(label)) {}
 
-    /// Appends a task; gives whether the queue must be handed to a thread now.
+    /// Appends a task. Returns whether the caller must schedule the queue on a thread.
     [[nodiscard]] bool push(Task task);
-    /// Runs tasks until there are none.
+    /// Runs tasks until the queue is empty.
     void runTasks();
     void dropTasks();
 
@@ -68,7 +67,7 @@ private:
 
     Mutex m_mutex;
     std::deque<Task> m_tasks GUARDED_BY(m_mutex);
-    /// A thread runs the tasks, or will.
+    /// A thread runs the tasks or is going to.
     bool m_isScheduled GUARDED_BY(m_mutex) = false;
 };
 

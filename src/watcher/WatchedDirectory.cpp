@@ -13,7 +13,7 @@ namespace harbex
 namespace
 {
 
-/// Collects what the names of partial downloads begin with.
+/// Collects the downloadBase() of partial downloads.
 struct Downloads {
     std::set<std::string, std::less<>> bases;
 
@@ -29,7 +29,7 @@ Outcome<std::shared_ptr<WatchedDirectory>, WatchedDirectory::Failure>
 WatchedDirectory::open(DirectoryEvents& events, MoveHistory& history, const std::string& path,
                        DirectoryEvents::Handler handler)
 {
-    // Before the listing: what arrives after it is told, so that no directory needs to be listed twice.
+    // Watch before the listing: later entries cause events, so a second listing is not needed.
     auto source = events.watch(path, std::move(handler));
     Outcome<DirectoryListing> listing = DirectoryListing::open(path);
     if (!listing) return Failure{listing.error()};
@@ -37,7 +37,7 @@ WatchedDirectory::open(DirectoryEvents& events, MoveHistory& history, const std:
 
     const std::shared_ptr<WatchedDirectory> directory(
         new WatchedDirectory(history, path, *std::move(source), listing->identity()));
-    // Another one took its place in between.
+    // Another directory may have replaced this one between the two calls.
     if (!directory->m_source->isFor(listing->descriptorPath())) return Failure{SystemError{ENOENT}};
     NameSnapshot::Update update(directory->m_names);
     if (const Outcome<void> listed = listing->forEachName([&](auto name) { update.add(name); }); !listed)
@@ -69,7 +69,7 @@ Outcome<std::vector<std::string>> WatchedDirectory::takeNewNames(Token)
 {
     Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
     if (!listing) return listing.error();
-    // The time of birth does not tell: an overlay file system changes it when it copies a directory up.
+    // Do not compare the birth time: an overlay file system changes it when it copies a directory up.
     if (MoveHistory::keyOf(listing->identity()) != MoveHistory::keyOf(m_identity) ||
         !m_source->isFor(listing->descriptorPath()))
         return SystemError{ENOENT};

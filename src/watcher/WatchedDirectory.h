@@ -16,9 +16,9 @@
 namespace harbex
 {
 
-/// One directory that is watched, with the names that were in it at its last listing. A directory that takes
-/// its place at the path is another one. The directory is open only during a call, so that nothing keeps its
-/// volume from being unmounted.
+/// One watched directory with a snapshot of its names. Another directory at the same path is not this one.
+/// The directory is open only during a call, because an open descriptor would prevent an unmount. Paths and
+/// names are raw bytes.
 class WatchedDirectory
 {
 public:
@@ -26,13 +26,13 @@ public:
 
     struct Failure {
         SystemError error;
-        /// The directory can be listed, and the system refuses to watch it.
+        /// The directory can be opened, but inotify failed.
         bool isWatchRefused = false;
     };
 
-    /// Asks for the events of the directory at `path` (raw bytes) and takes the first snapshot of its names,
-    /// a browser's placeholders left out. `handler` is called as DirectoryEvents::watch() says. Waits for the
-    /// disk or server that has the directory.
+    /// Watches the directory at `path` and takes the first snapshot, without a browser's placeholders.
+    /// DirectoryEvents::watch() describes the calls of `handler`. Fails with ENOENT if another directory
+    /// replaces it meanwhile, otherwise with the errno of the failed call. May block on a disk or server.
     [[nodiscard]] static Outcome<std::shared_ptr<WatchedDirectory>, Failure>
     open(DirectoryEvents& events, MoveHistory& history, const std::string& path,
          DirectoryEvents::Handler handler);
@@ -44,24 +44,25 @@ public:
     [[nodiscard]] const std::string& path() const { return m_path; }
     [[nodiscard]] const FileIdentity& identity() const { return m_identity; }
 
-    /// The descriptor of the watch.
+    /// Returns the inotify watch descriptor.
     [[nodiscard]] int descriptor() const { return m_source->descriptor(); }
 
-    /// The path of the entry of this name.
+    /// Returns the path of the entry `name`.
     [[nodiscard]] std::string pathOf(const std::string& name) const;
 
-    /// Lists the directory and gives the names that are new since the last time. ENOENT when another
-    /// directory stands at the path; the errno of the listing otherwise. The snapshot stays as it is then.
+    /// Lists the directory, updates the snapshot and returns the new names. Fails with ENOENT if the path
+    /// leads to another directory, otherwise with the errno of the listing; the snapshot then stays
+    /// unchanged.
     [[nodiscard]] Outcome<std::vector<std::string>> takeNewNames(Token token);
 
-    /// Makes a name count as new when it is listed next.
+    /// Removes a name from the snapshot. The next listing reports it as new.
     void forget(Token, std::string_view name) { m_names.remove(name); }
 
-    /// Whether the directory still stands at its path. Any thread.
+    /// Returns whether the directory is still at its path. Thread-safe. May block on a disk or server.
     [[nodiscard]] bool isAtPath() const;
 
-    /// What the names begin with of the downloads that are under way in the directory at this moment: an
-    /// empty file whose name begins so is the placeholder of one. Takes a listing of its own. Any thread.
+    /// Lists the directory and returns the downloadBase() of each unfinished download in it. An empty file
+    /// with such a base is a placeholder. Thread-safe. May block on a disk or server.
     [[nodiscard]] Outcome<std::set<std::string, std::less<>>> downloadsUnderWay() const;
 
 private:
@@ -74,7 +75,7 @@ private:
     const std::string m_path;
     const std::shared_ptr<DirectoryEvents::Source> m_source;
     const FileIdentity m_identity;
-    /// Used on the queue of the folder only.
+    /// Use on the folder's queue only.
     NameSnapshot m_names;
 };
 

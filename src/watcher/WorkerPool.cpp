@@ -31,7 +31,7 @@ void WorkerPool::schedule(QueuePointer queue)
             return;
         }
     }
-    // Its first task came while the pool stopped.
+    // Reached if the pool stopped after the queue accepted the task.
     queue->dropTasks();
 }
 
@@ -41,7 +41,7 @@ void WorkerPool::scheduleAt(Clock::time_point when, QueuePointer queue, SerialQu
     if (m_stopped) return;
     m_delayed.emplace(when, std::make_pair(std::move(queue), std::move(task)));
     addThreadIfNeeded();
-    // All of them, because the one that a single notification reaches may be waiting to end.
+    // Wake all threads: a single notification could wake one that ignores delayed tasks.
     m_changed.notifyAll();
 }
 
@@ -49,7 +49,7 @@ void WorkerPool::stop()
 {
     m_stop.request_stop();
     Threads threads;
-    // Letting go of a task may end in a call of this pool, so it is done without the lock.
+    // Destroy tasks without the lock, because their destructors may call this pool.
     decltype(m_ready) ready;
     decltype(m_delayed) delayed;
     {
@@ -80,7 +80,7 @@ void WorkerPool::addThreadIfNeeded()
         thread.join();
     m_ended.clear();
 
-    // Delayed tasks need one thread that waits for them; a ready queue needs a thread of its own.
+    // One thread waits for all delayed tasks. Each ready queue needs its own thread.
     const std::size_t wanted = m_ready.empty() ? 1 : m_ready.size();
     if (m_idle >= wanted || m_threads.size() >= maximumThreads + m_mayBlock) return;
 
@@ -90,7 +90,7 @@ void WorkerPool::addThreadIfNeeded()
         *self = std::thread([this, self] { work(self); });
         ++m_idle;
     } catch (const std::system_error&) {
-        // The user's limit of processes. The task waits for a thread that there is, or for the next call.
+        // The process limit is reached. The task waits for an existing thread or for the next call.
         m_threads.erase(self);
     }
 }
@@ -101,7 +101,8 @@ void WorkerPool::work(Threads::iterator self)
     while (QueuePointer queue = nextQueue()) {
         const std::size_t mayBlock = queue->m_mayBlock ? 1 : 0;
         m_mayBlock += mayBlock;
-        // Several may have fallen due at once, or this was the thread that waited for the rest.
+        // Several tasks may have become due at once, or this thread was the one that waited for delayed
+        // tasks.
         if (!m_ready.empty() || !m_delayed.empty()) addThreadIfNeeded();
         m_mutex.unlock();
         queue->runTasks();
@@ -111,7 +112,7 @@ void WorkerPool::work(Threads::iterator self)
         ++m_idle;
     }
     --m_idle;
-    // stop() has taken the list over already and joins.
+    // After stop(), the thread is in a list of stop(), which joins it.
     if (!m_stopped) m_ended.splice(m_ended.end(), m_threads, self);
     m_mutex.unlock();
 }
@@ -123,7 +124,7 @@ WorkerPool::QueuePointer WorkerPool::nextQueue()
         if (m_stopped) return {};
 
         const Clock::time_point now = Clock::now();
-        // Here and in this order: threads that each took one of them could change their places.
+        // Queue all due tasks under one lock. Separate threads could change the order of tasks.
         while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
             auto& [queue, task] = m_delayed.begin()->second;
             if (queue->push(std::move(task))) m_ready.push_back(std::move(queue));
@@ -136,7 +137,8 @@ WorkerPool::QueuePointer WorkerPool::nextQueue()
             return queue;
         }
 
-        // The last one stays: a task that comes when the system refuses a thread must find one.
+        // Keep the last idle thread for delayed tasks, and the last thread of all in any case: the system may
+        // refuse a new one.
         const bool needed = m_idle == 1 && (!m_delayed.empty() || m_threads.size() == 1);
         if (now >= idleEnd && !needed) return {};
         if (needed && m_delayed.empty()) {

@@ -17,37 +17,36 @@
 namespace harbex
 {
 
-/// The threads that run serial queues off the main thread, and their timer. Threads are started when there is
-/// work and end when there was none for a while. The last one stays, asleep, so that a task always finds a
-/// thread even when the system refuses a new one.
+/// The worker threads that run serial queues, and their timer. The pool starts threads on demand. Idle
+/// threads end after a while, except the last one: it can run tasks even if the system refuses a new thread.
 class WorkerPool
 {
 public:
     using Clock = SerialQueue::Clock;
 
-    /// How many threads there are at most, those left out that run queues which may block.
+    /// Maximum number of threads. Threads that run a queue with setMayBlock() do not count.
     static constexpr std::size_t maximumThreads = 64;
 
-    /// `idleTime` is how long a thread without work stays, unless it is the last.
+    /// An idle thread ends after `idleTime`, unless it is the last one.
     explicit WorkerPool(std::chrono::milliseconds idleTime = std::chrono::seconds(5));
 
-    /// Stops and waits for the tasks that run.
+    /// Calls stop().
     ~WorkerPool();
 
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    /// Any thread.
+    /// Creates a queue whose tasks run on this pool. Thread-safe.
     [[nodiscard]] std::shared_ptr<SerialQueue> makeQueue(std::string label);
 
-    /// Drops the tasks that have not begun and waits until those that run have ended.
-    /// Called by one thread that is not of the pool.
+    /// Drops the tasks that have not started and waits for the running ones. Call from one thread only, and
+    /// not from a thread of the pool.
     void stop();
 
-    /// Asked to stop when the pool is: for work that takes long inside one task.
+    /// Returns the token that stop() triggers. Long tasks must check it. Thread-safe.
     [[nodiscard]] std::stop_token stopToken() const { return m_stop.get_token(); }
 
-    /// How many threads there are now. Any thread.
+    /// Returns the current number of threads. Thread-safe.
     [[nodiscard]] std::size_t threadCount();
 
 private:
@@ -60,25 +59,25 @@ private:
 
     void addThreadIfNeeded() REQUIRES(m_mutex);
     void work(Threads::iterator self);
-    /// The next queue that has tasks, waiting for one; null when the thread shall end.
+    /// Waits for a queue that has tasks and returns it; null if the thread must end.
     QueuePointer nextQueue() REQUIRES(m_mutex);
 
     const std::chrono::milliseconds m_idleTime;
     std::stop_source m_stop;
 
-    // Locked before the mutex of a queue.
+    // Lock order: this mutex before the mutex of a queue.
     Mutex m_mutex;
-    /// Told of new tasks, of a nearer due time and of the stop.
+    /// Notified of new tasks and of stop().
     Condition m_changed;
     std::deque<QueuePointer> m_ready GUARDED_BY(m_mutex);
     std::multimap<Clock::time_point, std::pair<QueuePointer, SerialQueue::Task>>
         m_delayed GUARDED_BY(m_mutex);
     Threads m_threads GUARDED_BY(m_mutex);
-    /// Threads that have left the loop and wait to be joined.
+    /// Threads that have ended and must be joined.
     Threads m_ended GUARDED_BY(m_mutex);
-    /// How many threads have no task, those included that have yet to begin.
+    /// Number of threads without a queue, including threads that are about to start.
     std::size_t m_idle GUARDED_BY(m_mutex) = 0;
-    /// How many threads run a queue that may block.
+    /// Number of threads that run a queue with setMayBlock().
     std::size_t m_mayBlock GUARDED_BY(m_mutex) = 0;
     bool m_stopped GUARDED_BY(m_mutex) = false;
 };
