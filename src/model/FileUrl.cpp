@@ -10,7 +10,7 @@ namespace harbex
 namespace
 {
 
-// Never QUrl::toLocalFile(): it goes through Unicode and so loses bytes that are no UTF-8.
+// Do not use QUrl::toLocalFile(): it converts to Unicode and loses bytes that are not UTF-8.
 std::string localPath(const QUrl& url)
 {
     const bool isLocal = url.scheme() == QLatin1String("file") &&
@@ -27,7 +27,7 @@ std::string localPath(const QUrl& url)
 
 std::optional<FileUrl> FileUrl::fromString(const QString& text)
 {
-    // QUrl takes a lone surrogate, but no UTF-8 could carry it into the store.
+    // QUrl accepts a lone surrogate, but the store writes UTF-8, which cannot represent it.
     if (text.isEmpty() || !text.isValidUtf16()) return std::nullopt;
     const QUrl url(text, QUrl::StrictMode);
     if (!url.isValid()) return std::nullopt;
@@ -39,7 +39,7 @@ FileUrl FileUrl::fromPath(std::string_view path)
     while (path.size() > 1 && path.ends_with('/'))
         path.remove_suffix(1);
     const QByteArray bytes(path.data(), static_cast<qsizetype>(path.size()));
-    // The two slashes would make the first component of a relative path a host.
+    // After "file://", the first component of a relative path would be a host.
     const QString scheme = path.starts_with('/') ? QStringLiteral("file://") : QStringLiteral("file:");
     const QString text = scheme + QLatin1String(bytes.toPercentEncoding("/"));
     return {text, localPath(QUrl(text, QUrl::StrictMode))};

@@ -10,30 +10,29 @@
 namespace harbex
 {
 
-/// Where a folder or an entry is, as the configuration keeps it: the absolute string of a file URL.
-/// A plain value that may be used on any thread. Two URLs are equal when their strings are; no path is
-/// normalised. A path may hold any byte but NUL, by percent-encoding.
+/// The URL of a folder or entry, in the form that the configuration stores. Equality compares the URL strings
+/// without normalisation. Percent-encoding allows paths with any byte except NUL. A plain value.
 class FileUrl
 {
 public:
-    /// Reads the text of a URL. Nothing when the text is empty or is no well-formed URL (RFC 3986; letters
-    /// beyond ASCII may stand unencoded). The text is kept as it stands, so that it is written back
-    /// unchanged.
+    /// Parses a URL (RFC 3986; non-ASCII letters may be unencoded) and keeps its text unchanged. Returns
+    /// nothing if the text is empty or malformed.
     [[nodiscard]] static std::optional<FileUrl> fromString(const QString& text);
 
-    /// The URL of an absolute path, given as raw bytes. A folder gets no trailing slash.
+    /// Returns the URL of a path (raw bytes), without trailing slashes. The path should be absolute: path()
+    /// is empty for a relative one.
     [[nodiscard]] static FileUrl fromPath(std::string_view path);
 
-    /// The URL's string, percent-encoded as it was given.
+    /// Returns the URL string with its original percent-encoding.
     [[nodiscard]] const QString& absoluteString() const { return m_string; }
 
-    /// The absolute path in raw bytes, without a trailing slash (but "/" for the root). Empty for what names
-    /// no local path: another scheme, another host, a relative path, a NUL byte. Nothing can be done with an
-    /// empty path: the system answers ENOENT.
+    /// Returns the absolute path (raw bytes) without a trailing slash; "/" for the root. Empty if the URL has
+    /// no local path: another scheme or host, a relative path, or a NUL byte. System calls fail with ENOENT
+    /// for an empty path.
     [[nodiscard]] const std::string& path() const { return m_path; }
 
-    /// The last component of path() in raw bytes, the name shown and logged; "/" for the root. A URL without
-    /// a local path gives the text after its last slash.
+    /// Returns the last component of path() (raw bytes), for display and logs; "/" for the root. Without a
+    /// local path: the URL text (UTF-8) after its last slash.
     [[nodiscard]] std::string lastPathComponent() const;
 
     friend bool operator==(const FileUrl& a, const FileUrl& b) { return a.m_string == b.m_string; }

@@ -13,44 +13,44 @@
 namespace harbex
 {
 
-/// Which property of a new entry a rule looks at.
+/// The property of a new entry that a rule tests.
 enum class RuleField { name, fileExtension, kind };
 
-/// How the value of a rule is compared.
+/// The comparison of the property with the rule's value.
 enum class RuleOperator { contains, isEqual };
 
-/// The coarse category of files a rule can test for.
+/// The category of entries that a rule with the field `kind` matches.
 enum class RuleKind { image, video, document, folder, audio, application };
 
-/// The cases in the order in which they are offered.
+/// All enumerators, in the order of the pickers.
 inline constexpr std::array allRuleFields{RuleField::name, RuleField::fileExtension, RuleField::kind};
 inline constexpr std::array allRuleOperators{RuleOperator::contains, RuleOperator::isEqual};
 inline constexpr std::array allRuleKinds{RuleKind::image,  RuleKind::video, RuleKind::document,
                                          RuleKind::folder, RuleKind::audio, RuleKind::application};
 
-/// A case's raw value: its stored form and, untranslated, its label ("Name", "is", "Image").
+/// Returns the stored form of an enumerator, which is also its untranslated label: "Name", "is", "Image".
 [[nodiscard]] QString rawValue(RuleField field);
 [[nodiscard]] QString rawValue(RuleOperator operatorType);
 [[nodiscard]] QString rawValue(RuleKind kind);
 
-/// The case with exactly this raw value, letter case included; nothing when there is none.
-/// Case is RuleField, RuleOperator or RuleKind.
+/// Returns the enumerator with this raw value (case-sensitive); nothing if there is none. Case is RuleField,
+/// RuleOperator or RuleKind.
 template <class Case>
 [[nodiscard]] std::optional<Case> fromRawValue(QStringView rawValue);
 
-/// One rule of a watched folder. A plain value; every field may change. Both `value` and `kind` are kept at
-/// all times, `field` decides which of them matters. A rule without a destination never moves anything.
+/// One rule of a watched folder. `field` decides whether `value` or `kind` applies; the other one stays
+/// stored. A rule without a destination moves nothing. A plain value.
 struct FilterRule {
     QUuid id = QUuid::createUuid();
     RuleField field = RuleField::name;
     RuleOperator operatorType = RuleOperator::contains;
     QString value;
     std::optional<FileUrl> destination;
-    /// What finds the destination again after it was renamed, made when the user picked it; opaque here.
+    /// Opaque bookmark, created when the user picks the destination. Finds it again after a rename.
     std::optional<QByteArray> destinationBookmarkData;
     RuleKind kind = RuleKind::image;
 
-    /// Equal in every field, the bytes of the bookmark included.
+    /// Compares all fields, including the bookmark bytes.
     friend bool operator==(const FilterRule&, const FilterRule&) = default;
 };
 

@@ -12,12 +12,12 @@
 namespace harbex
 {
 
-/// One folder that is watched, with its rules in the order in which they are tried. A plain value, told apart
-/// from others by `id` only: the same folder may be watched twice, so there is no equality.
+/// One watched folder with its rules in the order of evaluation. `id` is the only identity, because two
+/// records can have the same URL. A plain value without equality.
 struct WatchedFolder {
     QUuid id = QUuid::createUuid();
     FileUrl url;
-    /// What finds the folder again after it was renamed, made when the user picked it; opaque here.
+    /// Opaque bookmark, created when the user picks the folder. Finds it again after a rename.
     std::optional<QByteArray> bookmarkData;
     std::vector<FilterRule> rules;
 };
