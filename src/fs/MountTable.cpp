@@ -1,10 +1,12 @@
 #include "fs/MountTable.h"
 
+#include "base/FileDescriptor.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <fstream>
+#include <fcntl.h>
 #include <sstream>
 #include <string_view>
 #include <unistd.h>
@@ -59,10 +61,20 @@ std::string join(const std::string& folder, const std::string& name)
 
 MountTable MountTable::read()
 {
-    std::ifstream file(kernelTable);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return parse(text.str());
+    const FileDescriptor file(::open(kernelTable, O_RDONLY | O_CLOEXEC));
+    return file ? read(file.get()) : MountTable();
+}
+
+MountTable MountTable::read(int descriptor)
+{
+    std::string text;
+    std::array<char, 4096> buffer;
+    for (;;) {
+        const ssize_t size =
+            ::pread(descriptor, buffer.data(), buffer.size(), static_cast<off_t>(text.size()));
+        if (size <= 0) return parse(text);
+        text.append(buffer.data(), static_cast<size_t>(size));
+    }
 }
 
 MountTable MountTable::parse(std::string_view text)

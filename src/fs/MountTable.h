@@ -24,6 +24,9 @@ public:
     /// Reads the mount table of this process. If it cannot be read, all paths count as local.
     [[nodiscard]] static MountTable read();
 
+    /// The same, from `descriptor`, on which kernelTable is open. Opens no further descriptor.
+    [[nodiscard]] static MountTable read(int descriptor);
+
     /// Parses the text of the kernel's mount table.
     [[nodiscard]] static MountTable parse(std::string_view text);
 

@@ -112,8 +112,7 @@ bool DirectoryEvents::isKnownFolder(const std::string& path)
 std::shared_ptr<const MountTable> DirectoryEvents::mounts()
 {
     const MutexLock lock(m_mutex);
-    if (!m_mounts) m_mounts = std::make_shared<const MountTable>(MountTable::read());
-    return m_mounts;
+    return m_mounts ? m_mounts : std::make_shared<const MountTable>(MountTable::read());
 }
 
 // watch() opens the instance, not the constructor: the next start retries after a failure.
@@ -132,12 +131,13 @@ Outcome<void> DirectoryEvents::openIfNeeded()
     m_inotify = std::move(inotify);
     m_wakeUp = std::move(wakeUp);
     m_mountInfo = std::move(mountInfo);
-    m_mounts = std::make_shared<const MountTable>(MountTable::read());
     try {
         m_reader = std::thread([this] { readEvents(); });
     } catch (const std::system_error& error) {
         return SystemError{error.code().value()};
     }
+    // From here on the reader follows the changes.
+    m_mounts = std::make_shared<const MountTable>(MountTable::read(m_mountInfo.get()));
     return {};
 }
 
@@ -153,7 +153,7 @@ void DirectoryEvents::readEvents()
 
         Handlers handlers;
         if (polled[1].revents != 0) {
-            auto mounts = std::make_shared<const MountTable>(MountTable::read());
+            auto mounts = std::make_shared<const MountTable>(MountTable::read(m_mountInfo.get()));
             const MutexLock lock(m_mutex);
             m_mounts = std::move(mounts);
             handlers = all();

@@ -77,8 +77,7 @@ public:
     /// has changed since. `path` must contain no symbolic link. Thread-safe.
     [[nodiscard]] bool isKnownFolder(const std::string& path);
 
-    /// Returns the mount table. Follows changes with a short delay after the first successful watch(); before
-    /// that, it stays as at the first call. Thread-safe.
+    /// Returns the mount table; the reading thread follows its changes with a short delay. Thread-safe.
     [[nodiscard]] std::shared_ptr<const MountTable> mounts();
 
 private:

@@ -79,6 +79,7 @@ void EntryPipeline::begin(Token token, const DirectoryPointer& directory, const 
 bool EntryPipeline::Entry::sample()
 {
     readAt.reset();
+    isDownloaded = false;
     // For a symbolic link this is the size of the link itself, because the engine moves the link.
     const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, path()});
     const std::optional<uint64_t> last = std::exchange(size, std::nullopt);

@@ -134,11 +134,10 @@ void FolderWatch::open(Token)
         m_isRefusalLogged = false;
         m_lastScan = Clock::now();
         setState(State::watched);
-    } else if (opened.error().isWatchRefused) {
-        if (!std::exchange(m_isRefusalLogged, true))
+    } else {
+        if (opened.error().isWatchRefused && !std::exchange(m_isRefusalLogged, true))
             m_services.addLog(QStringLiteral("Failed to open folder: ") + readableName(m_name));
-    } else if (isShortage(opened.error().error)) {
-        retryLater();
+        if (isShortage(opened.error().error)) retryLater();
     }
     if (m_isRemote && !std::exchange(m_isPolling, true)) pollLater();
 }

@@ -92,6 +92,7 @@ private Q_SLOTS:
     void aPlaceholderIsRecognisedWhenThePartialNameComesLater();
     void aDownloadThatEndsWhileItsPlaceholderIsSampledIsMoved_data();
     void aDownloadThatEndsWhileItsPlaceholderIsSampledIsMoved();
+    void aDownloadThatVanishesWhileItIsSampledIsGivenUp();
     void aDownloadThatOutlastsARestartIsMoved();
     void aCancelledDownloadLeavesNothing();
     void twoDownloadsAtOnceAreBothMoved();
@@ -386,6 +387,33 @@ void TestEngineDownloads::aFileIsReadAgainWhenItsFirstWriteFollowsItsCreation()
     });
     QCOMPARE(run.error, 0);
     QCOMPARE(contents((isBusy ? next : m_out) + "/film.mp4"), content);
+}
+
+/// Nothing else ends its sampling.
+void TestEngineDownloads::aDownloadThatVanishesWhileItIsSampledIsGivenUp()
+{
+    const std::string path = m_inbox + "/film.mp4";
+    const std::string finished = m_scratch->path() + "/finished";
+    writeFile(finished, content.toStdString());
+    const auto work = [&]() -> Outcome<void> {
+        DownloadImageRedirector engine;
+        if (!startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})})) return SystemError{ETIME};
+        writeFile(path, {});
+        const auto isGivenUp = [&] {
+            return messages(engine).contains(QStringLiteral("Skipped busy file: film.mp4"));
+        };
+        return QTest::qWaitFor(isGivenUp, patience) ? Outcome<void>() : SystemError{ETIME};
+    };
+    int samples = 0;
+    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const GatedCall& call) {
+        if (call.text(1) != path) return Answer::proceed();
+        ++samples;
+        if (samples == 2) renameEntry(finished, path);
+        if (samples == 3) removeEntry(path);
+        return Answer::proceed();
+    });
+    QCOMPARE(run.error, 0);
+    QVERIFY(samples >= 3);
 }
 
 HARBEX_ENGINE_TEST_MAIN(TestEngineDownloads)

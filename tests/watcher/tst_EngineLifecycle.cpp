@@ -78,6 +78,7 @@ private Q_SLOTS:
 
     void aFolderThatCannotBeListedIsPassedOver_data();
     void aFolderThatCannotBeListedIsPassedOver();
+    void aFolderThatNoDescriptorIsLeftForIsWatchedLater_data();
     void aFolderThatNoDescriptorIsLeftForIsWatchedLater();
     void aFolderWhoseListingBreaksOffIsPassedOver();
     void aRefusedWatchIsLoggedAndAskedForAgainAtTheNextStart();
@@ -404,21 +405,33 @@ void TestEngineLifecycle::aFolderThatCannotBeListedIsPassedOver()
         messages(engine), QStringList({started, QStringLiteral("Moved photo.jpg -> photo.jpg")}), patience);
 }
 
+void TestEngineLifecycle::aFolderThatNoDescriptorIsLeftForIsWatchedLater_data()
+{
+    QTest::addColumn<int>("descriptors");
+    QTest::addColumn<QStringList>("failures");
+    const QStringList refused{QStringLiteral("Failed to open folder: inbox")};
+    QTest::newRow("none for the events") << 0 << QStringList();
+    QTest::newRow("none for ending their reader") << 1 << refused;
+    QTest::newRow("none for the mounts") << 2 << refused;
+    QTest::newRow("none for the listing") << 3 << QStringList();
+}
+
 void TestEngineLifecycle::aFolderThatNoDescriptorIsLeftForIsWatchedLater()
 {
+    QFETCH(const int, descriptors);
+    QFETCH(const QStringList, failures);
     writeFile(m_inbox + "/old.jpg", "");
     Sentinel sentinel(*m_scratch, m_inbox);
     DownloadImageRedirector engine;
     {
-        // For the events and for ending their reader, and none for the listing.
-        const DescriptorLimit limit(2);
+        const DescriptorLimit limit(static_cast<size_t>(descriptors));
         engine.start({watched(m_inbox, {sentinel.rule(), takeAll(m_out)})});
         QVERIFY(engine.activeFDs().empty());
     }
     // Nothing happens in the folder that would remind the engine of it.
     QTRY_COMPARE_WITH_TIMEOUT(engine.activeFDs().size(), 1U, patience);
     QVERIFY(sentinel.passes(engine));
-    QCOMPARE(messages(engine).filter(QStringLiteral("ailed")), QStringList{});
+    QCOMPARE(messages(engine).filter(QStringLiteral("ailed")), failures);
     QCOMPARE(namesIn(m_inbox), QByteArrayList{"old.jpg"});
 }
 
