@@ -18,8 +18,8 @@
 namespace
 {
 
-/// Whoever starts the program with a standard stream closed must not find its next file in that place: what
-/// is printed would be written into it.
+/// Opens /dev/null for closed standard streams. Otherwise the next opened file gets such a descriptor, and
+/// printed text is written into it.
 void openStandardStreams()
 {
     int fd = ::open("/dev/null", O_RDWR);
@@ -33,9 +33,9 @@ void openStandardStreams()
 int main(int argc, char** argv)
 {
     openStandardStreams();
-    // A reader of the diagnostics that goes away must not end the program.
+    // A closed reader of standard output must not end the program.
     std::signal(SIGPIPE, SIG_IGN);
-    // A copy that grows beyond the user's limit of file sizes fails with a line in the log instead.
+    // A copy that exceeds the file size limit then fails with an error in the log.
     std::signal(SIGXFSZ, SIG_IGN);
 
     const QString activationToken = harbex::activationTokenOfEnvironment();
@@ -61,7 +61,7 @@ int main(int argc, char** argv)
     const QString translations =
         QStandardPaths::locate(QStandardPaths::GenericDataLocation, QStringLiteral("harbex/translations"),
                                QStandardPaths::LocateDirectory);
-    // Without a folder it would look into the one the program was started in.
+    // With an empty directory QTranslator would search the current directory.
     if (!translations.isEmpty() &&
         translator.load(QLocale(), QStringLiteral("harbex"), QStringLiteral("_"), translations))
         QApplication::installTranslator(&translator);
@@ -74,8 +74,8 @@ int main(int argc, char** argv)
     shell.applicationDidFinishLaunching();
     const int status = QApplication::exec();
 
-    // Ending waits for the moves under way, which give up at once; one that hangs in a file system that does
-    // not answer must not keep the process.
+    // The destructors wait for running moves, which stop at once. A move that hangs in a file system must not
+    // keep the process alive.
     ::alarm(3);
     return status;
 }

@@ -13,7 +13,7 @@ QString activationTokenOfEnvironment()
 
 QString checkedActivationToken(const QString& token)
 {
-    // A Wayland message has room for 4096 bytes, its head included; the longest tokens seen have some 200.
+    // A Wayland message holds 4096 bytes including its header. Known tokens have up to about 200 bytes.
     return token.toUtf8().size() <= 1024 ? token : QString();
 }
 

@@ -5,13 +5,13 @@
 namespace harbex
 {
 
-/// The token with which the desktop lets a program that a person has just asked for come to the front: that
-/// of the Wayland compositor, or the startup id of X11. Empty when the program was started without one. To be
-/// called before the application object is made, which takes the startup id out of the environment.
+/// Returns the token that lets this process bring its window to the front: XDG_ACTIVATION_TOKEN (Wayland) or
+/// else DESKTOP_STARTUP_ID (X11). Empty if the environment has none or checkedActivationToken() rejects it.
+/// Call before QApplication is constructed, because QApplication removes the startup id from the environment.
 [[nodiscard]] QString activationTokenOfEnvironment();
 
-/// A token that another program has sent, or an empty one where it cannot be one. What is longer than any
-/// token would end the connection to a Wayland compositor, and the program with it.
+/// Returns `token`, or an empty string if it is too long to be one. An overlong token would end the Wayland
+/// connection, and with it the process.
 [[nodiscard]] QString checkedActivationToken(const QString& token);
 
 } // namespace harbex

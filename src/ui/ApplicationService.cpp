@@ -13,12 +13,12 @@ namespace harbex
 namespace
 {
 
-constexpr int patienceMilliseconds = 5000;
+constexpr int replyTimeoutMilliseconds = 5000;
 
 constexpr QLatin1String busName("org.harbex.Harbex");
 constexpr QLatin1String objectPath("/org/harbex/Harbex");
 constexpr QLatin1String interfaceName("org.freedesktop.Application");
-// The same token under the name of either display system, as launchers send it.
+// Launchers send the same token under both keys.
 constexpr QLatin1String waylandTokenKey("activation-token");
 constexpr QLatin1String x11TokenKey("desktop-startup-id");
 
@@ -35,7 +35,8 @@ QDBusMessage activateCall(const QString& activationToken)
     return call;
 }
 
-/// Whether the owner may have ended before it could answer. An owner that is slow looks the same.
+/// Returns whether the owner of the name may have exited before it replied. A slow owner gives the same
+/// error.
 bool mayHaveEnded(const QDBusMessage& answer)
 {
     const QDBusError::ErrorType error = QDBusError(answer).type();
@@ -51,16 +52,16 @@ ApplicationService::ApplicationService(const QDBusConnection& bus, QObject* pare
 
 ApplicationService::Start ApplicationService::start(const QString& activationToken)
 {
-    // Before the name is claimed: whoever sees the name finds the object.
+    // Register first, so that the object exists as soon as the name does.
     m_bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableInvokables);
 
     QDBusMessage answer;
-    const QDeadlineTimer patience(patienceMilliseconds);
+    const QDeadlineTimer deadline(replyTimeoutMilliseconds);
     do {
         if (claimName()) return Start::first;
-        answer = m_bus.call(activateCall(activationToken), QDBus::Block, int(patience.remainingTime()));
+        answer = m_bus.call(activateCall(activationToken), QDBus::Block, int(deadline.remainingTime()));
         if (answer.type() == QDBusMessage::ReplyMessage) return Start::handedOver;
-    } while (mayHaveEnded(answer) && !patience.hasExpired());
+    } while (mayHaveEnded(answer) && !deadline.hasExpired());
     return Start::refused;
 }
 
@@ -69,7 +70,7 @@ bool ApplicationService::claimName()
     if (!m_bus.isConnected()) return true;
     const auto reply = m_bus.interface()->registerService(busName, QDBusConnectionInterface::DontQueueService,
                                                           QDBusConnectionInterface::DontAllowReplacement);
-    // A bus that gives no name, in a sandbox perhaps, is as good as none.
+    // A bus that refuses names, for example in a sandbox, counts as no bus.
     return !reply.isValid() || reply.value() == QDBusConnectionInterface::ServiceRegistered;
 }
 

@@ -26,15 +26,15 @@ void ApplicationShell::applicationDidFinishLaunching()
 
 void ApplicationShell::quit()
 {
-    // exit() and not quit(), which closes the window first: closing it saves.
+    // QApplication::quit() would close the window first, and closing saves.
     QApplication::exit(0);
-    // Some desktops' dialogs have a loop that is not Qt's, which ends with the dialog only.
+    // Some native dialogs run a loop of their own, which ends only with the dialog.
     if (auto* dialog = qobject_cast<QDialog*>(QApplication::activeModalWidget())) dialog->reject();
 }
 
 bool ApplicationShell::eventFilter(QObject* watched, QEvent* event)
 {
-    // What a session manager asks for. Qt's own answer closes the window first.
+    // The session manager causes this event. Qt's default handling closes the window first.
     if (watched != qApp || event->type() != QEvent::Quit) return false;
     quit();
     return true;

@@ -14,21 +14,20 @@ namespace harbex
 
 class ApplicationService;
 
-/// The root of the process: owns the one engine, which outlives every window, the main window and the status
-/// item. Main thread only.
+/// Owns the engine, the store, the main window and the status item. The engine outlives every window. Main
+/// thread only.
 class ApplicationShell : public QObject
 {
     Q_OBJECT
 
 public:
-    /// The status item goes onto `bus`; what others ask the program for comes from `service`, which must live
-    /// longer.
+    /// Publishes the status item on `bus` and handles the requests of `service`, which must live longer.
     ApplicationShell(const QDBusConnection& bus, const ApplicationService& service);
 
-    /// Opens the main window, which starts the engine. Called once, before the main loop.
+    /// Opens the main window, which starts the engine. Call once, before the main loop.
     void applicationDidFinishLaunching();
 
-    /// Ends the main loop, and a folder dialog that is up without an answer. Nothing is saved.
+    /// Ends the main loop and rejects an open folder dialog. Saves nothing.
     void quit();
 
 protected:

@@ -18,16 +18,16 @@ constexpr QLatin1String interface("org.freedesktop.portal.Settings");
 constexpr QLatin1String appearance("org.freedesktop.appearance");
 constexpr QLatin1String colorScheme("color-scheme");
 
-/// The portal's word for "prefers dark".
-constexpr uint dark = 1;
+/// The portal's value for "prefers dark".
+constexpr uint preferDark = 1;
 
 bool isDark(const QPalette& palette)
 {
     return palette.color(QPalette::Window).lightness() < palette.color(QPalette::WindowText).lightness();
 }
 
-/// Whether the colours are those the style falls back to, because nothing that knows the desktop gave others.
-bool areColoursOurs()
+/// Returns whether the application uses the style's own palette and that palette is light.
+bool hasLightStylePalette()
 {
     const QPalette fallback = QApplication::style()->standardPalette();
     const QPalette palette = QApplication::palette();
@@ -39,18 +39,18 @@ bool areColoursOurs()
 
 ColorScheme::ColorScheme(QDBusConnection bus, QObject* parent) : QObject(parent)
 {
-    if (!areColoursOurs()) return;
-    // Qt 6.4 does not connect a signal that has an argument of a type it has not met yet.
+    if (!hasLightStylePalette()) return;
+    // Qt 6.4 connects a signal only if the types of its arguments are registered.
     qRegisterMetaType<QDBusVariant>();
-    // Without the service's name: with it, Qt would wait for the bus to say who owns it.
+    // The service name is empty, because Qt would block to look up the owner of a named service.
     bus.connect({}, path, interface, QStringLiteral("SettingChanged"), this,
                 // clang-format off
                 SLOT(settingChanged(QString,QString,QDBusVariant)));
     // clang-format on
 
-    auto question = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Read"));
-    question << appearance << colorScheme;
-    const auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(question), this);
+    auto readCall = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Read"));
+    readCall << appearance << colorScheme;
+    const auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(readCall), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [](QDBusPendingCallWatcher* answered) {
         const QDBusPendingReply<QDBusVariant> reply = *answered;
         if (!reply.isError()) apply(reply.value().variant());
@@ -66,11 +66,11 @@ void ColorScheme::settingChanged(const QString& group, const QString& key, const
 void ColorScheme::apply(const QVariant& scheme)
 {
     QVariant value = scheme;
-    // An answer to "Read" is wrapped once more than a signal.
+    // A reply to "Read" has one more QDBusVariant around the value than the signal.
     while (value.canConvert<QDBusVariant>())
         value = value.value<QDBusVariant>().variant();
-    // An empty palette stands for the style's.
-    QApplication::setPalette(value.toUInt() == dark ? darkPalette() : QPalette());
+    // A default-constructed palette selects the style's own palette.
+    QApplication::setPalette(value.toUInt() == preferDark ? darkPalette() : QPalette());
 }
 
 QPalette ColorScheme::darkPalette()

@@ -9,10 +9,10 @@
 namespace harbex
 {
 
-/// Makes the program dark when the desktop is: asks the desktop portal for the user's colour scheme and
-/// follows its changes. Leaves alone what the desktop's own Qt plugin has coloured, and everything where
-/// there is no portal. Waits for no answer. One for the life of the application; main thread only.
-/// It goes away once Qt 6.5 is the minimum, because Qt 6.5 follows the desktop's colour scheme itself.
+/// Applies a dark palette when the desktop prefers dark colours. Asks the desktop portal for the colour
+/// scheme and follows its changes, without blocking. Does nothing if the desktop's Qt plugin or a dark style
+/// already sets the palette, or if there is no portal. Create one per application. Main thread only. Remove
+/// this class once Qt 6.5 is the minimum: Qt 6.5 follows the colour scheme itself.
 class ColorScheme : public QObject
 {
     Q_OBJECT

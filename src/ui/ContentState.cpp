@@ -12,7 +12,7 @@ namespace harbex
 namespace
 {
 
-/// The first record with this id, or the end.
+/// Returns the first record with this id, or end().
 template <class Records>
 auto findById(Records& records, const QUuid& id)
 {
@@ -84,7 +84,7 @@ void ContentState::deleteFolder(QUuid folderID)
     m_folders.erase(folder);
     Q_EMIT foldersChanged();
     const auto first = m_folders.empty() ? std::nullopt : std::optional(m_folders.front().id);
-    // The first one left may have the same id.
+    // Records may have duplicate ids, so the first remaining folder may have the same id.
     const bool isSelectionChanged = m_selectedFolderID == folderID && first != folderID;
     if (isSelectionChanged) changeSelection(first);
     restart();

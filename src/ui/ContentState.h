@@ -17,12 +17,12 @@ namespace harbex
 class DownloadImageRedirector;
 class FolderStore;
 
-/// What the main window edits, apart from the widgets that show it: the folders with their rules, and which
-/// of them is selected. Knows which edit restarts the engine and which moment writes the store; there are no
-/// others. Main thread only. The engine and the store must live longer.
+/// Holds the data that the main window edits: the folders with their rules, and the selected folder. Decides
+/// which edit restarts the engine and when the store is written. Main thread only. The engine and the store
+/// must live longer.
 ///
-/// Edits of rules are of the selected folder. Folders and rules are named by id: an edit whose id is not
-/// there any more does nothing, and so does one that sets what is set already.
+/// Rule edits apply to the selected folder. Folders and rules are identified by id. An edit with an unknown
+/// id or an unchanged value does nothing.
 class ContentState : public QObject
 {
     Q_OBJECT
@@ -33,56 +33,57 @@ public:
     [[nodiscard]] const std::vector<WatchedFolder>& folders() const { return m_folders; }
     [[nodiscard]] std::optional<QUuid> selectedFolderID() const { return m_selectedFolderID; }
 
-    /// The folder that is selected; null when none is, or the selection names no folder. Valid until the next
-    /// change of the folders.
+    /// Returns the selected folder; null if none is selected or the id is unknown. Valid until the folders
+    /// change.
     [[nodiscard]] const WatchedFolder* selectedFolder() const;
 
-    /// The window has been opened: reads the store, and starts the engine unless it runs.
+    /// Call when the window opens. Loads the store and starts the engine unless it runs. Writes the store if
+    /// this changes the selection.
     void appear();
 
-    /// The window has been closed: writes the store.
+    /// Call when the window closes. Writes the store.
     void disappear();
 
-    /// Selects a folder, or none. A change writes the store.
+    /// Selects a folder, or none. Writes the store if the selection changes.
     void select(std::optional<QUuid> folderID);
 
-    /// Appends a folder with one default rule, selects it, restarts the engine and writes the store. The same
-    /// folder may be there already.
+    /// Appends a folder with one default rule, selects it, restarts the engine and writes the store. The
+    /// folder may already be in the list.
     void addFolder(const FileUrl& url, const std::optional<QByteArray>& bookmarkData);
 
-    /// Removes a folder and restarts the engine. If it was selected, the first one left is from then on, and
-    /// the store is written if that is another selection.
+    /// Removes a folder and restarts the engine. If the folder was selected, selects the first remaining one,
+    /// and writes the store if the selected id changes.
     void deleteFolder(QUuid folderID);
 
-    /// Appends a default rule. Without a destination it can move nothing, so the engine need not know yet.
+    /// Appends a default rule. Does not restart the engine, because a rule without a destination moves
+    /// nothing.
     void addRule();
 
     /// Removes a rule and restarts the engine.
     void deleteRule(QUuid ruleID);
 
-    /// These restart the engine. Choosing the field `kind` clears the rule's value.
+    /// These setters restart the engine. Choosing the field `kind` clears the rule's value.
     void setField(QUuid ruleID, RuleField field);
     void setOperator(QUuid ruleID, RuleOperator operatorType);
     void setKind(QUuid ruleID, RuleKind kind);
 
-    /// Every keystroke; the engine learns of it with the next restart.
+    /// Call at every change of the text. The engine gets the value at the next restart.
     void setValue(QUuid ruleID, const QString& value);
 
-    /// Return was pressed in a value: restarts the engine, whatever has changed.
+    /// Call when Return is pressed in a value. Always restarts the engine.
     void submitValue();
 
-    /// Sets a rule's destination and its bookmark. Restarts the engine if it is another destination; a
-    /// bookmark alone is renewed silently.
+    /// Sets a rule's destination and its bookmark. Restarts the engine only if the destination changes.
     void setDestination(QUuid ruleID, const FileUrl& url, const std::optional<QByteArray>& bookmarkData);
 
 Q_SIGNALS:
     /// Folders were loaded, added or removed.
     void foldersChanged();
-    /// Another folder, or none, is selected.
+    /// The selection changed.
     void selectionChanged();
     /// A rule was added to the selected folder or removed from it.
     void rulesChanged();
-    /// Another field of a rule has changed than its value.
+    /// A rule changed, other than by setValue().
     void ruleChanged(const QUuid& ruleID);
 
 private:

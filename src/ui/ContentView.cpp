@@ -31,7 +31,7 @@ ContentView::ContentView(ContentState& state, QWidget* parent) : QWidget(parent)
     columns->addWidget(detailView());
     columns->setStretchFactor(1, 1);
     columns->setSizes({220, 780});
-    // A line between the columns.
+    // Draws the handle as a line.
     columns->handle(1)->setBackgroundRole(QPalette::Mid);
     columns->handle(1)->setAutoFillBackground(true);
 
@@ -68,12 +68,12 @@ QWidget* ContentView::sidebar()
     sidebar->setBackgroundRole(QPalette::AlternateBase);
     sidebar->setAutoFillBackground(true);
 
-    // A button that the toolbar made would keep the keyboard away.
+    // A button that QToolBar creates itself takes no keyboard focus.
     m_addFolder = new FlatButton(sidebar);
     m_addFolder->setText(tr("Add Folder"));
     m_addFolder->setIcon(symbolIcon(Symbol::plus));
     m_addFolder->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
-    // In a later turn, because a press is over before the dialog is there.
+    // Queued, because assistive technology waits until the press is handled.
     connect(m_addFolder, &FlatButton::clicked, this, &ContentView::addFolder, Qt::QueuedConnection);
     auto* toolBar = new QToolBar(sidebar);
     toolBar->setMovable(false);
@@ -114,8 +114,8 @@ QWidget* ContentView::ruleView()
 {
     auto* view = new QWidget(this);
     m_ruleList = new RuleList(m_state, view);
-    auto* addition = new QPushButton(tr("Add Rule"), view);
-    connect(addition, &QPushButton::clicked, this, &ContentView::addRule);
+    auto* addRuleButton = new QPushButton(tr("Add Rule"), view);
+    connect(addRuleButton, &QPushButton::clicked, this, &ContentView::addRule);
     auto* divider = new QFrame(view);
     divider->setFrameStyle(QFrame::HLine | QFrame::Sunken);
 
@@ -123,7 +123,7 @@ QWidget* ContentView::ruleView()
     layout->setSpacing(16);
     layout->addWidget(new HeadingLabel(tr("Rules"), 1.3, view));
     layout->addWidget(m_ruleList, 1);
-    layout->addWidget(addition, 0, Qt::AlignLeading);
+    layout->addWidget(addRuleButton, 0, Qt::AlignLeading);
     layout->addWidget(divider);
     return view;
 }

@@ -13,8 +13,8 @@ class FlatButton;
 class FolderList;
 class RuleList;
 
-/// The content of the main window: the watched folders on the left, the rules of the selected one on the
-/// right. Main thread only; `state` must live longer.
+/// The content of the main window: watched folders on the left, rules of the selected folder on the right.
+/// Main thread only. `state` must live longer.
 class ContentView : public QWidget
 {
     Q_OBJECT

@@ -13,7 +13,7 @@ namespace
 {
 
 constexpr int rootId = 0;
-// Each change of the layout would count it up.
+// Constant, because the layout never changes.
 constexpr uint revision = 1;
 
 } // namespace
@@ -112,7 +112,7 @@ uint DBusMenu::GetLayout(int parentId, int recursionDepth, const QStringList& pr
 QList<DBusMenuProperties> DBusMenu::GetGroupProperties(const QList<int>& ids,
                                                        const QStringList& propertyNames)
 {
-    // Each entry once, however often it was asked for.
+    // Lists each entry once, even if `ids` repeats it.
     QList<DBusMenuProperties> entries;
     for (int id = rootId; exists(id); ++id) {
         if (ids.isEmpty() || ids.contains(id)) entries.append({id, properties(id, propertyNames)});
@@ -165,7 +165,8 @@ bool DBusMenu::exists(int id) const
 
 QVariantMap DBusMenu::properties(int id, const QStringList& names) const
 {
-    // What is not sent has the protocol's default: shown, enabled, without icon, mark and shortcut.
+    // Missing properties have the defaults of the protocol: visible, enabled, no icon, check mark or
+    // shortcut.
     QString name = QStringLiteral("children-display");
     QString value = QStringLiteral("submenu");
     if (const QAction* entry = action(id)) {
@@ -187,7 +188,7 @@ bool DBusMenu::handle(int id, const QString& eventType)
 {
     if (!exists(id)) return false;
     QAction* const entry = action(id);
-    // Later, so that the panel need not wait for what the action does.
+    // Queued, so that the panel does not wait for the action.
     if (entry && eventType == QLatin1String("clicked"))
         QMetaObject::invokeMethod(entry, &QAction::trigger, Qt::QueuedConnection);
     return true;

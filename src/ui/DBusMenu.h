@@ -16,8 +16,8 @@ class QMenu;
 namespace harbex
 {
 
-/// What com.canonical.dbusmenu sends and takes: an entry with its properties and the entries below it, an
-/// entry with its properties alone, and something that happened to an entry.
+/// Wire types of com.canonical.dbusmenu: an entry with its properties and child entries, the properties of
+/// one entry, and an event on one entry.
 struct DBusMenuLayout {
     int id = 0;
     QVariantMap properties;
@@ -41,11 +41,12 @@ const QDBusArgument& operator>>(const QDBusArgument& argument, DBusMenuPropertie
 QDBusArgument& operator<<(QDBusArgument& argument, const DBusMenuEvent& event);
 const QDBusArgument& operator>>(const QDBusArgument& argument, DBusMenuEvent& event);
 
-/// Offers a menu on a bus under com.canonical.dbusmenu, so that a panel can draw it. The menu is flat, has no
-/// state but its labels and separators, and is complete before this object is made; it must live longer. An
-/// entry that is clicked there triggers its action, in the next turn of the main loop. Main thread only.
+/// Exports a menu as com.canonical.dbusmenu, so that a panel can draw it. The menu is flat, has only labels
+/// and separators, is complete before this object is constructed, and must live longer. A click on an entry
+/// triggers its action through the event queue. Main thread only.
 ///
-/// The bus can tell the program nothing else: a caller who names an entry that does not exist gets an error.
+/// Callers get an error for unknown ids. GetGroupProperties() ignores them. The other group calls return them
+/// and fail only if all ids are unknown.
 class DBusMenu : public QObject, protected QDBusContext
 {
     Q_OBJECT
@@ -63,7 +64,7 @@ public:
     [[nodiscard]] QString status() const { return QStringLiteral("normal"); }
     [[nodiscard]] QStringList iconThemePath() const { return {}; }
 
-    // The calls of the protocol. Entry 0 is the menu itself. QtDBus finds the types by their full names.
+    // D-Bus methods. Entry 0 is the menu itself. QtDBus requires the qualified type names.
     Q_SCRIPTABLE uint GetLayout(int parentId, int recursionDepth, const QStringList& propertyNames,
                                 harbex::DBusMenuLayout& layout);
     Q_SCRIPTABLE QList<harbex::DBusMenuProperties> GetGroupProperties(const QList<int>& ids,
@@ -75,7 +76,7 @@ public:
     Q_SCRIPTABLE QList<int> AboutToShowGroup(const QList<int>& ids, QList<int>& idErrors);
 
 Q_SIGNALS:
-    // Of the protocol; a menu that never changes and opens only where it is clicked sends none of them.
+    // Required by the protocol. Never emitted, because the menu never changes and does not open itself.
     Q_SCRIPTABLE void ItemsPropertiesUpdated(const QList<harbex::DBusMenuProperties>& updatedProps,
                                              const QList<harbex::DBusMenuProperties>& removedProps);
     Q_SCRIPTABLE void LayoutUpdated(uint revision, int parent);

@@ -34,8 +34,7 @@ bool hasMoreCharactersThan(int limit, const QString& text)
 
 } // namespace
 
-/// One line of text on a rounded ground; shortened in the middle where it does not fit, because the end of a
-/// path tells most.
+/// One line of text on a rounded background. Elided in the middle, because the end of a path says most.
 class PathLabel : public QLabel
 {
 public:
@@ -52,7 +51,7 @@ protected:
     {
         if (event->type() != QEvent::ToolTip) return QLabel::event(event);
         const QPoint position = static_cast<QHelpEvent*>(event)->globalPos();
-        // A tooltip takes for rich text what looks like it.
+        // QToolTip would interpret markup in the path.
         QToolTip::showText(position, shownText() == text() ? QString() : Qt::convertFromPlainText(text()),
                            this);
         return true;
@@ -62,10 +61,10 @@ protected:
     {
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
-        QColor ground = palette().color(QPalette::WindowText);
-        ground.setAlphaF(0.08F);
+        QColor background = palette().color(QPalette::WindowText);
+        background.setAlphaF(0.08F);
         painter.setPen(Qt::NoPen);
-        painter.setBrush(ground);
+        painter.setBrush(background);
         painter.drawRoundedRect(rect(), 5, 5);
         style()->drawItemText(
             &painter, contentsRect(),
@@ -97,9 +96,9 @@ DirectorySelector::DirectorySelector(QWidget* parent)
     m_button->setIcon(symbolIcon(Symbol::folder));
     m_button->setFocusPolicy(Qt::StrongFocus);
     m_button->setAccessibleName(tr("Select destination..."));
-    // As high as the rest of its line.
+    // Takes the height of the row.
     m_button->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Ignored);
-    // In a later turn, because a press is over before the dialog is there.
+    // Queued, because assistive technology waits until the press is handled.
     connect(m_button, &QToolButton::clicked, this, &DirectorySelector::choose, Qt::QueuedConnection);
 
     auto* layout = new QHBoxLayout(this);
@@ -127,7 +126,7 @@ QWidget* DirectorySelector::button() const
 
 void DirectorySelector::choose()
 {
-    // The rule may go while the dialog is up, and this with it.
+    // The rule may be deleted while the dialog is open, and this widget with it.
     const QPointer self(this);
     const auto folder = askForFolder(*this);
     if (!self || !folder) return;

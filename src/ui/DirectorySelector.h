@@ -15,7 +15,7 @@ namespace harbex
 
 class PathLabel;
 
-/// Shows a chosen folder in one line and, beside it, a button to choose another. Main thread only.
+/// Shows the chosen folder in one line, with a button to choose another one. Main thread only.
 class DirectorySelector : public QWidget
 {
     Q_OBJECT
@@ -23,17 +23,17 @@ class DirectorySelector : public QWidget
 public:
     explicit DirectorySelector(QWidget* parent = nullptr);
 
-    /// Shows a folder, or the prompt when there is none. Emits nothing.
+    /// Shows a folder, or the prompt if there is none. Emits nothing.
     void showUrl(const std::optional<FileUrl>& url);
 
-    /// What is shown, in full even where there is no room for it.
+    /// Returns the label without elision.
     [[nodiscard]] QString text() const;
 
-    /// The button, the one control here that takes the focus.
+    /// Returns the button, the only control here that takes the focus.
     [[nodiscard]] QWidget* button() const;
 
 Q_SIGNALS:
-    /// The user has chosen a folder. Comes in a later turn of the main loop than the end of the dialog.
+    /// The user chose a folder. Emitted through the event queue, after the dialog has ended.
     void chosen(const harbex::ChosenFolder& folder);
 
 private:
@@ -43,8 +43,8 @@ private:
     QToolButton* m_button;
 };
 
-/// How a folder is written in a line: its path up to 40 characters as people count them, with "~" for the
-/// home folder; a longer one by its last component. Readable whatever the bytes of the path.
+/// Returns the label of a folder: its path, with each occurrence of the home path replaced by "~". A path of
+/// more than 40 characters (grapheme clusters) gives only its last component. Escaped by readableText().
 [[nodiscard]] QString folderLabel(const FileUrl& url);
 
 } // namespace harbex

@@ -5,7 +5,7 @@
 namespace harbex
 {
 
-/// A button without a frame. It can be reached by keyboard and shows that it was. Main thread only.
+/// A button without a frame. It takes the keyboard focus and draws a focus ring. Main thread only.
 class FlatButton : public QToolButton
 {
     Q_OBJECT

@@ -9,8 +9,8 @@ class QWidget;
 namespace harbex
 {
 
-/// Outlines what has the focus, in a colour of the widget's palette, when the user goes about with the
-/// keyboard. For what styles mark too faintly.
+/// Draws a ring around `place` if `widget` has the focus and the user navigates with the keyboard. `ink` is a
+/// colour of the widget's palette. For widgets whose focus the styles mark too faintly. Main thread only.
 void drawFocusRing(QPainter& painter, const QWidget& widget, const QRect& place, QPalette::ColorRole ink);
 
 } // namespace harbex

@@ -16,9 +16,9 @@ namespace harbex
 
 std::optional<ChosenFolder> askForFolder(const QWidget& asker)
 {
-    static bool isUp = false;
-    if (isUp) return std::nullopt;
-    isUp = true;
+    static bool isOpen = false;
+    if (isOpen) return std::nullopt;
+    isOpen = true;
 
     const QString prompt = QCoreApplication::translate("harbex::FolderDialog", "Select Focus Folder");
     QWidget* const window = asker.window();
@@ -27,20 +27,20 @@ std::optional<ChosenFolder> askForFolder(const QWidget& asker)
     dialog->setOption(QFileDialog::ShowDirsOnly);
     dialog->setLabelText(QFileDialog::Accept, prompt);
     const bool isAccepted = dialog->exec() == QDialog::Accepted;
-    // Assistive technology presses buttons behind a modal dialog too. What was pressed has its turn before
-    // this.
-    QMetaObject::invokeMethod(qApp, [] { isUp = false; }, Qt::QueuedConnection);
-    // A window that goes takes its dialog with it.
+    // Assistive technology can press buttons behind a modal dialog. Queued, so that such presses are handled
+    // while the flag is still set.
+    QMetaObject::invokeMethod(qApp, [] { isOpen = false; }, Qt::QueuedConnection);
+    // The dialog is destroyed with its window.
     if (!dialog) return std::nullopt;
     dialog->deleteLater();
     const QList<QUrl> answers = isAccepted ? dialog->selectedUrls() : QList<QUrl>();
-    // Some window managers give the keyboard back to no window that is left out of the taskbar. Later,
-    // because the window of a dialog that is not Qt's own goes only when the main loop runs.
+    // Some window managers do not return the focus to a window that is left out of the taskbar. Queued,
+    // because a native dialog closes only when the main loop runs.
     QTimer::singleShot(0, window, [window] { window->activateWindow(); });
 
     const auto url = answers.isEmpty() ? std::nullopt : folderOfAnswer(answers.first());
     if (!url) return std::nullopt;
-    // Without a bookmark the folder still works, as long as it keeps its name.
+    // The bookmark is optional: without it the folder works until it is renamed.
     const auto bookmark = createBookmark(url->path());
     return ChosenFolder{*url, bookmark ? std::optional(*bookmark) : std::nullopt};
 }
@@ -48,8 +48,8 @@ std::optional<ChosenFolder> askForFolder(const QWidget& asker)
 std::optional<FileUrl> folderOfAnswer(const QUrl& answer)
 {
     const auto url = FileUrl::fromString(QString::fromLatin1(answer.toEncoded()));
-    // A dialog that hands a path over as text has lost the bytes of it that are no UTF-8: what is left names
-    // no folder, or none that was chosen.
+    // A dialog that passes the path as text has lost bytes that are not UTF-8. The rest usually names no
+    // folder.
     struct stat status = {};
     if (!url || ::stat(url->path().c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
     return FileUrl::fromPath(url->path());

@@ -12,21 +12,23 @@ class QWidget;
 namespace harbex
 {
 
-/// A folder that the user has chosen, and its bookmark, nothing if none could be made.
+/// A folder that the user chose. The bookmark is empty if it could not be created.
 struct ChosenFolder {
     FileUrl url;
     std::optional<QByteArray> bookmarkData;
 };
 
-/// Asks the user for a folder in the desktop's dialog, or in Qt's own where the desktop has none, modally
-/// over the window of `asker`. Returns when the dialog is gone. Nothing when it was cancelled, and nothing,
-/// without a dialog, to what was pressed while one was up. Main thread.
+/// Asks the user for a folder, in the desktop's dialog or else in Qt's own, modal to the window of `asker`.
+/// Blocks until the dialog is closed. Returns nothing if the user cancels, if no folder exists at the chosen
+/// path, or if the window is destroyed. Returns nothing at once if a dialog is already open. Main thread
+/// only.
 ///
-/// The main loop runs meanwhile: `asker` and its window may be gone afterwards. To be called in a later turn
-/// of the loop than the press of a button: assistive technology waits until the press is over.
+/// Runs the main loop: `asker` and its window may be destroyed meanwhile. Call it through a queued
+/// connection, because assistive technology waits until the press of a button is handled.
 [[nodiscard]] std::optional<ChosenFolder> askForFolder(const QWidget& asker);
 
-/// The folder that a dialog's answer names, byte for byte; nothing when no folder stands there.
+/// Returns the folder that a dialog's URL names, with the exact bytes of its path. Returns nothing if no
+/// folder exists there.
 [[nodiscard]] std::optional<FileUrl> folderOfAnswer(const QUrl& answer);
 
 } // namespace harbex

@@ -23,7 +23,7 @@ namespace
 
 constexpr int idRole = Qt::UserRole;
 
-/// Rows as high as the style makes them for its larger icons, in which the focus can be seen.
+/// Makes rows as high as the style's list icons and draws a focus ring.
 class RowDelegate : public QStyledItemDelegate
 {
 public:
@@ -48,7 +48,7 @@ public:
     }
 
 protected:
-    // The style draws the text in the colours of the window's state, of which an icon knows nothing.
+    // The style draws text in the colours of the window's state. Icons do not know that state.
     void initStyleOption(QStyleOptionViewItem* option, const QModelIndex& index) const override
     {
         QStyledItemDelegate::initStyleOption(option, index);
@@ -85,11 +85,11 @@ FolderList::FolderList(ContentState& state, QWidget* parent) : QListWidget(paren
     showFolders();
 }
 
-// Other buttons than the left one would select the row.
+// Ignores the other buttons, which would select the row.
 void FolderList::mousePressEvent(QMouseEvent* event)
 {
     if (event->button() != Qt::LeftButton) return;
-    // Older versions of Qt than 6.8 did this themselves.
+    // Before Qt 6.8, QListWidget does this itself.
     if (!itemAt(event->position().toPoint())) clearSelection();
     QListWidget::mousePressEvent(event);
 }
@@ -101,14 +101,14 @@ void FolderList::mouseReleaseEvent(QMouseEvent* event)
 
 void FolderList::contextMenuEvent(QContextMenuEvent* event)
 {
-    // The menu key comes as a key too.
+    // keyPressEvent() handles the menu key.
     if (event->reason() == QContextMenuEvent::Keyboard) return;
     if (const QListWidgetItem* row = itemAt(event->pos())) openMenu(*row, event->globalPos());
 }
 
 void FolderList::keyPressEvent(QKeyEvent* event)
 {
-    // Not every platform makes a request for the menu of these keys.
+    // Not every platform sends a context menu event for these keys.
     const bool asksForMenu = event->key() == Qt::Key_Menu ||
                              (event->key() == Qt::Key_F10 && event->modifiers() == Qt::ShiftModifier);
     if (!asksForMenu) {
@@ -121,11 +121,11 @@ void FolderList::keyPressEvent(QKeyEvent* event)
     openMenu(*row, viewport()->mapToGlobal(visualItemRect(row).center()));
 }
 
-/// Brings the rows in line with the folders. Rows before and after what has changed stay as they are, and
-/// with them the place the user has scrolled to.
+/// Updates the rows from the folders. Keeps the rows before and after the change, and with them the scroll
+/// position.
 void FolderList::showFolders()
 {
-    const QScopedValueRollback guard(m_isShowing, true);
+    const QScopedValueRollback guard(m_isUpdating, true);
     const std::vector<WatchedFolder>& folders = m_state.folders();
     const int before = count();
     const int after = static_cast<int>(folders.size());
@@ -150,14 +150,14 @@ void FolderList::showFolders()
         item(row)->setText(readableName(folders[static_cast<std::size_t>(row)].url.lastPathComponent()));
     showSelection();
 
-    // In an empty list the focus cannot be seen and is of no use.
+    // The focus is invisible and useless in an empty list.
     if (after == 0 && hasFocus()) focusNextPrevChild(false);
     setFocusPolicy(after == 0 ? Qt::NoFocus : Qt::StrongFocus);
 }
 
 void FolderList::showSelection()
 {
-    const QScopedValueRollback guard(m_isShowing, true);
+    const QScopedValueRollback guard(m_isUpdating, true);
     const auto id = m_state.selectedFolderID();
     const auto isSelected = [&id](const QListWidgetItem* row) { return id && idOf(*row) == *id; };
     if (std::ranges::any_of(selectedItems(), isSelected)) return;
@@ -166,7 +166,7 @@ void FolderList::showSelection()
     const auto folder = std::ranges::find_if(folders, [&id](const auto& each) { return id == each.id; });
     if (folder == folders.end()) {
         clearSelection();
-        // The frame around the row with the keyboard's attention looks like a selection.
+        // The focus frame of the current row looks like a selection.
         setCurrentItem(nullptr);
     } else {
         setCurrentRow(static_cast<int>(folder - folders.begin()), QItemSelectionModel::ClearAndSelect);
@@ -175,7 +175,7 @@ void FolderList::showSelection()
 
 void FolderList::select()
 {
-    if (m_isShowing) return;
+    if (m_isUpdating) return;
     const QList<QListWidgetItem*> rows = selectedItems();
     m_state.select(rows.isEmpty() ? std::nullopt : std::optional(idOf(*rows.first())));
 }
@@ -185,9 +185,10 @@ void FolderList::openMenu(const QListWidgetItem& row, const QPoint& position)
     auto* menu = new QMenu(this);
     menu->setAttribute(Qt::WA_DeleteOnClose);
     const QIcon trash = symbolIcon(Symbol::trash, QPalette::HighlightedText);
-    QAction* deletion = menu->addAction(trash, tr("Delete"));
-    deletion->setIconVisibleInMenu(true);
-    connect(deletion, &QAction::triggered, &m_state, [this, id = idOf(row)] { m_state.deleteFolder(id); });
+    QAction* deleteAction = menu->addAction(trash, tr("Delete"));
+    deleteAction->setIconVisibleInMenu(true);
+    connect(deleteAction, &QAction::triggered, &m_state,
+            [this, id = idOf(row)] { m_state.deleteFolder(id); });
     menu->popup(position);
 }
 

@@ -7,8 +7,8 @@ namespace harbex
 
 class ContentState;
 
-/// The watched folders by name, in their order; the selected row is the selected folder. Main thread only;
-/// `state` must live longer.
+/// Lists the watched folders by name, in their order. The selected row is the selected folder. Main thread
+/// only. `state` must live longer.
 class FolderList : public QListWidget
 {
     Q_OBJECT
@@ -29,8 +29,8 @@ private:
     void openMenu(const QListWidgetItem& row, const QPoint& position);
 
     ContentState& m_state;
-    /// The rows are being changed by code, so what Qt selects meanwhile is nobody's choice.
-    bool m_isShowing = false;
+    /// True while code changes the rows. Selection changes are then not made by the user.
+    bool m_isUpdating = false;
 };
 
 } // namespace harbex

@@ -22,7 +22,7 @@ QAccessibleInterface* makeHeading(const QString& className, QObject* object)
 HeadingLabel::HeadingLabel(const QString& text, qreal factor, QWidget* parent)
     : QLabel(text, parent), m_factor(factor)
 {
-    // Installing it again changes nothing.
+    // Repeated calls have no effect.
     QAccessible::installFactory(makeHeading);
     setTextFormat(Qt::PlainText);
     followDesktopFont();
@@ -30,9 +30,9 @@ HeadingLabel::HeadingLabel(const QString& text, qreal factor, QWidget* parent)
 
 bool HeadingLabel::event(QEvent* event)
 {
-    const bool isTaken = QLabel::event(event);
+    const bool isHandled = QLabel::event(event);
     if (event->type() == QEvent::ApplicationFontChange) followDesktopFont();
-    return isTaken;
+    return isHandled;
 }
 
 void HeadingLabel::followDesktopFont()

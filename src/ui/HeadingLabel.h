@@ -5,8 +5,8 @@
 namespace harbex
 {
 
-/// A title in bold, larger than the desktop's font by a factor and larger again when that font changes.
-/// Screen readers present it as a heading. Main thread only.
+/// A bold title, `factor` times as large as the desktop's font. Follows changes of that font. Screen readers
+/// present it as a heading. Main thread only.
 class HeadingLabel : public QLabel
 {
     Q_OBJECT

@@ -10,9 +10,9 @@
 #include <QSvgRenderer>
 #include <QVersionNumber>
 
-// The linker leaves the resources of a static library out unless they are asked for, which only a function
-// outside every namespace can do.
-static void bringResourcesIn()
+// Without this call the linker drops the resources of a static library. Q_INIT_RESOURCE must be outside of
+// all namespaces.
+static void initResources()
 {
     Q_INIT_RESOURCE(icons);
 }
@@ -23,13 +23,13 @@ namespace harbex
 namespace
 {
 
-struct Drawing {
-    /// The name in the desktop's theme; empty where themes have no name for what is meant.
+struct IconSource {
+    /// The name in the desktop's theme; empty if themes define none.
     QString themeName;
     QString resource;
 };
 
-Drawing drawingOf(Symbol symbol)
+IconSource iconSourceOf(Symbol symbol)
 {
     switch (symbol) {
     case Symbol::folder:
@@ -44,8 +44,8 @@ Drawing drawingOf(Symbol symbol)
     Q_UNREACHABLE();
 }
 
-/// Draws the shape of a symbol in one colour, chosen anew at each drawing: a symbolic icon is black, and Qt
-/// would leave it so on a dark ground.
+/// Draws the shape of a symbol in one colour of the current palette. A symbolic icon is black, and Qt does
+/// not recolour it for dark backgrounds.
 class SymbolEngine : public QIconEngine
 {
 public:
@@ -65,8 +65,7 @@ public:
         return inked(size, mode, 1.0);
     }
 
-    /// `size` is in units of the layout, of which each has `scale` pixels of the device; before Qt 6.8 it is
-    /// in pixels.
+    /// `size` is in device-independent pixels; before Qt 6.8 in device pixels.
     QPixmap scaledPixmap(const QSize& size, QIcon::Mode mode, QIcon::State /*state*/, qreal scale) override
     {
         const bool isInPixels = QLibraryInfo::version() < QVersionNumber(6, 8);
@@ -86,7 +85,7 @@ private:
         return (QSizeF(size) * scale).toSize();
     }
 
-    /// `size` is in pixels of the device, of which `scale` make one unit of the layout.
+    /// `size` is in device pixels. `scale` is the device pixel ratio.
     [[nodiscard]] QPixmap inked(const QSize& size, QIcon::Mode mode, qreal scale) const
     {
         const QColor ink = inkFor(mode);
@@ -127,11 +126,11 @@ private:
         image.setDevicePixelRatio(scale);
         QPainter painter(&image);
         const QRectF area(QPointF(), QSizeF(size) / scale);
-        const Drawing drawing = drawingOf(m_symbol);
-        if (!drawing.themeName.isEmpty() && QIcon::hasThemeIcon(drawing.themeName))
-            QIcon::fromTheme(drawing.themeName).paint(&painter, area.toRect());
+        const IconSource source = iconSourceOf(m_symbol);
+        if (!source.themeName.isEmpty() && QIcon::hasThemeIcon(source.themeName))
+            QIcon::fromTheme(source.themeName).paint(&painter, area.toRect());
         else
-            QSvgRenderer(drawing.resource).render(&painter, area);
+            QSvgRenderer(source.resource).render(&painter, area);
         painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
         painter.fillRect(area, ink);
         return image;
@@ -146,7 +145,7 @@ private:
 
 QIcon symbolIcon(Symbol symbol, QPalette::ColorRole activeInk, QPalette::ColorGroup group)
 {
-    bringResourcesIn();
+    initResources();
     return QIcon(new SymbolEngine(symbol, activeInk, group));
 }
 

@@ -3,8 +3,8 @@
 namespace harbex
 {
 
-/// Gives back to the system what memory the process can do without while its window is closed: freed heap
-/// and drawn icons. Main thread only.
+/// Returns memory to the system that the process does not need while its window is closed: freed heap and
+/// cached icons. Main thread only.
 void releaseIdleMemory();
 
 } // namespace harbex

@@ -31,16 +31,16 @@ xcb_atom_t atom(xcb_connection_t* connection, std::string_view name)
     return reply ? reply->atom : static_cast<xcb_atom_t>(XCB_ATOM_NONE);
 }
 
-/// The connection to the X11 server; null where there is none.
+/// Returns the connection to the X11 server; null on other platforms.
 xcb_connection_t* x11Connection()
 {
     const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
-    // Some platforms that are not X11 have the interface, and no connection.
+    // Some other platforms have the interface, but no connection.
     return x11 ? x11->connection() : nullptr;
 }
 
-/// Leaves an X11 window out of taskbars and pagers. The window must not be mapped: what is written here is
-/// what the window manager finds when it is, and takes away when it is not any more.
+/// Leaves an X11 window out of taskbars and pagers. Call before the window is mapped: the window manager
+/// reads the property when it maps the window, and deletes it when the window is unmapped.
 void leaveOutOfTaskbar(WId window)
 {
     xcb_connection_t* connection = x11Connection();
@@ -51,14 +51,13 @@ void leaveOutOfTaskbar(WId window)
                         atom(connection, "_NET_WM_STATE"), XCB_ATOM_ATOM, 32, states.size(), states.data());
 }
 
-/// Tells an X11 desktop that the start with this id is over, which it shows as under way until then. Qt tells
-/// only of a start of its own process.
+/// Ends the X11 startup notification with this id. Qt ends only that of its own process.
 void endStartup(WId window, QByteArray id)
 {
     xcb_connection_t* connection = x11Connection();
     if (!connection) return;
     id.replace('\\', "\\\\").replace('"', "\\\"");
-    // It goes in pieces that are filled up with NULs, of which it needs one to end.
+    // Sent in pieces of 20 bytes, padded with NUL. The message needs a final NUL.
     const QByteArray message = "remove: ID=\"" + id + "\"" + '\0';
     xcb_client_message_event_t event = {};
     constexpr qsizetype pieceSize = sizeof(event.data.data8);
@@ -80,7 +79,7 @@ void endStartup(WId window, QByteArray id)
 MainWindow::MainWindow(ContentState& state) : m_state(state)
 {
     setWindowTitle(tr("Harbex"));
-    // The theme has it where the program is installed.
+    // The theme contains the icon if the program is installed.
     setWindowIcon(QIcon::fromTheme(QStringLiteral("org.harbex.Harbex"),
                                    QIcon(QStringLiteral(":/icons/application.svg"))));
 }
@@ -94,7 +93,7 @@ void MainWindow::open(const QString& activationToken)
         setWindowState(Qt::WindowNoState);
         resize(QSize(1100, 640).boundedTo(screen()->availableSize()));
     }
-    // Where Qt's Wayland plugin looks for it.
+    // Qt's Wayland plugin reads the token from there.
     if (!activationToken.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
     setWindowState(windowState() & ~Qt::WindowMinimized);
     show();
@@ -106,16 +105,16 @@ void MainWindow::open(const QString& activationToken)
 void MainWindow::closeEvent(QCloseEvent* event)
 {
     QMainWindow::closeEvent(event);
-    // A window that is not open can be closed too.
+    // A window that is not open can receive this event too.
     if (!std::exchange(m_isOpen, false)) return;
     m_state.disappear();
-    // Not before Qt has hidden the window.
+    // Queued, so that Qt hides the window first.
     QMetaObject::invokeMethod(this, &MainWindow::releaseContent, Qt::QueuedConnection);
 }
 
 void MainWindow::releaseContent()
 {
-    // A dialog that is still up answers to the content.
+    // An open dialog still needs the content.
     if (m_isOpen || QApplication::activeModalWidget()) return;
     delete takeCentralWidget();
     destroy();
@@ -124,7 +123,7 @@ void MainWindow::releaseContent()
 
 void MainWindow::showEvent(QShowEvent* event)
 {
-    // One that comes from outside tells of a window that is mapped.
+    // A spontaneous event means that the window is already mapped.
     if (!event->spontaneous()) leaveOutOfTaskbar(winId());
     QMainWindow::showEvent(event);
 }

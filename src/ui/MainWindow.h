@@ -8,9 +8,9 @@ namespace harbex
 
 class ContentState;
 
-/// The one main window. It appears when it is opened and disappears when it is closed; minimising it, another
-/// desktop or a locked screen are neither, and neither is the end of the program. Each opening begins with
-/// the same size. Main thread only; `state` must live longer.
+/// The only main window. Opening it calls ContentState::appear(), closing it ContentState::disappear().
+/// Minimising, switching the desktop, locking the screen and quitting call neither. Each opening starts with
+/// the same size. Main thread only. `state` must live longer.
 class MainWindow : public QMainWindow
 {
     Q_OBJECT
@@ -18,9 +18,8 @@ class MainWindow : public QMainWindow
 public:
     explicit MainWindow(ContentState& state);
 
-    /// Opens the window, or brings it to the front when it is open, minimised or behind others. The token is
-    /// what allows this under Wayland, and what names the start that has asked under X11, which is then over;
-    /// empty when whoever asks has none.
+    /// Opens the window, or brings an open one to the front. Wayland needs the token to allow this. On X11
+    /// the token is the startup id, whose startup notification is ended. The token may be empty.
     void open(const QString& activationToken = {});
 
 protected:
@@ -28,7 +27,7 @@ protected:
     void showEvent(QShowEvent* event) override;
 
 private:
-    /// Has nothing left of a closed window: it may stay closed for weeks.
+    /// Releases the content, the native window and idle memory, because the window may stay closed for weeks.
     void releaseContent();
 
     ContentState& m_state;

@@ -10,8 +10,8 @@ namespace harbex
 namespace
 {
 
-/// What assistive technology sees. Qt's own presents the current choice as the name on Linux and has no place
-/// for the title; here the title is the name and the current choice is the text.
+/// The accessible interface. Qt's own presents the current choice as the name on Linux, and does not expose
+/// the title. Here the title is the name, and the current choice is the text.
 class AccessiblePicker : public QAccessibleWidget, public QAccessibleTextInterface
 {
 public:
@@ -30,7 +30,7 @@ public:
         return state;
     }
 
-    // Its one child is the list that pops up.
+    // The only child is the pop-up list.
     [[nodiscard]] int childCount() const override { return 1; }
     [[nodiscard]] QAccessibleInterface* child(int index) const override
     {
@@ -58,7 +58,7 @@ public:
         return QAccessibleWidget::interface_cast(type);
     }
 
-    // A text that can only be read.
+    // Read-only text.
     [[nodiscard]] QString text(int start, int end) const override { return choice().mid(start, end - start); }
     [[nodiscard]] int characterCount() const override { return static_cast<int>(choice().size()); }
     void selection(int /*index*/, int* start, int* end) const override { *start = *end = 0; }
@@ -94,7 +94,7 @@ QAccessibleInterface* makeAccessible(const QString& className, QObject* object)
 
 Picker::Picker(const QString& title, QWidget* parent) : QComboBox(parent)
 {
-    // Installing it again changes nothing.
+    // Repeated calls have no effect.
     QAccessible::installFactory(makeAccessible);
     setAccessibleName(title);
 }

@@ -5,14 +5,14 @@
 namespace harbex
 {
 
-/// A pop-up menu that shows the current choice and has a hidden title. It leaves the wheel to the list around
-/// it: who scrolls past it must not change a rule. Main thread only.
+/// A combo box whose title is visible only to assistive technology. Ignores the wheel, so that scrolling the
+/// list around it does not change a rule. Main thread only.
 class Picker : public QComboBox
 {
     Q_OBJECT
 
 public:
-    /// `title` is the name under which assistive technology presents it.
+    /// `title` is the accessible name.
     Picker(const QString& title, QWidget* parent);
 
 protected:

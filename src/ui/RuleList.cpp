@@ -19,12 +19,12 @@ namespace
 {
 
 constexpr int rowSpacing = 12;
-/// Keeps the rows clear of the scroll bar.
+/// Space between the rows and the scroll bar.
 constexpr int trailingPadding = 16;
-/// How many rows exist above and below those that are seen.
-constexpr std::size_t rowsInReserve = 3;
+/// Number of rows that exist above and below the visible ones.
+constexpr std::size_t extraRows = 3;
 
-/// A row may be in the middle of handling an event.
+/// Deletes the row later, because it may be handling an event.
 void discard(RuleRow* row)
 {
     row->hide();
@@ -36,8 +36,8 @@ void discard(RuleRow* row)
 RuleList::RuleList(ContentState& state, QWidget* parent) : QScrollArea(parent), m_state(state)
 {
     setFrameShape(QFrame::NoFrame);
-    // Tab goes to the rows. Only what can have the focus has a place in its order, and theirs is after the
-    // list.
+    // Tab goes to the rows, not to the list. The list still needs a focus policy, because setTabOrder() puts
+    // the rows after it.
     setFocusPolicy(Qt::ClickFocus);
     setWidget(new QWidget);
     measureRow();
@@ -52,7 +52,7 @@ RuleList::RuleList(ContentState& state, QWidget* parent) : QScrollArea(parent), 
 
 RuleList::~RuleList()
 {
-    // The rows are deleted later than this part of the object, and lose the focus then.
+    // The base class deletes the rows, which changes the focus. followFocus() must not run then.
     disconnect(qApp, nullptr, this, nullptr);
 }
 
@@ -113,7 +113,7 @@ void RuleList::showAddedOrDeleted()
     const auto focused = focusedRow();
     const RuleRow* row = focused ? m_rows[*focused] : nullptr;
     showRules();
-    // When no row is left, Qt has moved the focus on to what comes after the list.
+    // If no row is left, Qt has already moved the focus past the list.
     if (!focused || m_rows.empty() || std::ranges::find(m_rows, row) != m_rows.end()) return;
     const std::size_t index = std::min(*focused, m_rows.size() - 1);
     build(index)->focusDeleteButton();
@@ -138,7 +138,7 @@ void RuleList::measureRow()
     m_rowSize = {row.minimumSizeHint().width(), row.sizeHint().height()};
 }
 
-/// From the top of a row to the top of the next.
+/// Returns the distance between the tops of two adjacent rows.
 int RuleList::rowPitch() const
 {
     return m_rowSize.height() + rowSpacing;
@@ -151,7 +151,7 @@ QRect RuleList::placeOf(std::size_t index) const
     return QStyle::visualRect(layoutDirection(), widget()->rect(), place);
 }
 
-/// Gives the content the size of all rows, those that do not exist included.
+/// Sizes the content for all rows, including those that do not exist.
 void RuleList::layOut()
 {
     const int width = std::max(viewport()->width(), m_rowSize.width() + trailingPadding);
@@ -164,7 +164,7 @@ void RuleList::layOut()
 
 void RuleList::buildWanted()
 {
-    // Between a change of the state and the signal that tells of it.
+    // The state has changed, and its signal has not arrived yet.
     if (m_rows.size() != rules().size()) return;
 
     const auto pitch = static_cast<std::size_t>(rowPitch());
@@ -174,7 +174,7 @@ void RuleList::buildWanted()
     const auto focused = focusedRow();
     const auto isWanted = [&](std::size_t index) {
         const bool isEnd = index == 0 || index + 1 == m_rows.size();
-        const bool isSeen = index + rowsInReserve >= firstSeen && index <= lastSeen + rowsInReserve;
+        const bool isSeen = index + extraRows >= firstSeen && index <= lastSeen + extraRows;
         const bool isNearFocus = focused && index + 1 >= *focused && index <= *focused + 1;
         return isEnd || isSeen || isNearFocus;
     };
@@ -195,8 +195,7 @@ RuleRow* RuleList::build(std::size_t index)
     row->setGeometry(placeOf(index));
     row->show();
 
-    // Rows are made in the order in which they come into view; the keyboard and screen readers go from top to
-    // bottom.
+    // Rows are created in any order. Keyboard and screen readers go from top to bottom.
     const auto isThere = [](const RuleRow* each) { return each != nullptr; };
     const auto place = m_rows.begin() + static_cast<std::ptrdiff_t>(index);
     const auto below = std::find_if(place + 1, m_rows.end(), isThere);
@@ -214,14 +213,14 @@ RuleRow* RuleList::build(std::size_t index)
 void RuleList::followFocus(QWidget* /*former*/, QWidget* focus)
 {
     buildWanted();
-    // A click must find what it was aimed at where it was.
+    // Scrolling during a click would move the control away from the pointer.
     const bool isClick = QGuiApplication::mouseButtons() != Qt::NoButton;
     if (!isClick && focus && widget()->isAncestorOf(focus)) ensureWidgetVisible(focus);
 }
 
 std::optional<std::size_t> RuleList::focusedRow() const
 {
-    // What has the focus while the window is the active one.
+    // Unlike QApplication::focusWidget(), this is also set while the window is inactive.
     const QWidget* focus = window()->focusWidget();
     for (std::size_t i = 0; i < m_rows.size(); ++i)
         if (m_rows[i] && m_rows[i]->isAncestorOf(focus)) return i;

@@ -14,12 +14,12 @@ namespace harbex
 class ContentState;
 class RuleRow;
 
-/// The rules of the selected folder, one row each, in the order in which they are tried. Main thread only;
-/// `state` must live longer.
+/// Lists the rules of the selected folder, one row each, in the order in which they are tried. Main thread
+/// only. `state` must live longer.
 ///
-/// A row exists while it can be seen, or nearly. Some exist all the time: the first and the last one, through
-/// which the focus comes in, and the one that has the focus with its neighbours. A row belongs to the id of
-/// its rule and keeps its focus, cursor and selection when rules before it come or go.
+/// A row exists only while it is visible or near the visible ones. The first and the last row always exist,
+/// because the focus enters through them. So do the focused row and its neighbours. A row belongs to the id
+/// of its rule. It keeps focus, cursor and selection when rules before it are added or deleted.
 class RuleList : public QScrollArea
 {
     Q_OBJECT
@@ -28,7 +28,7 @@ public:
     explicit RuleList(ContentState& state, QWidget* parent = nullptr);
     ~RuleList() override;
 
-    /// Brings the last rule into view.
+    /// Scrolls to the last rule.
     void scrollToEnd();
 
     [[nodiscard]] QSize minimumSizeHint() const override;
@@ -55,9 +55,9 @@ private:
     [[nodiscard]] std::optional<std::size_t> focusedRow() const;
 
     ContentState& m_state;
-    /// One place for each rule; null where its row does not exist.
+    /// One element per rule; null if its row does not exist.
     std::vector<RuleRow*> m_rows;
-    /// The least width of a row, and its height.
+    /// The minimum width of a row, and its height.
     QSize m_rowSize;
 };
 

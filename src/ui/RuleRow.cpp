@@ -22,7 +22,7 @@ namespace harbex
 namespace
 {
 
-// The raw values, which are also the labels, for the tool that collects what is to be translated.
+// Marks the raw values, which are also the labels, for lupdate.
 [[maybe_unused]] constexpr std::array labels{
     QT_TRANSLATE_NOOP("harbex::RuleRow", "Name"),       QT_TRANSLATE_NOOP("harbex::RuleRow", "Extension"),
     QT_TRANSLATE_NOOP("harbex::RuleRow", "Kind"),       QT_TRANSLATE_NOOP("harbex::RuleRow", "contains"),
@@ -47,7 +47,7 @@ void showCase(Picker* picker, const Cases& cases, Case shown)
     picker->setCurrentIndex(static_cast<int>(std::ranges::find(cases, shown) - cases.begin()));
 }
 
-/// Has the user's choice handed to `set` of the state.
+/// Passes the user's choice to the setter `set` of the state.
 template <class Case, std::size_t Count>
 void setOnChoice(Picker* picker, const std::array<Case, Count>& cases, ContentState& state,
                  void (ContentState::*set)(QUuid, Case), QUuid ruleID)
@@ -67,9 +67,9 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
     m_value->setFixedWidth(180);
     m_value->setPlaceholderText(tr("Default: All Files"));
     m_value->setAccessibleName(tr("Value"));
-    // A longer value from the store would be cut, and the next keystroke would make that the rule.
+    // QLineEdit would cut a longer value from the store, and the next edit would change the rule.
     m_value->setMaxLength(std::numeric_limits<int>::max());
-    // Rules of every field have what follows in one column.
+    // Aligns the controls after it in all rows.
     QSizePolicy policy = m_value->sizePolicy();
     policy.setRetainSizeWhenHidden(true);
     m_value->setSizePolicy(policy);
@@ -96,7 +96,7 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
     setOnChoice(m_field, allRuleFields, state, &ContentState::setField, m_ruleID);
     setOnChoice(m_operator, allRuleOperators, state, &ContentState::setOperator, m_ruleID);
     setOnChoice(m_kind, allRuleKinds, state, &ContentState::setKind, m_ruleID);
-    // Not textEdited, which assistive technology that writes into the field does not cause.
+    // textEdited is not emitted when assistive technology changes the text.
     connect(m_value, &QLineEdit::textChanged, &state,
             [&state, id = m_ruleID](const QString& text) { state.setValue(id, text); });
     connect(m_value, &QLineEdit::returnPressed, &state, &ContentState::submitValue);

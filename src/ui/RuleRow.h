@@ -16,8 +16,8 @@ class DirectorySelector;
 class FlatButton;
 class Picker;
 
-/// One line in which a rule is edited. What the user changes goes to the state at once; there is no other
-/// copy of the rule. Main thread only; `state` must live longer.
+/// Edits one rule in one line. Changes go to the state at once; the row keeps no copy of the rule. Main
+/// thread only. `state` must live longer.
 class RuleRow : public QWidget
 {
     Q_OBJECT
@@ -27,11 +27,11 @@ public:
 
     [[nodiscard]] const QUuid& ruleID() const { return m_ruleID; }
 
-    /// Shows the rule as it is now, without a change to the state. A value that is shown already keeps its
-    /// cursor and its selection.
+    /// Shows `rule` without changing the state. The value field keeps cursor and selection if its text is
+    /// unchanged.
     void showRule(const FilterRule& rule);
 
-    /// The controls that take the focus, from left to right.
+    /// Returns the controls that take the focus, from left to right.
     [[nodiscard]] QList<QWidget*> controls() const;
 
     void focusDeleteButton();

@@ -35,8 +35,8 @@ StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
 
 void StatusItem::popUp(const QPoint& position)
 {
-    // Under Wayland a menu needs a window of ours to hang on; without one it would cover the screen. Panels
-    // there draw the menu themselves; for one that cannot, the window is better than nothing.
+    // On Wayland a menu without a parent window would cover the screen. Panels there draw the menu
+    // themselves. If a panel cannot, open the window instead.
     if (isWayland())
         Q_EMIT openRequested(m_notifierItem->takeActivationToken());
     else
@@ -45,11 +45,10 @@ void StatusItem::popUp(const QPoint& position)
 
 void StatusItem::showInXEmbedTray(bool isShown)
 {
-    if (isWayland()) return; // It has no XEmbed tray.
+    if (isWayland()) return; // Wayland has no XEmbed tray.
 
-    // Qt decides at the first icon, for the life of the process, which protocol its icons speak. Made while
-    // no panel speaks the newer one, this speaks XEmbed, and from then on follows every XEmbed tray that
-    // comes and goes by itself.
+    // Qt chooses the tray protocol once per process, when the first icon is created. Without a panel that
+    // supports the status-notifier protocol it chooses XEmbed, and then follows all XEmbed trays itself.
     if (isShown && !m_trayIcon) {
         m_trayIcon = new QSystemTrayIcon(QIcon::fromTheme(iconName, m_icon), this);
         m_trayIcon->setToolTip(tr("Harbex"));

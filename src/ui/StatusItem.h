@@ -16,10 +16,9 @@ class QSystemTrayIcon;
 namespace harbex
 {
 
-/// The item in the panel whose menu opens the main window and ends the program: a folder, shown by a panel
-/// that speaks the status-notifier protocol, or else in the XEmbed tray of X11 where there is one. Panels may
-/// come and go at any time. Without any, nothing is shown. Knows neither the engine nor the store. Main
-/// thread only.
+/// The item in the panel whose menu opens the main window and quits the program. Uses the status-notifier
+/// protocol, or else the XEmbed tray of X11. Panels may appear and disappear at any time; without one,
+/// nothing is shown. Main thread only.
 class StatusItem : public QObject
 {
     Q_OBJECT
@@ -28,9 +27,9 @@ public:
     explicit StatusItem(const QDBusConnection& bus, QObject* parent = nullptr);
 
 Q_SIGNALS:
-    /// "Open Harbex" was chosen. The token, with which the window may come to the front, may be empty.
+    /// The user chose "Open Harbex". The token for bringing the window to the front may be empty.
     void openRequested(const QString& activationToken);
-    /// "Quit" was chosen.
+    /// The user chose "Quit".
     void quitRequested();
 
 private:

@@ -28,7 +28,7 @@ StatusNotifierPixmap pixmapOf(const QImage& image)
     const QImage argb = image.convertToFormat(QImage::Format_ARGB32);
     StatusNotifierPixmap pixmap{argb.width(), argb.height(),
                                 QByteArray(argb.sizeInBytes(), Qt::Uninitialized)};
-    // In one piece: rows of 32-bit pixels have no padding.
+    // One pass is enough: rows of 32-bit pixels have no padding.
     qToBigEndian<quint32>(argb.constBits(), argb.sizeInBytes() / 4, pixmap.pixels.data());
     return pixmap;
 }
@@ -79,7 +79,7 @@ StatusNotifierItem::StatusNotifierItem(const QDBusConnection& bus, const QString
     m_bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableContents);
 
     m_busName = QStringLiteral("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid());
-    // Taken by a process of the same number in a container, or not allowed in a sandbox.
+    // The name is taken (same PID in a container) or refused (sandbox).
     if (!m_bus.registerService(m_busName)) m_busName = m_bus.baseService();
 
     connect(&m_watcherOwner, &QDBusServiceWatcher::serviceOwnerChanged, this,
@@ -139,7 +139,7 @@ void StatusNotifierItem::registerAtWatcher()
     QDBusMessage call = QDBusMessage::createMethodCall(watcherName, watcherPath, watcherName,
                                                        QStringLiteral("RegisterStatusNotifierItem"));
     call << m_busName;
-    // Where there is no watcher this fails, and its appearance is the next occasion.
+    // Fails if there is no watcher. serviceOwnerChanged then causes the next attempt.
     m_bus.send(call);
     askWhetherShown();
 }
@@ -147,7 +147,7 @@ void StatusNotifierItem::registerAtWatcher()
 void StatusNotifierItem::askWhetherShown()
 {
     if (!m_bus.isConnected()) {
-        // Later, as any answer: whoever makes this object must have a chance to hear it.
+        // Queued like a reply, so that the creator can connect to the signal first.
         QMetaObject::invokeMethod(this, [this] { setShown(false); }, Qt::QueuedConnection);
         return;
     }

@@ -20,8 +20,8 @@ class QMenu;
 namespace harbex
 {
 
-/// What org.kde.StatusNotifierItem sends: a picture, 32 bits a pixel (alpha, red, green, blue, in this
-/// order), and a tool tip.
+/// Wire types of org.kde.StatusNotifierItem: an image with 4 bytes per pixel (alpha, red, green, blue), and a
+/// tool tip.
 struct StatusNotifierPixmap {
     int width = 0;
     int height = 0;
@@ -39,9 +39,8 @@ const QDBusArgument& operator>>(const QDBusArgument& argument, StatusNotifierPix
 QDBusArgument& operator<<(QDBusArgument& argument, const StatusNotifierToolTip& toolTip);
 const QDBusArgument& operator>>(const QDBusArgument& argument, StatusNotifierToolTip& toolTip);
 
-/// The status item as today's panels draw it: org.kde.StatusNotifierItem on the session bus, whose left and
-/// right click open the menu. It makes itself known to each panel that appears, whenever that is. Main thread
-/// only.
+/// Exports the status item as org.kde.StatusNotifierItem on a bus. Left and right click open the menu.
+/// Registers with every StatusNotifierWatcher that appears. Main thread only.
 class StatusNotifierItem : public QObject
 {
     Q_OBJECT
@@ -63,12 +62,12 @@ class StatusNotifierItem : public QObject
     Q_PROPERTY(QDBusObjectPath Menu READ menu CONSTANT SCRIPTABLE true)
 
 public:
-    /// `title` is what the item is called. The panel draws `iconName` of its own theme, or else `icon`.
-    /// `menu` must be complete and live longer.
+    /// `title` is the name of the item. The panel draws `iconName` from its theme, or else `icon`. `menu`
+    /// must be complete and live longer.
     StatusNotifierItem(const QDBusConnection& bus, const QString& title, const QString& iconName,
                        const QIcon& icon, const QMenu& menu, QObject* parent = nullptr);
 
-    /// The activation token that came with the latest click, which it serves alone: it is empty afterwards.
+    /// Returns the activation token of the latest click and clears it. May be empty.
     [[nodiscard]] QString takeActivationToken();
 
     [[nodiscard]] QString category() const { return QStringLiteral("ApplicationStatus"); }
@@ -84,8 +83,8 @@ public:
     [[nodiscard]] QString nothing() const { return {}; }
     [[nodiscard]] QList<StatusNotifierPixmap> noPixmap() const { return {}; }
 
-    // The calls of the protocol. Positions are of the screen, in the panel's pixels. The middle button and
-    // the wheel do nothing.
+    // D-Bus methods. Positions are screen coordinates in the panel's pixels. Middle button and wheel do
+    // nothing.
     Q_SCRIPTABLE void Activate(int x, int y);
     Q_SCRIPTABLE void ContextMenu(int x, int y);
     Q_SCRIPTABLE void SecondaryActivate(int x, int y);
@@ -93,9 +92,9 @@ public:
     Q_SCRIPTABLE void ProvideXdgActivationToken(const QString& token);
 
 Q_SIGNALS:
-    /// Whether a panel shows this item. Comes once it is known, and at each change.
+    /// A panel shows this item, or none does. Emitted when this is first known and at each change.
     void shownChanged(bool isShown);
-    /// A panel that does not draw the menu itself wants it opened there.
+    /// A panel that does not draw the menu itself asks to open it at `position`.
     void menuRequested(const QPoint& position);
 
 private Q_SLOTS:

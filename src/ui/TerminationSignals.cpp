@@ -13,14 +13,14 @@ namespace
 
 constexpr std::array signals{SIGTERM, SIGINT, SIGHUP};
 
-// A signal handler can be told nothing, so what it needs stands here. Written before the handler is set.
+// Global, because a signal handler has no context argument. Written before the handlers are installed.
 volatile sig_atomic_t writeEnd = -1;
 
 void wakeMainThread(int)
 {
     const int savedErrno = errno;
     const char byte = 0;
-    // A full pipe holds a byte that was not read yet: that one serves.
+    // A full pipe already contains an unread byte, which is enough.
     if (::write(writeEnd, &byte, 1) < 0) {
     }
     errno = savedErrno;
@@ -31,7 +31,7 @@ void wakeMainThread(int)
 TerminationSignals::TerminationSignals(QObject* parent) : QObject(parent)
 {
     std::array<int, 2> ends{};
-    // Without a pipe the signals keep their default and end the process all the same.
+    // Without a pipe the signals keep their default action and end the process.
     if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) return;
     m_readEnd = FileDescriptor(ends[0]);
     m_writeEnd = FileDescriptor(ends[1]);

@@ -10,8 +10,8 @@
 namespace harbex
 {
 
-/// Turns SIGTERM, SIGINT and SIGHUP into a Qt signal on the main thread: at logout and at Ctrl+C the program
-/// ends in order. One for the life of the process, on the main thread.
+/// Turns SIGTERM, SIGINT and SIGHUP into a Qt signal, so that the program ends normally at logout and Ctrl+C.
+/// Create one per process. Main thread only.
 class TerminationSignals : public QObject
 {
     Q_OBJECT
