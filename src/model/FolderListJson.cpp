@@ -38,13 +38,13 @@ QString placeOf(const QString& list, qsizetype index)
 
 QString quoted(const QString& text)
 {
-    // Enough to recognise it; the text may be megabytes of damage.
+    // The text of a damaged file can have megabytes.
     constexpr qsizetype shownLength = 60;
     const QString shown = text.size() > shownLength ? text.left(shownLength) + u'…' : text;
     return QStringLiteral("\"%1\"").arg(readableText(shown));
 }
 
-/// Reads the keys of one JSON object and knows where in the text the object stands.
+/// Reads the keys of one JSON object. Error messages contain the object's position.
 class ObjectReader
 {
 public:
@@ -95,13 +95,13 @@ public:
             const QByteArray base64 = text.toLatin1();
             const auto result =
                 QByteArray::fromBase64Encoding(base64, QByteArray::AbortOnBase64DecodingErrors);
-            // Qt also takes text without its padding and drops stray bits at the end.
+            // Qt also accepts missing padding and ignores stray bits at the end.
             const bool isExact = result && result.decoded.toBase64() == base64;
             return isExact ? std::optional(result.decoded) : std::nullopt;
         });
     }
 
-    /// What `read` finds under a key that may be missing or null.
+    /// Returns the result of `read`, or nothing if the key is missing or null.
     template <class Value>
     [[nodiscard]] Decoded<std::optional<Value>>
     optional(QLatin1String name, Decoded<Value> (ObjectReader::*read)(QLatin1String) const) const
@@ -138,7 +138,7 @@ private:
     QString m_place;
 };
 
-// The keys are read in the order of the fields: it decides which of several mistakes is reported.
+// The keys are read in field order, which determines the reported error.
 Decoded<FilterRule> decodeRule(const QJsonValue& json, const QString& place)
 {
     const auto object = ObjectReader::open(json, place);
@@ -262,7 +262,7 @@ QString uuidText(const QUuid& id)
 
 std::optional<QUuid> uuidFromText(QStringView text)
 {
-    // QUuid takes more: braces, text behind the last digit, and gives the zero UUID for what it cannot read.
+    // QUuid also accepts braces and text after the last digit, and returns the zero UUID for invalid text.
     constexpr qsizetype textLength = 36;
     if (text.size() != textLength) return std::nullopt;
     for (qsizetype i = 0; i < textLength; ++i) {

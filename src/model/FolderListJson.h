@@ -16,28 +16,28 @@
 namespace harbex
 {
 
-/// Why a text is no list of folders, or a list of folders has no text.
+/// Describes why a folder list could not be decoded or encoded.
 struct JsonError {
-    /// One line that says where and what: `[2].rules[0].kind: unknown value "Pictures"`.
+    /// One line with position and reason: `[2].rules[0].kind: unknown value "Pictures"`.
     QString description;
 };
 
-/// The array or object that a JSON text (UTF-8) consists of. Takes any bytes.
+/// Parses a JSON text (UTF-8) into an array or object. Accepts any bytes.
 [[nodiscard]] Outcome<QJsonValue, JsonError> parseJson(const QByteArray& text);
 
-/// The JSON of a list of folders: an array of objects whose keys are the names of the records' fields; absent
-/// values leave their key out. Fails when a rule's value is no Unicode text (a lone surrogate), which JSON in
-/// UTF-8 cannot hold.
+/// Returns a list of folders as JSON: an array of objects whose keys are the field names. Absent values have
+/// no key. Fails if a rule's value contains a lone surrogate, which UTF-8 cannot encode.
 [[nodiscard]] Outcome<QJsonArray, JsonError> encodeFolderList(const std::vector<WatchedFolder>& folders);
 
-/// Reads what encodeFolderList() makes. Unknown keys are ignored; the first missing or wrong value fails the
-/// whole list. Takes any JSON.
+/// Decodes the format of encodeFolderList(). Ignores unknown keys. Fails at the first missing or wrong value.
+/// Accepts any JSON.
 [[nodiscard]] Outcome<std::vector<WatchedFolder>, JsonError> decodeFolderList(const QJsonValue& json);
 
-/// The canonical text of a UUID: 36 characters, upper-case hexadecimal, hyphens, no braces.
+/// Returns the canonical text of a UUID: 36 characters, upper-case hexadecimal, hyphens, no braces.
 [[nodiscard]] QString uuidText(const QUuid& id);
 
-/// Reads that form and no other, in either letter case. The all-zero UUID is one like any other.
+/// Parses exactly that form, in upper or lower case. The all-zero UUID is valid. Returns nothing for other
+/// texts.
 [[nodiscard]] std::optional<QUuid> uuidFromText(QStringView text);
 
 } // namespace harbex

@@ -21,11 +21,11 @@ namespace harbex
 namespace
 {
 
-/// What a folder keeps when it is renamed and when the system restarts.
+/// The identity of a folder, which survives renames and reboots.
 ///
-/// The device number is left out: disks get theirs anew at every start, in the order in which they are found.
-/// Not every file system and sandbox tells the birth time and the handle (the inode with its generation, by
-/// which the kernel would export the folder), so either may be missing.
+/// It lacks the device number, because device numbers can change at every boot. Birth time and file handle
+/// (inode and generation, as for NFS exports) may be missing: not every file system and sandbox provides
+/// them.
 struct FolderIdentity {
     quint64 inode = 0;
     qint64 birthSeconds = 0;
@@ -39,7 +39,8 @@ struct FolderIdentity {
 
 enum class Likeness {
     different,
-    /// The same inode number and nothing else to compare: another folder may have got it after a deletion.
+    /// Equal inode numbers and nothing else to compare. Another folder may have got the number of a deleted
+    /// one.
     sameNumber,
     same,
 };
@@ -66,14 +67,14 @@ void readHandle(int fd, FolderIdentity& identity)
     auto* const handle = new (buffer.data()) file_handle;
     handle->handle_bytes = MAX_HANDLE_SZ;
     int mountId = 0;
-    // Every failure means that there is no handle to be had here.
+    // On any failure the identity has no handle.
     if (::name_to_handle_at(fd, "", handle, &mountId, AT_EMPTY_PATH) != 0) return;
     identity.handleType = handle->handle_type;
     identity.handle = QByteArray(reinterpret_cast<const char*>(buffer.data() + sizeof(file_handle)),
                                  static_cast<qsizetype>(handle->handle_bytes));
 }
 
-/// The identity of the folder `name` in the folder that is open as `parent`; AT_FDCWD for an absolute path.
+/// Returns the identity of the folder `name` in the open folder `parent`; AT_FDCWD for an absolute path.
 Outcome<FolderIdentity> identityOfFolder(int parent, const char* name, int flags = 0)
 {
     const FileDescriptor folder(::openat(parent, name, O_PATH | O_DIRECTORY | O_CLOEXEC | flags));
@@ -88,19 +89,19 @@ Outcome<FolderIdentity> identityOfFolder(int parent, const char* name, int flags
     return identity;
 }
 
-/// The path of the folder inside `parent` that is `wanted`, under whatever name; nothing when there is none.
+/// Returns the path of the direct subfolder of `parent` that is `wanted`, whatever its name.
 std::optional<std::string> findInside(const std::string& parent, const FolderIdentity& wanted)
 {
     const auto close = [](DIR* directory) { ::closedir(directory); };
     const std::unique_ptr<DIR, decltype(close)> directory(::opendir(parent.c_str()));
     if (!directory) return std::nullopt;
     while (const dirent* entry = ::readdir(directory.get())) {
-        // The listing has the number of each entry, so that among thousands only the right one is opened. For
-        // the root of another mount it is the number of the folder below: that one is not found again.
+        // Opens only entries with the right inode number. For a mount point the listing has the number of the
+        // folder below the mount, so this search does not find mount roots.
         if (entry->d_ino != wanted.inode) continue;
         const std::string_view name = entry->d_name;
         if (name == "." || name == "..") continue;
-        // O_NOFOLLOW and O_DIRECTORY refuse everything but folders, whatever d_type says or does not say.
+        // O_NOFOLLOW and O_DIRECTORY reject everything but folders. d_type may be unknown.
         const auto identity = identityOfFolder(::dirfd(directory.get()), entry->d_name, O_NOFOLLOW);
         if (identity && compare(*identity, wanted) == Likeness::same)
             return (parent == "/" ? std::string() : parent) + '/' + entry->d_name;
@@ -113,7 +114,7 @@ struct Bookmark {
     FolderIdentity folder;
 };
 
-/// The first bytes of every bookmark; another layout gets another number.
+/// The first bytes of every bookmark. Another layout needs another number.
 constexpr char header[] = "harbex bookmark 1\n";
 constexpr qsizetype checksumLength = 32;
 
@@ -154,7 +155,7 @@ std::optional<Bookmark> decode(const QByteArray& bytes)
 
 Outcome<QByteArray> createBookmark(const std::string& path)
 {
-    // What has no absolute path of its own (relative, with a NUL) becomes the empty one, which is not found.
+    // FileUrl gives an empty path for a relative path or one with a NUL, which then fails with ENOENT.
     const std::string folderPath = FileUrl::fromPath(path).path();
     const auto folder = identityOfFolder(AT_FDCWD, folderPath.c_str());
     if (!folder) return folder.error();

@@ -12,16 +12,18 @@
 namespace harbex
 {
 
-/// Makes the bytes that find a folder again after it was renamed: its path and what identifies it on its file
-/// system. `path` is absolute, in raw bytes; a link to a folder stands for that folder. Fails when no folder
-/// stands there. Any thread.
+/// Returns a bookmark that finds a folder again after a rename: its path and its identity on the file system.
+/// `path` is absolute; a symbolic link to a folder is followed. Paths and names are raw bytes. Fails with the
+/// error of the system call if `path` is no folder. Thread-safe.
 [[nodiscard]] Outcome<QByteArray> createBookmark(const std::string& path);
 
-/// Where the folder of a bookmark stands now: at the path it was made for, or under another name in the same
-/// parent folder. Nothing when the folder is at neither place (moved away, deleted, replaced by another one
-/// or by a restored copy) and when the bytes are no bookmark; any bytes may be given. Nothing, too, when the
-/// path leads to a remote volume by `mounts`: its server may not answer, and no call is made to it. Takes at
-/// most one listing of the parent folder. Any thread.
+/// Returns the current URL of the bookmarked folder: its original path, or another name in the same parent
+/// folder. Returns nothing if the folder is at neither (moved away, deleted, replaced) or if the bytes are no
+/// bookmark. Accepts any bytes. A folder that replaces the original at its path is recognised by birth time
+/// or file handle; without both, an equal inode number counts as the same folder.
+///
+/// Also returns nothing if the path leads to a remote volume in `mounts`: no system call touches it, since
+/// its server may not answer. Lists the parent folder at most once. Thread-safe.
 [[nodiscard]] std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark, const MountTable& mounts);
 
 } // namespace harbex

@@ -32,7 +32,7 @@ QString selectedFolderKey()
     return QStringLiteral("selectedWatchedFolderID");
 }
 
-/// What the content of the preferences says; an empty object where there are none.
+/// Parses the preferences. Empty content gives an empty object.
 Outcome<QJsonObject, JsonError> parsePreferences(const QByteArray& content)
 {
     if (content.isEmpty()) return QJsonObject();
@@ -42,7 +42,7 @@ Outcome<QJsonObject, JsonError> parsePreferences(const QByteArray& content)
     return json->toObject();
 }
 
-/// Replaces each URL whose bookmark resolves; the others stay as they were stored.
+/// Replaces each URL whose bookmark resolves. The other URLs stay as stored.
 void resolveBookmarks(std::vector<WatchedFolder>& folders)
 {
     const MountTable mounts = MountTable::read();
@@ -57,7 +57,7 @@ void resolveBookmarks(std::vector<WatchedFolder>& folders)
     }
 }
 
-/// The wanted folder if it is in the list, else the first one, else none.
+/// Returns the wanted folder if it is in the list, or else the first one. Returns nothing for an empty list.
 std::optional<QUuid> selection(const std::vector<WatchedFolder>& folders, const std::optional<QUuid>& wanted)
 {
     if (folders.empty()) return std::nullopt;
@@ -82,7 +82,7 @@ FolderState FolderStore::loadState(FolderState current)
                   (stored ? QString() : QStringLiteral(": ") + stored.error().description));
 
     const QJsonValue list = preferences.value(folderListKey());
-    m_seen = list;
+    m_lastList = list;
     if (!list.isUndefined()) {
         auto folders = decodeFolderList(list);
         if (folders) {
@@ -102,19 +102,19 @@ void FolderStore::saveState(const FolderState& state)
 {
     const auto list = encodeFolderList(state.folders);
     if (!list) {
-        // The backslash and the parentheses belong to the message, which never says more.
+        // The backslash and the parentheses are part of the message.
         printLine("Failed to save folders: \\(error)");
         return;
     }
     const auto content = m_file.content();
-    // What cannot be read may be a good list, so it is not replaced either.
+    // Unreadable content may be a good list, so it is not replaced.
     if (!content || !replace(*content, *list, state.selectedFolderID)) {
         printText(QStringLiteral("Failed to write the preferences: ") + readableText(path()));
         m_unwritten = Unwritten{state, content};
         return;
     }
     m_unwritten.reset();
-    m_seen = *list;
+    m_lastList = *list;
 }
 
 bool FolderStore::replace(const QByteArray& content, const QJsonArray& list,
@@ -129,7 +129,7 @@ bool FolderStore::replace(const QByteArray& content, const QJsonArray& list,
     for (const QString& key : {folderListKey(), selectedFolderKey()})
         preferences.insert(key, ours.value(key));
     QByteArray bytes = QJsonDocument(preferences).toJson(QJsonDocument::Compact);
-    // Qt drops a byte order mark before a key, so that one of the other keys could hide one of these.
+    // Qt drops a byte order mark at the start of a key, so another key could replace one of these two.
     const auto written = parsePreferences(bytes);
     if (!written || written->value(folderListKey()) != list ||
         written->value(selectedFolderKey()) != ours.value(selectedFolderKey())) {
@@ -143,8 +143,8 @@ bool FolderStore::putAsideLostList(const QByteArray& content, const QJsonValue& 
 {
     if (list.isUndefined()) return true;
     const auto folders = decodeFolderList(list);
-    if (folders && (folders->empty() || !m_seen || *m_seen == list)) return true;
-    // What somebody wrote by hand can say more than is left of it here, with a key that stands there twice.
+    if (folders && (folders->empty() || !m_lastList || *m_lastList == list)) return true;
+    // A hand-written list may contain more than Qt has parsed, for example a key twice.
     const QByteArray bytes = QJsonDocument(list.toArray()).toJson(QJsonDocument::Compact);
     if (list.isArray() && content.contains(bytes))
         return m_file.putAside(bytes, QStringLiteral("savedWatchedFolders"));

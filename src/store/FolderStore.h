@@ -15,41 +15,42 @@
 namespace harbex
 {
 
-/// The configuration while the program runs: the folders in the order of the sidebar and the selected one.
+/// The configuration: the folders in the order of the sidebar, and the selected one.
 struct FolderState {
     std::vector<WatchedFolder> folders;
     std::optional<QUuid> selectedFolderID;
 };
 
-/// Keeps the configuration in the user's preferences: a JSON object with the list of folders under
+/// Stores the configuration in the user's preferences: a JSON object with the list of folders under
 /// "savedWatchedFolders" and the id of the selected one, a string, under "selectedWatchedFolderID". Main
 /// thread only. No failure reaches the caller: each is one line on standard output.
 ///
-/// A stored list that cannot be used is never lost, nor one that was not there, or could not be read, when
-/// the configuration was loaded. Before a save replaces it, it is put aside, once, in a file beside the
-/// preferences: its own bytes as savedWatchedFolders-<hash>.json, or all the preferences as
-/// harbex-<hash>.json when they are no JSON object or the list is not written as this program writes it.
+/// Before a save replaces a list that cannot be decoded or a non-empty list that differs from that of the
+/// last load or save, it puts the list aside in a file beside the preferences, once per content. The file is
+/// savedWatchedFolders-<hash>.json with the bytes of the list. It is harbex-<hash>.json with all bytes of the
+/// preferences if they are no JSON object, if the list is not formatted as this program does, or if the other
+/// keys cannot be kept.
 class FolderStore
 {
 public:
-    /// The stored configuration. Where nothing is stored or the preferences cannot be read, the folders of
-    /// `current` stay; a list that does not decode gives no folders. Reads the file once. A folder or
-    /// destination whose bookmark resolves is given the resolved URL. Selected is the stored folder or else
-    /// the first one.
+    /// Returns the stored configuration. Keeps the folders of `current` if nothing is stored or the
+    /// preferences cannot be read. Returns no folders if the list cannot be decoded. Reads the file once.
+    /// Replaces the URL of each folder and destination whose bookmark resolves. Selects the stored folder, or
+    /// else the first one.
     [[nodiscard]] FolderState loadState(FolderState current);
 
-    /// Stores the configuration, written when it returns, and leaves the values of other keys as they are.
-    /// When it cannot be encoded, what was stored before stays. When it cannot be written, it is kept in
-    /// memory and is what loadState() gives until a save succeeds or somebody changes the file.
+    /// Writes the configuration before it returns. Keeps the values of other keys. If it cannot be encoded,
+    /// the stored one stays. If it cannot be written, loadState() returns it from memory until a save
+    /// succeeds or the file changes.
     void saveState(const FolderState& state);
 
-    /// Where the preferences are kept.
+    /// Returns the path of the preferences.
     [[nodiscard]] const QString& path() const { return m_file.path(); }
 
 private:
     struct Unwritten {
         FolderState state;
-        /// What the file held instead; nothing when it could not be read.
+        /// The content of the file at the failed save; nothing if it could not be read.
         std::optional<QByteArray> fileContent;
     };
 
@@ -58,9 +59,8 @@ private:
     [[nodiscard]] bool putAsideLostList(const QByteArray& content, const QJsonValue& list) const;
 
     PreferencesFile m_file;
-    /// The list that was loaded or saved last, undefined when there was none; nothing before the first of
-    /// these.
-    std::optional<QJsonValue> m_seen;
+    /// The list of the last load or save, undefined if there was none. Nothing before the first load or save.
+    std::optional<QJsonValue> m_lastList;
     std::optional<Unwritten> m_unwritten;
 };
 

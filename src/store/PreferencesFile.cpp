@@ -21,25 +21,30 @@ namespace harbex
 namespace
 {
 
-/// A new file gets the permissions `rights` if any are given; one that is there keeps its own.
-bool replaceFile(const QString& path, const QByteArray& bytes, QFile::Permissions rights = {})
+/// Replaces the file atomically. An existing file keeps its permissions. A new file gets `permissions`, or
+/// the defaults if `permissions` is empty.
+bool replaceFile(const QString& path, const QByteArray& bytes, QFile::Permissions permissions = {})
 {
-    // QSaveFile follows links too, but replaces one that it cannot read, and knows no names but Unicode
-    // texts.
+    // QSaveFile follows symbolic links, but replaces a link that it cannot read. It supports only Unicode
+    // names.
     std::error_code error;
     const std::filesystem::path target =
         std::filesystem::weakly_canonical(QFile::encodeName(path).toStdString(), error);
     const QString name = QFile::decodeName(target.c_str());
     if (error || QFile::encodeName(name) != target.c_str()) return false;
 
-    // Without a commit the draft is removed. With a buffer, a disk that is nearly full would get the
-    // beginning of the bytes and report success.
-    QSaveFile draft(name);
-    if (!draft.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) return false;
-    if (rights && draft.permissions() != rights && !draft.setPermissions(rights)) return false;
-    if (draft.write(bytes) != bytes.size() || ::fsync(draft.handle()) != 0 || !draft.commit()) return false;
+    // QSaveFile removes the temporary file unless it is committed. It is unbuffered, because a buffered write
+    // to an almost full disk writes the first bytes and reports success.
+    QSaveFile temporaryFile(name);
+    if (!temporaryFile.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) return false;
+    if (permissions && temporaryFile.permissions() != permissions &&
+        !temporaryFile.setPermissions(permissions))
+        return false;
+    if (temporaryFile.write(bytes) != bytes.size() || ::fsync(temporaryFile.handle()) != 0 ||
+        !temporaryFile.commit())
+        return false;
 
-    // Not all file systems can sync a folder; then a loss of power may still bring back the old file, whole.
+    // Some file systems cannot sync a folder. There a power loss may bring back the old file, whole.
     const QByteArray folderName = QFile::encodeName(QFileInfo(name).canonicalPath());
     const FileDescriptor folder(::open(folderName.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder) (void)::fsync(folder.get());
@@ -80,8 +85,8 @@ bool PreferencesFile::putAside(const QByteArray& bytes, const QString& stem) con
     const QString path = QStringLiteral("%1/%2-%3.json")
                              .arg(QFileInfo(m_path).path(), stem, QLatin1String(hash.first(shownHashLength)));
     if (QFileInfo(path).isFile()) return true;
-    const QFile::Permissions rights = QFile::permissions(m_path);
-    return rights && replaceFile(path, bytes, rights);
+    const QFile::Permissions permissions = QFile::permissions(m_path);
+    return permissions && replaceFile(path, bytes, permissions);
 }
 
 } // namespace harbex

@@ -8,14 +8,14 @@
 namespace harbex
 {
 
-/// The file in which this user's preferences are kept: $XDG_CONFIG_HOME/harbex/harbex.json. Takes and gives
-/// any bytes. Main thread only.
+/// The user's preferences file: $XDG_CONFIG_HOME/harbex/harbex.json. Its content can be any bytes. Main
+/// thread only.
 ///
-/// What is written is on disk and complete when the call returns true; when it returns false the file is as
-/// it was. Symbolic links are followed and stay. A file that this user may not write to is not replaced. A
-/// process that is killed while it writes leaves the old file or the new one, whole, and beside it at most
-/// one draft, "harbex.json." and six letters. Nothing removes the draft, since a file of somebody's own can
-/// have such a name. On volumes with unnamed files only the moment before the last call can leave one.
+/// A write that returns true is complete and on disk. A write that returns false leaves the file unchanged.
+/// Symbolic links are followed and kept. A file that the user may not write to is not replaced. A process
+/// that is killed during a write leaves the old or the new file, whole. It may also leave one temporary file,
+/// "harbex.json." and six letters. Nothing removes that file, because a file of the user may have such a
+/// name. On file systems with O_TMPFILE it can remain only after a kill just before the final rename.
 class PreferencesFile
 {
 public:
@@ -23,14 +23,15 @@ public:
 
     [[nodiscard]] const QString& path() const { return m_path; }
 
-    /// The bytes of the file as it stands now; empty when there is no file, nothing when it cannot be read.
+    /// Returns the current bytes of the file; empty if there is no file, nothing if it cannot be read.
     [[nodiscard]] std::optional<QByteArray> content() const;
 
-    /// Replaces the file. Makes its folder where there is none.
+    /// Replaces the file. Creates its folder if necessary.
     [[nodiscard]] bool write(const QByteArray& bytes) const;
 
-    /// Keeps bytes that write() is going to replace in a file beside this one, named after its content:
-    /// `stem`-0123456789abcdef.json, with the permissions of this one. One that is there stays as it is.
+    /// Saves bytes that write() is going to replace in a file beside this one, with its permissions. The name
+    /// comes from the content: `stem`-0123456789abcdef.json. An existing file of that name is kept. Returns
+    /// false on failure.
     [[nodiscard]] bool putAside(const QByteArray& bytes, const QString& stem) const;
 
 private:
