@@ -13,7 +13,7 @@ ChildProcess::ChildProcess(const char* program, const QStringList& arguments)
 {
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_process.setStandardOutputFile(QProcess::nullDevice());
-    // A benchmark that fails or is interrupted leaves nothing behind.
+    // The child must not outlive a benchmark that fails or is interrupted.
     m_process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
     m_process.start(QString::fromUtf8(program), arguments);
     if (!m_process.waitForStarted()) fail(program, "does not start");
@@ -29,10 +29,10 @@ void ChildProcess::waitUntilStopped() const
 {
     const auto pid = static_cast<id_t>(m_process.processId());
     siginfo_t info;
-    // Its end is left for QProcess to find.
+    // WNOWAIT leaves the exit status for QProcess.
     if (::waitid(P_PID, pid, &info, WSTOPPED | WEXITED | WNOWAIT) != 0 || info.si_code != CLD_STOPPED)
         fail(m_process.program().toStdString(), "has ended");
-    // Told once, and only after the last of its threads has stopped.
+    // Consumes the report. The kernel reports the stop once, after the last thread has stopped.
     ::waitid(P_PID, pid, &info, WSTOPPED | WNOHANG);
 }
 

@@ -9,8 +9,8 @@
 namespace harbex::bench
 {
 
-/// A program that runs until the end of this object, or of the benchmark. Nobody reads its standard output.
-/// What goes wrong ends the benchmark. One thread.
+/// A child process. The destructor ends it, and it also ends with the benchmark. Its standard output is
+/// discarded. Failures end the benchmark. Use it on one thread.
 class ChildProcess
 {
 public:
@@ -21,16 +21,16 @@ public:
 
     [[nodiscard]] std::string id() const { return std::to_string(m_process.processId()); }
 
-    /// Its folder in /proc.
+    /// Returns its folder in /proc.
     [[nodiscard]] std::filesystem::path proc() const { return "/proc/" + id(); }
 
-    /// Returns when it has stopped itself; it goes on with resume().
+    /// Waits until the process has stopped itself. resume() continues it.
     void waitUntilStopped() const;
 
-    /// Stops all of its threads: SIGSTOP.
+    /// Stops all of its threads with SIGSTOP and waits for that.
     void stop() const;
 
-    /// SIGCONT.
+    /// Continues the process with SIGCONT.
     void resume() const;
 
 private:

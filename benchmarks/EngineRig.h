@@ -11,7 +11,7 @@
 namespace harbex::bench
 {
 
-/// A scratch folder on the disk under the current folder, removed at the end.
+/// A scratch directory in the current folder. The destructor removes it with its contents.
 class ScratchFolder
 {
 public:
@@ -20,29 +20,28 @@ public:
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
 
-    /// A folder in it, made if it is not there.
+    /// Returns a folder in it. Creates the folder if it does not exist.
     [[nodiscard]] std::filesystem::path folder(const std::string& name) const;
 
 private:
     std::filesystem::path m_path;
 };
 
-/// Makes `count` files named prefix0.jpg, prefix1.jpg, ... of one byte each.
+/// Creates `count` files of one byte: prefix0.jpg, prefix1.jpg, and so on.
 void makeFiles(const std::filesystem::path& folder, const std::string& prefix, int count);
 
-/// Renames those of these files with the numbers from `first` on into another folder, one call of rename(2)
-/// each.
+/// Renames the files with the numbers `first` to `count` - 1 into another folder, with one rename(2) each.
 void renameFiles(const std::filesystem::path& from, const std::filesystem::path& to,
                  const std::string& prefix, int count, int first = 0);
 
-/// A folder that is watched with one rule: pictures go to `destination`.
+/// Returns a watched folder with one rule, which moves pictures to `destination`.
 [[nodiscard]] WatchedFolder picturesRule(const std::filesystem::path& folder,
                                          const std::filesystem::path& destination);
 
-/// One scan as the engine does it; gives how many names were new.
+/// Scans a folder like the engine. Returns the number of new names.
 size_t scan(const std::filesystem::path& folder, NameSnapshot& known);
 
-/// An engine that runs, and the counts of what it logged.
+/// A running engine and counts from its log.
 class EngineRig
 {
 public:
@@ -50,19 +49,19 @@ public:
 
     [[nodiscard]] DownloadImageRedirector& engine() { return m_engine; }
 
-    /// How many entries were moved since the beginning.
+    /// Returns the number of entries moved since the start.
     [[nodiscard]] int moved() const { return m_moved; }
 
-    /// Runs the main loop until so many entries were moved since the beginning.
+    /// Runs the main loop until `count` entries have been moved since the start.
     void waitForMoved(int count);
 
-    /// Runs the main loop until so many entries were moved or given up since the beginning.
+    /// Runs the main loop until `count` entries have been moved or given up since the start.
     void waitForEnded(int count);
 
-    /// Runs the main loop for this long.
+    /// Runs the main loop for this time.
     static void settle(std::chrono::milliseconds time);
 
-    /// The most threads that were seen at once.
+    /// Returns the highest number of threads that was seen at a log line.
     [[nodiscard]] std::size_t mostThreads() const { return m_mostThreads; }
 
 private:

@@ -5,7 +5,7 @@
 namespace harbex::bench
 {
 
-/// Measures how cost grows with the entries of a folder, the folders, the rules and the events.
+/// Measures how the cost grows with the number of entries, folders, rules and events.
 void measureGrowth(Table& table);
 
 } // namespace harbex::bench

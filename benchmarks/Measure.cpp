@@ -10,7 +10,7 @@ namespace harbex::bench
 namespace
 {
 
-// A target missed by less than this is noise.
+// A smaller excess over the target is noise.
 constexpr double tolerance = 1.1;
 
 std::string format(const char* pattern, double value, const std::string& unit = {})

@@ -10,51 +10,52 @@ namespace harbex::bench
 
 using Clock = std::chrono::steady_clock;
 
-/// Seconds from `begin` to `end`.
+/// Returns the seconds from `begin` to `end`.
 [[nodiscard]] double secondsBetween(Clock::time_point begin, Clock::time_point end);
 
-/// Seconds since `begin`.
+/// Returns the seconds since `begin`.
 [[nodiscard]] double secondsSince(Clock::time_point begin);
 
-/// Ends the benchmark with "WHO WHAT" on standard error: nothing can be measured.
+/// Prints "harbex_bench: WHO WHAT" to standard error and ends the benchmark with status 2.
 [[noreturn]] void fail(const std::string& who, const char* what);
 
-/// The middle one of the values, of which there is at least one.
+/// Returns the median. There must be at least one value.
 [[nodiscard]] double median(std::vector<double> values);
 
-/// What two ways of doing a thing cost, measured in turn so that both meet the same machine: medians.
+/// Median costs of Harbex and of a baseline. They are measured alternately, so that both have the same
+/// conditions.
 struct Pair {
     double ours = 0;
     double baseline = 0;
 };
 
-/// Calls both `rounds` times, one after the other; each gives its cost.
+/// Calls both functions `rounds` times, alternately. Each returns its cost.
 [[nodiscard]] Pair inTurn(int rounds, const std::function<double()>& baseline,
                           const std::function<double()>& ours);
 
-/// The table of all that was measured.
+/// The table of results. Prints each row at once.
 class Table
 {
 public:
-    /// A measure that is met when ours / baseline is at most `target`.
+    /// Adds a measure. Its target is met if ours / baseline is at most `target`.
     void addRatio(const std::string& what, const std::string& unit, Pair pair, double target);
 
-    /// A measure that is met when ours is at most `target`.
+    /// Adds a measure. Its target is met if `ours` is at most `target`.
     void addLimit(const std::string& what, const std::string& unit, double ours, double target);
 
-    /// A figure without a target.
+    /// Adds a value without a target.
     void addFigure(const std::string& what, const std::string& unit, double ours);
 
-    /// A measure that this machine cannot take. It counts as missed.
+    /// Adds a measure that this machine cannot take. It counts as missed.
     void addImpossible(const std::string& what, const std::string& why);
 
-    /// Whether every row met its target, give or take a tenth.
+    /// Returns whether every row met its target, with a tolerance of 10 %.
     [[nodiscard]] bool allMet() const { return m_allMet; }
 
 private:
     void print(const std::string& what, const std::string& ours, const std::string& baseline,
                const std::string& ratio, const std::string& target, const char* verdict);
-    /// Takes note of whether the target is met, and gives the word for it.
+    /// Returns the word for the result and records a missed target.
     const char* verdict(double value, double target);
 
     bool m_allMet = true;

@@ -39,7 +39,7 @@ MoverRig::MoverRig(const char* program, int present)
 
 void MoverRig::readEvents(const std::stop_token& stop)
 {
-    // How long the end of this object may have to wait.
+    // Upper limit for the wait in the destructor.
     constexpr int stopMilliseconds = 100;
     while (!stop.stop_requested()) {
         pollfd polled{.fd = m_events.get(), .events = POLLIN, .revents = 0};
@@ -57,7 +57,7 @@ void MoverRig::readEvents(const std::stop_token& stop)
             }
         }
         m_changed.notify_one();
-        // Being woken for each of ten thousand moves would slow them down.
+        // Reads moves in batches, because a wake-up for each of 10,000 moves would slow the moves down.
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }

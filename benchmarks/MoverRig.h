@@ -17,37 +17,37 @@
 namespace harbex::bench
 {
 
-/// A process that moves what arrives in one folder to another, seen from outside: by what the kernel tells of
-/// the destination, so that it makes no difference which program it is or what it says. Functions: one
+/// A process that moves entries from one folder to another. It is measured from outside, by the inotify
+/// events of the destination, so any program can be measured in the same way. Call the functions on one
 /// thread.
 class MoverRig
 {
 public:
     struct Move {
         std::string name;
-        /// When it was noticed: never before it was done, and at most a millisecond after it where the
-        /// machine has a processor free. The first move after a rest is noticed at once.
+        /// Time at which the move was noticed. It is never before the move, and at most 1 ms after it if a
+        /// processor is free. The first move after rest() is noticed at once.
         Clock::time_point at;
     };
 
-    /// Runs `program IN OUT` with folders of its own, `present` files in IN, and returns when it watches.
+    /// Creates both folders and `present` files in IN, runs `program IN OUT`, and returns when it watches IN.
     explicit MoverRig(const char* program, int present = 0);
 
     [[nodiscard]] const std::filesystem::path& in() const { return m_in; }
     [[nodiscard]] const std::filesystem::path& out() const { return m_out; }
     [[nodiscard]] const ChildProcess& process() const { return m_process; }
 
-    /// A folder on the same volume that is not watched.
+    /// Returns a folder on the same volume that is not watched.
     [[nodiscard]] std::filesystem::path folder(const std::string& name) const
     {
         return m_scratch.folder(name);
     }
 
-    /// Returns when so many entries have come into OUT since the last call, with all of them in their order.
-    /// Ends the benchmark when nothing comes for half a minute.
+    /// Waits until `count` entries have arrived in OUT since the last call, and returns them in order. Ends
+    /// the benchmark if no entry arrives for 30 seconds, or if there are too many.
     [[nodiscard]] std::vector<Move> waitForMoves(std::size_t count);
 
-    /// Waits long enough for the work that follows a move to end, and with it every cooldown.
+    /// Waits until all work after a move, including cooldowns, has ended.
     static void rest();
 
 private:
@@ -61,26 +61,26 @@ private:
     FileDescriptor m_events;
     std::mutex m_mutex;
     std::condition_variable_any m_changed;
-    /// Those that nobody has waited for yet. Guarded by the mutex.
+    /// Moves that waitForMoves() has not returned yet. Guarded by m_mutex.
     std::vector<Move> m_moves;
-    /// After all that it uses.
+    /// Declared last, because its thread uses the members above.
     std::jthread m_reader;
 };
 
-/// Files that arrive in a folder that the engine watches one right after the other, as often as it is asked
-/// for.
+/// Files that arrive in a watched folder immediately one after another. Each measurement can be repeated.
 class BurstRig
 {
 public:
     explicit BurstRig(int count);
 
-    /// From the last arrival to the last move.
+    /// Returns the seconds from the last arrival to the last move.
     [[nodiscard]] double secondsToMove();
 
-    /// The files arrive while the process is stopped. From its going on to the last move.
+    /// Lets the files arrive while the process is stopped. Returns the seconds from resuming to the last
+    /// move.
     [[nodiscard]] double secondsToMoveAfterStop();
 
-    /// Of as many calls of rename(2).
+    /// Returns the seconds that the same number of rename(2) calls takes.
     [[nodiscard]] double secondsOfBareRenames();
 
 private:

@@ -23,7 +23,7 @@ namespace
 
 using std::filesystem::path;
 
-/// The command that finds the window of a process if it can be seen. It complains of windows that vanish
+/// Returns the command that finds the visible windows of a process. Hides its errors about windows that close
 /// meanwhile.
 std::string searchForWindow(const ChildProcess& process)
 {
@@ -39,7 +39,7 @@ void waitForWindow(const ChildProcess& process, bool isVisible)
     }
 }
 
-/// Asks the window manager to close the window, as the button in the title does. A key could come late and
+/// Asks the window manager to close the window, like the close button. A key press could arrive late and
 /// close the window of the next program.
 void closeWindow(const ChildProcess& process)
 {
@@ -47,7 +47,7 @@ void closeWindow(const ChildProcess& process)
     waitForWindow(process, false);
 }
 
-/// The sum of the numbers behind `key` in a file of /proc.
+/// Returns the sum of the numbers after `key` in a file of /proc.
 long sumOf(const path& file, const std::string& key)
 {
     std::ifstream in(file);
@@ -68,7 +68,7 @@ bool hasInotifyWatch(const path& proc)
     return false;
 }
 
-/// How often each thread of a process was put on a processor since it began, by its number.
+/// Number of context switches of each thread, by thread ID.
 using WakeUps = std::map<std::string, long>;
 
 WakeUps wakeUps(const path& proc)
@@ -81,7 +81,7 @@ WakeUps wakeUps(const path& proc)
     return counts;
 }
 
-/// Of the process since then. A thread that ended was woken to do so.
+/// Returns the number of context switches since `before`. An ended thread counts as one.
 long wakeUpsSince(const WakeUps& before, const path& proc)
 {
     const WakeUps now = wakeUps(proc);
@@ -93,10 +93,10 @@ long wakeUpsSince(const WakeUps& before, const path& proc)
     return sum;
 }
 
-/// Kilobytes of memory that no other process has mapped.
+/// Kilobytes of memory that only this process has mapped.
 struct UniqueMemory {
     double clean = 0;
-    /// Written to, so that no file could give it back.
+    /// Modified memory, which cannot be read again from a file.
     double dirty = 0;
 };
 
@@ -112,7 +112,7 @@ void pause(std::chrono::milliseconds time)
     std::this_thread::sleep_for(time);
 }
 
-/// The configuration of a user with ten watched folders.
+/// A configuration with ten watched folders.
 class Configuration
 {
 public:
@@ -132,8 +132,8 @@ private:
     const ScratchFolder m_scratch;
 };
 
-/// A program whose window was closed so long ago that what a start leaves to be done in the background has
-/// ended, and so have the engine's idle threads, which stay for five seconds.
+/// Starts a program, closes its window, and waits until background work has ended and the idle threads of the
+/// engine have exited, which takes five seconds.
 std::unique_ptr<ChildProcess> idleProcess(const char* program)
 {
     auto process = std::make_unique<ChildProcess>(program);
@@ -173,7 +173,7 @@ void measureMemory(Table& table)
     const char* what = "idle, window closed: unique memory / empty Qt window, icon";
     if (!canShowWindows(table, what)) return;
     const Configuration configuration;
-    // One at a time: what both have mapped would belong to neither.
+    // One process at a time, because pages that both map would count for neither.
     std::vector<double> dirty;
     std::vector<double> dirtyBaseline;
     const auto total = [](const char* program, std::vector<double>& written) {

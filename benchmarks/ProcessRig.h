@@ -5,18 +5,18 @@
 namespace harbex::bench
 {
 
-// The program as a whole process. All of these need an X11 display, xdotool and wmctrl.
+// Measurements of the whole program. They need an X11 display, xdotool and wmctrl.
 
-/// From the start of the process to its first watched folder.
+/// Time from the start of the process to its first inotify watch.
 void measureProcessStart(Table& table);
 
-/// The memory that is left once the window is closed.
+/// Memory use after the window was closed.
 void measureMemory(Table& table);
 
-/// How often a process with nothing to do wakes up.
+/// Wake-ups of an idle process.
 void measureIdle(Table& table);
 
-/// How often a file that grows wakes it up.
+/// Wake-ups that a growing file causes.
 void measureDownload(Table& table);
 
 } // namespace harbex::bench

@@ -19,13 +19,13 @@ namespace harbex::bench
 namespace
 {
 
-/// Counts how often a widget was painted.
+/// Measures the time until a widget is painted.
 class PaintCount : public QObject
 {
 public:
     explicit PaintCount(QWidget* widget) { widget->installEventFilter(this); }
 
-    /// Milliseconds from the call of `change` until the widget has been painted, and all that came with it.
+    /// Returns the milliseconds from the call of `change` until the widget has been painted.
     template <class Change>
     double timeOf(const Change& change)
     {
@@ -36,7 +36,7 @@ public:
         return secondsSince(begin) * 1000;
     }
 
-    /// Returns when the widget has been painted.
+    /// Waits until the widget has been painted.
     void wait() const
     {
         while (!m_isPainted)
@@ -54,7 +54,7 @@ private:
     bool m_isPainted = false;
 };
 
-/// Milliseconds until the list of folders has been painted. It is made by the opening.
+/// Returns the milliseconds until the folder list has been painted. Opening the window creates the list.
 double timeToOpen(MainWindow& window)
 {
     const auto begin = Clock::now();
@@ -75,7 +75,7 @@ void click(QListWidget& list, int row)
     }
 }
 
-/// The time that one step of scrolling takes, from the top to the end of the list.
+/// Scrolls from the top to the end in 100 steps. Returns the median time of a step in milliseconds.
 double scrolling(QScrollBar& bar, PaintCount& paints)
 {
     std::vector<double> times;
@@ -105,7 +105,7 @@ void measureWindow(Table& table)
     DownloadImageRedirector engine;
     ContentState state(engine, store);
     MainWindow window(state);
-    // The first opening starts the engine as well, which the program has done before.
+    // The first opening also starts the engine, which is not part of the measurement.
     (void)timeToOpen(window);
     EngineRig::settle(std::chrono::seconds(2));
     window.close();
@@ -125,7 +125,7 @@ void measureWindow(Table& table)
         clicks.push_back(rulePaints.timeOf([&] { click(*list, 1); }));
     }
     table.addLimit("click on a folder with 1,000 rules to its rules painted", "ms", median(clicks), 100);
-    // One frame at 60 in a second.
+    // One frame at 60 frames per second.
     table.addLimit("    scrolling through the rules, one step", "ms",
                    scrolling(*rules->verticalScrollBar(), rulePaints), 16.7);
     table.addLimit("    scrolling through the folders, one step", "ms",

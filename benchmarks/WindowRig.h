@@ -5,7 +5,7 @@
 namespace harbex::bench
 {
 
-/// Measures the main window with a thousand rules and a thousand folders. Needs a QApplication and a display.
+/// Measures the main window with 1,000 rules and 1,000 folders. Needs a QApplication and a display.
 void measureWindow(Table& table);
 
 } // namespace harbex::bench

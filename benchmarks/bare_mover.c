@@ -1,8 +1,7 @@
-// The least that a program does that moves the new entries of one folder: what Harbex is measured against.
+// Baseline for Harbex: the smallest program that moves the new entries of one folder.
 //   harbex_bare_mover IN OUT
-// Each entry is renamed into OUT 0.30 s after it appeared in IN, with one system call. No size is read, no
-// rule is tried, no free name is searched for, nothing is logged. Stops itself with SIGSTOP once it watches
-// IN.
+// It renames each entry into OUT 0.30 s after it appeared in IN, with one system call. It reads no size,
+// tries no rule, searches no free name and logs nothing. It stops itself with SIGSTOP when it watches IN.
 
 #define _GNU_SOURCE
 
@@ -21,7 +20,7 @@ enum { capacity = 16384 };
 static const int64_t second = 1000000000;
 static const int64_t wait = 300000000;
 
-// The entries that wait, the oldest at `first`; both numbers only grow.
+// Ring buffer of waiting entries. The oldest is at `first`. Both counters only grow.
 static struct {
     int64_t due;
     char name[NAME_MAX + 1];

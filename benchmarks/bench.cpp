@@ -1,6 +1,6 @@
-// Prints how fast Harbex is, each measure beside a baseline that was timed in the same run. Run it from a
-// folder on the disk: the files it needs are made there. Without arguments it measures all; with some, only
-// what they name ("scan", "copy", ...).
+// Prints a table of measurements of Harbex, most of them beside a baseline that is measured in the same run.
+// Run it in a folder on the disk, because it creates its files there. Arguments select measurements ("scan",
+// "copy", ...). Without arguments it runs all.
 
 #include "EngineRig.h"
 #include "Growth.h"
@@ -40,7 +40,7 @@ using std::filesystem::path;
 namespace
 {
 
-// The two samplings that every file waits for.
+// Seconds that every file waits between its samples.
 constexpr double waits = 0.30;
 
 double bareListing(const path& folder)
@@ -98,7 +98,7 @@ void measureBurst(Table& table)
 
 void measureOverflow(Table& table)
 {
-    // All of one event each, of which the queue must not hold all.
+    // Each file causes one event. The count exceeds the limit of the inotify queue.
     int limit = 0;
     std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
     const int count = limit < 20'000 ? 20'000 : limit + limit / 4;
@@ -111,16 +111,16 @@ void measureOverflow(Table& table)
 }
 
 struct Written {
-    /// From the last arrival to the last move.
+    /// Seconds from the last arrival to the last move.
     double seconds = 0;
-    /// How many were moved so late after their creation that they must have had a second chance.
+    /// Number of files that were moved so late that they must have had a retry.
     int late = 0;
-    /// The same, of those whose writer the machine held up between creation and write for longer than the
-    /// engine allows: these need their second chance.
+    /// Like `late`, but only files whose writer was delayed between creation and write for longer than the
+    /// engine tolerates. They need a retry.
     int lateHeldUp = 0;
 };
 
-/// Files are created, written and closed one after the other in the watched folder itself.
+/// Creates, writes and closes files one after another in the watched folder.
 Written writeFiles(MoverRig& rig, int count)
 {
     static const std::string content(4096, 'x');
@@ -144,8 +144,8 @@ Written writeFiles(MoverRig& rig, int count)
     const std::vector<MoverRig::Move> moves = rig.waitForMoves(static_cast<size_t>(count));
     Written written{.seconds = secondsBetween(arrival, moves.back().at)};
     for (const auto& [name, at] : moves) {
-        // A second chance comes that long after a test that has failed. A machine that is busy otherwise can
-        // make more entries seem to have had one, but never fewer.
+        // A retry starts this long after the failed test. On a busy machine an entry without a retry may also
+        // be this late, so `late` may be too high but never too low.
         const Creation& creation = created.at(name);
         if (at - creation.begin > EntryPipeline::retryDelay)
             ++(creation.isHeldUp ? written.lateHeldUp : written.late);
@@ -210,7 +210,7 @@ void measureManyFolders(Table& table)
     table.addLimit("    threads ten seconds later", "", static_cast<double>(threadsLater), 1);
 }
 
-/// A file's arrival to its move; the baseline adds to the waits what it is given.
+/// Measures one file from arrival to move. The baseline is the waiting time plus the result of `baseline`.
 Pair oneFile(MoverRig& rig, const std::function<double()>& baseline)
 {
     const path stage = rig.folder("stage");
@@ -288,8 +288,8 @@ void measureFreeName(Table& table)
     table.addLimit("a free name behind 10,000 taken ones", "ms", median(times), 20);
 }
 
-/// From the moment at which the attempts fall due to the end of the last. Nothing on a machine too slow to
-/// write to all files within 0.15 second: some pass their first test early then.
+/// Returns the seconds from the time at which the retries are due to the end of the last one. Empty if the
+/// machine is too slow to write to all files within 0.15 s, because some files then pass their first test.
 std::optional<double> busyRound()
 {
     constexpr int count = 1000;
@@ -300,7 +300,7 @@ std::optional<double> busyRound()
     EngineRig rig({picturesRule(in, scratch.folder("out"))});
     EngineRig::settle(std::chrono::milliseconds(300));
 
-    // Every file grows until its first test has failed, and is done when its attempt comes.
+    // Every file grows until its first test has failed, and is complete before its retry.
     renameFiles(stage, in, "busy", count);
     const auto arrival = Clock::now();
     for (off_t size = 2; secondsSince(arrival) < 0.5; ++size)
@@ -309,7 +309,7 @@ std::optional<double> busyRound()
     if (rig.moved() != 0) return std::nullopt;
     rig.waitForEnded(count);
     if (rig.moved() != count) return std::nullopt;
-    // Due at the earliest a second after the first test, which ended 0.15 second after the arrival.
+    // The first test ends 0.15 s after the arrival, and the retry is due one second later at the earliest.
     return secondsSince(arrival) - 1.15;
 }
 
@@ -331,7 +331,7 @@ void measureCopy(Table& table)
     struct stat here;
     struct stat there;
     struct statvfs room;
-    // The source lies in memory, the copy on the disk.
+    // The source is in memory, the copy is on the disk.
     if (::stat(".", &here) != 0 || ::stat(memory.c_str(), &there) != 0 || here.st_dev == there.st_dev ||
         ::statvfs(memory.c_str(), &room) != 0 || room.f_bavail * room.f_frsize < uint64_t(2) << 30U) {
         table.addImpossible("a file of 2 GB to another volume / cp + sync + rm", "no second volume");
@@ -343,8 +343,8 @@ void measureCopy(Table& table)
     const auto run = [](const std::string& command) {
         if (std::system(command.c_str()) != 0) std::abort();
     };
-    // Each finds the same: a new file, nothing to be written back, and as much memory as the copy takes that
-    // was in use a moment ago. A virtual machine's host may take seconds to give back what was not.
+    // Both start with a new file, no pending writes, and as much recently used free memory as the copy needs.
+    // The host of a virtual machine may take seconds to provide other memory.
     const auto prepare = [&] {
         const std::string warm = (out / "warm").string();
         run("head -c 2G /dev/urandom > " + source.string());
@@ -379,7 +379,7 @@ void measureCopy(Table& table)
 
 int main(int argc, char** argv)
 {
-    // The diagnostics of the engine would drown the table, which goes where they came from.
+    // Discards the diagnostics of the engine. The table goes to the original standard output.
     const int terminal = ::dup(STDOUT_FILENO);
     if (terminal < 0 || !std::freopen("/dev/null", "w", stdout)) return 2;
     stdout = ::fdopen(terminal, "w");

@@ -1,5 +1,4 @@
-// The least that a Qt program with a window and an icon in the tray needs: what the memory of Harbex is
-// measured against.
+// Baseline for the memory of Harbex: the smallest Qt program with a window and a tray icon.
 
 #include <QApplication>
 #include <QMainWindow>
@@ -14,7 +13,7 @@ int main(int argc, char** argv)
     QMainWindow window;
     window.setWindowTitle(QStringLiteral("Empty"));
     QMenu menu;
-    // Drawn by the style: a bare desktop has no icon theme.
+    // Uses an icon of the style, because a bare desktop has no icon theme.
     QSystemTrayIcon icon(QApplication::style()->standardIcon(QStyle::SP_DirIcon));
     icon.setContextMenu(&menu);
     icon.show();

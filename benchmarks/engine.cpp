@@ -1,5 +1,5 @@
-// The engine alone, as a process: harbex_bench_engine IN OUT
-// It moves the pictures that arrive in IN to OUT. Stops itself with SIGSTOP once it watches IN.
+// The engine as a separate process: harbex_bench_engine IN OUT
+// It moves pictures that arrive in IN to OUT. It stops itself with SIGSTOP when it watches IN.
 
 #include "EngineRig.h"
 

@@ -1,4 +1,4 @@
-// The small steps that every entry passes, one by one.
+// Micro-benchmarks of the steps that the engine performs for every entry.
 
 #include "watcher/NameSnapshot.h"
 #include "watcher/RuleMatching.h"
@@ -36,7 +36,7 @@ void nameFilter(benchmark::State& state)
 }
 BENCHMARK(nameFilter);
 
-/// What a scan adds to the listing of so many entries: nothing new, and one new in the middle.
+/// Cost of a scan in addition to the listing, with no new name and with one new name in the middle.
 void snapshotUpdate(benchmark::State& state, bool oneNew)
 {
     std::vector<std::string> names;

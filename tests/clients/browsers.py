@@ -1,4 +1,4 @@
-"""Firefox and Chromium with a fresh profile, steered over their own automation protocols."""
+"""Firefox and Chromium with a new profile, controlled by their automation protocols."""
 
 import fcntl
 import json
@@ -8,12 +8,12 @@ import subprocess
 
 from downloads import wait_for
 
-PATIENCE = 60  # seconds for a start, an answer or the end
+PATIENCE = 60  # seconds for the start, a reply or the exit
 CLICK = "const a = document.createElement('a'); a.href = {}; document.body.append(a); a.click();"
 
 
 class Browser:
-    """A process with a log beside its profile."""
+    """A browser process. Its log is beside its profile."""
 
     def __init__(self, command, profile, **options):
         with open(profile.with_suffix(".log"), "wb") as log:
@@ -25,7 +25,7 @@ class Browser:
 
 
 class Firefox(Browser):
-    """Speaks Marionette: each message is its length, a colon, and JSON."""
+    """Uses the Marionette protocol: each message is its length, a colon, and JSON."""
 
     name = "Firefox"
     _PREFERENCES = {
@@ -33,10 +33,10 @@ class Firefox(Browser):
         "browser.helperApps.neverAsk.saveToDisk": "application/octet-stream",
         "browser.shell.checkDefaultBrowser": False,
         "datareporting.policy.dataSubmissionEnabled": False,
-        "marionette.port": 0,  # any; it is written into the profile
-        "network.dns.disabled": True,  # nothing but the server of the downloads is asked for anything
+        "marionette.port": 0,  # any free port; Firefox writes it into the profile
+        "network.dns.disabled": True,  # only the download server is contacted
     }
-    # As the button "Cancel" does.
+    # Does what the button "Cancel" does.
     _CANCEL = """return (async url => {
         const { Downloads } = ChromeUtils.importESModule("resource://gre/modules/Downloads.sys.mjs");
         const all = await (await Downloads.getList(Downloads.ALL)).getAll();
@@ -45,7 +45,7 @@ class Firefox(Browser):
         await download.removePartialData(); })(arguments[0]);"""
 
     def __init__(self, profile, folder, page):
-        """Starts it with `page` open; downloads go to `folder`."""
+        """Starts the browser with `page` open. Downloads go to `folder`."""
         profile.mkdir()
         preferences = self._PREFERENCES | {"browser.download.dir": str(folder)}
         (profile / "user.js").write_text(
@@ -92,7 +92,7 @@ class Firefox(Browser):
 
 
 class Chromium(Browser):
-    """Speaks the DevTools protocol over two pipes: each message is JSON and a NUL."""
+    """Uses the DevTools protocol over two pipes: each message is JSON and a NUL."""
 
     name = "Chromium"
     _OPTIONS = ["--remote-debugging-pipe", "--no-first-run", "--no-default-browser-check", "--disable-gpu",
@@ -101,12 +101,12 @@ class Chromium(Browser):
                 "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1"]
 
     def __init__(self, profile, folder, page):
-        """Starts it with `page` open; downloads go to `folder`."""
+        """Starts the browser with `page` open. Downloads go to `folder`."""
         (profile / "Default").mkdir(parents=True)
         (profile / "Default" / "Preferences").write_text(json.dumps(
             {"download": {"default_directory": str(folder), "prompt_for_download": False}}))
         for_commands, for_answers = os.pipe(), os.pipe()
-        # It expects its ends at the descriptors 3 and 4. Above 10 they are out of each other's way.
+        # Chromium uses the descriptors 3 and 4. Copies above 10 cannot collide with them.
         theirs = [fcntl.fcntl(end, fcntl.F_DUPFD, 10) for end in (for_commands[0], for_answers[1])]
         command = ["bash", "-c", f'exec chromium "$@" 3<&{theirs[0]} 4>&{theirs[1]}', "chromium", *self._OPTIONS,
                    f"--user-data-dir={profile}", *(["--no-sandbox"] if os.geteuid() == 0 else [])]
@@ -115,8 +115,8 @@ class Chromium(Browser):
             os.close(end)
         self._commands, self._answers = os.fdopen(for_commands[1], "wb"), os.fdopen(for_answers[0], "rb")
         self._asked = 0
-        self._identifiers = {}  # of the downloads, by URL
-        # The folder and the names of downloads are not set by this protocol, so that they are as people see them.
+        self._identifiers = {}  # GUID of each download, by URL
+        # Keeps Chromium's own folder and names for downloads, as in normal use.
         self._ask("Browser.setDownloadBehavior", behavior="default", eventsEnabled=True)
         target = self._ask("Target.createTarget", url=page)["targetId"]
         session = self._ask("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]

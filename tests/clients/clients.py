@@ -1,6 +1,6 @@
 #!/usr/bin/python3 -B
-"""Downloads with real clients into folders that Harbex watches, and prints one table: what each client did in the
-folder and what arrived where. Ends with 1 when anything is unexpected. Started by scripts/clients."""
+"""Downloads files with real clients into folders that Harbex watches. Prints a table: what each client did in the
+folder, and what arrived where. Exits with 1 if a result is unexpected. Started by scripts/clients."""
 
 import itertools
 import os
@@ -18,10 +18,10 @@ from browsers import Chromium, Firefox
 from downloads import SIZE, DownloadServer, content_of, wait_for
 from watched import Folder, Harbex
 
-TIME_LIMIT = 900  # seconds for all of it
+TIME_LIMIT = 900  # seconds for the whole run
 WIDTHS = (8, 39, 60, 44, 10)
 
-# What a browser downloads under which names, and what must arrive.
+# Case, names of the downloads, and what must arrive.
 BROWSER_CASES = [
     ("Name rule, no dot", ["film"], "Films/film"),
     ("Name rule, one dot", ["film.mp4"], "Films/film.mp4"),
@@ -34,14 +34,14 @@ BROWSER_CASES = [
     ("two at once", ["film.mp4", "photo.jpg"], "Films/film.mp4; Pictures/photo.jpg"),
 ]
 
-# What a download that is moved too early may be, as README says in "What it does not do". On the same volume it is
-# whole in the end, because its writer goes on writing to it.
+# What may arrive if a download is moved too early, as README says in "What it does not do". On the same volume the
+# file is complete at the end, because its writer continues to write to it.
 INCOMPLETE = {"same volume": "", "other volume": rf"|empty|\d+ bytes of {SIZE}"}
 BY_ANY_RULE = "(Films|Rest)/"
 
 
 class Table:
-    """The rows, and for each unexpected one what Harbex printed."""
+    """The result rows, and the output of Harbex for each unexpected row."""
 
     def __init__(self, harbex):
         self._harbex = harbex
@@ -49,8 +49,8 @@ class Table:
         self._evidence = []
 
     def judge(self, client, case, folder, names, expected, accepted=(), status=0):
-        """Adds a row for what is in the folders now, and empties them. `names` are those of the downloads;
-        `expected` is what outcome() says, and `accepted` are patterns of what it may say instead."""
+        """Adds a row for the current content of the folders, and empties them. `names` are the names of the
+        downloads. `expected` is the expected text of outcome(). `accepted` are patterns for other valid texts."""
         folder.settle()
         found = outcome(folder, names) + (f"; exit status {status}" if status else "")
         is_accepted = any(re.fullmatch(pattern, found) for pattern in accepted)
@@ -64,12 +64,12 @@ class Table:
         print(f"{client}, {case}", file=sys.stderr)
 
     def fail(self, client, error):
-        """Adds a row for a client that could not be used to the end of its cases."""
+        """Adds a row for a client that failed before the end of its cases."""
         self._rows.append((client, "the other cases", "", str(error), "UNEXPECTED"))
         self._evidence.append(f"{client}: {error}\n")
 
     def show(self):
-        """Prints everything, and gives the number of unexpected rows."""
+        """Prints the table and returns the number of unexpected rows."""
         for row in self._rows:
             cells = [textwrap.wrap(text, width) for text, width in zip(row, WIDTHS)]
             for line in itertools.zip_longest(*cells, fillvalue=""):
@@ -80,8 +80,8 @@ class Table:
 
 
 def outcome(folder, names):
-    """For example "Films/film-1.mp4 is film.mp4; left: notes is empty"; a whole file under its own name is not
-    explained."""
+    """Returns the result as text, for example "Films/film-1.mp4 is film.mp4; left: notes is empty". A complete file
+    with its own name appears as its path only."""
     known = {content_of(name): name for name in names} | {None: "an empty folder", b"": "empty"}
 
     def describe(path, data):
@@ -156,7 +156,7 @@ def tool_cases(table, folder, where, server, sources):
 
 
 def make_sources(folder):
-    """What the programs copy that download nothing."""
+    """Creates the files for the programs that copy instead of downloading."""
     (folder / "album").mkdir(parents=True)
     for number in range(10):
         name = f"{number}.jpg"

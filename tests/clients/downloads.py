@@ -1,4 +1,4 @@
-"""What is downloaded, a server on 127.0.0.1 that hands it out slowly, and waiting."""
+"""Test downloads, a server on 127.0.0.1 that sends them slowly, and a function that waits for a condition."""
 
 import functools
 import random
@@ -10,7 +10,7 @@ SIZE = 2_000_000
 
 
 def wait_for(condition, what, seconds=30):
-    """Returns once `condition` is true; fails with TimeoutError, which says `what` was waited for."""
+    """Waits until `condition` is true. Raises TimeoutError with the text `what` after `seconds`."""
     end = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > end:
@@ -20,13 +20,13 @@ def wait_for(condition, what, seconds=30):
 
 @functools.cache
 def content_of(name):
-    """The bytes of the download called `name`: no two are alike, and every run has the same."""
+    """Returns the bytes of the download `name`. They differ between names and are the same in every run."""
     return random.Random(name).randbytes(SIZE)
 
 
 class _Answer(BaseHTTPRequestHandler):
-    """GET /PACE/.../NAME: NAME as an attachment. PACE is "fast" (at once), "steady" (40 pieces, 50 ms apart) or
-    "pausing" (one half, nothing for 1.5 s, the other half). Any other path is an empty page."""
+    """GET /PACE/.../NAME sends NAME as an attachment. PACE is "fast" (at once), "steady" (40 pieces, 50 ms apart) or
+    "pausing" (one half, a pause of 1.5 s, the other half). A path without a folder returns an empty page."""
 
     def do_GET(self):
         if not self.server.may_answer():
@@ -51,20 +51,20 @@ class _Answer(BaseHTTPRequestHandler):
                 self.wfile.write(body[start:start + step])
                 self.server.sent[self.path] = start + step
         except ConnectionError:
-            pass  # the client has cancelled
+            pass  # the client has cancelled the download
 
     def log_message(self, *_):
-        """The table says what was downloaded."""
+        """Prints nothing."""
 
 
 class DownloadServer(ThreadingHTTPServer):
-    """Answers in the background until shutdown(); refuses from the 500th request on."""
+    """Answers requests in background threads until shutdown(). Answers 500 requests and refuses all later ones."""
 
     daemon_threads = True
 
     def __init__(self):
         super().__init__(("127.0.0.1", 0), _Answer)
-        self.sent = {}  # by path: how many bytes have been handed to the client
+        self.sent = {}  # number of bytes sent, by path
         self._left = 500
         self._lock = threading.Lock()
         threading.Thread(target=self.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True).start()

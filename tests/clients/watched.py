@@ -1,4 +1,4 @@
-"""A running Harbex, and the folders that it watches."""
+"""A running Harbex and its watched folders."""
 
 import ctypes
 import json
@@ -15,7 +15,7 @@ MODIFY, MOVED_FROM, MOVED_TO, CREATE, DELETE = 0x2, 0x40, 0x80, 0x100, 0x200
 VERBS = {MODIFY: "write", MOVED_FROM: "move away", MOVED_TO: "move in", CREATE: "create", DELETE: "remove"}
 SENTINEL_LINES = r'\["sentinel-\d"\]\n|Processing: sentinel-\d\next \nName\n|Moving sentinel-\d .*\n'
 
-# Field, operator, value and kind of each rule, and the folder that it names. Sentinels are Harbex's first.
+# Field, operator, value, kind and destination of each rule. Sentinels use the first rule.
 RULES = [("Name", "contains", "sentinel", "Image", "Passed"),
          ("Name", "contains", "film", "Image", "Films"),
          ("Extension", "is", "gz", "Image", "Archives"),
@@ -24,7 +24,7 @@ RULES = [("Name", "contains", "sentinel", "Image", "Passed"),
 
 
 class Folder:
-    """A folder to be watched, whose rules name folders below `destination`, and the record of its events."""
+    """A watched folder with its events. Its rules move entries to folders below `destination`."""
 
     def __init__(self, path, destination):
         self.path, self.destination = path, destination
@@ -38,19 +38,19 @@ class Folder:
             raise OSError(ctypes.get_errno(), "inotify_add_watch")
 
     def record(self):
-        """For Harbex's configuration."""
+        """Returns the folder as a record for Harbex's configuration."""
         rules = [{"id": str(uuid.uuid4()).upper(), "field": field, "operatorType": operator, "value": value,
                   "kind": kind, "destination": (self.destination / place).as_uri()}
                  for field, operator, value, kind, place in RULES]
         return {"id": str(uuid.uuid4()).upper(), "url": self.path.as_uri(), "rules": rules}
 
     def downloads(self):
-        """How many browsers' downloads are under way."""
+        """Returns the number of running browser downloads."""
         return sum(path.suffix in (".part", ".crdownload") for path in self.path.iterdir())
 
     def settle(self):
-        """Returns once Harbex is through with all that is in the folder. A sentinel takes two looks of 0.15
-        second; what is busy at its first look is judged at most 1.30 seconds after it appeared."""
+        """Waits until Harbex has finished with all entries in the folder. Each of the 6 sentinels is sampled for
+        0.30 s, 1.80 s in total. An entry that is busy at first is decided at most 1.30 s after it appeared."""
         for number in range(6):
             name = f"sentinel-{number}"
             (self._staging / name).write_text(name)
@@ -59,12 +59,12 @@ class Folder:
         wait_for(lambda: not any(self.path.glob("sentinel-*")), "the last sentinel's source to go")
 
     def contents(self):
-        """What was moved and what is still in the folder: the bytes of each file, and None for an empty folder."""
+        """Returns what was moved and what is still in the folder: the bytes of each file, None for an empty folder."""
         moved, left = self._read(self.destination), self._read(self.path)
         return {path: data for path, data in moved.items() if path.parts[0] != "Passed" and len(path.parts) > 1}, left
 
     def clear(self):
-        """Removes everything, and forgets the events."""
+        """Removes all entries and discards the events."""
         for place in (self.path, *self.destination.iterdir()):
             for entry in place.iterdir():
                 if entry.is_dir():
@@ -74,7 +74,7 @@ class Folder:
         self.events()
 
     def events(self):
-        """What happened in the folder since the last call, in short."""
+        """Returns a short description of the events since the last call."""
         events = list(self._read_events())
         taken = {cookie: name for mask, cookie, name in events if mask & MOVED_FROM}
         put = {cookie for mask, cookie, _ in events if mask & MOVED_TO}
@@ -103,7 +103,7 @@ class Folder:
         return found
 
     def _read_events(self):
-        """Mask, cookie and name of each event but those of sentinels."""
+        """Yields mask, cookie and name of each event, except those of sentinels."""
         try:
             data = os.read(self._inotify, 1 << 22)
         except BlockingIOError:
@@ -117,7 +117,7 @@ class Folder:
 
 
 class Harbex:
-    """The program, on the desktop of the environment, with these folders in its configuration."""
+    """The program with these folders in its configuration, on the desktop that the environment names."""
 
     def __init__(self, program, log, folders):
         configuration = os.path.join(os.environ["XDG_CONFIG_HOME"], "harbex")
@@ -132,7 +132,7 @@ class Harbex:
             wait_for(lambda: self._watches(folder.path), f"Harbex to watch {folder.path}")
 
     def diagnostics(self):
-        """What it printed since the last call, but of sentinels."""
+        """Returns the output since the last call, without the lines about sentinels."""
         with open(self._log_path, "rb") as log:
             log.seek(self._shown)
             data = log.read()
@@ -140,7 +140,7 @@ class Harbex:
         return re.sub(SENTINEL_LINES, "", data.decode(errors="replace"))
 
     def close(self):
-        """Ends it and gives its exit status."""
+        """Ends the program and returns its exit status."""
         self._process.terminate()
         status = self._process.wait(30)
         self._log.close()
@@ -157,5 +157,5 @@ class Harbex:
                     if any(line.startswith("inotify wd:") and inode in line for line in file):
                         return True
             except FileNotFoundError:
-                pass  # closed meanwhile
+                pass  # the descriptor was closed meanwhile
         return False

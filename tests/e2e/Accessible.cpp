@@ -53,7 +53,7 @@ QString Accessible::description() const
 QString Accessible::role() const
 {
     const QString name = ask(QStringLiteral("Accessible"), QStringLiteral("GetRoleName")).value(0).toString();
-    // GTK's newer name, from Debian 13 on. Qt has kept the older one.
+    // GTK uses this name from Debian 13 on. Qt still uses the old one.
     return name == u"button" ? QStringLiteral("push button") : name;
 }
 

@@ -10,17 +10,17 @@
 namespace harbex::test
 {
 
-/// A control of another program as assistive technology finds it: asked over the accessibility bus, nothing
-/// is remembered. One that does not exist, or no longer does, answers with empty values and does nothing.
+/// A control of another program, accessed over the accessibility bus. Nothing is cached. If the control does
+/// not exist, queries return empty values and actions have no effect.
 class Accessible
 {
 public:
-    /// The states that tests ask for, numbered as the accessibility interface numbers them.
+    /// Accessibility states, with the numbers of the AT-SPI protocol.
     enum class State { active = 1, checked = 4, enabled = 8, focused = 12, selected = 23, showing = 25 };
 
     Accessible() = default;
 
-    /// Whatever runs on that bus: its children are the programs.
+    /// Returns the root of the accessibility tree. Its children are the running programs.
     static Accessible desktop(const QDBusConnection& bus);
 
     explicit operator bool() const { return !m_service.isEmpty(); }
@@ -31,36 +31,37 @@ public:
 
     [[nodiscard]] QString name() const;
     [[nodiscard]] QString description() const;
-    /// "push button", "combo box", "text", "list item", "menu item", "frame", ...
+    /// For example "push button", "combo box", "text", "list item", "menu item", "frame".
     [[nodiscard]] QString role() const;
     [[nodiscard]] bool has(State state) const;
-    /// Whether it is seen and has the role and, if one is given, the name.
+    /// Returns whether the control is visible and has the role and, if given, the name.
     [[nodiscard]] bool isShown(const QString& ofRole, const QString& ofName = {}) const;
     [[nodiscard]] QList<Accessible> children() const;
-    /// Where it is on the screen.
+    /// Returns the position and size on the screen.
     [[nodiscard]] QRect extents() const;
 
-    /// All below this one of which the condition holds, in order, or the first of them.
+    /// Returns all descendants for which the condition is true, in tree order, or the first of them.
     using Condition = std::function<bool(const Accessible&)>;
     [[nodiscard]] QList<Accessible> all(const Condition& condition) const;
     [[nodiscard]] Accessible find(const Condition& condition) const;
-    /// The same for those that are seen and have the role and, if one is given, the name.
+    /// Returns the visible descendants with this role and, if given, this name, or the first of them.
     [[nodiscard]] QList<Accessible> all(const QString& role, const QString& name = {}) const;
     [[nodiscard]] Accessible find(const QString& role, const QString& name = {}) const;
 
-    /// The text in it or its current choice.
+    /// Returns the text or the current choice.
     [[nodiscard]] QString text() const;
-    /// Replaces the text. Whether it could.
+    /// Replaces the text. Returns false if that fails.
     [[nodiscard]] bool setText(const QString& text) const;
-    /// Does what it does first: a button is pressed, a menu opened. Does not wait for it: a button that opens
-    /// a dialog may answer only when that is closed. Whether there is anything to press.
+    /// Triggers the first action of the control: presses a button, opens a menu. Does not wait for the reply,
+    /// because a button that opens a dialog may reply only after the dialog is closed. Returns false if the
+    /// control does not exist.
     [[nodiscard]] bool press() const;
-    /// Does that of its actions. Whether it has it.
+    /// Triggers the action with this name. Returns false if there is none or it fails.
     [[nodiscard]] bool act(const QString& action) const;
-    /// Moves the keyboard's attention there. Whether it could.
+    /// Sets the keyboard focus. Returns false if that fails.
     [[nodiscard]] bool takeFocus() const;
 
-    /// Everything below, one line each, for a message.
+    /// Returns this control and all descendants, one per line, for test messages.
     [[nodiscard]] QString outline(int depth = 0) const;
 
 private:

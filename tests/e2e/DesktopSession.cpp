@@ -18,7 +18,7 @@ namespace
 
 constexpr int patienceMilliseconds = 30000;
 
-/// Nothing of the desktop around the test may be seen from the session.
+/// Returns an environment without the variables of the surrounding desktop.
 QProcessEnvironment emptyEnvironment()
 {
     const QProcessEnvironment around = QProcessEnvironment::systemEnvironment();
@@ -29,7 +29,7 @@ QProcessEnvironment emptyEnvironment()
         if (around.contains(variable)) environment.insert(variable, around.value(variable));
     }
     environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
-    // Settings of programs that have them from GNOME's store stay in memory.
+    // GSettings stay in memory instead of the user's store.
     environment.insert(QStringLiteral("GSETTINGS_BACKEND"), QStringLiteral("memory"));
     return environment;
 }
@@ -53,7 +53,7 @@ DesktopSession::~DesktopSession()
     QDBusConnection::disconnectFromBus(m_accessibilityBus.name());
     for (auto last = m_programs.rbegin(); last != m_programs.rend(); ++last) {
         QProcess* const program = last->get();
-        // In order: the one that has started the accessibility bus ends it.
+        // In reverse order, because the service that starts the accessibility bus also ends it.
         program->terminate();
         if (program->waitForFinished(5000)) continue;
         program->kill();
@@ -110,13 +110,13 @@ void DesktopSession::startX11()
     set("DISPLAY", QStringLiteral(":") + QString::fromLatin1(server.readLine().trimmed()));
 
     start(QStringLiteral("openbox"));
-    // A root window knows how many desktops there are once a window manager has taken it over.
+    // The window manager sets the number of desktops when it is ready.
     const auto isManaged = [&] {
         return run(QStringLiteral("xdotool"), {QStringLiteral("get_num_desktops")}).has_value();
     };
     if (!QTest::qWaitFor(isManaged, patienceMilliseconds)) qFatal("no window manager");
-    // The first key that is pressed announces a new keyboard. The window manager then lets go of its own keys
-    // for a moment, and one of them would be lost.
+    // The first key press announces a new keyboard. The window manager then releases its key grabs for a
+    // moment, so that it could miss one of its own keys.
     if (!press({QStringLiteral("Shift_L")})) qFatal("no keyboard");
 }
 
@@ -197,7 +197,7 @@ QList<QRect> DesktopSession::windows(const QString& ofClass)
 
 QRect DesktopSession::openMenu()
 {
-    // The window manager manages all windows but these; others that nobody is to see are tiny.
+    // Menus are the only unmanaged windows of a visible size. Hidden helper windows are tiny.
     for (const XWindow& window : visibleWindows(QStringLiteral(".")))
         if (window.isUnmanaged && window.place.height() > 1) return window.place;
     return {};
@@ -216,7 +216,7 @@ std::vector<DesktopSession::XWindow> DesktopSession::visibleWindows(const QStrin
     };
     for (const QByteArray& id : ids.trimmed().split('\n')) {
         if (id.isEmpty()) continue;
-        // One that has gone meanwhile has no answer.
+        // The window may have closed since the search.
         const auto answer =
             run(QStringLiteral("xwininfo"), {QStringLiteral("-stats"), QStringLiteral("-children"),
                                              QStringLiteral("-id"), QString::fromLatin1(id)});
@@ -233,7 +233,7 @@ std::vector<DesktopSession::XWindow> DesktopSession::visibleWindows(const QStrin
 
 int DesktopSession::countColours(const QRect& place)
 {
-    // An empty part would be taken for the whole screen.
+    // "import" takes an empty rectangle for the whole screen.
     if (place.isEmpty()) return 0;
     const QString crop =
         QStringLiteral("%1x%2+%3+%4").arg(place.width()).arg(place.height()).arg(place.x()).arg(place.y());
@@ -256,7 +256,7 @@ void DesktopSession::keepEvidence()
             {QStringLiteral("-window"), QStringLiteral("root"), name + QStringLiteral(".png")});
         qInfo("The screen as it was: %s.png", qPrintable(name));
     } else {
-        // It chooses the name, which has the time in it.
+        // weston-screenshooter chooses the file name, which contains the time.
         set("XDG_PICTURES_DIR", place);
         run(QStringLiteral("weston-screenshooter"), {});
         qInfo("The screen as it was: the latest %s/wayland-screenshot-*.png", qPrintable(place));

@@ -16,12 +16,12 @@
 namespace harbex::test
 {
 
-/// A desktop session of the test's own that nobody sees: a session bus, the accessibility bus, and a screen
-/// of 1280x800 with a window manager under X11, or a Wayland compositor. Its programs are real ones, and the
-/// keyboard and the mouse are as real as the screen. All of it ends with this object, or with the test.
+/// A private desktop session: a session bus, the accessibility bus, and either an Xvfb screen of 1280x800
+/// with a window manager, or a headless Wayland compositor. All programs in it are real. The session ends
+/// with this object or with the test process.
 ///
-/// If a check has failed by then, a picture of the screen and what the programs have printed are kept, and it
-/// is said where.
+/// If a check has failed, the destructor keeps a screenshot and the output of the programs, and prints their
+/// paths.
 class DesktopSession
 {
 public:
@@ -32,37 +32,37 @@ public:
     DesktopSession(const DesktopSession&) = delete;
     DesktopSession& operator=(const DesktopSession&) = delete;
 
-    /// Sets an environment variable of the programs that are started from now on.
+    /// Sets an environment variable for programs that are started later.
     void set(const char* variable, const QString& value);
 
-    /// Starts a program, which goes on until it ends or the session does.
+    /// Starts a program. It runs until it ends or the session ends.
     QProcess& start(const QString& program, const QStringList& arguments = {});
 
-    /// Starts the program that a session bus would start for this name, and waits until it has it.
+    /// Starts the D-Bus service `name` from its service file, and waits until it owns the name.
     void startService(const QString& name);
 
-    /// Runs a program to its end and gives what it printed; nothing when it failed.
+    /// Runs a program and returns its standard output. Empty if it failed.
     std::optional<QByteArray> run(const QString& program, const QStringList& arguments);
 
-    /// The window of a program as assistive technology sees it, by its role ("frame", "dialog") and, if
-    /// given, its name; empty while none is shown.
+    /// Returns the window with this role ("frame", "dialog") and, if given, this name. Empty if it is not
+    /// visible.
     [[nodiscard]] Accessible window(const QString& role, const QString& name = {}) const;
 
     enum class Button { left = 1, right = 3 };
 
-    /// Clicks into the middle. Whether there is a place to click on.
+    /// Clicks the centre of the rectangle. Returns false if the rectangle is empty or the click fails.
     [[nodiscard]] bool click(const QRect& place, Button button = Button::left);
-    /// Presses keys one after the other: "Return", "alt+F4".
+    /// Presses keys one after another, for example "Return", "alt+F4".
     [[nodiscard]] bool press(const QStringList& keys);
     [[nodiscard]] bool type(const QString& text);
 
-    /// Where the visible windows of that class are, icons in a tray and menus among them.
+    /// Returns the rectangles of the visible windows of this class, including tray icons and menus.
     [[nodiscard]] QList<QRect> windows(const QString& ofClass);
-    /// Where a menu is open, whichever program shows it; empty when none is. Assistive technology is not told
-    /// of menus that belong to no window.
+    /// Returns the rectangle of an open menu of any program. Empty if there is none. It asks the X server,
+    /// because menus without a parent window are not on the accessibility bus.
     [[nodiscard]] QRect openMenu();
 
-    /// How many colours are seen there: one where nothing is drawn.
+    /// Returns the number of colours in the rectangle. 1 means that nothing is drawn there.
     [[nodiscard]] int countColours(const QRect& place);
 
 private:
@@ -85,7 +85,7 @@ private:
     QDBusConnection m_accessibilityBus{QString()};
 };
 
-/// Waits until the condition comes true, or fails the test with the message, which names the step.
+/// Waits until the condition is true. On timeout the test fails with the message, which names the step.
 #define STEP(message, condition)                                                                             \
     QVERIFY2(QTest::qWaitFor([&] { return static_cast<bool>(condition); }, 30000), message)
 

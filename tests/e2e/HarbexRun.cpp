@@ -97,7 +97,7 @@ bool HarbexRun::chooseFromMenu(const QRect& icon, MenuItem item, DesktopSession:
     QRect menu;
     const auto isOpen = [&] { return !(menu = m_session.openMenu()).isEmpty(); };
     if (!m_session.click(icon, button) || !QTest::qWaitFor(isOpen, patienceMilliseconds)) return false;
-    // "Open Harbex" is above the line, "Quit" below it.
+    // "Open Harbex" is in the upper half of the menu, "Quit" in the lower half.
     QRect row(menu.topLeft(), QSize(menu.width(), menu.height() / 2));
     if (item == MenuItem::quit) row.translate(0, row.height());
     return m_session.click(row) && QTest::qWaitFor([&] { return !isOpen(); }, patienceMilliseconds);
@@ -118,7 +118,7 @@ bool HarbexRun::tabTo(const Accessible& control) const
 
 Accessible HarbexRun::focused() const
 {
-    // A list's current row says so even when another control has it.
+    // The current row of a list reports focus even when another control has it.
     return window().find([](const Accessible& each) {
         return each.has(Accessible::State::focused) && each.role() != QLatin1String("list item");
     });

@@ -15,18 +15,18 @@
 namespace harbex::test
 {
 
-/// The program itself in a desktop session, with an empty configuration and two folders in the home: "Inbox"
-/// for what arrives, and "Sorted". It is used as a person does, by what its window and its icon show.
+/// The real program in a desktop session, with an empty configuration and two folders in the home: "Inbox"
+/// and "Sorted". Tests use it through its window and its tray icon.
 class HarbexRun
 {
 public:
     explicit HarbexRun(DesktopSession& session);
 
-    /// Starts the program. Everything before it is there for the program to find.
+    /// Starts the program. Prepare files and configuration before this call.
     void start();
 
     [[nodiscard]] bool isRunning() const { return m_process->state() == QProcess::Running; }
-    /// Its exit status once it has ended; nothing when it goes on, or was killed.
+    /// Returns the exit status. Empty if the program is still running or was killed.
     [[nodiscard]] std::optional<int> exitStatus();
     void signal(int number) const;
     [[nodiscard]] qint64 processId() const { return m_process->processId(); }
@@ -34,40 +34,44 @@ public:
     [[nodiscard]] static QString inbox() { return QDir::home().filePath(QStringLiteral("Inbox")); }
     [[nodiscard]] static QString sorted() { return QDir::home().filePath(QStringLiteral("Sorted")); }
 
-    /// Its main window; empty while it is closed.
+    /// Returns the main window. Empty while it is closed.
     [[nodiscard]] Accessible window() const;
-    /// What of that role and name is shown in the main window, in order, or the first of it.
+    /// Returns the visible controls of the main window with this role and name, or the first of them.
     [[nodiscard]] QList<Accessible> controls(const char* role, const char* name) const;
     [[nodiscard]] Accessible control(const char* role, const char* name) const;
-    /// Qt's own folder dialog; empty while there is none.
+    /// Returns Qt's own folder dialog. Empty if it is not open.
     [[nodiscard]] Accessible dialog() const;
 
-    /// Chooses in a picker, which assistive technology opens, by a click. Whether it shows the choice then.
+    /// Opens a picker through the accessibility bus and clicks a choice. Returns whether the picker then
+    /// shows it.
     [[nodiscard]] bool choose(const Accessible& picker, const char* choice) const;
-    /// Types a path into Qt's own folder dialog, once that is there, and confirms. Whether it is gone then.
+    /// Waits for Qt's own folder dialog, types a path and presses Return. Returns whether the dialog has
+    /// closed.
     [[nodiscard]] bool answerDialog(const QString& path) const;
-    /// Clicks on the icon, which opens the menu, and on one of its two items. Whether the menu is gone then.
+    /// Clicks the icon to open the menu, then clicks one of its two items. Returns whether the menu has
+    /// closed.
     enum class MenuItem { open, quit };
     [[nodiscard]] bool chooseFromMenu(const QRect& icon, MenuItem item,
                                       DesktopSession::Button button = DesktopSession::Button::left) const;
-    /// What in the main window has the keyboard's attention; empty while another window has.
+    /// Returns the control of the main window that has the keyboard focus. Empty if another window has the
+    /// focus.
     [[nodiscard]] Accessible focused() const;
-    /// Presses Tab until the control has the keyboard's attention. Whether it gets it.
+    /// Presses Tab until the control has the keyboard focus. Returns false if it does not get the focus.
     [[nodiscard]] bool tabTo(const Accessible& control) const;
-    /// Closes the window as its close button does. Whether it is closed then.
+    /// Closes the active main window with Alt+F4. Returns whether it has closed.
     [[nodiscard]] bool closeWindow() const;
 
-    /// Whether the inotify instance of the program watches this folder.
+    /// Returns whether the program has an inotify watch on this folder.
     [[nodiscard]] bool watches(const QString& folder) const;
 
-    /// Puts a file into the inbox as a download does, under a name that is not left alone.
+    /// Puts a file into the inbox like a download: writes "NAME.part", then renames it to NAME.
     [[nodiscard]] bool drop(const QString& name) const;
-    /// Whether it is where it was moved to, with its content, and nowhere else.
+    /// Returns whether the file is in "Sorted" with its content, and no longer in the inbox.
     [[nodiscard]] bool wasMoved(const QString& name) const;
 
-    /// Stores one rule for the inbox, which takes everything to "Sorted".
+    /// Stores one rule for the inbox that moves everything to "Sorted".
     void storeRuleForAll() const;
-    /// What is stored.
+    /// Returns the stored state.
     [[nodiscard]] static FolderState stored();
 
 private:

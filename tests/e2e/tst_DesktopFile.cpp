@@ -9,7 +9,7 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// What a desktop does with the program's desktop file, as its menu and its list of programs do.
+/// The installed desktop file, used as a desktop's menu uses it.
 class TestDesktopFile : public QObject
 {
     Q_OBJECT
@@ -21,7 +21,7 @@ private Q_SLOTS:
 namespace
 {
 
-/// The command of an action, taken from the installed file.
+/// Returns the command of an action in the installed file.
 QStringList commandOf(const QString& group)
 {
     const QString path =
@@ -41,7 +41,7 @@ void TestDesktopFile::launchingOpensTheWindowAndTheQuitActionEndsTheProgram()
     QVERIFY2(QFile::copy(QStringLiteral(HARBEX_PACKAGING "/") + name, applications.filePath(name)),
              "the desktop file is installed");
 
-    // Desktops leave out a program that is not found where programs are.
+    // Desktops ignore desktop files whose TryExec program is not in PATH.
     desktop.set("PATH",
                 QFileInfo(QStringLiteral(HARBEX_PROGRAM)).path() + u':' + qEnvironmentVariable("PATH"));
     QCOMPARE(desktop.run(QStringLiteral("gapplication"),

@@ -6,7 +6,7 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// With the folder dialogs of desktops, which Qt shows instead of its own.
+/// Folder dialogs of desktop environments, which Qt shows instead of its own.
 class TestFolderDialogs : public QObject
 {
     Q_OBJECT
@@ -35,7 +35,7 @@ void TestFolderDialogs::theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses(
         desktop.startService(QStringLiteral("org.freedesktop.portal.Desktop"));
     }
     desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
-    // GTK never gives back what it has, which a sanitizer would report at the end.
+    // GTK keeps memory until exit, which the sanitizer would report.
     desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
     HarbexRun harbex(desktop);
     harbex.start();
@@ -52,8 +52,8 @@ void TestFolderDialogs::theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses(
     STEP("the window has the keyboard again", harbex.focused());
     QVERIFY2(harbex.control("label", "Select a folder from the sidebar"), "there is no folder");
 
-    // With the mouse: on a busy machine openbox now and then gives the keyboard to nobody when the window of
-    // another program's dialog goes after ours has asked for it.
+    // The test uses the mouse here. On a busy machine openbox sometimes leaves the focus unset, if the window
+    // of another program's dialog closes after our window has requested the focus.
     QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
              "another click on \"Add Folder\"");
     STEP("the dialog opens again", dialog().has(Accessible::State::active));

@@ -6,7 +6,7 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// Without a mouse.
+/// The program used with the keyboard only.
 class TestKeyboardAlone : public QObject
 {
     Q_OBJECT

@@ -20,8 +20,8 @@ void writeConfiguration(const QString& path, const QByteArray& content)
     if (!isWritten) qFatal("no configuration of the panel");
 }
 
-/// LXQt's panel with nothing in it but the icons of programs. A left click has the program open its menu;
-/// with a right click the panel draws the menu.
+/// LXQt's panel, which contains only the status icons. On a left click the program opens its own menu. On a
+/// right click the panel draws the menu.
 class LxqtPanel
 {
 public:
@@ -45,7 +45,7 @@ public:
 
     [[nodiscard]] QRect icon() const
     {
-        // LXQt 1 calls its panel a frame, LXQt 2 a panel.
+        // LXQt 1 gives its panel the role "frame", LXQt 2 the role "panel".
         for (const auto& role : {QStringLiteral("frame"), QStringLiteral("panel")}) {
             const Accessible panel = m_desktop.window(role, QStringLiteral("LXQt Panel"));
             if (panel) return panel.find(QStringLiteral("push button")).extents();
@@ -57,7 +57,7 @@ private:
     DesktopSession& m_desktop;
 };
 
-/// Xfce's panel, which draws the menu itself whichever button is used.
+/// Starts Xfce's panel, which draws the menu for both mouse buttons.
 void startXfcePanel(DesktopSession& desktop)
 {
     writeConfiguration(QStringLiteral("xfce4/xfconf/xfce-perchannel-xml/xfce4-panel.xml"),
@@ -86,7 +86,7 @@ void startXfcePanel(DesktopSession& desktop)
 
 } // namespace
 
-/// With a panel that speaks the status-notifier protocol.
+/// Panels that support the status-notifier protocol.
 class TestStatusNotifierPanel : public QObject
 {
     Q_OBJECT
@@ -96,7 +96,7 @@ private Q_SLOTS:
     void aPanelThatStartsLaterGetsTheIconAndDrawsTheMenuItself();
 };
 
-/// From the first start to the end, with the mouse and with what assistive technology does.
+/// From the first start to quitting, with the mouse and the accessibility bus.
 void TestStatusNotifierPanel::aPersonsFirstDay()
 {
     DesktopSession desktop;
@@ -105,8 +105,8 @@ void TestStatusNotifierPanel::aPersonsFirstDay()
     harbex.start();
     STEP("the window opens at the start", harbex.window());
     STEP("the panel draws the icon", desktop.countColours(panel.icon()) > 4);
-    // Until the pointer has been in a window of the program, Qt 6.8 lets the first click into a menu close
-    // it, unless many small movements led there.
+    // In Qt 6.8 the first click into a menu closes it, unless the pointer has been in a window of the program
+    // before or has reached the menu in many small steps.
     QVERIFY2(desktop.click(harbex.window().extents()), "a click into the window");
     QVERIFY2(harbex.closeWindow(), "the window closes");
     QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::open),
@@ -201,7 +201,7 @@ void TestStatusNotifierPanel::aPanelThatStartsLaterGetsTheIconAndDrawsTheMenuIts
     QVERIFY2(harbex.closeWindow(), "the window closes");
 
     startXfcePanel(desktop);
-    // The icons are a window of their own in this panel.
+    // In this panel the icons have their own window.
     const auto icon = [&] { return desktop.windows(QStringLiteral("wrapper-2.0")).value(0); };
     STEP("the panel draws the icon", desktop.countColours(icon()) > 4);
     QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::open), "a click on the icon opens the menu");

@@ -4,8 +4,8 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// Under a Wayland compositor, which tells a program neither where its windows are nor lets it into the
-/// front.
+/// A Wayland compositor. It does not tell a program the positions of its windows, and does not let a program
+/// raise them.
 class TestWayland : public QObject
 {
     Q_OBJECT
@@ -17,7 +17,7 @@ private Q_SLOTS:
 void TestWayland::itOpensItsWindowAndMovesAFile()
 {
     DesktopSession desktop(DesktopSession::Kind::wayland);
-    // Qt's Wayland plugin does not give everything back, which a sanitizer would report at the end.
+    // Qt's Wayland plugin keeps memory until exit, which the sanitizer would report.
     desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
     HarbexRun harbex(desktop);
     harbex.storeRuleForAll();

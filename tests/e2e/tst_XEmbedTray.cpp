@@ -6,7 +6,7 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// With a panel that knows only the XEmbed tray of X11, into which programs put a window of theirs.
+/// A panel that supports only the XEmbed tray of X11, in which programs place a window.
 class TestXEmbedTray : public QObject
 {
     Q_OBJECT
@@ -33,7 +33,7 @@ void startPanel(DesktopSession& desktop)
     desktop.start(QStringLiteral("tint2"), {QStringLiteral("-c"), path});
 }
 
-/// The program's one window that is on the panel.
+/// Returns the rectangle of the program's window that is on the panel.
 QRect iconIn(DesktopSession& desktop)
 {
     const QRect panel = desktop.windows(QStringLiteral("tint2")).value(0);

@@ -188,7 +188,7 @@ void TestCrossDeviceMove::inodeNumbersThatChange()
     writeFile(isFolder ? m_source + "/file" : m_source, "content");
     const QByteArray before = pictureOf(m_source);
     uint64_t age = 0;
-    const auto keeper = [&age](const GatedCall& call) {
+    const auto keeper = [&age](const InterceptedCall& call) {
         age += call.name == "fsync" || call.name == "syncfs";
         if (call.name != "statx") return Answer::proceed();
         return answerStatus(call, [age](struct statx& data) { data.stx_ino += age * 1'000'000; });
@@ -219,7 +219,7 @@ void TestCrossDeviceMove::inodeNumbersThatAreGivenTwice()
         setTimes(m_source + name);
     }
     const QByteArray before = pictureOf(m_source);
-    const auto keeper = [](const GatedCall& call) {
+    const auto keeper = [](const InterceptedCall& call) {
         if (call.name != "statx") return Answer::proceed();
         return answerStatus(call, [](struct statx& data) {
             if (!S_ISREG(data.stx_mode)) return;
@@ -322,7 +322,7 @@ void TestCrossDeviceMove::namesThatCannotBe()
     QFETCH(const int, error);
     makeVictim(kind.toStdString(), m_source);
     const QByteArray before = pictureOf(m_source);
-    const auto keeper = [&](const GatedCall& call) {
+    const auto keeper = [&](const InterceptedCall& call) {
         const auto isNamedSo = [&call](size_t argument) {
             return call.text(argument).ends_with("target.dat");
         };
@@ -447,7 +447,7 @@ void TestCrossDeviceMove::whatCouldNotBeRemovedIsNotCopied()
             becomeOrdinary();
             return FileMove().moveItem(m_source, m_target);
         },
-        [](const GatedCall&) { return Answer::proceed(); });
+        [](const InterceptedCall&) { return Answer::proceed(); });
     QCOMPARE(run.error, EACCES);
     QVERIFY(run.calls.empty());
     QCOMPARE(::chmod(closedPath.c_str(), 0777), 0);

@@ -237,7 +237,7 @@ void TestEntryAttributes::attributesThatTheTargetCannotHold()
     writeFile(source, "content");
     QVERIFY(setAttribute(source, "user.name", "value"));
     setTimes(source);
-    const InterceptedRun run = moveGated(source, target, [](const GatedCall& call) {
+    const InterceptedRun run = moveGated(source, target, [](const InterceptedCall& call) {
         const bool concernsAttributes = call.name == "fsetxattr" || call.name == "fremovexattr";
         return concernsAttributes ? Answer::fail(EOPNOTSUPP) : crossing(call);
     });
@@ -256,7 +256,7 @@ void TestEntryAttributes::anAccessListThatIsLostTakesTheGroupAlong()
     writeFile(source, "content");
     QVERIFY(setAttribute(source, "system.posix_acl_access", accessList(12345, 0)));
     QCOMPARE(statusOf(source).st_mode & 0777, mode_t(0760));
-    const InterceptedRun run = moveGated(source, target, [](const GatedCall& call) {
+    const InterceptedRun run = moveGated(source, target, [](const InterceptedCall& call) {
         return call.name == "fsetxattr" ? Answer::fail(EOPNOTSUPP) : crossing(call);
     });
     QCOMPARE(run.error, 0);
@@ -271,7 +271,7 @@ void TestEntryAttributes::attributesThatOnlyTheSystemMaySet()
     writeFile(source, "content");
     // A list of one label, as a system with such labels gives it.
     const std::string names("security.label", 15);
-    const auto keeper = [&](const GatedCall& call) {
+    const auto keeper = [&](const InterceptedCall& call) {
         if (call.name == "flistxattr") {
             if (call.arguments[2] != 0) call.writeMemory(call.arguments[1], names);
             return Answer::give(int64_t(names.size()));
@@ -289,7 +289,7 @@ void TestEntryAttributes::namesThatCannotBeListed()
     for (const int error : {EOPNOTSUPP, ENOSYS}) {
         writeFile(m_source, "content");
         setTimes(m_source);
-        const InterceptedRun run = moveGated(m_source, m_target, [error](const GatedCall& call) {
+        const InterceptedRun run = moveGated(m_source, m_target, [error](const InterceptedCall& call) {
             return call.name == "flistxattr" ? Answer::fail(error) : Answer::proceed();
         });
         QCOMPARE(run.error, 0);
@@ -308,7 +308,7 @@ void TestEntryAttributes::anAttributeThatGoesWhileItIsCopied()
     writeFile(source, "content");
     QVERIFY(setAttribute(source, "user.name", "value"));
     bool isGone = false;
-    const InterceptedRun run = moveGated(source, target, [&](const GatedCall& call) {
+    const InterceptedRun run = moveGated(source, target, [&](const InterceptedCall& call) {
         if (call.name == "fgetxattr" && !isGone) isGone = ::removexattr(source.c_str(), "user.name") == 0;
         return crossing(call);
     });
@@ -328,7 +328,7 @@ void TestEntryAttributes::attributesThatAreTooLarge()
         QVERIFY(setAttribute(source, "user.small", "1"));
         QVERIFY(setAttribute(source, "user.large", std::string(1000, 'x')));
         setTimes(source);
-        const InterceptedRun run = moveGated(source, target, [error](const GatedCall& call) {
+        const InterceptedRun run = moveGated(source, target, [error](const InterceptedCall& call) {
             const bool isLarge = call.name == "fsetxattr" && call.arguments[3] == 1000;
             return isLarge ? Answer::fail(error) : crossing(call);
         });
@@ -385,7 +385,7 @@ void TestEntryAttributes::attributesThatMayNotBeSetEndTheMove()
     QVERIFY(setAttribute(source, "user.name", "value"));
     const QByteArray before = pictureOf(source);
     for (const int error : {EPERM, EACCES, EIO}) {
-        const InterceptedRun run = moveGated(source, out + "/target", [error](const GatedCall& call) {
+        const InterceptedRun run = moveGated(source, out + "/target", [error](const InterceptedCall& call) {
             return call.name == "fsetxattr" ? Answer::fail(error) : crossing(call);
         });
         QCOMPARE(run.error, error);
@@ -420,7 +420,7 @@ void TestEntryAttributes::whatIsSetDuringTheCopy()
         changed = pictureOf(source);
     };
     const InterceptedRun run =
-        moveGated(source, target, Lacks{.unnamedFiles = !unnamedFiles}, [&](const GatedCall& call) {
+        moveGated(source, target, Lacks{.unnamedFiles = !unnamedFiles}, [&](const InterceptedCall& call) {
             if (changed.isEmpty() && (call.name == "fsync" || call.name == "syncfs")) change();
             return crossing(call);
         });
@@ -457,7 +457,7 @@ void TestEntryAttributes::aFileThatNobodyMayWrite()
             becomeOrdinary();
             return FileMove().moveItem(source, target);
         },
-        [&](const GatedCall& call) {
+        [&](const InterceptedCall& call) {
             if (!isSet && (call.name == "fsync" || call.name == "syncfs"))
                 isSet = ::chmod(source.c_str(), 0644) == 0 && setAttribute(source, "user.name", "new") &&
                         ::chmod(source.c_str(), 0444) == 0;
@@ -488,7 +488,7 @@ void TestEntryAttributes::timesThatCannotBeKept()
     setTimes(m_source);
     if (exists(m_source + "/inside")) setTimes(m_source + "/inside");
     const QByteArray before = pictureOf(m_source);
-    const InterceptedRun run = moveGated(m_source, m_target, [error](const GatedCall& call) {
+    const InterceptedRun run = moveGated(m_source, m_target, [error](const InterceptedCall& call) {
         return call.name == "utimensat" ? Answer::fail(error) : Answer::proceed();
     });
     QCOMPARE(run.error, 0);
@@ -503,7 +503,7 @@ void TestEntryAttributes::timesThatCannotBeKept()
 void TestEntryAttributes::timesThatCannotBeWrittenEndTheMove()
 {
     writeFile(m_source, "content");
-    const InterceptedRun run = moveGated(m_source, m_target, [](const GatedCall& call) {
+    const InterceptedRun run = moveGated(m_source, m_target, [](const InterceptedCall& call) {
         return call.name == "utimensat" ? Answer::fail(EIO) : Answer::proceed();
     });
     QCOMPARE(run.error, EIO);
@@ -515,7 +515,7 @@ void TestEntryAttributes::anOwnerThatCannotBeKeptTakesTheSetUserBitAlong()
 {
     writeFile(m_source, "content");
     QCOMPARE(::chmod(m_source.c_str(), 06755), 0);
-    const InterceptedRun run = moveGated(m_source, m_target, [](const GatedCall& call) {
+    const InterceptedRun run = moveGated(m_source, m_target, [](const InterceptedCall& call) {
         return call.name == "fchownat" ? Answer::fail(EPERM) : Answer::proceed();
     });
     QCOMPARE(run.error, 0);
@@ -540,7 +540,7 @@ void TestEntryAttributes::aForeignFolderBecomesOurs()
             becomeOrdinary();
             return FileMove().moveItem(m_source, m_target);
         },
-        [](const GatedCall&) { return Answer::proceed(); });
+        [](const InterceptedCall&) { return Answer::proceed(); });
     QCOMPARE(run.error, 0);
     QVERIFY(!exists(m_source));
     QCOMPARE(statusOf(m_target).st_mode & 07777, mode_t(0707));

@@ -164,7 +164,7 @@ void TestFileCopy::holesThatTheSourceDoesNotTell()
     QCOMPARE(::truncate(m_source.c_str(), 3'000'000), 0);
     writeAt(m_source, 2'000'000, "middle");
     const QByteArray before = pictureOf(m_source);
-    const InterceptedRun run = moveGated(m_source, m_target, [](const GatedCall& call) {
+    const InterceptedRun run = moveGated(m_source, m_target, [](const InterceptedCall& call) {
         return call.name == "lseek" ? Answer::fail(EINVAL) : Answer::proceed();
     });
     QCOMPARE(run.error, 0);
@@ -188,7 +188,7 @@ void TestFileCopy::shortAndInterruptedReadsAndWrites()
     writeFile(m_source, someBytes(1'000'003));
     const QByteArray before = pictureOf(m_source);
     int short_ = 0;
-    const auto keeper = [&](const GatedCall& gated) {
+    const auto keeper = [&](const InterceptedCall& gated) {
         if (gated.name != call.toStdString() || gated.ordinal % 2 == 0) return Answer::proceed();
         if (interrupted) return Answer::fail(EINTR);
         // Does a third of what was asked for, in place of the child.
@@ -233,7 +233,7 @@ void TestFileCopy::slowReads()
     writeFile(m_source, someBytes(byTheKernel ? 20'000'003 : 1'000'003));
     const QByteArray before = pictureOf(m_source);
     int slow = 0;
-    const auto keeper = [&](const GatedCall& call) {
+    const auto keeper = [&](const InterceptedCall& call) {
         if (call.name == "ioctl") return Answer::fail(EOPNOTSUPP);
         if (call.name == "pread64" || call.name == "copy_file_range" || call.name == "read") {
             ++slow;
@@ -251,7 +251,7 @@ void TestFileCopy::aWriteThatWritesNothing()
 {
     writeFile(m_source, someBytes(300'000));
     const QByteArray before = pictureOf(m_source);
-    const InterceptedRun run = moveGated(m_source, m_target, [](const GatedCall& call) {
+    const InterceptedRun run = moveGated(m_source, m_target, [](const InterceptedCall& call) {
         return call.name == "pwrite64" && call.ordinal == 2 ? Answer::give(0) : Answer::proceed();
     });
     QCOMPARE(run.error, EIO);
@@ -277,7 +277,7 @@ void TestFileCopy::sharedBlocks()
     const QByteArray before = pictureOf(m_source);
     const QByteArray shared = contents(m_source) + more;
     int clones = 0;
-    const auto keeper = [&](const GatedCall& call) {
+    const auto keeper = [&](const InterceptedCall& call) {
         if (call.name != "ioctl" || call.arguments[1] != FICLONE) return Answer::proceed();
         ++clones;
         const FileDescriptor target = call.descriptor(0);
@@ -323,7 +323,7 @@ void TestFileCopy::largerThanFilesMayBe()
             if (::setrlimit(RLIMIT_FSIZE, &small) != 0) return SystemError::last();
             return FileMove().moveItem(m_source, m_target);
         },
-        [unnamedFiles](const GatedCall& call) {
+        [unnamedFiles](const InterceptedCall& call) {
             return Lacks{.unnamedFiles = !unnamedFiles}.refuses(call).value_or(Answer::proceed());
         });
     QCOMPARE(run.error, EFBIG);
@@ -340,7 +340,7 @@ void TestFileCopy::theKernelCopies()
         writeFile(m_source, someBytes(3'000'003));
         const QByteArray before = pictureOf(m_source);
         size_t read = 0;
-        const auto keeper = [&](const GatedCall& call) {
+        const auto keeper = [&](const InterceptedCall& call) {
             if (call.name == "ioctl") return Answer::fail(EOPNOTSUPP);
             if (call.name == "pread64") ++read;
             if (call.name != "copy_file_range" || name == "none") return crossing(call);

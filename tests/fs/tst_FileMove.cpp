@@ -52,7 +52,7 @@ private:
     void makeSource(const QByteArray& kind) const;
     /// Runs a move on a file system that lacks something and lets `act` happen before the first call that
     /// `isMoment` tells.
-    InterceptedRun moveWith(const Lacks& lacks, const std::function<bool(const GatedCall&)>& isMoment,
+    InterceptedRun moveWith(const Lacks& lacks, const std::function<bool(const InterceptedCall&)>& isMoment,
                             const std::function<void()>& act) const;
 
     std::unique_ptr<ScratchFolder> m_scratch;
@@ -88,11 +88,11 @@ void TestFileMove::makeSource(const QByteArray& kind) const
 }
 
 InterceptedRun TestFileMove::moveWith(const Lacks& lacks,
-                                      const std::function<bool(const GatedCall&)>& isMoment,
+                                      const std::function<bool(const InterceptedCall&)>& isMoment,
                                       const std::function<void()>& act) const
 {
     bool happened = false;
-    const InterceptedRun run = moveGated(m_source, m_target, [&](const GatedCall& call) {
+    const InterceptedRun run = moveGated(m_source, m_target, [&](const InterceptedCall& call) {
         const std::optional<Answer> refused = lacks.refuses(call);
         if (refused) return *refused;
         if (!happened && isMoment(call)) {
@@ -245,7 +245,7 @@ void TestFileMove::aRefusedRenameIsNeverACopy()
     QFETCH(const int, error);
     makeSource("file");
     const ino_t inode = inodeOf(m_source);
-    const InterceptedRun run = moveGated(m_source, m_target, [error](const GatedCall& call) {
+    const InterceptedRun run = moveGated(m_source, m_target, [error](const InterceptedCall& call) {
         return call.name == "renameat2" ? Answer::fail(error) : Answer::proceed();
     });
     QCOMPARE(run.error, error);
@@ -310,7 +310,7 @@ void TestFileMove::aVictimAtTheLastMoment()
 
     const Lacks lacks{.noReplace = noReplace, .hardLinks = noLinks};
     const InterceptedRun run = moveWith(
-        lacks, [&](const GatedCall& call) { return call.name == moment.toStdString(); },
+        lacks, [&](const InterceptedCall& call) { return call.name == moment.toStdString(); },
         [&] {
             makeVictim(victim.toStdString(), m_target);
             target = pictureOf(m_target);
@@ -375,7 +375,7 @@ void TestFileMove::ofManyThreadsOneMovesTheFile()
 void TestFileMove::aPlaceholderThatWasReplacedIsLeftAlone()
 {
     makeSource("file");
-    const auto looksAtTheTarget = [this](const GatedCall& call) {
+    const auto looksAtTheTarget = [this](const InterceptedCall& call) {
         return call.name == "statx" && call.text(1) == m_target;
     };
     const InterceptedRun run = moveWith({.noReplace = EINVAL, .hardLinks = true}, looksAtTheTarget, [this] {
@@ -391,7 +391,7 @@ void TestFileMove::somethingPutIntoTheNewFolderIsLeftAlone()
 {
     makeSource("folder");
     const QByteArray before = pictureOf(m_source);
-    const auto renames = [](const GatedCall& call) { return call.name == "renameat"; };
+    const auto renames = [](const InterceptedCall& call) { return call.name == "renameat"; };
     const InterceptedRun run =
         moveWith({.noReplace = EINVAL}, renames, [this] { writeFile(m_target + "/victim", "a victim"); });
     QVERIFY(run.error == ENOTEMPTY || run.error == EEXIST);
@@ -403,7 +403,7 @@ void TestFileMove::aNewFileUnderTheOldNameStays()
 {
     makeSource("file");
     bool isLinked = false;
-    const auto looksAgain = [&](const GatedCall& call) {
+    const auto looksAgain = [&](const InterceptedCall& call) {
         isLinked |= call.name == "linkat";
         return isLinked && call.name == "statx" && call.text(1) == m_source;
     };
@@ -420,7 +420,7 @@ void TestFileMove::aSourceThatCannotBeUnlinkedTakesItsNewNameBack()
 {
     makeSource("file");
     const InterceptedRun run =
-        moveGated(m_source, m_target, Lacks{.noReplace = EINVAL}, [this](const GatedCall& call) {
+        moveGated(m_source, m_target, Lacks{.noReplace = EINVAL}, [this](const InterceptedCall& call) {
             const bool isSource = call.name == "unlinkat" && call.text(1) == m_source;
             return isSource ? Answer::fail(EACCES) : Answer::proceed();
         });
@@ -459,7 +459,7 @@ void TestFileMove::aChangeWhoseAnswerWasLost()
         makeSource(kind);
     const ino_t inode = inodeOf(m_source);
     const Lacks lacks{.noReplace = EINVAL, .hardLinks = noLinks};
-    const InterceptedRun run = moveGated(m_source, m_target, lacks, [&](const GatedCall& call) {
+    const InterceptedRun run = moveGated(m_source, m_target, lacks, [&](const InterceptedCall& call) {
         if (call.name != lost.constData() || !exists(m_source)) return answerVolume(call, NFS_SUPER_MAGIC);
         if (lost == "unlinkat")
             removeEntry(m_source);
@@ -501,7 +501,7 @@ void TestFileMove::aVolumeThatEndsWithinTheFallbackIsCrossed()
     const QByteArray before = pictureOf(m_source);
     const ino_t inode = inodeOf(m_source);
     const Lacks lacks{.noReplace = EINVAL, .hardLinks = noLinks};
-    const InterceptedRun run = moveGated(m_source, m_target, lacks, [&call](const GatedCall& now) {
+    const InterceptedRun run = moveGated(m_source, m_target, lacks, [&call](const InterceptedCall& now) {
         return now.name == call.constData() && now.ordinal == 1 ? Answer::fail(EXDEV) : Answer::proceed();
     });
     QCOMPARE(run.error, 0);

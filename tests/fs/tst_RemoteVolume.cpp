@@ -42,7 +42,7 @@ void TestRemoteVolume::answersOfRemoteVolumesCanBeLost()
     };
     auto next = isRemote.begin();
     uint32_t asked = 0;
-    const InterceptedRun run = runIntercepted({"fstatfs"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"fstatfs"}, work, [&](const InterceptedCall& call) {
         if (next == isRemote.end()) return Answer::fail(EIO);
         struct statfs volume = {};
         volume.f_type = asked = (next++)->first;

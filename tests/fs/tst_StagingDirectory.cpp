@@ -214,7 +214,7 @@ void TestStagingDirectory::aFolderOfSomebodyElseInItsPlaceIsRefused()
         return {};
     };
     QCOMPARE(::chmod(m_scratch->path().c_str(), 0777), 0);
-    const auto keeper = [this](const test::GatedCall& call) {
+    const auto keeper = [this](const test::InterceptedCall& call) {
         // As where there are no access lists, which would give it away as well.
         if (call.name == "fremovexattr") return test::Answer::fail(EOPNOTSUPP);
         if (call.ordinal != 1) return test::Answer::proceed();
@@ -255,7 +255,7 @@ void TestStagingDirectory::aNameThatCannotBeIsRefused()
     QFETCH(const int, error);
     const test::InterceptedRun run = test::runIntercepted(
         {"openat"}, [&] { return StagingDirectory::expectPossible({m_folder.get(), name.toStdString()}); },
-        [&](const test::GatedCall& call) {
+        [&](const test::InterceptedCall& call) {
             const bool isTried = (call.arguments[2] & O_CREAT) && name.size() < 10;
             return isTried ? test::Answer::fail(error) : test::Answer::proceed();
         });
@@ -271,7 +271,7 @@ void TestStagingDirectory::killedWhileANameIsTried()
         const test::InterceptedRun run = test::runIntercepted(
             test::fileSystemCalls(),
             [this] { return StagingDirectory::expectPossible({m_folder.get(), "name"}); },
-            [n](const test::GatedCall& call) {
+            [n](const test::InterceptedCall& call) {
                 return call.index == n ? test::Answer::kill() : test::Answer::proceed();
             });
         wasKilled = run.wasKilled;
@@ -300,7 +300,7 @@ int partsMadeWhile(int folder, const char* moment, const std::function<test::Ans
             if (!names || names->size() != 1) return SystemError{ENOTEMPTY};
             return {};
         },
-        [&](const test::GatedCall& call) {
+        [&](const test::InterceptedCall& call) {
             made += call.name == "mkdirat";
             return call.name == moment && call.ordinal == 1 ? act() : test::Answer::proceed();
         });
@@ -338,7 +338,7 @@ void TestStagingDirectory::withoutLocksNothingIsTakenForALeftover()
         return {};
     };
     const test::InterceptedRun run = test::runIntercepted(
-        {"flock"}, work, [](const test::GatedCall&) { return test::Answer::fail(ENOLCK); });
+        {"flock"}, work, [](const test::InterceptedCall&) { return test::Answer::fail(ENOLCK); });
     QCOMPARE(run.error, 0);
     QCOMPARE(run.calls.size(), 2U);
     QCOMPARE(names(), QByteArrayList());

@@ -7,8 +7,8 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// Any bytes as a stored list of folders: an error of one line, or a list that is written and read again as
-/// it is.
+/// Decodes any bytes as a stored folder list. The result is an error with a one-line text, or a list that is
+/// the same after encoding and decoding.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const auto json = parseJson(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
@@ -20,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     const auto written = encodeFolderList(*folders);
     if (!written) {
-        // Text with half a character in it can be read but not be written.
+        // Text with an unpaired surrogate can be decoded, but not encoded.
         require(!written.error().description.isEmpty());
         return 0;
     }

@@ -23,7 +23,7 @@ using namespace harbex::test;
 namespace
 {
 
-/// What the preferences and what was put aside hold, one after the other.
+/// Returns the contents of the configuration file and of its backups.
 QByteArrayList everythingKept(const QString& folder)
 {
     QByteArrayList contents;
@@ -41,18 +41,18 @@ test::ScratchHome* home = nullptr;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    // In memory, where that is possible: each input is a file that is written and replaced.
+    // Uses a file system in memory if possible, because each input writes several files.
     if (::access("/dev/shm", W_OK) == 0) qputenv("TMPDIR", "/dev/shm");
     home = new test::ScratchHome;
     std::atexit([] { delete home; });
-    // The lines that tell of every failure are not what is looked for here.
+    // Hides the lines that the store prints for every failure.
     const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
     require(nowhere >= 0 && ::dup2(nowhere, STDOUT_FILENO) >= 0);
     return 0;
 }
 
-/// Any bytes as the file of the preferences: it is loaded, and a save neither crashes nor loses what could
-/// not be read.
+/// Uses any bytes as the configuration file. Loading and saving must not crash, and saving must keep what
+/// could not be read.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const QByteArray bytes(reinterpret_cast<const char*>(data), qsizetype(size));
@@ -77,8 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     store.saveState(another);
     const FolderState saved = FolderStore().loadState({});
     require(saved.folders.size() == 1 && saved.folders[0].id == another.folders[0].id);
-    // A list that was understood has been replaced; one that was not is there, by itself or in the whole
-    // file. So are the other keys.
+    // A list that could be decoded is replaced. Otherwise a backup of the list or of the whole file exists.
+    // Other keys are kept.
     const QJsonDocument before = QJsonDocument::fromJson(bytes);
     QJsonObject object = before.object();
     const QJsonValue list = object.value(QStringLiteral("savedWatchedFolders"));

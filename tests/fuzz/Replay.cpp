@@ -7,11 +7,11 @@
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-// Not every target has one.
+// Not every fuzz target defines it.
 extern "C" [[gnu::weak]] int LLVMFuzzerInitialize(int* argc, char*** argv);
 
-/// Gives a fuzz target each file of a folder, without a fuzzer. An input for which something does not hold
-/// ends the program; its name is the last one that is printed.
+/// Passes each file of a folder to a fuzz target, without a fuzzer. If a requirement fails, the program
+/// aborts. The name that was printed last is the input.
 int main(int argc, char** argv)
 {
     if (argc != 2) return 2;

@@ -6,7 +6,7 @@
 namespace harbex::test
 {
 
-/// Ends the program with the line where something does not hold that must: what a fuzzer takes for a crash.
+/// Prints the line and aborts if a requirement is false. A fuzzer reports this as a crash.
 inline void require(bool holds, int line = __builtin_LINE())
 {
     if (holds) return;

@@ -445,7 +445,7 @@ void TestBookmark::amongManySiblingsOnlyTheRightOneIsOpened()
         return {};
     };
     std::vector<std::string> opened;
-    const InterceptedRun run = runIntercepted({"openat"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"openat"}, work, [&](const InterceptedCall& call) {
         const std::string name = fs::path(call.text(1)).filename();
         if (name == "renamed" || name.starts_with("sibling")) opened.push_back(name);
         return Answer::proceed();

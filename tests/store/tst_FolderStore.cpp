@@ -291,7 +291,7 @@ size_t opensOf(const fs::path& path, const std::function<void()>& work)
             work();
             return {};
         },
-        [&](const GatedCall& call) {
+        [&](const InterceptedCall& call) {
             opens += call.text(call.name == "open" ? 0 : 1) == path;
             return Answer::proceed();
         });

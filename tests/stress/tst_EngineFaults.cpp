@@ -259,7 +259,7 @@ void TestEngineFaults::everyCallFails()
         std::string where;
         std::map<std::string, int> counts;
         int looks = 0;
-        const InterceptedRun run = life.live([&](const GatedCall& call) {
+        const InterceptedRun run = life.live([&](const InterceptedCall& call) {
             // Those of the test itself, and of nothing else here.
             if (call.name == "access" && call.text(0) == isJudged)
                 return looks >= looksOfAJudge ? Answer::give(0) : Answer::proceed();

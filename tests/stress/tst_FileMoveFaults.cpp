@@ -51,11 +51,11 @@ void TestFileMoveFaults::killedAtEveryCall()
 {
     QFETCH(const int, road);
     const Road& way = allRoads().at(size_t(road));
-    const auto changesSomething = [](const GatedCall& call) { return !onlyReads(call); };
+    const auto changesSomething = [](const InterceptedCall& call) { return !onlyReads(call); };
     for (size_t n = 0;; ++n) {
         const Round round(way);
-        const Round::Incident incident =
-            round.moveWithIncident(n, changesSomething, [](const GatedCall&) { return Answer::kill(); });
+        const Round::Incident incident = round.moveWithIncident(
+            n, changesSomething, [](const InterceptedCall&) { return Answer::kill(); });
         if (!incident.happened) {
             QVERIFY(incident.run.succeeded() && n > 0);
             QVERIFY(round.isTargetWhole() && !exists(round.source));
@@ -99,13 +99,13 @@ void TestFileMoveFaults::everyCallFails()
     QFETCH(const int, road);
     QFETCH(const int, error);
     const Road& way = allRoads().at(size_t(road));
-    const auto anyCall = [](const GatedCall&) { return true; };
+    const auto anyCall = [](const InterceptedCall&) { return true; };
     int failures = 0;
     size_t n = 0;
     for (;; ++n) {
         const Round round(way);
-        const Round::Incident incident =
-            round.moveWithIncident(n, anyCall, [error](const GatedCall&) { return Answer::fail(error); });
+        const Round::Incident incident = round.moveWithIncident(
+            n, anyCall, [error](const InterceptedCall&) { return Answer::fail(error); });
         if (!incident.happened) break;
         const std::string text = incident.where + ' ' + incident.subject;
         const char* where = text.c_str();
@@ -170,7 +170,7 @@ void TestFileMoveFaults::aStopInALargeFile()
     };
     size_t synced = 0;
     const InterceptedRun run =
-        runIntercepted({"pread64", "pwrite64", "fsync", "syncfs"}, work, [&](const GatedCall& call) {
+        runIntercepted({"pread64", "pwrite64", "fsync", "syncfs"}, work, [&](const InterceptedCall& call) {
             if (isSync(call) && isCopied) {
                 touch(source);
                 synced = call.index;
@@ -214,7 +214,7 @@ void TestFileMoveFaults::aPartInProgressIsNotALeftover()
     const Road& way = allRoads().at(size_t(road));
     const Round round(way);
     int inProgress = 0;
-    const InterceptedRun run = round.move([&](const GatedCall& call) {
+    const InterceptedRun run = round.move([&](const InterceptedCall& call) {
         if (call.name != "syncfs") return Answer::proceed();
         const QByteArrayList parts = partsIn(round.out);
         inProgress += int(parts.size());

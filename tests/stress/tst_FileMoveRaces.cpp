@@ -165,7 +165,7 @@ void TestFileMoveRaces::aVictimBeforeEveryCall()
 {
     QFETCH(const int, road);
     const Road& way = allRoads().at(size_t(road));
-    const auto concernsTheTarget = [](const GatedCall& call) {
+    const auto concernsTheTarget = [](const InterceptedCall& call) {
         return !onlyReads(call) || (call.name == "statx" && lastPathComponent(call.text(1)) == "target");
     };
     size_t runs = 0;
@@ -179,12 +179,12 @@ void TestFileMoveRaces::aVictimBeforeEveryCall()
             bool isSwapped = false;
             const std::string kind = kinds[i];
             // A rename that can only replace takes whatever is like the entry that it moves.
-            const auto mayBeLost = [&](const GatedCall& call) {
+            const auto mayBeLost = [&](const InterceptedCall& call) {
                 const bool isFolder = kind == "folder" || kind == "full folder";
                 return call.name.starts_with("rename") && isFolder == way.isFolder() && kind != "full folder";
             };
             const Round::Incident incident =
-                round.moveWithIncident(n, concernsTheTarget, [&](const GatedCall& call) {
+                round.moveWithIncident(n, concernsTheTarget, [&](const InterceptedCall& call) {
                     isSwapped = way.leavesPlaceholder && round.isPlaceholder() && !mayBeLost(call);
                     if (isSwapped) removeEntry(round.target);
                     if (!exists(round.target)) {
@@ -241,13 +241,13 @@ void TestFileMoveRaces::theSourceChangesBeforeEveryCall()
     for (;; ++n) {
         const Round round(way);
         const std::string changed = round.source + below;
-        const auto mayChange = [&](const GatedCall& call) {
+        const auto mayChange = [&](const InterceptedCall& call) {
             // Between the last look at a file and its removal nothing can be noticed any more.
             const bool isBeingRemoved =
                 call.name == "unlinkat" && changed.ends_with('/' + call.text(1)) && exists(round.target);
             return !isBeingRemoved && exists(changed);
         };
-        const Round::Incident incident = round.moveWithIncident(n, mayChange, [&](const GatedCall&) {
+        const Round::Incident incident = round.moveWithIncident(n, mayChange, [&](const InterceptedCall&) {
             event.make(changed);
             return Answer::proceed();
         });
@@ -308,8 +308,8 @@ void TestFileMoveRaces::aLinkBeforeEveryCall()
         const std::string path = round.source + below;
         const std::string aside = round.source + "-aside";
         const QByteArray original = pictureOf(path);
-        const auto mayReplace = [&](const GatedCall&) { return exists(path); };
-        const Round::Incident incident = round.moveWithIncident(n, mayReplace, [&](const GatedCall&) {
+        const auto mayReplace = [&](const InterceptedCall&) { return exists(path); };
+        const Round::Incident incident = round.moveWithIncident(n, mayReplace, [&](const InterceptedCall&) {
             renameEntry(path, aside);
             makeLink(path, isFolder ? precious.folder : precious.file);
             return Answer::proceed();
@@ -344,7 +344,7 @@ void TestFileMoveRaces::aLargeFileChangesBetweenTwoReads()
     QFETCH(const bool, unnamedFiles);
     QFETCH(const QByteArray, change);
     const Road way = {"file across volumes", "file", true, {.unnamedFiles = !unnamedFiles}};
-    const auto reads = [](const GatedCall& call) { return call.name == "pread64"; };
+    const auto reads = [](const InterceptedCall& call) { return call.name == "pread64"; };
     const std::string old(400'000, 'o');
     std::string rewritten = old;
     rewritten.front() = rewritten.back() = 'n';
@@ -360,7 +360,7 @@ void TestFileMoveRaces::aLargeFileChangesBetweenTwoReads()
         removeEntry(round.source);
         writeFile(round.source, old);
         QByteArray changed;
-        const Round::Incident incident = round.moveWithIncident(n, reads, [&](const GatedCall&) {
+        const Round::Incident incident = round.moveWithIncident(n, reads, [&](const InterceptedCall&) {
             makeChange(round.source);
             changed = contents(round.source);
             return Answer::proceed();
@@ -427,19 +427,21 @@ void TestFileMoveRaces::aTouchBeforeEveryCall()
         QByteArray touched;
         int syncs = 0;
         bool isLate = false;
-        const auto isBeforeTheEnd = [&](const GatedCall& call) {
+        const auto isBeforeTheEnd = [&](const InterceptedCall& call) {
             isLate = syncs > 0;
             syncs += isSync(call);
             return !exists(round.target);
         };
-        const Round::Incident incident = round.moveWithIncident(n, isBeforeTheEnd, [&](const GatedCall&) {
-            touch(path);
-            if (kind == "permissions" && ::chmod(path.c_str(), 0711) != 0) qFatal("cannot change the mode");
-            if (kind == "second name" && ::link(path.c_str(), (aside.path() + "/name").c_str()) != 0)
-                qFatal("cannot link");
-            touched = pictureOf(round.source);
-            return Answer::proceed();
-        });
+        const Round::Incident incident =
+            round.moveWithIncident(n, isBeforeTheEnd, [&](const InterceptedCall&) {
+                touch(path);
+                if (kind == "permissions" && ::chmod(path.c_str(), 0711) != 0)
+                    qFatal("cannot change the mode");
+                if (kind == "second name" && ::link(path.c_str(), (aside.path() + "/name").c_str()) != 0)
+                    qFatal("cannot link");
+                touched = pictureOf(round.source);
+                return Answer::proceed();
+            });
         if (!incident.happened) break;
         const char* where = incident.where.c_str();
         QVERIFY2(round.leftovers().isEmpty(), where);
@@ -466,7 +468,7 @@ void TestFileMoveRaces::aTouchAtEverySync()
     QFETCH(const int, road);
     const Round round(allRoads().at(size_t(road)));
     int syncs = 0;
-    const InterceptedRun run = round.move([&](const GatedCall& call) {
+    const InterceptedRun run = round.move([&](const InterceptedCall& call) {
         if (isSync(call)) touch(round.source);
         syncs += isSync(call);
         return Answer::proceed();
@@ -501,7 +503,7 @@ void TestFileMoveRaces::oneByteIsChangedBehindTheCopy()
         writeFile(round.source, std::string(400'000, 'o'));
         // The rest is a hole.
         QCOMPARE(::truncate(round.source.c_str(), 1'000'000), 0);
-        const InterceptedRun run = round.move([&](const GatedCall& call) {
+        const InterceptedRun run = round.move([&](const InterceptedCall& call) {
             if (!isSync(call) || exists(round.target)) return Answer::proceed();
             const QByteArray old = contents(round.source).mid(at, 1);
             if (call.ordinal == 1) rewriteLater(round.source, isChanged ? "n" : old.toStdString(), at);
@@ -522,7 +524,7 @@ void TestFileMoveRaces::holesAreNotCompared()
     const Road way = {"touched file across volumes", "file", true, {}, false, false, true};
     const Round round(way);
     QCOMPARE(::truncate(round.source.c_str(), off_t(1) << 40), 0);
-    const InterceptedRun run = round.move([](const GatedCall&) { return Answer::proceed(); });
+    const InterceptedRun run = round.move([](const InterceptedCall&) { return Answer::proceed(); });
     QCOMPARE(run.error, 0);
     QVERIFY(!exists(round.source));
     const auto reads = std::ranges::count_if(
@@ -537,7 +539,7 @@ void TestFileMoveRaces::aFileThatIsReplacedByOneLikeIt()
     const Road way = {"file across volumes", "file", true, {}};
     const Round round(way);
     bool isReplaced = false;
-    const InterceptedRun run = round.move([&](const GatedCall& call) {
+    const InterceptedRun run = round.move([&](const InterceptedCall& call) {
         if (!isSync(call) || isReplaced) return Answer::proceed();
         isReplaced = true;
         struct stat data = {};
@@ -564,7 +566,7 @@ void TestFileMoveRaces::aLinkThatIsReplacedByOneLikeIt()
         const bool isSame = text == std::string("nowhere");
         const Round round(way);
         bool isReplaced = false;
-        const InterceptedRun run = round.move([&](const GatedCall& call) {
+        const InterceptedRun run = round.move([&](const InterceptedCall& call) {
             if (isSync(call) && !isReplaced) {
                 isReplaced = true;
                 removeEntry(round.source);
@@ -591,7 +593,7 @@ void TestFileMoveRaces::aFileWithTwoNamesIsRewrittenAtTheEnd()
     const Round round(way);
     const ScratchFolder aside;
     QCOMPARE(::link(round.source.c_str(), (aside.path() + "/name").c_str()), 0);
-    const InterceptedRun run = round.move([&](const GatedCall& call) {
+    const InterceptedRun run = round.move([&](const InterceptedCall& call) {
         if (call.name == "linkat") rewriteLater(round.source, "CONTENT");
         return Answer::proceed();
     });
@@ -607,8 +609,8 @@ void TestFileMoveRaces::somethingIsAddedToTheFolderBeforeEveryCall()
     size_t n = 0;
     for (;; ++n) {
         const Round round(way);
-        const auto mayAdd = [&round](const GatedCall&) { return exists(round.source + "/sub"); };
-        const Round::Incident incident = round.moveWithIncident(n, mayAdd, [&round](const GatedCall&) {
+        const auto mayAdd = [&round](const InterceptedCall&) { return exists(round.source + "/sub"); };
+        const Round::Incident incident = round.moveWithIncident(n, mayAdd, [&round](const InterceptedCall&) {
             writeFile(round.source + "/sub/added", "new");
             return Answer::proceed();
         });
@@ -636,7 +638,7 @@ void TestFileMoveRaces::foldersWhoseTimesStandStill()
     QFETCH(const bool, isAdded);
     const Road way = {"folder across volumes", "folder", true, {}};
     const Round round(way);
-    const InterceptedRun run = round.move([&](const GatedCall& call) {
+    const InterceptedRun run = round.move([&](const InterceptedCall& call) {
         if (call.name == "syncfs" && isAdded) writeFile(round.source + "/added", "new");
         if (call.name == "syncfs" && !isAdded) removeEntry(round.source + "/link");
         if (call.name != "statx") return Answer::proceed();
@@ -668,7 +670,7 @@ void TestFileMoveRaces::aRemovalWhoseAnswerWasLost()
     QFETCH(const bool, staysAtTarget);
     const Road way = {"file across volumes", "file", true, {}};
     const Round round(way);
-    const InterceptedRun run = round.move([&](const GatedCall& call) {
+    const InterceptedRun run = round.move([&](const InterceptedCall& call) {
         if (call.name != "unlinkat" || !exists(round.target) || !exists(round.source))
             return answerVolume(call, volumeType);
         removeEntry(round.source);
@@ -696,7 +698,7 @@ void TestFileMoveRaces::whatWasChangedNeverGetsItsName()
     const Round round(way);
     bool isCopied = false;
     bool hadItsName = false;
-    const InterceptedRun run = round.move([&](const GatedCall& call) {
+    const InterceptedRun run = round.move([&](const InterceptedCall& call) {
         if (!isCopied && isSync(call)) {
             isCopied = true;
             appendToFile(way.isFolder() ? round.source + "/file" : round.source, " and more");

@@ -63,7 +63,7 @@ Trial tryMove(const std::string& source, const std::string& target, bool asOrdin
         if (asOrdinaryUser) becomeOrdinary();
         return FileMove().moveItem(source, target);
     };
-    trial.error = runIntercepted(fileSystemCalls(), work, [&trial](const GatedCall& call) {
+    trial.error = runIntercepted(fileSystemCalls(), work, [&trial](const InterceptedCall& call) {
                       if (!onlyReads(call) && call.name != "renameat2")
                           trial.made << QByteArray::fromStdString(call.label());
                       return Answer::proceed();

@@ -165,7 +165,7 @@ void TestSaveFaults::killedAtEveryCall()
     for (;; ++kills) {
         const SaveRound round(situation.toStdString());
         std::string where;
-        const InterceptedRun run = round.save([&](const GatedCall& call) {
+        const InterceptedRun run = round.save([&](const InterceptedCall& call) {
             if (call.index != kills) return Answer::proceed();
             where = call.label();
             return Answer::kill();
@@ -218,7 +218,7 @@ void TestSaveFaults::everyCallFails()
         const SaveRound round(situation.toStdString());
         std::string where;
         // Not standard output, on which the failure is told.
-        const InterceptedRun run = round.save([&](const GatedCall& call) {
+        const InterceptedRun run = round.save([&](const InterceptedCall& call) {
             if (call.index != failures || (call.name == "write" && call.arguments[0] == 1))
                 return Answer::proceed();
             where = call.label();
@@ -242,7 +242,7 @@ void TestSaveFaults::nothingIsReplacedByWhatIsNotOnTheDisk()
 {
     const auto save = [](const SaveRound& round, bool mayReachTheDisk) {
         QByteArrayList order;
-        const InterceptedRun run = round.save([&](const GatedCall& call) {
+        const InterceptedRun run = round.save([&](const InterceptedCall& call) {
             const bool isSync = call.name == "fsync" && round.isOurs(call.pathOfOpen(int(call.arguments[0])));
             const bool isRename = call.name == "rename" && round.isOurs(call.text(0));
             if (isSync || isRename) order << QByteArray::fromStdString(call.name);

@@ -7,32 +7,32 @@
 namespace harbex::test
 {
 
-/// Lets standard output go somewhere else for the length of a scope. What Qt Test reports goes there too, so
-/// check only when it has ended.
+/// Redirects standard output until the end of a scope. The reports of Qt Test are redirected too, so check
+/// results only after restore().
 class RedirectedOutput
 {
 public:
-    /// To what is open as `target`; a negative one closes standard output.
+    /// Redirects to the descriptor `target`. A negative `target` closes standard output.
     explicit RedirectedOutput(int target);
     ~RedirectedOutput() { restore(); }
     RedirectedOutput(const RedirectedOutput&) = delete;
     RedirectedOutput& operator=(const RedirectedOutput&) = delete;
 
-    /// Ends the redirection before the scope does.
+    /// Ends the redirection early.
     void restore();
 
 private:
     FileDescriptor m_original;
 };
 
-/// Catches the lines that are written to standard output.
+/// Captures the lines that are written to standard output.
 class CapturedOutput
 {
 public:
     CapturedOutput();
 
-    /// Ends the catching and gives the lines without their ends. A last line that has no end is marked as
-    /// such.
+    /// Ends the capture and returns the lines without line ends. If the last line has no line end, it is
+    /// marked as such.
     [[nodiscard]] QStringList lines();
 
 private:

@@ -17,20 +17,20 @@
 namespace harbex::test
 {
 
-/// The file of the preferences in the test's own home.
+/// Path of the configuration file in the scratch home.
 inline QString preferencesPath()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
            QStringLiteral("/harbex/harbex.json");
 }
 
-/// An empty store, made before the real one looks at it.
+/// An empty store. Deletes the configuration file before FolderStore reads it.
 struct EmptyStore {
     EmptyStore() { QFile::remove(preferencesPath()); }
     FolderStore store;
 };
 
-/// What the window edits with a real engine and a real store, and what a test asks about them.
+/// Fixture for ContentState with a real engine and a real store.
 class ContentStateFixture : private EmptyStore
 {
 public:
@@ -38,7 +38,7 @@ public:
     DownloadImageRedirector engine;
     ContentState state{engine, store};
 
-    /// A folder with default rules, which really exists.
+    /// Returns a folder with default rules. Creates it on disk.
     static WatchedFolder makeFolder(const QString& name, std::size_t ruleCount = 1)
     {
         const QString path = QDir::homePath() + QLatin1Char('/') + name;
@@ -48,7 +48,7 @@ public:
                 .rules = std::vector<FilterRule>(ruleCount)};
     }
 
-    /// Stores folders, opens the window's state on them and forgets that it was saved.
+    /// Stores the folders, opens the state on them, and resets takeSaved() and restarts().
     void appearWith(std::vector<WatchedFolder> folders, std::optional<QUuid> selected = {})
     {
         store.saveState({std::move(folders), selected});
@@ -58,24 +58,24 @@ public:
         (void)restarts();
     }
 
-    /// The folder at a position, and one of its rules.
+    /// The folder at a position, and a rule of the selected folder.
     [[nodiscard]] const WatchedFolder& folder(std::size_t index) const { return state.folders().at(index); }
     [[nodiscard]] const FilterRule& rule(std::size_t index) const
     {
         return state.selectedFolder()->rules.at(index);
     }
 
-    /// How often the engine was restarted since the last time this was asked.
+    /// Returns how often the engine was restarted since the last call.
     [[nodiscard]] int restarts()
     {
         settle();
         return stops() - std::exchange(m_restartsSeen, stops());
     }
 
-    /// Whether the store was written since the last time this was asked.
+    /// Returns whether the store was written since the last call of this or takeSaved().
     [[nodiscard]] bool wasSaved() { return QFile::remove(preferencesPath()); }
 
-    /// What was saved since then; null if it was not.
+    /// Returns what was saved since the last call of this or wasSaved(). Null if nothing was saved.
     [[nodiscard]] std::unique_ptr<const FolderState> takeSaved()
     {
         if (!QFile::exists(preferencesPath())) return nullptr;
@@ -85,10 +85,10 @@ public:
         return saved;
     }
 
-    /// Lets the main loop do what waits in it.
+    /// Processes the pending events of the main loop.
     void settle() const
     {
-        // A restart takes three turns, one after the other.
+        // A restart takes three passes of the main loop.
         for (int turn = 0; turn < 5; ++turn)
             QCoreApplication::processEvents();
     }

@@ -11,14 +11,14 @@
 namespace harbex::test
 {
 
-// Files and folders of the tests of the engine. Names and paths are raw bytes. What cannot be set up ends the
-// program with a message: no test goes on with less than it asked for.
+// Files and folders for tests. Paths and names are raw bytes. If a setup step fails, the program ends with a
+// message.
 
-/// A folder of one test's own, removed with everything in it at its end.
+/// A scratch directory. The destructor removes it with its contents.
 class ScratchFolder
 {
 public:
-    /// Makes it in the folder `parent`, or where temporary files go.
+    /// Creates it in the folder `parent`. Without `parent`, it uses the directory for temporary files.
     explicit ScratchFolder(const std::string& parent = {});
     ~ScratchFolder();
     ScratchFolder(const ScratchFolder&) = delete;
@@ -26,27 +26,26 @@ public:
 
     [[nodiscard]] const std::string& path() const { return m_path; }
 
-    /// Makes a folder in it and gives its path.
+    /// Creates a folder in it and returns the path.
     std::string makeFolder(std::string_view name) const;
 
-    /// Lets a file with this content appear at `path`, complete from its first moment: it is written
-    /// somewhere else in this folder and renamed to there.
+    /// Makes a complete file appear at `path`: writes it in the scratch directory and renames it to `path`.
     void arrive(const std::string& path, std::string_view content) const;
 
 private:
     std::string m_path;
 };
 
-/// Writes a file, which must not exist, at its place.
+/// Writes a new file at `path`. The file must not exist.
 void writeFile(const std::string& path, std::string_view content);
 
-/// Adds to the end of a file that exists.
+/// Appends to an existing file.
 void appendToFile(const std::string& path, std::string_view content);
 
-/// What a file holds, through links; "(no file)" where there is none.
+/// Returns the content of a file. Follows symbolic links. Returns "(no file)" if the file cannot be opened.
 [[nodiscard]] QByteArray contents(const std::string& path);
 
-/// Whether anything has this name, a dangling link too.
+/// Returns whether an entry with this name exists. A dangling link counts as an entry.
 [[nodiscard]] bool exists(const std::string& path);
 
 void makeFolder(const std::string& path);
@@ -54,18 +53,18 @@ void makeLink(const std::string& path, const std::string& target);
 void renameEntry(const std::string& from, const std::string& to);
 void removeEntry(const std::string& path);
 
-/// The names in a folder, sorted.
+/// Returns the names in a folder, sorted.
 [[nodiscard]] QByteArrayList namesIn(const std::string& folder);
 
-/// A second file system for moves that cannot be a rename: the path of a folder on another volume than that
-/// where temporary files go. Ends the program when the machine has none that can be written.
+/// Returns a writable folder on another volume than the directory for temporary files. Ends the program if
+/// there is none.
 [[nodiscard]] std::string folderOnAnotherVolume();
 
-/// Files that grow by a byte every millisecond, each open all the while, until they are told to stop.
+/// Open files that each grow by one byte per millisecond until stop().
 class GrowingFiles
 {
 public:
-    /// Creates the files; none of them may exist.
+    /// Creates the files. None of them may exist.
     explicit GrowingFiles(const std::vector<std::string>& paths);
     ~GrowingFiles() { stop(); }
     GrowingFiles(const GrowingFiles&) = delete;
@@ -79,21 +78,21 @@ private:
     std::thread m_thread;
 };
 
-/// Files that go on arriving in a folder, each complete from its first moment, until they are told to stop:
-/// the first is called file-0 and holds "0", and so on.
+/// Complete files that arrive in a folder, about one per millisecond, until stop(). The first is named file-0
+/// and contains "0", and so on.
 class ArrivingFiles
 {
 public:
-    /// They arrive in `folder`, within `scratch`.
+    /// The files arrive in `folder`, which must be on the volume of `scratch`.
     ArrivingFiles(const ScratchFolder& scratch, const std::string& folder);
     ~ArrivingFiles() { stop(); }
     ArrivingFiles(const ArrivingFiles&) = delete;
     ArrivingFiles& operator=(const ArrivingFiles&) = delete;
 
-    /// How many have arrived so far.
+    /// Returns the number of files that have arrived. Thread-safe.
     [[nodiscard]] int count() const { return m_count; }
 
-    /// Returns when the last has arrived.
+    /// Returns after the last file has arrived.
     void stop();
 
 private:

@@ -32,7 +32,7 @@ void reportApartFromStandardOutput()
     const int report = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     std::FILE* const stream = ::fdopen(report, "w");
     if (!stream) qFatal("no copy of standard output");
-    // Qt Test takes this stream when it begins; with glibc it is a variable like any other.
+    // Qt Test uses this stream from its start on. In glibc, stdout is a variable that can be set.
     stdout = stream;
 }
 

@@ -9,13 +9,13 @@
 namespace harbex::test
 {
 
-/// Catches what the engine prints for as long as this lives; it can be read meanwhile.
+/// Captures standard output while the object exists. The lines can be read at any time.
 class EngineOutput
 {
 public:
     EngineOutput();
 
-    /// The lines printed so far.
+    /// Returns the lines printed so far.
     [[nodiscard]] QByteArrayList lines() const;
 
 private:
@@ -23,8 +23,8 @@ private:
     RedirectedOutput m_redirection;
 };
 
-/// Has Qt Test report through a descriptor of its own, so that a failure shows although standard output is
-/// redirected. Called before anything is reported.
+/// Makes Qt Test report through its own descriptor, so that failures are visible while standard output is
+/// redirected. Call it before Qt Test reports anything.
 void reportApartFromStandardOutput();
 
 } // namespace harbex::test

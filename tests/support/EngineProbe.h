@@ -12,11 +12,10 @@
 namespace harbex::test
 {
 
-/// How long a test waits for what must happen before it fails, in milliseconds; generous, for a busy machine
-/// and the sanitizers.
+/// Time limit for an expected event, in milliseconds. It is long because of busy machines and sanitizers.
 inline constexpr int patience = 30'000;
 
-// Rules and folders of the tests, with paths in raw bytes.
+// Rules and folders for tests. Paths and names are raw bytes.
 
 [[nodiscard]] inline FilterRule ruleFor(RuleField field, const std::string& destination)
 {
@@ -60,7 +59,7 @@ inline constexpr int patience = 30'000;
     return {QUuid::createUuid(), FileUrl::fromPath(path), std::nullopt, std::move(rules)};
 }
 
-/// Starts the engine and waits until it runs.
+/// Starts the engine and waits until it runs. Returns false on timeout.
 [[nodiscard]] inline bool startAndWait(DownloadImageRedirector& engine,
                                        const std::vector<WatchedFolder>& folders)
 {
@@ -68,7 +67,7 @@ inline constexpr int patience = 30'000;
     return QTest::qWaitFor([&] { return engine.isRunning(); }, patience);
 }
 
-/// Restarts the engine and waits until it runs with these folders.
+/// Restarts the engine with these folders and waits until it runs. Returns false on timeout.
 [[nodiscard]] inline bool restartAndWait(DownloadImageRedirector& engine, std::vector<WatchedFolder> folders)
 {
     bool stopped = false;
@@ -79,15 +78,15 @@ inline constexpr int patience = 30'000;
     return QTest::qWaitFor([&] { return stopped && engine.isRunning(); }, patience);
 }
 
-/// Whether as many folders are watched as there were when activeFDs() was `before`, and not all of them the
-/// same: one that stands at the path of another is another, even if it has been there before.
+/// Returns whether a folder was replaced: activeFDs() has as many entries as `before`, but is not equal to
+/// it. A directory that replaces another one gets a new descriptor, even if it was watched before.
 [[nodiscard]] inline bool isWatchedAnew(const DownloadImageRedirector& engine, const std::vector<int>& before)
 {
     const std::vector<int> now = engine.activeFDs();
     return now.size() == before.size() && now != before;
 }
 
-/// The messages of the log without their times, oldest first.
+/// Returns the messages of the log without timestamps, oldest first.
 [[nodiscard]] inline QStringList messages(const DownloadImageRedirector& engine)
 {
     QStringList messages;
@@ -96,42 +95,42 @@ inline constexpr int patience = 30'000;
     return messages;
 }
 
-/// The newest message of the log, empty when there is none.
+/// Returns the newest message of the log without its timestamp. Empty if there is none.
 [[nodiscard]] inline QString lastMessage(const DownloadImageRedirector& engine)
 {
     return engine.logs().isEmpty() ? QString() : engine.logs().first().section(QStringLiteral("] "), 1);
 }
 
-/// How many messages of the log are this one.
+/// Returns how often this message is in the log.
 [[nodiscard]] inline qsizetype countMessages(const DownloadImageRedirector& engine, const QString& message)
 {
     return messages(engine).count(message);
 }
 
-/// Shows that something does not happen: entries that arrive later in the same folder are moved while it has
-/// not happened.
+/// Shows that an event does not happen: entries that arrive later in the same folder are moved first.
 class Sentinel
 {
 public:
-    /// For the watched folder `inbox` within `scratch`.
+    /// `inbox` is a watched folder inside `scratch`.
     Sentinel(const ScratchFolder& scratch, std::string inbox)
         : m_scratch(scratch), m_inbox(std::move(inbox)),
           m_destination(m_scratch.makeFolder("sentinels of " + m_inbox.substr(m_inbox.rfind('/') + 1)))
     {
     }
 
-    /// Stands before the other rules of the folder.
+    /// The rule for sentinels. It must be the first rule of the folder.
     [[nodiscard]] FilterRule rule() const
     {
         return takeNamed(RuleOperator::isEqual, "sentinel", m_destination);
     }
 
-    /// Sends entries through and waits until the engine has recorded their moves. By then all that it was
-    /// going to do at once with what stood in the folder before is done and recorded.
+    /// Sends a file and a folder, and waits until the engine has logged both moves. By then the engine has
+    /// processed and logged all entries that were in the folder before, except those that wait for a retry.
+    /// Returns false on timeout.
     [[nodiscard]] bool passes(const DownloadImageRedirector& engine)
     {
-        // The file may share its sampling with an entry that is moved after it; the folder, which waits for
-        // no sampling, comes after both.
+        // The file may be sampled together with an entry that is moved after it. The folder is not sampled,
+        // so it is moved after both.
         for (const auto sendOne : {&Sentinel::sendFile, &Sentinel::sendFolder}) {
             bool isRecorded = false;
             QObject context;
@@ -147,7 +146,7 @@ public:
     void sendFile() { m_scratch.arrive(m_inbox + nextName(), {}); }
     void sendFolder() { makeFolder(m_inbox + nextName()); }
 
-    /// Whether the entry that was sent last is through.
+    /// Returns whether the last entry that was sent has been moved.
     [[nodiscard]] bool hasArrived() const { return exists(m_destination + name()); }
 
 private:

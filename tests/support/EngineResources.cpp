@@ -40,7 +40,7 @@ void setLimit(rlim_t descriptors)
 constexpr uint32_t permissionRights =
     (1U << CAP_DAC_OVERRIDE) | (1U << CAP_DAC_READ_SEARCH) | (1U << CAP_FOWNER);
 
-/// Gives or takes those of the rights that this thread is permitted to have.
+/// Enables or disables those capabilities that this thread is permitted to have.
 void setPermissionRights(bool effective)
 {
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
@@ -60,7 +60,7 @@ std::size_t threadCount()
     return entriesOf("/proc/self/task");
 }
 
-// The listing itself holds one.
+// One descriptor belongs to the listing.
 std::size_t descriptorCount()
 {
     return entriesOf("/proc/self/fd") - 1;
@@ -92,7 +92,7 @@ DescriptorLimit::DescriptorLimit(std::size_t more)
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) qFatal("getrlimit: %s", std::strerror(errno));
     m_before = limit.rlim_cur;
 
-    // The limit is on the numbers that descriptors have, and the lowest free ones are given first.
+    // The limit applies to descriptor numbers, and the lowest free numbers are used first.
     std::size_t free = 0;
     int number = 0;
     while (::fcntl(number, F_GETFD) >= 0 || free++ < more)

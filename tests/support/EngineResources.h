@@ -5,16 +5,16 @@
 namespace harbex::test
 {
 
-// What the process holds at this moment, as the kernel tells it.
+// Resources of this process, as the kernel reports them.
 
 [[nodiscard]] std::size_t threadCount();
 [[nodiscard]] std::size_t descriptorCount();
 
-/// How many folders inotify watches for this process.
+/// Returns the number of inotify watches of this process.
 [[nodiscard]] std::size_t kernelWatchCount();
 
-/// Takes the right to read and write what permissions forbid away from this thread, and from those it starts,
-/// for as long as it lives: without it nothing is forbidden to root. Does nothing for anybody else.
+/// Drops the capabilities that bypass file permissions, until the end of the scope. It affects this thread
+/// and the threads that it starts. It has no effect for an ordinary user.
 class WithoutPrivileges
 {
 public:
@@ -24,7 +24,7 @@ public:
     WithoutPrivileges& operator=(const WithoutPrivileges&) = delete;
 };
 
-/// Lets this process open only so many descriptors more than it has open now, until its end.
+/// Limits how many more descriptors this process can open, until the end of the scope.
 class DescriptorLimit
 {
 public:

@@ -7,8 +7,8 @@
 namespace harbex::test
 {
 
-/// Whether something comes to pass within a time that is long even for a busy machine. For conditions that
-/// other threads bring about; no events of the main loop are processed meanwhile.
+/// Waits until a condition is true. Returns false after 30 seconds. Use it for conditions that other threads
+/// change, because it does not process events of the main loop.
 [[nodiscard]] inline bool eventually(const std::function<bool()>& condition)
 {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);

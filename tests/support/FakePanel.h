@@ -9,9 +9,8 @@
 namespace harbex::test
 {
 
-/// The panel's side of the status-notifier protocol: the watcher with which items register, and whether a
-/// host draws them. Takes the watcher's name on a connection of its own, from another panel if there is one,
-/// and gives it back when it is destroyed.
+/// A fake panel: the watcher of the status-notifier protocol, with or without a host. It takes the watcher's
+/// name on its own connection, also from another panel. The destructor releases the name.
 class FakePanel : public QObject
 {
     Q_OBJECT
@@ -26,10 +25,10 @@ public:
     [[nodiscard]] bool hasHost() const { return m_hasHost; }
     void setHost(bool isThere);
 
-    /// What has registered, in order.
+    /// Returns the services of the registered items, in order of registration.
     [[nodiscard]] const QStringList& items() const { return m_items; }
 
-    /// The latest item as the host reaches it, and its menu.
+    /// The latest item and its menu, called through the connection of the panel.
     [[nodiscard]] RemoteObject item() const;
     [[nodiscard]] RemoteObject menu() const;
 

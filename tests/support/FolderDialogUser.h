@@ -17,8 +17,8 @@
 namespace harbex::test
 {
 
-/// Sits in front of the folder dialogs that come up while it lives: each is given to `answer` once it is on
-/// screen. What asks for a folder goes on when `answer` has ended the dialog.
+/// Answers the folder dialogs that open while the object exists: calls `answer` for each dialog that is
+/// shown. The code that opened the dialog continues when `answer` has closed it.
 class FolderDialogUser : public QObject
 {
 public:
@@ -27,7 +27,7 @@ public:
         qApp->installEventFilter(this);
     }
 
-    /// How many dialogs have come up.
+    /// Returns how many dialogs were shown.
     [[nodiscard]] int dialogs() const { return m_dialogs; }
 
     static void choose(QFileDialog& dialog, const QString& path)
@@ -35,7 +35,7 @@ public:
         dialog.findChild<QLineEdit*>(QStringLiteral("fileNameEdit"))->setText(path);
         dialog.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Open)->click();
     }
-    /// Chooses the same folder in every dialog.
+    /// Returns an answer that chooses `folder` in every dialog.
     static std::function<void(QFileDialog&)> chooser(const FileUrl& folder)
     {
         return [path = QString::fromStdString(folder.path())](QFileDialog& dialog) { choose(dialog, path); };

@@ -31,7 +31,7 @@ bool isServed(const std::string& folder)
     return ::statfs(folder.c_str(), &volume) == 0 && volume.f_type == FUSE_SUPER_MAGIC;
 }
 
-/// Starts the server; gives why that failed, or nothing.
+/// Starts the server. Returns the reason for a failure, or an empty text.
 QString mountAt(QProcess& server, const std::string& real, const std::string& place)
 {
     const QString bindfs = QStandardPaths::findExecutable(QStringLiteral("bindfs"));
@@ -39,7 +39,7 @@ QString mountAt(QProcess& server, const std::string& real, const std::string& pl
     server.setProcessChannelMode(QProcess::MergedChannels);
     server.start(bindfs, {QStringLiteral("-f"), QStringLiteral("--no-allow-other"),
                           QString::fromStdString(real), QString::fromStdString(place)});
-    // From here on the number of descriptors stays as it is.
+    // After this call the number of open descriptors stays the same.
     server.waitForStarted();
     const bool isReady = eventually([&] {
         return isServed(place) || (server.waitForFinished(0), server.state() == QProcess::NotRunning);
@@ -57,14 +57,14 @@ void unmount(QProcess& server, const std::string& place)
     server.waitForFinished();
 }
 
-/// Whether every thread of the process has stopped: they do so one after the other.
+/// Returns whether all threads of the process have stopped. They stop one after another.
 bool isStopped(pid_t process)
 {
     const auto isThreadStopped = [](const std::filesystem::directory_entry& thread) {
         std::ifstream file(thread.path() / "stat");
         std::string text;
         std::getline(file, text);
-        // The number, the name in parentheses, and one letter.
+        // Format: number, name in parentheses, one letter for the state.
         const size_t end = text.rfind(") ");
         return end != std::string::npos && text.substr(end + 2, 1) == "T";
     };

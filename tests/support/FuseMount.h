@@ -11,24 +11,24 @@
 namespace harbex::test
 {
 
-/// A folder seen through a file system that runs as an ordinary program (FUSE): bindfs of Debian. To the
-/// engine it is a volume that a server has. Ends the program with a message when it cannot be mounted.
+/// A folder on a FUSE file system, served by bindfs. The engine treats it as a remote volume. The program
+/// ends with a message if the mount fails.
 class FuseMount
 {
 public:
     class Silence;
 
-    /// Shows the folder `real` at the folder `place`.
+    /// Mounts the folder `real` at the folder `place`.
     FuseMount(const std::string& real, std::string place);
     ~FuseMount();
     FuseMount(const FuseMount&) = delete;
     FuseMount& operator=(const FuseMount&) = delete;
 
-    /// Whether such a file system can be mounted here; says why not on standard error. For main(), which
-    /// gives its arguments, before the tests.
+    /// Returns whether FUSE can be mounted on this system. Prints the reason to standard error if not. Call
+    /// it in main() before the tests.
     [[nodiscard]] static bool isPossible(int argc, char** argv);
 
-    /// Why it cannot; empty if it can. For a test that goes on without.
+    /// Returns why FUSE cannot be mounted. Empty if it can. For tests that can run without it.
     [[nodiscard]] static QString reasonAgainst();
 
 private:
@@ -36,9 +36,9 @@ private:
     QProcess m_server;
 };
 
-/// For as long as this lives, the server answers nothing: whoever asks it waits. Declared after whatever may
-/// wait for it, so that a test that fails does not hang. Ends by itself after a minute, because nobody could
-/// end it while the thread of the test waits.
+/// Stops the server while the object exists, so that every request to it blocks. Declare it after all objects
+/// that may block on the server, so that a failing test does not hang. It ends after one minute, because the
+/// thread of the test may block too.
 class FuseMount::Silence
 {
 public:
@@ -47,10 +47,10 @@ public:
     Silence(const Silence&) = delete;
     Silence& operator=(const Silence&) = delete;
 
-    /// Whether the server has answered nothing so far.
+    /// Returns whether the server is still stopped.
     [[nodiscard]] bool holds() const { return m_holds; }
 
-    /// Lets the server answer again.
+    /// Lets the server continue.
     void end();
 
 private:

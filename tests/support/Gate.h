@@ -6,8 +6,8 @@
 namespace harbex::test
 {
 
-/// Where tasks on other threads wait until the test lets them on; at the latest when the test leaves, so that
-/// one that fails does not hang.
+/// Blocks tasks on other threads until the test opens the gate. The destructor opens it, so that a failing
+/// test does not hang.
 class Gate
 {
 public:
@@ -21,7 +21,7 @@ public:
         if (!std::exchange(m_isOpen, true)) m_promise.set_value();
     }
 
-    /// What a task holds and waits for; may outlive the gate.
+    /// Returns the future that a task waits for. It may outlive the gate.
     [[nodiscard]] std::shared_future<void> opened() const { return m_opened; }
 
 private:

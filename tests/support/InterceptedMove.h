@@ -17,18 +17,18 @@
 namespace harbex::test
 {
 
-/// What a file system cannot do.
+/// Features that a simulated file system lacks.
 struct Lacks {
-    /// Renaming without replacing: the errno that says so, 0 if it can.
+    /// The errno of renaming without replacing. 0 if the feature exists.
     int noReplace = 0;
     bool hardLinks = false;
     bool unnamedFiles = false;
-    /// How it says the latter two.
+    /// The errno values for the two features above.
     int hardLinksError = EPERM;
     int unnamedFilesError = EOPNOTSUPP;
 
-    /// How such a file system answers the call; nothing when it is none of these.
-    [[nodiscard]] std::optional<Answer> refuses(const GatedCall& call) const
+    /// Returns the error for a call that needs a missing feature. Empty for other calls.
+    [[nodiscard]] std::optional<Answer> refuses(const InterceptedCall& call) const
     {
         if (noReplace != 0 && call.name == "renameat2") return Answer::fail(noReplace);
         if (hardLinks && call.name == "linkat") return Answer::fail(hardLinksError);
@@ -38,32 +38,32 @@ struct Lacks {
     }
 };
 
-/// Moves behind a gate that stops at every call concerning files.
+/// Moves an entry in a child process. `keeper` is asked about every file system call.
 [[nodiscard]] inline InterceptedRun moveGated(const std::string& source, const std::string& target,
                                               const Interceptor& keeper)
 {
     return runIntercepted(fileSystemCalls(), [&] { return FileMove().moveItem(source, target); }, keeper);
 }
 
-/// The same on file systems that lack something.
+/// Moves an entry on a simulated file system that lacks features.
 [[nodiscard]] inline InterceptedRun moveGated(
     const std::string& source, const std::string& target, const Lacks& lacks,
-    const Interceptor& keeper = [](const GatedCall&) { return Answer::proceed(); })
+    const Interceptor& keeper = [](const InterceptedCall&) { return Answer::proceed(); })
 {
-    return moveGated(source, target, [&](const GatedCall& call) {
+    return moveGated(source, target, [&](const InterceptedCall& call) {
         const std::optional<Answer> refused = lacks.refuses(call);
         return refused ? *refused : keeper(call);
     });
 }
 
-/// Has the code behind a gate believe that its first rename would cross volumes.
-[[nodiscard]] inline Answer crossing(const GatedCall& call)
+/// Lets the first rename fail with EXDEV, as between two volumes.
+[[nodiscard]] inline Answer crossing(const InterceptedCall& call)
 {
     return call.name == "renameat2" && call.ordinal == 1 ? Answer::fail(EXDEV) : Answer::proceed();
 }
 
-/// Answers a waiting statx(2) with what it gives, changed by `falsify`.
-[[nodiscard]] inline Answer answerStatus(const GatedCall& call,
+/// Answers a waiting statx(2) with the real result, changed by `falsify`.
+[[nodiscard]] inline Answer answerStatus(const InterceptedCall& call,
                                          const std::function<void(struct statx&)>& falsify)
 {
     const bool isPath = static_cast<int>(call.arguments[0]) == AT_FDCWD;
@@ -77,8 +77,8 @@ struct Lacks {
     return Answer::give(0);
 }
 
-/// Answers a waiting fstatfs(2) with the type of a volume, from linux/magic.h; lets all other calls proceed.
-[[nodiscard]] inline Answer answerVolume(const GatedCall& call, uint type)
+/// Answers a waiting fstatfs(2) with a file system type from linux/magic.h. All other calls proceed.
+[[nodiscard]] inline Answer answerVolume(const InterceptedCall& call, uint type)
 {
     if (call.name != "fstatfs") return Answer::proceed();
     struct statfs volume = {};
@@ -87,7 +87,7 @@ struct Lacks {
     return Answer::give(0);
 }
 
-/// Gives up being root, if one is. For a child process.
+/// Drops root privileges, if the process has them. For child processes.
 inline void becomeOrdinary()
 {
     constexpr uid_t nobody = 65534;
@@ -96,14 +96,14 @@ inline void becomeOrdinary()
         qFatal("cannot give up being root");
 }
 
-/// How a plain move ended: 0, or the errno.
+/// Moves an entry. Returns 0 or the errno of the failure.
 [[nodiscard]] inline int errorOfMove(const std::string& source, const std::string& target)
 {
     const Outcome<void> moved = FileMove().moveItem(source, target);
     return moved ? 0 : moved.error().code;
 }
 
-/// Things that may stand at a target when a move arrives.
+/// Kinds of entries that may be at the target before a move.
 inline const char* const victimKinds[] = {"file",        "empty file", "folder",
                                           "full folder", "link",       "dangling link"};
 

@@ -80,7 +80,7 @@ void touch(const std::string& path)
 {
     const timespec before = statusOf(path).st_ctim;
     timespec now = before;
-    // The clock of the file system may need a moment.
+    // The clock of the file system is coarse, so several attempts may be needed.
     while (now.tv_sec == before.tv_sec && now.tv_nsec == before.tv_nsec) {
         if (::lchown(path.c_str(), uid_t(-1), gid_t(-1)) != 0) qFatal("cannot touch");
         now = statusOf(path).st_ctim;
@@ -90,12 +90,12 @@ void touch(const std::string& path)
         touch(path + '/' + name.toStdString());
 }
 
-bool isSync(const GatedCall& call)
+bool isSync(const InterceptedCall& call)
 {
     return call.name == "fsync" || call.name == "syncfs";
 }
 
-bool onlyReads(const GatedCall& call)
+bool onlyReads(const InterceptedCall& call)
 {
     static const std::array reading = {"faccessat2", "fgetxattr",  "flistxattr", "flock",      "getdents64",
                                        "lseek",      "newfstatat", "pread64",    "readlinkat", "statx"};
@@ -107,7 +107,7 @@ bool onlyReads(const GatedCall& call)
 namespace
 {
 
-std::string subjectOf(const GatedCall& call)
+std::string subjectOf(const InterceptedCall& call)
 {
     std::string folder = call.pathOfOpen(static_cast<int>(call.arguments[0]));
     static const std::array named = {"faccessat2", "mkdirat", "newfstatat", "openat",
@@ -137,7 +137,7 @@ Round::Round(const Road& road)
         makeLink(source + "/link", "sub");
         writeFile(source + "/sparse", "begin");
         if (::truncate((source + "/sparse").c_str(), 1 << 20) != 0) qFatal("cannot make a hole");
-        // Not all volumes can.
+        // Not all file systems support extended attributes.
         if (road.isPretended) ::setxattr((source + "/sparse").c_str(), "user.harbex", "value", 5, 0);
     }
     m_before = pictureOf(source);
@@ -146,14 +146,14 @@ Round::Round(const Road& road)
 InterceptedRun Round::move(const Interceptor& keeper) const
 {
     bool isTouched = !m_road.isTouched;
-    return moveGated(source, target, [&](const GatedCall& call) {
+    return moveGated(source, target, [&](const InterceptedCall& call) {
         if (!isTouched && isSync(call)) {
             isTouched = true;
             if (exists(source)) touch(source);
         }
         const Answer answer = keeper(call);
         if (answer.kind != Answer::Kind::proceed) return answer;
-        // That the volumes differ is what the kernel sees first, whatever they lack.
+        // The kernel checks for different volumes before it checks for missing features.
         const bool isFirstRename = call.name == "renameat2" && call.ordinal == 1;
         if (m_road.isPretended && isFirstRename) return Answer::fail(EXDEV);
         if (m_road.acrossVolumes && isFirstRename) return Answer::proceed();
@@ -161,12 +161,12 @@ InterceptedRun Round::move(const Interceptor& keeper) const
     });
 }
 
-Round::Incident Round::moveWithIncident(size_t n, const std::function<bool(const GatedCall&)>& counts,
+Round::Incident Round::moveWithIncident(size_t n, const std::function<bool(const InterceptedCall&)>& counts,
                                         const Interceptor& act) const
 {
     Incident incident;
     size_t seen = 0;
-    incident.run = move([&](const GatedCall& call) {
+    incident.run = move([&](const InterceptedCall& call) {
         if (!counts(call) || seen++ != n) return Answer::proceed();
         incident.happened = true;
         incident.where = call.label();

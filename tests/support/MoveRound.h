@@ -13,20 +13,19 @@
 namespace harbex::test
 {
 
-/// One way a move can go.
+/// One case of a move: the kind of source and the file systems.
 struct Road {
     const char* name;
     /// "file", "link" or "folder"
     std::string kind;
     bool acrossVolumes;
     Lacks lacks;
-    /// Where the file system can do no better, a killed move leaves something empty under the new name.
+    /// True if a killed move can leave an empty entry at the target, because the file system has no better
+    /// operation.
     bool leavesPlaceholder = false;
-    /// Both volumes are one, and only the first rename is told otherwise: the kernel then copies between
-    /// them.
+    /// Source and target are on one volume, but the first rename fails with EXDEV, so that the move copies.
     bool isPretended = false;
-    /// While the copy is being put on the disk for the first time, everything in the source gets another
-    /// change time, and nothing else.
+    /// All entries of the source get a new change time before the first sync. Nothing else changes.
     bool isTouched = false;
 
     [[nodiscard]] bool isFolder() const { return kind == "folder"; }
@@ -34,57 +33,58 @@ struct Road {
 
 [[nodiscard]] const std::array<Road, 20>& allRoads();
 
-/// The rows of a test that goes all roads: a column "road" with their places in that list.
+/// Adds a test row for each case. The column "road" is the index in allRoads().
 void addRowsOfRoads();
 
-/// The hidden staging directories in a folder.
+/// Returns the names of the staging directories in a folder.
 [[nodiscard]] QByteArrayList partsIn(const std::string& folder);
 
-/// Gives the entry at the path, and with it everything in it, another change time than it has, and changes
-/// nothing else.
+/// Changes the change time of an entry and of everything in it. Changes nothing else.
 void touch(const std::string& path);
 
-/// Whether the call puts on the disk what was written.
-[[nodiscard]] bool isSync(const GatedCall& call);
+/// Returns whether the call writes data to the disk (fsync, syncfs).
+[[nodiscard]] bool isSync(const InterceptedCall& call);
 
-/// Which calls look at files without changing any: before such a call the world is as it is before the next.
-[[nodiscard]] bool onlyReads(const GatedCall& call);
+/// Returns whether the call only reads. The file system is then the same before this call and before the next
+/// one.
+[[nodiscard]] bool onlyReads(const InterceptedCall& call);
 
-/// One move with folders of its own.
+/// Fixture for one move in its own scratch directories.
 class Round
 {
 public:
     explicit Round(const Road& road);
 
-    /// Goes the road behind a gate. The keeper is asked about every call, before the answer that a file
-    /// system gives that lacks something.
+    /// Moves in a child process. The interceptor `keeper` is asked first about every call. The missing
+    /// features of the case apply to the calls that it lets proceed.
     InterceptedRun move(const Interceptor& keeper) const;
 
-    /// What came of a move in which something happened once.
+    /// Result of moveWithIncident().
     struct Incident {
-        /// False when there were not so many calls.
+        /// False if there were not enough calls.
         bool happened = false;
-        /// "unlinkat #2"
+        /// For example "unlinkat #2".
         std::string where;
-        /// The path of what the call was about.
+        /// Path of the entry that the call refers to.
         std::string subject;
         bool sourceWasThere = false;
         InterceptedRun run;
     };
-    /// The same, where `act` is asked about one call only: the n-th, from 0, of those that `counts` tells.
-    [[nodiscard]] Incident moveWithIncident(size_t n, const std::function<bool(const GatedCall&)>& counts,
+    /// Moves, and asks `act` about one call: the n-th call, from 0, for which `counts` returns true.
+    [[nodiscard]] Incident moveWithIncident(size_t n,
+                                            const std::function<bool(const InterceptedCall&)>& counts,
                                             const Interceptor& act) const;
 
     [[nodiscard]] bool isSourceWhole() const;
     [[nodiscard]] bool isTargetWhole() const;
-    /// Whether something empty stands at the target.
+    /// Returns whether the entry at the target is an empty file or an empty folder.
     [[nodiscard]] bool isPlaceholder() const;
 
-    /// What is in the folders of the source and of the target besides these two.
+    /// Returns the names in the folders of source and target, except these two.
     [[nodiscard]] QByteArrayList leftovers() const;
 
-    /// Moves something else into the same folder, as the program does after its next start, and takes it
-    /// away.
+    /// Moves another entry into the target folder, as after a restart of the program, and removes it. Returns
+    /// whether that succeeded.
     [[nodiscard]] bool moveSomethingElse() const;
 
 private:
@@ -93,9 +93,9 @@ private:
     ScratchFolder m_there;
 
 public:
-    /// A file with "content", a dangling link, or a folder in which there are: "file" with that content, a
-    /// folder "sub" with another file "other", a second name "same" of that one, a link, and a file "sparse"
-    /// that ends in a hole; where the volumes are one, that has an attribute as well.
+    /// A file with the content "content", a dangling link, or a folder. The folder contains "file" with that
+    /// content, a folder "sub" with a file "other", a hard link "same" to that file, a link "link", and a
+    /// sparse file "sparse". If the second volume is only simulated, "sparse" also has an extended attribute.
     const std::string source;
     const std::string out;
     const std::string target;

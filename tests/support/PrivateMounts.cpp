@@ -42,7 +42,7 @@ void enterPrivateNamespace()
 {
     if (tryPrivateNamespace()) return;
     std::fprintf(stderr, "not possible here: a namespace of one's own: %s\n", std::strerror(errno));
-    // Quickly: what the program has set up so far concerns nobody.
+    // Skips destructors and exit handlers of the test program.
     std::_Exit(notPossibleHere);
 }
 
@@ -51,7 +51,7 @@ bool tryPrivateNamespace()
     const uid_t user = ::getuid();
     const gid_t group = ::getgid();
     if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-    // The kernel wants this before an ordinary user may map groups.
+    // The kernel requires this before an ordinary user may map groups.
     write("/proc/self/setgroups", "deny");
     write("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
     write("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
@@ -81,7 +81,7 @@ Mount Mount::overlay(const std::string& lower, const std::string& upper, const s
 
 Mount::~Mount()
 {
-    // Whatever still uses it: the folder it covers must be removed.
+    // Detaches even if the mount is in use, because the folder below it must be removed.
     if (m_isMounted) require(::umount2(m_folder.c_str(), MNT_DETACH) == 0, "cannot unmount");
 }
 

@@ -5,30 +5,30 @@
 namespace harbex::test
 {
 
-/// The exit status of a program that needs what this system does not allow. ctest counts it as skipped.
+/// Exit status of a test that cannot run on this system. ctest reports it as skipped.
 constexpr int notPossibleHere = 77;
 
-/// Moves the process into a world of its own in which it is root: what it mounts and the limits it sets
-/// concern nobody else and end with it. Called before any test and before there is a second thread. Ends the
-/// program with `notPossibleHere` when the system allows no user namespace (in many a container or chroot).
+/// Moves the process into its own user and mount namespace, in which it is root. Its mounts and limits affect
+/// no other process and end with it. Call it before any test and before a second thread starts. Ends the
+/// program with `notPossibleHere` if the system forbids user namespaces, as many containers and chroots do.
 void enterPrivateNamespace();
 
-/// The same for a test that needs no mounts of its own and shall see none of others. False, with the reason
-/// in errno, when the system allows no user namespace.
+/// Like enterPrivateNamespace(), but returns false and sets errno if the system forbids user namespaces. For
+/// tests that mount nothing but must not see new mounts of other processes.
 bool tryPrivateNamespace();
 
-/// Something that is mounted for the length of a scope.
+/// A mount that exists until the end of a scope.
 class Mount
 {
 public:
-    /// An empty file system in memory over `folder`, with the options of tmpfs ("size=1m").
+    /// Mounts an empty tmpfs at `folder`. `options` are mount options of tmpfs ("size=1m").
     [[nodiscard]] static Mount memory(const std::string& folder, const std::string& options = {});
 
-    /// What is in `source`, a second time, at `folder`.
+    /// Mounts the folder `source` a second time, at `folder` (bind mount).
     [[nodiscard]] static Mount again(const std::string& source, const std::string& folder);
 
-    /// The folder `lower` with `upper` laid over it, at `merged`; what is changed there goes into `upper`.
-    /// The empty folder `work` is on the same volume as `upper`.
+    /// Mounts an overlay of `lower` and `upper` at `merged`. Changes go into `upper`. The empty folder `work`
+    /// must be on the volume of `upper`.
     [[nodiscard]] static Mount overlay(const std::string& lower, const std::string& upper,
                                        const std::string& work, const std::string& merged);
 
@@ -36,10 +36,10 @@ public:
     Mount(const Mount&) = delete;
     Mount& operator=(const Mount&) = delete;
 
-    /// Refuses all writing from now on.
+    /// Remounts read-only.
     void makeReadOnly() const;
 
-    /// Unmounts as a person would. False when it is in use.
+    /// Unmounts. Returns false if the mount is in use.
     [[nodiscard]] bool unmount();
     [[nodiscard]] bool isMounted() const { return m_isMounted; }
 
@@ -50,7 +50,7 @@ private:
     bool m_isMounted = true;
 };
 
-/// Lets inotify watch only so many folders for this process. Only in a user namespace of one's own.
+/// Limits the number of inotify watches of this process. Works only in a private user namespace.
 void limitWatches(int count);
 
 } // namespace harbex::test

@@ -7,8 +7,8 @@
 namespace harbex::test
 {
 
-/// The random numbers of one test. They are others in each run, unless the environment variable HARBEX_SEED
-/// fixes them; the seed is printed so that a failure can be repeated.
+/// Returns a random generator and prints its seed. The environment variable HARBEX_SEED sets the seed, to
+/// repeat a failure.
 [[nodiscard]] inline std::mt19937 seededRandom()
 {
     bool isSet = false;
@@ -18,7 +18,7 @@ namespace harbex::test
     return std::mt19937(seed);
 }
 
-/// A number from 0 up to, but not including, `end`.
+/// Returns a random number from 0 to `end` - 1.
 [[nodiscard]] inline size_t randomBelow(std::mt19937& random, size_t end)
 {
     return std::uniform_int_distribution<size_t>(0, end - 1)(random);

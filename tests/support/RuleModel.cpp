@@ -13,7 +13,7 @@ namespace
 
 using Text = std::u32string;
 
-/// The code point that begins at `name[at]`, and how many bytes it takes. Nothing for what is no UTF-8.
+/// Returns the code point at `name[at]` and its length in bytes. Empty for invalid UTF-8.
 std::optional<std::pair<char32_t, size_t>> codePoint(const std::string& name, size_t at)
 {
     const auto byte = [&](size_t index) -> unsigned {
@@ -60,7 +60,7 @@ Text decoded(const QString& text)
     return Text(codePoints.begin(), codePoints.end());
 }
 
-/// `text` with every letter and accent that have a common form in that form.
+/// Returns `text` with every known pair of letter and accent composed.
 Text composed(const Text& text)
 {
     Text result;
@@ -90,15 +90,15 @@ bool compare(RuleOperator operatorType, const Text& part, const Text& value)
     return lowerCased(part).find(lowerCased(value)) != Text::npos;
 }
 
-/// The part of the name in front of its first dot, or behind its last one; dots that stand at the ends or
-/// next to each other separate nothing from nothing.
+/// Returns the part of the name before its first dot or after its last dot. Dots at the ends and repeated
+/// dots do not separate parts.
 std::optional<Text> namePart(const std::string& name, RuleField field)
 {
     const size_t begin = name.find_first_not_of('.');
     if (begin == std::string::npos) return {};
     if (field == RuleField::name) return composed(decoded(name.substr(begin, name.find('.', begin) - begin)));
     const std::string trimmed = name.substr(0, name.find_last_not_of('.') + 1);
-    // npos + 1 is 0: no dot at all.
+    // npos + 1 is 0: there is no dot.
     return composed(decoded(trimmed.substr(trimmed.rfind('.') + 1)));
 }
 

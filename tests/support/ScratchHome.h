@@ -7,14 +7,14 @@
 namespace harbex::test
 {
 
-/// A home folder of the test's own: HOME and the XDG folders point into it, the session bus nowhere, and it
-/// is removed at the end. Make it before anything asks Qt where things are.
+/// A scratch home directory. HOME and the XDG variables point into it, and the address of the session bus is
+/// invalid. The destructor removes the directory. Create it before any code asks Qt for standard paths.
 class ScratchHome
 {
 public:
     ScratchHome();
 
-    /// The path of the home, in raw bytes.
+    /// Returns the path of the home, as raw bytes.
     [[nodiscard]] std::string path() const { return m_directory.path().toStdString(); }
 
 private:

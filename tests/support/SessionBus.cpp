@@ -26,7 +26,7 @@ QDBusMessage messageTo(const RemoteObject& object, const QString& method, const 
 
 SessionBus::SessionBus()
 {
-    // Neither limits nor programs to start, unlike the machine's own configuration.
+    // Unlike the configuration of the system, this one has no limits and starts no services.
     QFile configuration(m_folder.filePath(QStringLiteral("bus.conf")));
     const bool isWritten = configuration.open(QIODevice::WriteOnly) && configuration.write(R"(
         <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"

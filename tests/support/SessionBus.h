@@ -11,8 +11,8 @@
 namespace harbex::test
 {
 
-/// A session bus of the test's own, a real one, on which nothing runs but what the test connects. It ends
-/// with this object, or with the test.
+/// A private session bus: a real dbus-daemon to which only the test connects. It ends with this object or
+/// with the test process.
 class SessionBus
 {
 public:
@@ -23,8 +23,8 @@ public:
 
     [[nodiscard]] QString address() const { return m_address; }
 
-    /// One more connection, as another program would have. Closed at the end, or by close() as soon as nobody
-    /// holds it any more.
+    /// Opens another connection to the bus. The destructor or close() closes it. Call close() only when no
+    /// code uses the connection any more.
     [[nodiscard]] QDBusConnection connect();
     void close(const QDBusConnection& connection);
 
@@ -42,14 +42,14 @@ struct RemoteObject {
     QString path;
     QString interface;
 
-    /// Calls and waits for the answer, an error perhaps; meanwhile the main loop runs, in which the object
-    /// may live.
+    /// Calls a method and returns the reply, which may be an error. Runs an event loop meanwhile, so the
+    /// object may be in this process.
     [[nodiscard]] QDBusMessage call(const QString& method, const QVariantList& arguments = {}) const;
 
-    /// Calls without waiting.
+    /// Calls a method without waiting for the reply.
     void send(const QString& method, const QVariantList& arguments = {}) const;
 
-    /// The value of a property, invalid where there is none.
+    /// Returns the value of a property. Invalid if there is none.
     [[nodiscard]] QVariant property(const QString& name) const;
 };
 

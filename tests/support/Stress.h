@@ -8,14 +8,14 @@
 namespace harbex::test
 {
 
-/// How much a stress test does: `brief` in every test run, `full` where HARBEX_STRESS is set to "full".
+/// Returns `full` if HARBEX_STRESS is "full", otherwise `brief`.
 template <class Amount>
 [[nodiscard]] Amount stressSize(Amount brief, Amount full)
 {
     return qEnvironmentVariable("HARBEX_STRESS") == QLatin1String("full") ? full : brief;
 }
 
-/// Reports how often a test function ran its case: a line that scripts/stress counts.
+/// Reports how often a test function ran its case. scripts/stress parses the line.
 inline void reportRuns(size_t runs)
 {
     qInfo("stress: runs: %zu", runs);

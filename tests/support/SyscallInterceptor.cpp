@@ -23,7 +23,7 @@ namespace
 {
 
 constexpr int patienceMilliseconds = 60'000;
-/// No errno is so large.
+/// Larger than any errno.
 constexpr int exitOfSetupFailure = 255;
 
 void require(bool done, const char* what)
@@ -37,7 +37,7 @@ void require(bool done, const char* what)
     ::_exit(exitOfSetupFailure);
 }
 
-/// One message with one descriptor in it.
+/// A message that contains one descriptor.
 class DescriptorMessage
 {
 public:
@@ -76,7 +76,7 @@ private:
     msghdr m_header = {};
 };
 
-/// Puts the calling process behind the gate and sends the gate's descriptor through `socket`.
+/// Installs the filter in the calling process and sends the notification descriptor through `socket`.
 void closeGate(const std::vector<std::string>& names, int socket)
 {
     const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
@@ -100,11 +100,11 @@ void closeGate(const std::vector<std::string>& names, int socket)
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     closeGate(names, socket);
     const Outcome<void> outcome = work();
-    // Nothing of the test that was copied into this process may be taken down or written out by it.
+    // Skips destructors and buffers, because they belong to the test process.
     ::_exit(outcome ? 0 : outcome.error().code);
 }
 
-/// The test's side of the gate.
+/// The test's side: receives and answers the intercepted calls.
 class GateWatch
 {
 public:
@@ -117,12 +117,12 @@ public:
     GateWatch(const GateWatch&) = delete;
     GateWatch& operator=(const GateWatch&) = delete;
 
-    /// Answers until the child has ended.
+    /// Answers calls until the child has ended.
     InterceptedRun run()
     {
         while (waitForCall()) {
             std::memset(m_request, 0, sizeof *m_request);
-            // The child may have been killed meanwhile.
+            // The child may have been killed since poll().
             if (::seccomp_notify_receive(m_gate.get(), m_request) == 0) answer();
         }
         int status = 0;
@@ -147,11 +147,11 @@ private:
         return (polled.revents & POLLIN) != 0;
     }
 
-    GatedCall currentCall()
+    InterceptedCall currentCall()
     {
         char* name = ::seccomp_syscall_resolve_num_arch(m_request->data.arch, m_request->data.nr);
         require(name != nullptr, "a call without a name");
-        GatedCall call;
+        InterceptedCall call;
         call.name = name;
         std::free(name);
         call.ordinal = ++m_counts[call.name];
@@ -163,7 +163,7 @@ private:
 
     void answer()
     {
-        const GatedCall call = currentCall();
+        const InterceptedCall call = currentCall();
         m_run.calls.push_back(call.label());
         const Answer answer = m_keeper(call);
         if (answer.kind == Answer::Kind::kill) {
@@ -197,14 +197,14 @@ FileDescriptor openMemory(pid_t process, int mode)
 
 } // namespace
 
-std::string GatedCall::text(size_t argument) const
+std::string InterceptedCall::text(size_t argument) const
 {
     std::string found = readMemory(arguments[argument], 4096);
     found.resize(std::min(found.find('\0'), found.size()));
     return found;
 }
 
-std::string GatedCall::readMemory(uint64_t address, size_t size) const
+std::string InterceptedCall::readMemory(uint64_t address, size_t size) const
 {
     std::string bytes(size, '\0');
     const ssize_t read =
@@ -214,21 +214,21 @@ std::string GatedCall::readMemory(uint64_t address, size_t size) const
     return bytes;
 }
 
-void GatedCall::writeMemory(uint64_t address, const std::string& bytes) const
+void InterceptedCall::writeMemory(uint64_t address, const std::string& bytes) const
 {
     const ssize_t written = ::pwrite(openMemory(process, O_WRONLY).get(), bytes.data(), bytes.size(),
                                      static_cast<off_t>(address));
     require(written == static_cast<ssize_t>(bytes.size()), "cannot write the memory of the child");
 }
 
-std::string GatedCall::pathOfOpen(int fd) const
+std::string InterceptedCall::pathOfOpen(int fd) const
 {
     const std::string link = "/proc/" + std::to_string(process) + "/fd/" + std::to_string(fd);
     std::error_code isNone;
     return std::filesystem::read_symlink(link, isNone).string();
 }
 
-FileDescriptor GatedCall::descriptor(size_t argument) const
+FileDescriptor InterceptedCall::descriptor(size_t argument) const
 {
     const FileDescriptor child(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
     require(static_cast<bool>(child), "cannot open the child");
@@ -245,7 +245,7 @@ InterceptedRun runIntercepted(const std::vector<std::string>& names,
     require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) == 0, "no sockets");
     const FileDescriptor ours(sockets[0]);
     FileDescriptor childs(sockets[1]);
-    // What waits in the buffers would be written by both processes.
+    // Otherwise both processes would write the buffered output.
     std::fflush(nullptr);
     const pid_t child = ::fork();
     require(child >= 0, "cannot fork");

@@ -14,77 +14,78 @@
 namespace harbex::test
 {
 
-// Lets a test stand between some code and the kernel: the code runs in a process of its own, which the kernel
-// stops before each of the chosen system calls until the test has said what shall become of it. The code
-// itself knows nothing of this, and no privilege is needed.
+// Intercepts system calls. The code under test runs in a child process. The kernel stops the child before
+// each chosen system call until the test answers. The code under test needs no changes, and no privileges are
+// needed.
 
-/// A system call that waits at the gate.
-class GatedCall
+/// An intercepted system call that waits for an answer.
+class InterceptedCall
 {
 public:
     std::string name;
-    /// The how many-th call of this name it is, from 1.
+    /// Number of this call among the calls with the same name, from 1.
     size_t ordinal = 0;
-    /// How many calls came before it, whatever their names.
+    /// Number of intercepted calls before this one, with any name.
     size_t index = 0;
     std::array<uint64_t, 6> arguments = {};
     pid_t process = -1;
 
-    /// "renameat2 #1": how a failing test says where it was.
+    /// For example "renameat2 #1". For test messages.
     [[nodiscard]] std::string label() const { return name + " #" + std::to_string(ordinal); }
 
-    /// The text (a path, a name) that an argument points to.
+    /// Returns the string (a path, a name) that an argument points to. Raw bytes.
     [[nodiscard]] std::string text(size_t argument) const;
 
-    /// Memory of the waiting process.
+    /// Reads and writes the memory of the child.
     [[nodiscard]] std::string readMemory(uint64_t address, size_t size) const;
     void writeMemory(uint64_t address, const std::string& bytes) const;
 
-    /// The path of what the waiting process has open as `fd`; empty when that is nothing with a path.
+    /// Returns the path of the file that the child has open as `fd`. Empty if there is none.
     [[nodiscard]] std::string pathOfOpen(int fd) const;
 
-    /// A descriptor of our own for the open file that an argument of the call names.
+    /// Returns a duplicate of the child's descriptor that is passed as this argument.
     [[nodiscard]] FileDescriptor descriptor(size_t argument) const;
 };
 
-/// What becomes of a call.
+/// Answer to an intercepted call.
 struct Answer {
     enum class Kind { proceed, fail, give, kill };
     Kind kind = Kind::proceed;
     int64_t value = 0;
 
-    /// The kernel does it.
+    /// The kernel executes the call.
     static Answer proceed() { return {}; }
-    /// It is not done, and fails with this errno.
+    /// The call is not executed and fails with this errno.
     static Answer fail(int code) { return {Kind::fail, code}; }
-    /// It is not done, and returns this.
+    /// The call is not executed and returns this value.
     static Answer give(int64_t result) { return {Kind::give, result}; }
-    /// The process ends here by SIGKILL.
+    /// The child is killed with SIGKILL.
     static Answer kill() { return {Kind::kill, 0}; }
 };
 
-/// How the process behind the gate ended.
+/// Result of the child process.
 struct InterceptedRun {
     bool wasKilled = false;
-    /// The errno with which the work failed; 0 when it succeeded.
+    /// The errno of the failed work. 0 if it succeeded.
     int error = 0;
-    /// The labels of the calls that came to the gate.
+    /// Labels of the intercepted calls, in order.
     std::vector<std::string> calls;
 
     [[nodiscard]] bool succeeded() const { return !wasKilled && error == 0; }
 };
 
-/// Asked about each call; may do anything while the call waits.
-using Interceptor = std::function<Answer(const GatedCall&)>;
+/// Is asked about each intercepted call while the child waits.
+using Interceptor = std::function<Answer(const InterceptedCall&)>;
 
-/// Runs `work` in a child process that waits at each call of the given names (those that this kind of machine
-/// does not have are left out). Returns when it has ended. Ends the program with a message when the kernel
-/// does not allow gates (seccomp user notification), or when the child does nothing for a minute.
+/// Runs `work` in a child process and asks `keeper` about each call with one of these names. Ignores names
+/// that this architecture does not have. Returns when the child has ended. Ends the program with a message if
+/// the kernel does not support seccomp user notification, or if the child makes no intercepted call for one
+/// minute.
 [[nodiscard]] InterceptedRun runIntercepted(const std::vector<std::string>& names,
                                             const std::function<Outcome<void>()>& work,
                                             const Interceptor& keeper);
 
-/// Every call by which a program looks at or changes files, besides closing them.
+/// Returns the names of the system calls that read or change files, except close().
 [[nodiscard]] const std::vector<std::string>& fileSystemCalls();
 
 } // namespace harbex::test

@@ -11,7 +11,7 @@
 namespace harbex::test
 {
 
-/// Runs one test class under Application in a home of its own.
+/// Runs one test class with an Application object and a scratch home.
 template <class Application, class Test>
 int runTest(int argc, char** argv)
 {

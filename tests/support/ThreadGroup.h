@@ -8,11 +8,11 @@
 namespace harbex::test
 {
 
-/// Threads that all do the same at once. Waits for them at the end of its life.
+/// Threads that run the same function at the same time. The destructor waits for them.
 class ThreadGroup
 {
 public:
-    /// Each thread calls `work` with its number, from 0 up.
+    /// Starts the threads. Each one calls `work` with its number, from 0.
     ThreadGroup(std::size_t count, const std::function<void(std::size_t)>& work) : m_threads(count)
     {
         for (std::size_t i = 0; i < count; ++i)

@@ -19,10 +19,10 @@ namespace harbex::test
 namespace
 {
 
-/// The kernel allows no longer list of names and no longer value.
+/// The kernel's limit for a list of attribute names and for an attribute value.
 constexpr size_t longestAttribute = 65536;
 
-/// The attributes that users give; what the system gives (labels) differs between volumes.
+/// Returns user attributes and ACLs. System attributes, such as labels, differ between volumes.
 QByteArrayList attributesOf(const std::string& path)
 {
     std::string names(longestAttribute, '\0');

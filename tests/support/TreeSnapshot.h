@@ -7,9 +7,9 @@
 namespace harbex::test
 {
 
-/// Everything that a move has to keep of an entry, as text for comparing: of it and, below a folder, of all
-/// that is in it, the type, permissions, owner, modification time, extended attributes and access lists,
-/// content or link text, and which names are one file. "(nothing)" where no entry is.
+/// Returns a text description of everything that a move must keep. For the entry, and for everything in a
+/// folder: type, permissions, owner, modification time, extended attributes, ACLs, content or link target,
+/// and hard links to each other. "(nothing)" if the entry does not exist.
 [[nodiscard]] QByteArray pictureOf(const std::string& path);
 
 } // namespace harbex::test

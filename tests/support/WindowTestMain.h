@@ -4,7 +4,7 @@
 
 #include <QApplication>
 
-/// The main function of a test with windows, which nobody sees.
+/// The main function of a test with windows. They are offscreen.
 #define HARBEX_WINDOW_TEST_MAIN(Test)                                                                        \
     int main(int argc, char** argv)                                                                          \
     {                                                                                                        \

@@ -503,7 +503,7 @@ void TestDirectoryEvents::lastSourceThatEndsMeanwhileTakesNoWatchAway()
         return {};
     };
     // The kernel has found the watch for the second source when the first ends and takes it away.
-    const InterceptedRun run = runIntercepted({"inotify_add_watch"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"inotify_add_watch"}, work, [&](const InterceptedCall& call) {
         if (call.ordinal != 2) return Answer::proceed();
         writeFile(folder + "/new", {});
         if (!eventually([&] { return exists(ended); })) return Answer::fail(EIO);
@@ -669,7 +669,7 @@ void TestDirectoryEvents::folderReplacedWhileItIsWatchedIsNotKnown()
     };
     // The last question of the kernel whether this is the folder is answered right before it is replaced, and
     // that is told at once.
-    const InterceptedRun run = runIntercepted({"inotify_add_watch"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"inotify_add_watch"}, work, [&](const InterceptedCall& call) {
         if (call.ordinal != 4) return Answer::proceed();
         renameEntry(folder, scratch.path() + "/away");
         makeFolder(folder);

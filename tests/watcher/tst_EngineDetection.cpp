@@ -211,7 +211,7 @@ void TestEngineDetection::deletedAndMadeAgainBetweenTwoScansIsNotNew()
         // Found together with the first of them or not at all.
         return sentinel.passes(engine) ? Outcome<void>() : SystemError{ETIME};
     };
-    const InterceptedRun run = runIntercepted({"getdents64"}, work, [this](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"getdents64"}, work, [this](const InterceptedCall& call) {
         if (call.ordinal == firstCallOfSecondListing) {
             removeEntry(m_inbox + "/photo.jpg");
             writeFile(m_inbox + "/photo.jpg", "new");
@@ -276,7 +276,7 @@ void TestEngineDetection::aListingThatFailsKeepsTheSnapshot()
         m_scratch->arrive(m_inbox + "/second.jpg", "second");
         return sentinel.passes(engine) ? Outcome<void>() : SystemError{ETIME};
     };
-    const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const GatedCall& each) {
+    const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& each) {
         if (each.ordinal != call) return Answer::proceed();
         writeFile(failed, "");
         return Answer::fail(EIO);

@@ -201,7 +201,7 @@ void TestEngineDownloads::aPlaceholderIsRecognisedWhenThePartialNameComesLater()
         return eventually([&] { return exists(m_out + "/film.mp4"); }) ? Outcome<void>() : SystemError{ETIME};
     };
     int looks = 0;
-    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const InterceptedCall& call) {
         if (call.text(1) == download.path() && ++looks == look) download.begin();
         return Answer::proceed();
     });
@@ -239,7 +239,7 @@ void TestEngineDownloads::aDownloadThatEndsWhileItsPlaceholderIsSampledIsMoved()
         return {};
     };
     int looks = 0;
-    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const InterceptedCall& call) {
         if (call.text(1) == download.path() && ++looks == look) download.finish();
         return Answer::proceed();
     });
@@ -381,7 +381,7 @@ void TestEngineDownloads::aFileIsReadAgainWhenItsFirstWriteFollowsItsCreation()
         return eventually([&] { return !exists(path); }) ? Outcome<void>() : SystemError{ETIME};
     };
     int looks = 0;
-    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const InterceptedCall& call) {
         if (call.text(1) == path && ++looks == look) appendToFile(path, content.toStdString());
         return Answer::proceed();
     });
@@ -405,7 +405,7 @@ void TestEngineDownloads::aDownloadThatVanishesWhileItIsSampledIsGivenUp()
         return QTest::qWaitFor(isGivenUp, patience) ? Outcome<void>() : SystemError{ETIME};
     };
     int samples = 0;
-    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const InterceptedCall& call) {
         if (call.text(1) != path) return Answer::proceed();
         ++samples;
         if (samples == 2) renameEntry(finished, path);

@@ -445,7 +445,7 @@ void TestEngineLifecycle::aFolderWhoseListingBreaksOffIsPassedOver()
         return isPassedOver ? Outcome<void>() : SystemError{EEXIST};
     };
     const InterceptedRun run =
-        runIntercepted({"getdents64"}, work, [](const GatedCall&) { return Answer::fail(EIO); });
+        runIntercepted({"getdents64"}, work, [](const InterceptedCall&) { return Answer::fail(EIO); });
     QCOMPARE(run.error, 0);
     QCOMPARE(run.calls, std::vector<std::string>{"getdents64 #1"});
 }
@@ -550,11 +550,12 @@ void TestEngineLifecycle::whatArrivesBeforeAFolderIsWatchedIsKnown()
         }
         return {};
     };
-    const InterceptedRun run = runIntercepted({"inotify_add_watch"}, work, [this](const GatedCall& call) {
-        if (call.text(1) == m_inbox && !exists(m_inbox + "/early"))
-            m_scratch->arrive(m_inbox + "/early", "early");
-        return Answer::proceed();
-    });
+    const InterceptedRun run =
+        runIntercepted({"inotify_add_watch"}, work, [this](const InterceptedCall& call) {
+            if (call.text(1) == m_inbox && !exists(m_inbox + "/early"))
+                m_scratch->arrive(m_inbox + "/early", "early");
+            return Answer::proceed();
+        });
     QVERIFY(run.succeeded());
     QCOMPARE(namesIn(m_inbox), QByteArrayList{"early"});
 }

@@ -475,7 +475,7 @@ void TestEngineMoves::aNameThatIsTakenAtTheLastMomentIsLogged()
         if (!QTest::qWaitFor(isTold, patience)) return SystemError{ETIME};
         return {};
     };
-    const InterceptedRun run = runIntercepted({"renameat2"}, work, [this](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"renameat2"}, work, [this](const InterceptedCall& call) {
         if (call.ordinal == 1) writeFile(m_out + "/photo.jpg", "victim");
         return Answer::proceed();
     });
@@ -502,7 +502,7 @@ void TestEngineMoves::anEntryOfAnotherFolderInThePlaceOfItsOwnStays()
     };
     // When its size is read for the last time.
     int looks = 0;
-    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const InterceptedCall& call) {
         if (call.text(1) == m_inbox + "/photo.jpg" && ++looks == 5) {
             renameEntry(m_inbox, m_scratch->path() + "/elsewhere");
             renameEntry(other, m_inbox);

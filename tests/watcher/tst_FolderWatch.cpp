@@ -76,19 +76,19 @@ private:
     std::vector<std::shared_ptr<FolderWatch>> m_watches;
 };
 
-bool isPoll(const GatedCall& call)
+bool isPoll(const InterceptedCall& call)
 {
     return call.name == "statx" && call.arguments[3] == STATX_MTIME;
 }
 
 /// Which folder a gated listing or poll is about.
-std::string folderOf(const GatedCall& call)
+std::string folderOf(const InterceptedCall& call)
 {
     return call.pathOfOpen(static_cast<int>(call.arguments[0]));
 }
 
 /// Gives a poll this modification time.
-Answer giveTime(const GatedCall& call, int64_t seconds)
+Answer giveTime(const InterceptedCall& call, int64_t seconds)
 {
     struct statx status = {};
     status.stx_mtime.tv_sec = seconds;
@@ -142,7 +142,7 @@ void TestFolderWatch::aFolderRestsInProportionToItsListing()
     size_t calls = 0;
     // A slow listing, of which there are two calls for each.
     const auto begin = Clock::now();
-    const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
         if (folderOf(call) != m_inbox) return Answer::proceed();
         ++calls;
         std::this_thread::sleep_for(listing / 2);
@@ -171,7 +171,7 @@ void TestFolderWatch::aSlowListingDoesNotMakeAFolderDeaf()
     Clock::duration rest{};
     size_t calls = 0;
     // Two calls are the listing of the start, the next two the slow one.
-    const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
         if (folderOf(call) != m_inbox) return Answer::proceed();
         if (++calls == 4) {
             // The names are read, and this one is not among them.
@@ -207,7 +207,7 @@ void TestFolderWatch::aScanDuringWhichItsWatchIsCancelledFindsNothing()
         return watches.waitForMoved("third");
     };
     size_t calls = 0;
-    const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
         if (folderOf(call) != m_inbox || ++calls != 4) return Answer::proceed();
         writeFile(listing, {});
         return eventually([&] { return exists(cancelled); }) ? Answer::proceed() : Answer::fail(EIO);
@@ -228,15 +228,17 @@ void TestFolderWatch::timesThatAreTooCoarseToTellHideNothing()
     };
     int polls = 0;
     int pollsBeforeListing = 0;
-    const InterceptedRun run = runIntercepted({"getdents64", "statx"}, work, [&](const GatedCall& call) {
-        if (call.name == "getdents64" && folderOf(call) == served && polls >= 3 && pollsBeforeListing == 0)
-            pollsBeforeListing = polls;
-        if (!isPoll(call)) return Answer::proceed();
-        // The second poll finds a change. What arrives after it, within the same tick of the clock of the
-        // volume, changes the time no more.
-        if (++polls == 3) arrive(m_inbox + "/late");
-        return giveTime(call, polls == 1 ? 1000 : 2000);
-    });
+    const InterceptedRun run =
+        runIntercepted({"getdents64", "statx"}, work, [&](const InterceptedCall& call) {
+            if (call.name == "getdents64" && folderOf(call) == served && polls >= 3 &&
+                pollsBeforeListing == 0)
+                pollsBeforeListing = polls;
+            if (!isPoll(call)) return Answer::proceed();
+            // The second poll finds a change. What arrives after it, within the same tick of the clock of the
+            // volume, changes the time no more.
+            if (++polls == 3) arrive(m_inbox + "/late");
+            return giveTime(call, polls == 1 ? 1000 : 2000);
+        });
     QVERIFY(run.succeeded());
     // At once, and not when it is listed again in any case.
     QCOMPARE(pollsBeforeListing, 3);
@@ -256,7 +258,7 @@ void TestFolderWatch::aServerWithoutTimesIsListedNowAndThen()
     };
     int polls = 0;
     std::set<std::string> polled;
-    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const GatedCall& call) {
+    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const InterceptedCall& call) {
         if (!isPoll(call)) return Answer::proceed();
         polled.insert(folderOf(call));
         // By then the first time and its repetition are known, and nothing calls for a listing.
