@@ -1,32 +1,32 @@
-# The commands of everyday work. Each says what it misses and installs it (Debian), then does its job.
+# Commands for everyday work. Each one installs missing Debian packages first.
 
 .PHONY: build run test check stress mutants clients bench format clean
 
 build: # build/release/harbex
 	@scripts/build
 
-run: # Harbex on this desktop; without a display a demonstration on a virtual one
+run: # starts Harbex on this desktop; without a display, a demonstration on a virtual desktop
 	@scripts/run
 
-test: # everything that must pass before a change goes in
+test: # the tests that must pass before every commit
 	@scripts/test
 
-check: # both compilers, both kinds of sanitizers and the linters; takes a while
+check: # the tests with both compilers and the sanitizers, and the linters; takes a while
 	@scripts/check
 
-stress: # faults, races, hostile files, long life and fuzzing, in full; takes hours
+stress: # all stress tests and fuzz targets in full; takes hours
 	@scripts/stress
 
-mutants: # changes the sources in 100 small ways, and shows which of them no test notices; takes hours
+mutants: # makes 100 small changes to the sources and lists those that no test detects; takes hours
 	@scripts/mutate
 
-clients: # real browsers and download programs, and what becomes of their files; takes some minutes
+clients: # tests with real browsers and download programs; takes some minutes
 	@scripts/clients
 
-bench: # how fast it is, beside a baseline; leave the machine alone meanwhile
+bench: # benchmarks beside a baseline; do not use the machine meanwhile
 	@scripts/bench
 
-format: # lays out all sources as .clang-format says
+format: # formats all sources with clang-format
 	@scripts/format
 
 clean:

@@ -1,4 +1,4 @@
-# The options every target is built with, and the two ways to add one.
+# Build options for all targets, and functions that apply them.
 
 add_library(harbex_options INTERFACE)
 target_compile_definitions(harbex_options INTERFACE
@@ -26,11 +26,11 @@ endif()
 
 if(HARBEX_TIDY)
   find_program(HARBEX_CLANG_TIDY NAMES clang-tidy-19 clang-tidy REQUIRED)
-  # What moc writes is not ours to mend: one check that it cannot fail.
+  # clang-tidy needs a configuration for the output of moc. It gets one check that this output always passes.
   file(WRITE ${CMAKE_BINARY_DIR}/.clang-tidy "Checks: '-*,misc-definitions-in-headers'\n")
 endif()
 
-# Gives TARGET the options above.
+# Applies the options above to TARGET.
 function(harbex_finish TARGET)
   target_link_libraries(${TARGET} PRIVATE harbex_options)
   if(HARBEX_TIDY)
@@ -38,8 +38,9 @@ function(harbex_finish TARGET)
   endif()
 endfunction()
 
-# A module: one library per folder of src/, named after it; static unless BUILD_SHARED_LIBS says otherwise.
-#   harbex_module(NAME SOURCES ... LINKS ...)
+# harbex_module(NAME SOURCES ... LINKS ...)
+# Adds the library of a module. Each folder of src/ is one module. The library is static unless BUILD_SHARED_LIBS is
+# set.
 function(harbex_module NAME)
   cmake_parse_arguments(MODULE "" "" "SOURCES;LINKS" ${ARGN})
   add_library(harbex_${NAME} ${MODULE_SOURCES})
