@@ -349,7 +349,7 @@ void TestEntryAttributes::anAttributeTooLargeForTheFileSystem()
     std::string from;
     std::string into;
     std::string address;
-    for (const size_t length : {6'000, 60'000}) {
+    for (const size_t length : {size_t(6'000), size_t(60'000)}) {
         address.assign(length, 'x');
         for (const char* folder : {"/dev/shm", "/run/lock", "/var/tmp", "/tmp", "."}) {
             if (::access(folder, W_OK | X_OK) != 0 || !holdsAttributes(folder)) continue;
