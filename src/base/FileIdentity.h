@@ -19,10 +19,11 @@ struct FileIdentity {
     friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
 };
 
-/// Returns the identity of the open file or folder `fd`. Thread-safe.
+/// Returns the identity of the open file or folder `fd`. Fails with the errno of statx(2). Thread-safe.
 [[nodiscard]] Outcome<FileIdentity> identityOf(int fd);
 
-/// Returns the identity of the entry at `path` (raw bytes). Follows symbolic links. Thread-safe.
+/// Returns the identity of the entry at `path` (raw bytes). Follows symbolic links. Fails with the errno of
+/// statx(2). May block on a disk or server. Thread-safe.
 [[nodiscard]] Outcome<FileIdentity> identityOf(const std::string& path);
 
 } // namespace harbex

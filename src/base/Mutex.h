@@ -63,8 +63,9 @@ private:
     std::condition_variable m_condition;
 };
 
-/// Restricts data to one thread: members are GUARDED_BY a ThreadRole, and every function that accesses them
-/// first calls assertHere(), which asserts that it runs on the thread that created the role.
+/// Restricts data to one thread, the one that creates the role. The data is GUARDED_BY the role. A function
+/// that accesses it must first call assertHere(): clang checks that it does, and a build with assertions
+/// checks the thread.
 class CAPABILITY("thread") ThreadRole
 {
 public:

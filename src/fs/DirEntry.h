@@ -16,7 +16,8 @@ namespace harbex
 {
 
 // Shared by move, copy and removal. Entries are addressed relative to open folders. Only openFolder() follows
-// symbolic links. Paths and names are raw bytes. Thread-safe.
+// symbolic links. Paths and names are raw bytes. The functions fail with the errno of the failed system call
+// and may block on a disk or server. Thread-safe.
 
 /// Maximum depth of folders in a tree that is copied or removed. A copy holds two descriptors for each level,
 /// and a process usually has at most 1024.
@@ -47,7 +48,9 @@ struct EntryStatus {
     /// The entry has the immutable or the append-only flag and cannot be removed.
     bool isProtected = false;
 
+    /// Returns the current status of the entry at `place`. Asks the server of a remote volume.
     [[nodiscard]] static Outcome<EntryStatus> of(const DirEntry& place);
+    /// The same for the open file or folder `fd`.
     [[nodiscard]] static Outcome<EntryStatus> ofOpen(int fd);
 
     [[nodiscard]] bool isFolder() const { return S_ISDIR(mode); }

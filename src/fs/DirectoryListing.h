@@ -14,14 +14,15 @@ namespace harbex
 {
 
 /// One pass over the entries of a folder. The object keeps the folder open, which prevents an unmount of its
-/// volume: destroy it after use. Use from one thread at a time.
+/// volume: destroy it after use. Functions fail with the errno of the failed system call and may block on a
+/// disk or server. Use from one thread at a time.
 class DirectoryListing
 {
 public:
     /// Opens the folder at `path` (raw bytes).
     [[nodiscard]] static Outcome<DirectoryListing> open(const std::string& path);
 
-    /// Opens the folder of the descriptor `folder` a second time. The read position of `folder` does not
+    /// Opens the folder that is open as `folder` a second time. The read position of `folder` does not
     /// change.
     [[nodiscard]] static Outcome<DirectoryListing> openAgain(int folder);
 

@@ -11,9 +11,9 @@ namespace harbex
 /// Copies the regular file at `source` into the empty file `target`, which is open for writing: content with
 /// its holes, then owner, attributes, permissions and times. Does not synchronize the data to disk.
 ///
-/// Fails with EBUSY when `source` is no longer the file of `seen` with the same size and modification time,
-/// or when its size changes during the copy. Fails with ECANCELED when `stop` is requested during the copy.
-/// After a failure the caller deletes the target. Thread-safe.
+/// `seen` is the status of `source` before the copy. Fails with EBUSY when `source` is another file now or
+/// has another size or modification time, or when its size changes during the copy. Fails with ECANCELED when
+/// `stop` is requested during the copy. After a failure the caller deletes the target. Thread-safe.
 [[nodiscard]] Outcome<void> copyFile(const DirEntry& source, const EntryStatus& seen, int target,
                                      const std::stop_token& stop);
 

@@ -31,7 +31,7 @@ void FileMove::removeLeftoversOnce(const std::string& folder)
 bool FileMove::isFirstMoveInto(const std::string& folder)
 {
     const MutexLock lock(m_mutex);
-    return m_visited.insert(folder).second;
+    return m_searchedFolders.insert(folder).second;
 }
 
 } // namespace harbex

@@ -39,7 +39,7 @@ private:
     const std::stop_token m_stop;
     Mutex m_mutex;
     /// Paths of the folders that were searched. The set stays small: rules name all destinations.
-    std::set<std::string> m_visited GUARDED_BY(m_mutex);
+    std::set<std::string> m_searchedFolders GUARDED_BY(m_mutex);
 };
 
 } // namespace harbex

@@ -30,12 +30,13 @@ public:
     /// Parses the text of the kernel's mount table.
     [[nodiscard]] static MountTable parse(std::string_view text);
 
-    /// Called before the lookup of `name` in `folder`, a local path without symbolic links. Returns whether
-    /// the entry is known to be a folder and not a link.
+    /// Called by follow() before it looks up `name` in `folder`, a local path without symbolic links. Returns
+    /// true if the entry is known to be a folder. follow() then does not check whether it is a link.
     using Visit = std::function<bool(const std::string& folder, const std::string& name)>;
 
     /// Resolves the absolute `path` (raw bytes) and its symbolic links as the kernel does, up to a missing
-    /// name or the first remote volume. Returns the mount point of that volume, or nullopt for a local path.
+    /// name or the first remote volume, and calls `visit` for each name. Returns the mount point of that
+    /// volume. Returns nullopt for a local path, a missing name and too many links.
     std::optional<std::string> follow(const std::string& path, const Visit& visit) const;
 
     /// Returns the mount point of the remote volume that `path` leads to, or nullopt for a local path.

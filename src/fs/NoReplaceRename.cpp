@@ -18,7 +18,8 @@ Outcome<void> renameReplacing(const DirEntry& from, const DirEntry& to)
     return {};
 }
 
-// Reserves the name with an empty folder. rename() of a folder replaces only an empty folder.
+// Reserves the name with an empty folder, which the rename replaces. A folder that is not empty is never
+// replaced.
 Outcome<void> renameFolder(const DirEntry& from, const DirEntry& to)
 {
     if (::mkdirat(to.folder, to.name.c_str(), 0700) != 0) return SystemError::last();

@@ -8,8 +8,9 @@ namespace harbex
 
 /// Renames an entry of any type on one volume, atomically and without replacing an entry. Fails with EEXIST
 /// when `to` exists, EXDEV when `to` is on another volume, EINVAL when a folder would be moved into itself.
-/// The entry keeps its name on failure. Exception: on a remote volume the server may have done the change.
-/// The entry may then have the new name too, or only the new name, or an empty placeholder may have it.
+/// The entry keeps its name on failure. Exception: if the answer of a server is lost, the change may have
+/// happened. The entry may then have the new name too, or only the new name, or an empty placeholder may have
+/// the new name.
 /// Thread-safe.
 ///
 /// Where the file system does not support RENAME_NOREPLACE, a fallback of several calls is used, which is not

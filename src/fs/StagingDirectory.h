@@ -10,9 +10,9 @@ namespace harbex
 {
 
 /// A hidden folder ".harbex-<32 hexadecimal digits>.part" in which a copy is built before it gets its name in
-/// the parent folder. Watchers ignore the suffix. The process that uses the directory holds an flock() on it;
-/// the kernel releases the lock when the process ends. Use from one thread at a time. Several staging
-/// directories may exist in one folder.
+/// the parent folder. No rule matches a name with this suffix. The process that uses the directory holds an
+/// flock() on it; the kernel releases the lock when the process ends. Use from one thread at a time. Several
+/// staging directories may exist in one folder.
 ///
 /// Other users who can write to the parent folder may rename or replace a staging directory, or create a
 /// folder with such a name. Even then only files that were built in a staging directory are removed.

@@ -75,7 +75,7 @@ Outcome<void> TreeCopy::make(const DirEntry& target, int (*sync)(int), int fd)
     m_target = target;
     m_copied.clear();
     m_firstCopies.clear();
-    m_isComplete = false;
+    m_isFirstPassDone = false;
     for (int pass = 0; pass < maximumPasses; ++pass) {
         const Outcome<bool> changed = runPass();
         if (!changed) return changed.error();
@@ -95,7 +95,7 @@ Outcome<bool> TreeCopy::runPass()
     m_folders.clear();
     if (!walked) return walked.error();
     if (m_visitedCount != m_copied.size()) return SystemError{EBUSY};
-    m_isComplete = true;
+    m_isFirstPassDone = true;
     return m_changedCopy;
 }
 
@@ -108,7 +108,7 @@ Outcome<void> TreeCopy::visitEntry(const TreeEntry& entry)
     if (isRoot && (now.mode & S_IFMT) != (m_root.mode & S_IFMT)) return SystemError{EBUSY};
     const auto recorded = m_copied.find(entry.path);
     const bool isCopied = recorded != m_copied.end();
-    if (m_isComplete && !(isCopied && mayBeSame(now, recorded->second))) return SystemError{EBUSY};
+    if (m_isFirstPassDone && !(isCopied && mayBeSame(now, recorded->second))) return SystemError{EBUSY};
     ++m_visitedCount;
 
     const DirEntry target = isRoot ? m_target : DirEntry{m_folders.back().get(), entry.place.name};

@@ -52,8 +52,10 @@ public:
 private:
     [[nodiscard]] Outcome<void> checkMovable(const TreeEntry& entry) const;
 
-    /// Copies entries that are not in the copy and checks those that changed. Returns whether there were any.
+    /// Copies entries that are not in the copy and checks those that changed. Returns whether it changed the
+    /// copy.
     Outcome<bool> runPass();
+    // `target` is the place of an entry in the copy. `isCopied`: an earlier visit has copied the entry.
     Outcome<void> visitEntry(const TreeEntry& entry);
     Outcome<void> enterFolder(const DirEntry& target, bool isCopied);
     Outcome<void> leaveFolder(const TreeEntry& entry, int folder);
@@ -62,6 +64,7 @@ private:
     /// Creates `target` as a hard link to an earlier copy of the same inode. Returns false if there is none,
     /// or if the file system refuses the link.
     Outcome<bool> linkToEarlierCopy(const TreeEntry& entry, const DirEntry& target);
+    /// Records the status that the entry at `path` had when it was copied or checked.
     void remember(const std::string& path, const EntryStatus& status);
 
     const DirEntry m_source;
@@ -74,11 +77,11 @@ private:
     std::unordered_map<std::string, EntryStatus> m_copied;
     /// Path of the first copy of each file with several hard links, by device and inode.
     std::map<std::pair<uint64_t, uint64_t>, std::string> m_firstCopies;
-    /// The first pass has ended. A new entry then means that the source has changed.
-    bool m_isComplete = false;
+    /// The first pass has ended, so a new entry means that the source has changed.
+    bool m_isFirstPassDone = false;
 
-    /// State of one pass: the open folders of the copy, the number of visited entries, and whether the pass
-    /// changed the copy.
+    // State of one pass: the open folders of the copy, outermost first; the number of visited entries;
+    // whether the pass changed the copy.
     std::vector<FileDescriptor> m_folders;
     size_t m_visitedCount = 0;
     bool m_changedCopy = false;

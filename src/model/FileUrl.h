@@ -16,7 +16,7 @@ class FileUrl
 {
 public:
     /// Parses a URL (RFC 3986; non-ASCII letters may be unencoded) and keeps its text unchanged. Returns
-    /// nothing if the text is empty or malformed.
+    /// nullopt if the text is empty or malformed.
     [[nodiscard]] static std::optional<FileUrl> fromString(const QString& text);
 
     /// Returns the URL of a path (raw bytes), without trailing slashes. The path should be absolute: path()

@@ -22,7 +22,7 @@ enum class RuleOperator { contains, isEqual };
 /// The category of entries that a rule with the field `kind` matches.
 enum class RuleKind { image, video, document, folder, audio, application };
 
-/// All enumerators, in the order of the pickers.
+/// All enumerators, in the order in which the window lists them.
 inline constexpr std::array allRuleFields{RuleField::name, RuleField::fileExtension, RuleField::kind};
 inline constexpr std::array allRuleOperators{RuleOperator::contains, RuleOperator::isEqual};
 inline constexpr std::array allRuleKinds{RuleKind::image,  RuleKind::video, RuleKind::document,
@@ -33,7 +33,7 @@ inline constexpr std::array allRuleKinds{RuleKind::image,  RuleKind::video, Rule
 [[nodiscard]] QString rawValue(RuleOperator operatorType);
 [[nodiscard]] QString rawValue(RuleKind kind);
 
-/// Returns the enumerator with this raw value (case-sensitive); nothing if there is none. Case is RuleField,
+/// Returns the enumerator with this raw value (case-sensitive); nullopt if there is none. Case is RuleField,
 /// RuleOperator or RuleKind.
 template <class Case>
 [[nodiscard]] std::optional<Case> fromRawValue(QStringView rawValue);

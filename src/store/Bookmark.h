@@ -18,11 +18,11 @@ namespace harbex
 [[nodiscard]] Outcome<QByteArray> createBookmark(const std::string& path);
 
 /// Returns the current URL of the bookmarked folder: its original path, or another name in the same parent
-/// folder. Returns nothing if the folder is at neither (moved away, deleted, replaced) or if the bytes are no
-/// bookmark. Accepts any bytes. A folder that replaces the original at its path is recognised by birth time
-/// or file handle; without both, an equal inode number counts as the same folder.
+/// folder. Returns nullopt if the folder is at neither (moved away, deleted, replaced) or if the bytes are no
+/// bookmark. `bookmark` can be any bytes. A folder that replaces the original at its path is recognised by
+/// birth time or file handle; without both, an equal inode number counts as the same folder.
 ///
-/// Also returns nothing if the path leads to a remote volume in `mounts`: no system call touches it, since
+/// Also returns nullopt if the path leads to a remote volume in `mounts`: no system call touches it, since
 /// its server may not answer. Lists the parent folder at most once. Thread-safe.
 [[nodiscard]] std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark, const MountTable& mounts);
 

@@ -25,11 +25,11 @@ struct FolderState {
 /// "savedWatchedFolders" and the id of the selected one, a string, under "selectedWatchedFolderID". Main
 /// thread only. No failure reaches the caller: each is one line on standard output.
 ///
-/// Before a save replaces a list that cannot be decoded or a non-empty list that differs from that of the
+/// Before a save replaces a list that cannot be decoded, or a non-empty list that differs from that of the
 /// last load or save, it puts the list aside in a file beside the preferences, once per content. The file is
-/// savedWatchedFolders-<hash>.json with the bytes of the list. It is harbex-<hash>.json with all bytes of the
-/// preferences if they are no JSON object, if the list is not formatted as this program does, or if the other
-/// keys cannot be kept.
+/// savedWatchedFolders-<hash>.json with the bytes of the list. In three cases it is harbex-<hash>.json with
+/// all bytes of the preferences: they are no JSON object, the list is formatted in another way than this
+/// program does it, or the other keys cannot be kept.
 class FolderStore
 {
 public:
@@ -50,16 +50,19 @@ public:
 private:
     struct Unwritten {
         FolderState state;
-        /// The content of the file at the failed save; nothing if it could not be read.
+        /// The content of the file at the failed save; nullopt if it could not be read.
         std::optional<QByteArray> fileContent;
     };
 
+    /// Replaces the file, whose content is `content`. Returns false on failure.
     [[nodiscard]] bool replace(const QByteArray& content, const QJsonArray& list,
                                const std::optional<QUuid>& selected) const;
+    /// Puts `list`, a part of `content`, aside if a save would lose it. Returns false on failure.
     [[nodiscard]] bool putAsideLostList(const QByteArray& content, const QJsonValue& list) const;
 
     PreferencesFile m_file;
-    /// The list of the last load or save, undefined if there was none. Nothing before the first load or save.
+    /// The list of the last load or save; undefined if the file had none; nullopt before the first load or
+    /// save.
     std::optional<QJsonValue> m_lastList;
     std::optional<Unwritten> m_unwritten;
 };

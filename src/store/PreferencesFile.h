@@ -23,10 +23,10 @@ public:
 
     [[nodiscard]] const QString& path() const { return m_path; }
 
-    /// Returns the current bytes of the file; empty if there is no file, nothing if it cannot be read.
+    /// Returns the current bytes of the file; empty if there is no file, nullopt if it cannot be read.
     [[nodiscard]] std::optional<QByteArray> content() const;
 
-    /// Replaces the file. Creates its folder if necessary.
+    /// Replaces the file. Creates its folder if necessary. Returns false on failure.
     [[nodiscard]] bool write(const QByteArray& bytes) const;
 
     /// Saves bytes that write() is going to replace in a file beside this one, with its permissions. The name

@@ -27,7 +27,8 @@ public:
     /// Opens the main window, which starts the engine. Call once, before the main loop.
     void applicationDidFinishLaunching();
 
-    /// Ends the main loop and rejects an open folder dialog. Saves nothing.
+    /// Ends the main loop and rejects an open folder dialog. Saves nothing: changes since the last save are
+    /// lost.
     void quit();
 
 protected:

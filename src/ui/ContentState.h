@@ -37,8 +37,8 @@ public:
     /// change.
     [[nodiscard]] const WatchedFolder* selectedFolder() const;
 
-    /// Call when the window opens. Loads the store and starts the engine unless it runs. Writes the store if
-    /// this changes the selection.
+    /// Call when the window opens. Loads the store and starts the engine unless it runs. A running engine
+    /// keeps its folders and rules until the next restart. Writes the store if this changes the selection.
     void appear();
 
     /// Call when the window closes. Writes the store.
@@ -55,8 +55,7 @@ public:
     /// and writes the store if the selected id changes.
     void deleteFolder(QUuid folderID);
 
-    /// Appends a default rule. Does not restart the engine, because a rule without a destination moves
-    /// nothing.
+    /// Appends a default rule. Restarts nothing, because a rule without a destination moves nothing.
     void addRule();
 
     /// Removes a rule and restarts the engine.
@@ -67,7 +66,8 @@ public:
     void setOperator(QUuid ruleID, RuleOperator operatorType);
     void setKind(QUuid ruleID, RuleKind kind);
 
-    /// Call at every change of the text. The engine gets the value at the next restart.
+    /// Call at every change of the text. Restarts nothing: the engine gets the value at the next
+    /// restart.
     void setValue(QUuid ruleID, const QString& value);
 
     /// Call when Return is pressed in a value. Always restarts the engine.

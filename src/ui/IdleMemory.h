@@ -3,8 +3,8 @@
 namespace harbex
 {
 
-/// Returns memory to the system that the process does not need while its window is closed: freed heap and
-/// cached icons. Main thread only.
+/// Releases memory that the process does not need while its window is closed: cached icons and freed heap
+/// memory. The system gets it back. Main thread only.
 void releaseIdleMemory();
 
 } // namespace harbex

@@ -22,7 +22,8 @@ namespace harbex
 namespace
 {
 
-// Marks the raw values, which are also the labels, for lupdate.
+// Marks the raw values, which are also the labels, for lupdate. It cannot find them through the call in
+// makePicker(), so a raw value that is missing here has no translation.
 [[maybe_unused]] constexpr std::array labels{
     QT_TRANSLATE_NOOP("harbex::RuleRow", "Name"),       QT_TRANSLATE_NOOP("harbex::RuleRow", "Extension"),
     QT_TRANSLATE_NOOP("harbex::RuleRow", "Kind"),       QT_TRANSLATE_NOOP("harbex::RuleRow", "contains"),

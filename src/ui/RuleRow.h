@@ -16,7 +16,8 @@ class DirectorySelector;
 class FlatButton;
 class Picker;
 
-/// Edits one rule in one line. Changes go to the state at once; the row keeps no copy of the rule. Main
+/// Edits one rule in one line. Changes go to the ContentState at once; the row keeps no copy of the rule. The
+/// engine gets a typed value only after Return or another change, see ContentState::setValue(). Main
 /// thread only. `state` must live longer.
 class RuleRow : public QWidget
 {

@@ -6,7 +6,7 @@
 namespace harbex
 {
 
-/// Log of the last 200 messages, newest first, in memory only. Main thread only.
+/// Log of the last 200 messages, newest first, in memory only. The window does not show it. Main thread only.
 class ActivityLog
 {
 public:

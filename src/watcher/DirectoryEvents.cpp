@@ -20,9 +20,11 @@ namespace harbex
 namespace
 {
 
-// No IN_MODIFY and no IN_CLOSE_WRITE: a growing download must not cause events.
-constexpr uint32_t watchedEvents =
-    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR;
+// No IN_MODIFY and no IN_CLOSE_WRITE: a growing download must not cause events. IN_MASK_ADD, because the
+// kernel otherwise clears the events of an existing watch for a moment, and an arrival at that moment would
+// be lost.
+constexpr uint32_t watchedEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MOVE_SELF |
+                                   IN_DELETE_SELF | IN_ONLYDIR | IN_MASK_ADD;
 
 } // namespace
 
@@ -61,8 +63,9 @@ DirectoryEvents::watch(const std::string& path, Handler handler, const std::stri
     {
         const MutexLock lock(m_mutex);
         if (const Outcome<void> opened = openIfNeeded(); !opened) return opened.error();
-        const auto known = m_folders.find(path);
-        if (!name.empty() && known != m_folders.end()) return add(known->second, std::move(handler), name);
+        const auto known = m_folderCache.find(path);
+        if (!name.empty() && known != m_folderCache.end())
+            return add(known->second, std::move(handler), name);
         pathChanges = m_pathChanges;
     }
     for (;;) {
@@ -77,7 +80,7 @@ DirectoryEvents::watch(const std::string& path, Handler handler, const std::stri
         // Another thread may have destroyed the last source, and with it the watch, before add().
         if (!source->isFor(path)) continue;
         const MutexLock lock(m_mutex);
-        if (!name.empty() && pathChanges == m_pathChanges) m_folders[path] = descriptor;
+        if (!name.empty() && pathChanges == m_pathChanges) m_folderCache[path] = descriptor;
         return source;
     }
 }
@@ -93,7 +96,7 @@ std::shared_ptr<DirectoryEvents::Source> DirectoryEvents::add(int descriptor, Ha
 void DirectoryEvents::remove(const Source& source)
 {
     // The cache must not contain paths whose changes are no longer reported.
-    if (!source.m_name.empty()) forgetFolders();
+    if (!source.m_name.empty()) clearFolderCache();
     const auto found = m_watches.find(source.m_descriptor);
     Watch& watch = found->second;
     std::erase(watch.sources, &source);
@@ -106,7 +109,7 @@ void DirectoryEvents::remove(const Source& source)
 bool DirectoryEvents::isKnownFolder(const std::string& path)
 {
     const MutexLock lock(m_mutex);
-    return m_folders.contains(path);
+    return m_folderCache.contains(path);
 }
 
 std::shared_ptr<const MountTable> DirectoryEvents::mounts()
@@ -115,7 +118,7 @@ std::shared_ptr<const MountTable> DirectoryEvents::mounts()
     return m_mounts ? m_mounts : std::make_shared<const MountTable>(MountTable::read());
 }
 
-// watch() opens the instance, not the constructor: the next start retries after a failure.
+// watch() calls this, not the constructor, so that the next start tries again after a failure.
 Outcome<void> DirectoryEvents::openIfNeeded()
 {
     if (m_reader.joinable()) return {};
@@ -136,7 +139,7 @@ Outcome<void> DirectoryEvents::openIfNeeded()
     } catch (const std::system_error& error) {
         return SystemError{error.code().value()};
     }
-    // From here on the reader follows the changes.
+    // The reader, which already runs, replaces this table after each change.
     m_mounts = std::make_shared<const MountTable>(MountTable::read(m_mountInfo.get()));
     return {};
 }
@@ -156,12 +159,12 @@ void DirectoryEvents::readEvents()
             auto mounts = std::make_shared<const MountTable>(MountTable::read(m_mountInfo.get()));
             const MutexLock lock(m_mutex);
             m_mounts = std::move(mounts);
-            handlers = all();
+            handlers = allHandlers();
         }
         const ssize_t size = ::read(m_inotify.get(), buffer, sizeof buffer);
         if (size > 0) {
             const MutexLock lock(m_mutex);
-            Handlers affected = affectedBy(buffer, static_cast<size_t>(size));
+            Handlers affected = handlersFor(buffer, static_cast<size_t>(size));
             handlers.insert(handlers.end(), affected.begin(), affected.end());
         }
         // Not under the lock: a handler may destroy a source, and ~Source() takes the lock.
@@ -172,7 +175,7 @@ void DirectoryEvents::readEvents()
     }
 }
 
-DirectoryEvents::Handlers DirectoryEvents::affectedBy(const char* buffer, size_t size)
+DirectoryEvents::Handlers DirectoryEvents::handlersFor(const char* buffer, size_t size)
 {
     Handlers handlers;
     for (size_t offset = 0; offset < size;) {
@@ -183,14 +186,14 @@ DirectoryEvents::Handlers DirectoryEvents::affectedBy(const char* buffer, size_t
         offset += sizeof event + event.len;
 
         // Events of unknown folders were lost.
-        if (event.mask & IN_Q_OVERFLOW) return all();
+        if (event.mask & IN_Q_OVERFLOW) return allHandlers();
         // The watch of a queued event may have been removed, so its descriptor can be unknown.
         const auto found = m_watches.find(event.wd);
         if (found == m_watches.end()) continue;
         if (event.mask & IN_IGNORED) found->second.gone = true;
         for (const Source* source : found->second.sources) {
             if (!source->m_name.empty() && !name.empty() && source->m_name != name) continue;
-            if (!source->m_name.empty()) forgetFolders();
+            if (!source->m_name.empty()) clearFolderCache();
             // Consecutive events often belong to the same folder: call its handler once for them.
             if (handlers.empty() || handlers.back() != source->m_handler)
                 handlers.push_back(source->m_handler);
@@ -199,9 +202,9 @@ DirectoryEvents::Handlers DirectoryEvents::affectedBy(const char* buffer, size_t
     return handlers;
 }
 
-DirectoryEvents::Handlers DirectoryEvents::all()
+DirectoryEvents::Handlers DirectoryEvents::allHandlers()
 {
-    forgetFolders();
+    clearFolderCache();
     Handlers handlers;
     for (const auto& [descriptor, watch] : m_watches)
         for (const Source* source : watch.sources)
@@ -209,10 +212,10 @@ DirectoryEvents::Handlers DirectoryEvents::all()
     return handlers;
 }
 
-void DirectoryEvents::forgetFolders()
+void DirectoryEvents::clearFolderCache()
 {
     ++m_pathChanges;
-    m_folders.clear();
+    m_folderCache.clear();
 }
 
 } // namespace harbex

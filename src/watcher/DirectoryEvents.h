@@ -36,8 +36,9 @@ public:
         [[nodiscard]] int descriptor() const { return m_descriptor; }
 
         /// Returns whether the folder at `path` is the watched one. The check uses the watch descriptor,
-        /// which differs even if a new folder reuses the inode number. Thread-safe. May block on a disk or
-        /// server.
+        /// which differs even if a new folder reuses the inode number. Returns false if there is no folder.
+        /// If there is another one, it gets an inotify watch without a source, which calls no handler.
+        /// Thread-safe. May block on a disk or server.
         [[nodiscard]] bool isFor(const std::string& path) const;
 
     private:
@@ -56,25 +57,27 @@ public:
     DirectoryEvents(const DirectoryEvents&) = delete;
     DirectoryEvents& operator=(const DirectoryEvents&) = delete;
 
-    /// Watches the names in the folder at `path`, and whether the folder is renamed, deleted or unmounted.
-    /// With `name`, ignores changes of all other names.
+    /// Watches the folder at `path`: which names it has, and whether it is renamed, deleted or unmounted.
+    /// With `name`, ignores changes of all other names. The watch ends when the returned source is destroyed.
     ///
     /// `handler` runs on the reading thread and must return quickly. It runs after changes of the folder,
     /// after each change of the mount table, and after lost events. One call can cover several changes. A
     /// call can still run after the source is destroyed.
     ///
-    /// The call may watch another folder if one replaces the folder at `path` meanwhile. The caller must list
-    /// the folder afterwards and check isFor() for the listed one. This check is not needed with `name` if
-    /// another source watches the folder's own name in its parent.
+    /// If another folder replaces the one at `path` meanwhile, the call may watch either. The caller must
+    /// list the folder afterwards and check isFor() for the listed one. With `name` the check is not needed
+    /// if another source watches the name of this folder in its parent folder, and so reports the
+    /// replacement.
     ///
     /// Fails with the errno of inotify (no such folder, no read permission, limit of watches or instances),
-    /// or of the other calls that start the reading thread. Thread-safe. May block on a disk or server;
+    /// or of the calls that start the reading thread. Thread-safe. May block on a disk or server;
     /// blocks no other thread meanwhile.
     [[nodiscard]] Outcome<std::shared_ptr<Source>> watch(const std::string& path, Handler handler,
                                                          const std::string& name = {});
 
-    /// Returns whether `path` is known to be a folder: a source with a name watches it, and no watched name
-    /// has changed since. `path` must contain no symbolic link. Thread-safe.
+    /// Returns whether `path` is known to be a folder: watch() was called for it with a name, and since then
+    /// no watched name has changed and no source with a name was destroyed. `path` must contain no symbolic
+    /// link. Thread-safe.
     [[nodiscard]] bool isKnownFolder(const std::string& path);
 
     /// Returns the mount table; the reading thread follows its changes with a short delay. Thread-safe.
@@ -88,13 +91,16 @@ private:
     };
     using Handlers = std::vector<Handler>;
 
+    /// Opens the inotify instance and starts the reading thread, unless this is done already.
     Outcome<void> openIfNeeded() REQUIRES(m_mutex);
     std::shared_ptr<Source> add(int descriptor, Handler handler, const std::string& name) REQUIRES(m_mutex);
     void remove(const Source& source) REQUIRES(m_mutex);
+    /// The reading thread.
     void readEvents();
-    Handlers affectedBy(const char* buffer, size_t size) REQUIRES(m_mutex);
-    Handlers all() REQUIRES(m_mutex);
-    void forgetFolders() REQUIRES(m_mutex);
+    /// Returns the handlers to call for the events in the buffer.
+    Handlers handlersFor(const char* buffer, size_t size) REQUIRES(m_mutex);
+    Handlers allHandlers() REQUIRES(m_mutex);
+    void clearFolderCache() REQUIRES(m_mutex);
 
     Mutex m_mutex;
     FileDescriptor m_inotify;
@@ -102,10 +108,11 @@ private:
     /// Eventfd that stops the reading thread.
     FileDescriptor m_wakeUp;
     std::map<int, Watch> m_watches GUARDED_BY(m_mutex);
-    /// Cache: watch descriptor by path, for sources with a name. Many watched folders share their parent
-    /// folders. Cleared when a watched name changes.
-    std::map<std::string, int> m_folders GUARDED_BY(m_mutex);
-    /// Number of times that m_folders was cleared. A result from before a clearing must not enter the cache.
+    /// Watch descriptors by path, for sources with a name. Many watched folders share their parent folders.
+    /// Cleared when a watched name changes or a source with a name is destroyed.
+    std::map<std::string, int> m_folderCache GUARDED_BY(m_mutex);
+    /// Number of times that the cache was cleared. watch() does not add a descriptor that it got before the
+    /// last clearing.
     uint64_t m_pathChanges GUARDED_BY(m_mutex) = 0;
     std::shared_ptr<const MountTable> m_mounts GUARDED_BY(m_mutex);
     std::thread m_reader;

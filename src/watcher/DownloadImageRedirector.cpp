@@ -26,7 +26,7 @@ DownloadImageRedirector::DownloadImageRedirector(QObject* parent)
 DownloadImageRedirector::~DownloadImageRedirector()
 {
     m_mainThread.assertHere();
-    cancelSources();
+    cancelWatches();
     // The pool's tasks use every other member.
     m_pool.stop();
 }
@@ -56,7 +56,7 @@ void DownloadImageRedirector::start(const std::vector<WatchedFolder>& folders)
     }
     for (const auto& [url, watch] : earlier)
         if (!m_watches.contains(url)) watch->cancel();
-    publish([this] {
+    runLater([this] {
         setRunning(true);
         appendLog(QStringLiteral("Started watchers."));
     });
@@ -65,8 +65,8 @@ void DownloadImageRedirector::start(const std::vector<WatchedFolder>& folders)
 void DownloadImageRedirector::stop()
 {
     m_mainThread.assertHere();
-    cancelSources();
-    publish([this] {
+    cancelWatches();
+    runLater([this] {
         setRunning(false);
         appendLog(QStringLiteral("Stopped watcher."));
     });
@@ -75,8 +75,8 @@ void DownloadImageRedirector::stop()
 void DownloadImageRedirector::restart(std::vector<WatchedFolder> folders)
 {
     m_mainThread.assertHere();
-    cancelSources();
-    publish([this, folders = std::move(folders)] {
+    cancelWatches();
+    runLater([this, folders = std::move(folders)] {
         setRunning(false);
         appendLog(QStringLiteral("Stopped watcher."));
         start(folders);
@@ -100,38 +100,38 @@ std::vector<int> DownloadImageRedirector::activeFDs() const
     m_mainThread.assertHere();
     std::vector<int> descriptors;
     descriptors.reserve(m_activeSources.size());
-    for (const auto& source : m_activeSources)
-        if (const int descriptor = source->descriptor(); descriptor >= 0) descriptors.push_back(descriptor);
+    for (const auto& watch : m_activeSources)
+        if (const int descriptor = watch->descriptor(); descriptor >= 0) descriptors.push_back(descriptor);
     return descriptors;
 }
 
 /// Records a line within about 20 ms. Thread-safe.
 void DownloadImageRedirector::addLog(const QString& message)
 {
-    const MutexLock lock(m_publishedMutex);
-    m_published.emplace_back([this, message] { appendLog(message); });
+    const MutexLock lock(m_waitingMutex);
+    m_waitingChanges.emplace_back([this, message] { appendLog(message); });
     // A burst logs thousands of lines. One wake-up per line would cost as much time as the moves.
-    if (m_published.size() == 1)
+    if (m_waitingChanges.size() == 1)
         QMetaObject::invokeMethod(
-            this, [this] { QTimer::singleShot(logDelay, this, &DownloadImageRedirector::runPublished); },
+            this, [this] { QTimer::singleShot(logDelay, this, &DownloadImageRedirector::runWaitingChanges); },
             Qt::QueuedConnection);
 }
 
 /// Runs `change` in a later iteration of the main loop, after the changes that wait already. Main thread
 /// only.
-void DownloadImageRedirector::publish(Change change)
+void DownloadImageRedirector::runLater(Change change)
 {
-    const MutexLock lock(m_publishedMutex);
-    m_published.push_back(std::move(change));
-    QMetaObject::invokeMethod(this, &DownloadImageRedirector::runPublished, Qt::QueuedConnection);
+    const MutexLock lock(m_waitingMutex);
+    m_waitingChanges.push_back(std::move(change));
+    QMetaObject::invokeMethod(this, &DownloadImageRedirector::runWaitingChanges, Qt::QueuedConnection);
 }
 
-void DownloadImageRedirector::runPublished()
+void DownloadImageRedirector::runWaitingChanges()
 {
     std::vector<Change> changes;
     {
-        const MutexLock lock(m_publishedMutex);
-        changes.swap(m_published);
+        const MutexLock lock(m_waitingMutex);
+        changes.swap(m_waitingChanges);
     }
     for (const Change& change : changes)
         change();
@@ -158,7 +158,7 @@ EntryPipeline::Services DownloadImageRedirector::services()
     return {m_pool, m_events, m_fileMove, m_history, [this](const QString& message) { addLog(message); }};
 }
 
-void DownloadImageRedirector::cancelSources()
+void DownloadImageRedirector::cancelWatches()
 {
     m_mainThread.assertHere();
     for (const auto& [url, watch] : m_watches)

@@ -7,7 +7,7 @@
 #include "watcher/DirectoryEvents.h"
 #include "watcher/FolderWatch.h"
 #include "watcher/MoveHistory.h"
-#include "watcher/WorkerPool.h"
+#include "watcher/SerialQueue.h"
 
 #include <QObject>
 #include <QStringList>
@@ -20,8 +20,8 @@
 namespace harbex
 {
 
-/// The engine: watches folders and moves new entries according to the rules of each folder. The process has
-/// one instance. Main thread only.
+/// The engine: watches folders and moves new entries of any kind according to the rules of each folder. The
+/// process has one instance. Main thread only.
 ///
 /// start() and restart() open and list folders on local volumes on the main thread. Worker threads open
 /// folders on remote volumes, and do all scans and moves. The destructor cancels running copies, whose
@@ -42,11 +42,12 @@ public:
     /// true in a later iteration of the main loop.
     void start(const std::vector<WatchedFolder>& folders);
 
-    /// Stops all watches and discards their snapshots. isRunning() becomes false in a later iteration of the
-    /// main loop.
+    /// Stops all watches and discards their snapshots. Entries that were found before are still processed.
+    /// isRunning() becomes false in a later iteration of the main loop; start() before that does nothing.
     void stop();
 
-    /// Stops, and starts again with these folders in a later iteration of the main loop.
+    /// Stops at once, and starts again with these folders in a later iteration of the main loop. Entries that
+    /// arrive between the two stay.
     void restart(std::vector<WatchedFolder> folders);
 
     [[nodiscard]] bool isRunning() const;
@@ -71,18 +72,18 @@ private:
     using Change = std::function<void()>;
 
     void addLog(const QString& message);
-    void publish(Change change);
-    void runPublished();
+    void runLater(Change change);
+    void runWaitingChanges();
     void setRunning(bool isRunning);
     void appendLog(const QString& message);
     [[nodiscard]] EntryPipeline::Services services();
-    void cancelSources();
+    void cancelWatches();
 
     const ThreadRole m_mainThread;
 
-    Mutex m_publishedMutex;
+    Mutex m_waitingMutex;
     /// Changes that wait for the main loop.
-    std::vector<Change> m_published GUARDED_BY(m_publishedMutex);
+    std::vector<Change> m_waitingChanges GUARDED_BY(m_waitingMutex);
 
     bool m_isRunning GUARDED_BY(m_mainThread) = false;
     ActivityLog m_log GUARDED_BY(m_mainThread);
@@ -94,7 +95,7 @@ private:
     DirectoryEvents m_events;
     /// One watch per URL: records with the same URL share its snapshot.
     std::map<FileUrl, std::shared_ptr<FolderWatch>> m_watches GUARDED_BY(m_mainThread);
-    /// The watch of each record, in the order of the records.
+    /// The watch of each record, in the order of the records. Records with the same URL have the same watch.
     std::vector<std::shared_ptr<FolderWatch>> m_activeSources GUARDED_BY(m_mainThread);
 };
 

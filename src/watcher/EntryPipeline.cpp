@@ -66,7 +66,8 @@ void EntryPipeline::begin(Token token, const DirectoryPointer& directory, const 
                     .splitName = SplitName(name),
                     .directory = directory,
                     .rules = rules,
-                    .trail = m_services.history.take(folder, name)};
+                    .trail = m_services.history.take(folder, name),
+                    .retries = {}};
         print(listOf(entry.splitName.pieces));
         if (MoveHistory::leadsOutOf(folder, entry.trail))
             print(QStringLiteral("Stays where it was moved back to: ") + readableName(name));
@@ -78,7 +79,7 @@ void EntryPipeline::begin(Token token, const DirectoryPointer& directory, const 
 
 bool EntryPipeline::Entry::sample()
 {
-    readAt.reset();
+    sampledAt.reset();
     isDownloaded = false;
     // For a symbolic link this is the size of the link itself, because the engine moves the link.
     const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, path()});
@@ -94,14 +95,14 @@ EntryPipeline::Clock::time_point EntryPipeline::Entry::dueAt() const
 {
     switch (step) {
     case Step::confirm:
-        return *readAt + confirmationDelay;
+        return *sampledAt + confirmationDelay;
     case Step::firstTest:
     case Step::secondTest:
-        return *readAt + samplingInterval;
+        return *sampledAt + samplingInterval;
     case Step::retry:
         return retries.front().first;
     case Step::tryRules:
-    case Step::read:
+    case Step::firstSample:
     case Step::move:
     case Step::moved:
     case Step::notMoved:
@@ -118,7 +119,7 @@ void EntryPipeline::advance(Token token, Entries entries)
         step(token, entry, downloads);
     // All first samples come last and together: they share one due time for the next sample.
     for (Entry& entry : entries) {
-        if (entry.step != Step::read) continue;
+        if (entry.step != Step::firstSample) continue;
         entry.sample();
         entry.step = Step::confirm;
     }
@@ -127,7 +128,7 @@ void EntryPipeline::advance(Token token, Entries entries)
     std::map<Clock::time_point, Entries> waiting;
     std::map<std::string, Entries> moves;
     for (Entry& entry : entries) {
-        if (!entry.readAt) entry.readAt = now;
+        if (!entry.sampledAt) entry.sampledAt = now;
         if (entry.step == Step::move)
             moves[entry.destination().path()].push_back(std::move(entry));
         else if (entry.step != Step::done)
@@ -152,7 +153,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
     case Step::tryRules:
         return tryRules(entry);
     case Step::confirm:
-        if (const auto readAt = entry.readAt; entry.sample()) entry.readAt = readAt;
+        if (const auto sampledAt = entry.sampledAt; entry.sample()) entry.sampledAt = sampledAt;
         entry.step = Step::firstTest;
         return;
     case Step::firstTest:
@@ -161,7 +162,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
             return;
         }
         if (entry.isDownloaded) {
-            entry.step = Step::read;
+            entry.step = Step::firstSample;
             return;
         }
         entry.retries.emplace_back(Clock::now() + retryDelay, entry.rule);
@@ -169,7 +170,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
     case Step::secondTest:
         if (!entry.sample()) {
             if (entry.isDownloaded) {
-                entry.step = Step::read;
+                entry.step = Step::firstSample;
                 return;
             }
             logSkipped(entry);
@@ -191,7 +192,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
         entry.isRetry = true;
         entry.rule = entry.retries.front().second;
         entry.retries.erase(entry.retries.begin());
-        const std::optional<Existence> existence = find(entry);
+        const std::optional<Existence> existence = existenceOf(entry);
         if (!existence) {
             logSkipped(entry);
             return retryOrFinish(entry);
@@ -201,7 +202,7 @@ void EntryPipeline::step(Token token, Entry& entry, Downloads& downloads) const
         entry.sample();
         return;
     }
-    case Step::read:
+    case Step::firstSample:
     case Step::move:
     case Step::done:
         return;
@@ -213,13 +214,13 @@ void EntryPipeline::tryRules(Entry& entry) const
     for (; entry.rule < entry.rules->size(); ++entry.rule) {
         const MatchableRule& rule = (*entry.rules)[entry.rule];
         if (!passesNameFilter(entry.splitName, rule)) continue;
-        const std::optional<Existence> existence = find(entry);
+        const std::optional<Existence> existence = existenceOf(entry);
         if (!existence || !processIfImage(entry, rule, *existence)) continue;
         // The destination is the watched folder: the entry stays. A move would rename it, and the next scan
         // would report the new name.
         if (isOwnFolder(entry)) break;
         entry.isFolder = existence->isDirectory;
-        entry.step = entry.isFolder ? Step::move : Step::read;
+        entry.step = entry.isFolder ? Step::move : Step::firstSample;
         return;
     }
     retryOrFinish(entry);
@@ -248,28 +249,31 @@ bool EntryPipeline::processIfImage(const Entry& entry, const MatchableRule& rule
     return matches(rule, extension, existence.isDirectoryItself);
 }
 
-std::optional<EntryPipeline::Existence> EntryPipeline::find(const Entry& entry) const
+std::optional<EntryPipeline::Existence> EntryPipeline::existenceOf(const Entry& entry) const
 {
     const std::string path = entry.path();
     struct stat data;
     if (::lstat(path.c_str(), &data) != 0) return std::nullopt;
     if (!S_ISLNK(data.st_mode)) return Existence{S_ISDIR(data.st_mode), S_ISDIR(data.st_mode)};
-    // The target of a symbolic link may be on another remote volume. stat() could then block the folder's
-    // queue, so only the link itself counts.
-    const auto mounts = m_services.events.mounts();
-    if (const auto mount = mounts->remoteMount(path))
-        if (mount != mounts->remoteMount(entry.directory->path())) return Existence{};
+    // stat() follows the symbolic link. If it could block, only the link itself counts.
+    if (isOnOtherServer(path, entry)) return Existence{};
     if (::stat(path.c_str(), &data) != 0) return std::nullopt;
     return Existence{S_ISDIR(data.st_mode), false};
+}
+
+/// Returns whether a call with `path` could block on a server that does not have the entry's folder. Such a
+/// call must not run on the folder's queue.
+bool EntryPipeline::isOnOtherServer(const std::string& path, const Entry& entry) const
+{
+    const auto mounts = m_services.events.mounts();
+    const auto mount = mounts->remoteMount(path);
+    return mount && mount != mounts->remoteMount(entry.directory->path());
 }
 
 bool EntryPipeline::isOwnFolder(const Entry& entry) const
 {
     const std::string destination = entry.destination().path();
-    // A destination on another remote volume could block the folder's queue, and is not the watched folder.
-    const auto mounts = m_services.events.mounts();
-    if (const auto mount = mounts->remoteMount(destination))
-        if (mount != mounts->remoteMount(entry.directory->path())) return false;
+    if (isOnOtherServer(destination, entry)) return false;
     const Outcome<FileIdentity> identity = identityOf(destination);
     return identity && MoveHistory::keyOf(*identity) == MoveHistory::keyOf(entry.directory->identity());
 }
@@ -324,11 +328,12 @@ void EntryPipeline::move(Entry& entry, const MoveHistory::FolderKey& folder) con
 {
     // This can block on a server, so it comes before the last sample.
     const std::string target = uniqueDestination(entry.path(), entry.destination().path());
-    const bool isLate = Clock::now() - *entry.readAt >= samplingInterval;
+    const bool isLate = Clock::now() - *entry.sampledAt >= samplingInterval;
     const bool isUnchanged = entry.isFolder || entry.sample();
     // The entry may be gone after a long wait for another copy. Or another folder has replaced the watched
     // one, and its entries are not new.
-    const bool isThere = entry.isFolder || entry.isLink ? find(entry).has_value() : entry.size.has_value();
+    const bool isThere =
+        entry.isFolder || entry.isLink ? existenceOf(entry).has_value() : entry.size.has_value();
     if (!isThere || !entry.directory->isAtPath()) {
         logSkipped(entry);
         entry.step = Step::notMoved;
@@ -336,7 +341,7 @@ void EntryPipeline::move(Entry& entry, const MoveHistory::FolderKey& folder) con
     }
     // The entry may also have grown, or become the placeholder of a download.
     if (!isUnchanged || (isLate && entry.size == 0)) {
-        entry.readAt = Clock::now();
+        entry.sampledAt = Clock::now();
         entry.step = Step::secondTest;
         return;
     }

@@ -17,8 +17,9 @@
 namespace harbex
 {
 
-/// One watched folder, from start to stop. The folder is a URL: this class watches any directory at that
-/// path, and waits while there is none. Its tasks run on its own queue, the folder's queue.
+/// One watched folder, from start to stop. The folder is identified by its URL: this class watches whatever
+/// directory is at that path, and waits while there is none. Its tasks run on its own queue, the folder's
+/// queue.
 class FolderWatch : public std::enable_shared_from_this<FolderWatch>
 {
 public:
@@ -54,16 +55,23 @@ private:
 
     /// Schedules an update unless one is pending. Thread-safe.
     void requestUpdate();
+    /// Schedules an update. Clock::time_point::min() means at once.
     void updateAt(SerialQueue::Clock::time_point when);
     /// Scans the directory if it is watched; tries to open it if the state is `waiting`.
     void update(Token token);
+    /// Watches the path, then tries to open the directory. Starts polling if the path is remote.
     void open(Token token);
+    /// Watches each name on the path, and finds out whether the path is remote.
     void watchPath();
+    /// Lists the directory and passes its new names to the pipeline.
     void scanForNewFiles(Token token);
+    /// Changes the state and m_descriptor. Does nothing to the state `cancelled`.
     void setState(State state);
     void retryLater();
     void pollLater();
     void poll(Token token);
+    /// Returns whether a poll must update: the directory has changed, its last scan is old, or it cannot be
+    /// read.
     [[nodiscard]] bool isPollDue();
 
     const EntryPipeline::Services m_services;
@@ -92,8 +100,9 @@ private:
     bool m_isRemote = false;
     bool m_isPolling = false;
     SerialQueue::Clock::time_point m_lastScan;
-    /// The folder's modification time at the last poll, and whether it differed from the one before.
+    /// The folder's modification time at the last poll.
     std::optional<timespec> m_lastModified;
+    /// The modification time at the last poll differed from the one before.
     bool m_wasChanged = false;
 };
 

@@ -12,8 +12,8 @@
 namespace harbex
 {
 
-/// Remembers out of which watched folders the engine recently moved an entry. This prevents an endless loop
-/// when two folders are each other's destination. Names are raw bytes. Thread-safe.
+/// Remembers for each entry from which watched folders the engine recently moved it. This prevents an endless
+/// loop when two folders are each other's destination. Names are raw bytes. Thread-safe.
 class MoveHistory
 {
 public:
@@ -29,7 +29,8 @@ public:
     /// The folders out of which one entry was moved, each with the time of the move.
     using Trail = std::vector<std::pair<FolderKey, Clock::time_point>>;
 
-    /// Adds or removes one watch of a folder. Calls are counted.
+    /// Adds or removes one watch of a folder. A folder can have several; each addWatched() needs its own
+    /// removeWatched().
     void addWatched(const FolderKey& folder);
     void removeWatched(const FolderKey& folder);
 

@@ -15,8 +15,8 @@ size_t commonSuffix(std::string_view a, std::string_view b)
     const auto [inA, inB] = std::mismatch(a.rbegin(), a.rend(), b.rbegin(), b.rend());
     const auto same = static_cast<size_t>(inA - a.rbegin());
     if (same == a.size() || same == b.size()) {
-        // The shorter one is a suffix of the longer one. It counts whole if a name begins there in the
-        // longer.
+        // The shorter string is a suffix of the longer one. All of it is common if a name of the longer one
+        // begins at the same place.
         const std::string_view longer = a.size() > b.size() ? a : b;
         if (same == longer.size() || longer[longer.size() - same - 1] == '\0') return same;
     }

@@ -10,7 +10,7 @@ namespace harbex
 
 /// Compact set of the names in one folder. Names are raw bytes. One string holds all names in the order of
 /// the listing, each with a NUL at its end. The order stays the same while the folder does not change, so one
-/// comparison from front to back detects an unchanged folder.
+/// comparison from front to back detects an unchanged folder. Use from one thread at a time.
 class NameSnapshot
 {
 public:
@@ -75,18 +75,22 @@ public:
     [[nodiscard]] NameSnapshot takeCurrent();
 
 private:
-    // The check for the NUL excludes a longer known name that begins with `name`.
+    // Returns whether the next name of the snapshot is `name`. The check for the NUL excludes a longer name
+    // that begins with it.
     bool nextKnownIs(std::string_view name) const
     {
         return m_known.compare(m_cursor, name.size(), name) == 0 && m_cursor + name.size() < m_known.size() &&
                m_known[m_cursor + name.size()] == '\0';
     }
+    /// Ends the common prefix and starts to collect the names of the listing.
     void beginCopy();
 
     const std::string& m_known;
     /// Length of the common prefix of snapshot and listing, in bytes.
     size_t m_cursor = 0;
+    /// All names so far are those of the snapshot, in the same order.
     bool m_same = true;
+    /// The names of the listing, in the format of the snapshot. Empty while m_same is true.
     std::string m_current;
 };
 

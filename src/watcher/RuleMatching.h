@@ -17,7 +17,8 @@ namespace harbex
 //
 // An entry must pass two stages. The first stage is cheap and tests only the name. The second stage is for an
 // entry that exists, and tests its extension or kind. The stages differ on purpose for extension rules: the
-// first can be a substring test, the second compares the rule's value with the whole lower-case extension.
+// first can be a substring test, the second compares the rule's value with the whole lower-case extension. So
+// `contains` only adds extensions with capitals, and a value with capitals matches no extension.
 //
 // Comparisons use canonical equivalence: a composed "é" equals "e" plus a combining accent. Case-insensitive
 // comparisons use Unicode lower case.
@@ -51,7 +52,7 @@ struct SplitName {
 
     /// The non-empty parts between the dots. A name of dots only has none.
     std::vector<QString> pieces;
-    /// The first and the last piece; empty if there are no pieces.
+    /// The first and the last piece, the same one if there is only one; empty if there are no pieces.
     ComparableText base;
     ComparableText tail;
 };
@@ -64,9 +65,9 @@ struct MatchableRule {
     ComparableText value;
 };
 
-/// Runs the first stage and returns its result. A rule without a destination matches no name. A rule without
-/// a value, or with the field Kind, passes every other name. Every other rule fails for a name without
-/// pieces.
+/// Returns whether `name` passes the first stage. No name passes a rule without a destination. Otherwise
+/// every name passes a rule without a value or with the field Kind. All other rules compare their value with
+/// `name.base` or `name.tail`; a name without pieces does not pass them.
 [[nodiscard]] bool passesNameFilter(const SplitName& name, const MatchableRule& rule);
 
 /// Returns whether `name` (raw bytes) is that of an unfinished download. No rule matches such an entry.
@@ -76,8 +77,8 @@ struct MatchableRule {
 /// download: "film" in the empty placeholder "film.mp4" and in the partial file "film.gqqRF_r1.mp4.part".
 [[nodiscard]] std::string_view downloadBase(std::string_view name);
 
-/// Runs the second stage for an entry that exists, and returns its result. `isDirectory` does not follow
-/// symbolic links; empty means unknown.
+/// Returns whether an entry that exists passes the second stage. `lowerCasedExtension` is that of
+/// pathExtension(). `isDirectory` does not follow symbolic links; nullopt means unknown.
 [[nodiscard]] bool matches(const MatchableRule& rule, const QString& lowerCasedExtension,
                            std::optional<bool> isDirectory);
 

@@ -13,7 +13,7 @@ namespace harbex
 namespace
 {
 
-/// Collects the downloadBase() of partial downloads.
+/// Collects the downloadBase() of each partial download.
 struct Downloads {
     std::set<std::string, std::less<>> bases;
 
