@@ -4,16 +4,20 @@
 #include "support/Eventually.h"
 #include "support/TestMain.h"
 
+#include <QScopeGuard>
+
 #include <array>
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
 #include <future>
+#include <sstream>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/time.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using namespace harbex;
@@ -35,7 +39,7 @@ struct Pipe {
     }
 };
 
-/// All that comes out of a pipe until its writers have closed it.
+/// Reads from a pipe until its writers have closed it.
 std::string drain(const FileDescriptor& reader)
 {
     std::string text;
@@ -72,7 +76,7 @@ std::string printedThroughAPipe(Print print)
     return text.get();
 }
 
-/// A line of its own for each thread and number; as long as several pipe buffers for some.
+/// A different line for each thread and number. Some lines are longer than the buffer of a pipe.
 std::string lineOf(int thread, int number)
 {
     const auto length = static_cast<size_t>(number % 50 == 0 ? 100'000 : number);
@@ -80,37 +84,23 @@ std::string lineOf(int thread, int number)
            std::string(length, static_cast<char>('a' + thread));
 }
 
-/// Lets a signal interrupt this process every millisecond.
-class Interruptions
+std::atomic<int> interruptions = 0;
+
+/// Lets a signal interrupt this process every millisecond until the end of the scope.
+[[nodiscard]] auto interruptEveryMillisecond()
 {
-public:
-    Interruptions()
-    {
-        struct sigaction action = {};
-        action.sa_handler = [](int) { ++count; };
-        // Without SA_RESTART, so that a write under way ends early.
-        ::sigaction(SIGALRM, &action, &m_oldAction);
-        setInterval(1'000);
-    }
-    ~Interruptions()
-    {
-        setInterval(0);
-        ::sigaction(SIGALRM, &m_oldAction, nullptr);
-    }
-    Interruptions(const Interruptions&) = delete;
-    Interruptions& operator=(const Interruptions&) = delete;
-
-    inline static std::atomic<int> count = 0;
-
-private:
-    static void setInterval(suseconds_t microseconds)
-    {
-        const itimerval timer{.it_interval = {0, microseconds}, .it_value = {0, microseconds}};
-        ::setitimer(ITIMER_REAL, &timer, nullptr);
-    }
-
-    struct sigaction m_oldAction = {};
-};
+    struct sigaction action = {};
+    struct sigaction oldAction = {};
+    action.sa_handler = [](int) { ++interruptions; };
+    ::sigaction(SIGALRM, &action, &oldAction);
+    const itimerval timer{.it_interval = {0, 1'000}, .it_value = {0, 1'000}};
+    ::setitimer(ITIMER_REAL, &timer, nullptr);
+    return qScopeGuard([oldAction] {
+        const itimerval noTimer = {};
+        ::setitimer(ITIMER_REAL, &noTimer, nullptr);
+        ::sigaction(SIGALRM, &oldAction, nullptr);
+    });
+}
 
 } // namespace
 
@@ -119,179 +109,137 @@ class TestStandardOutput : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void linesGetTheirEnd();
-    void bytesAreWrittenAsTheyAre();
-    void linesOfManyThreadsStayWhole();
-    void interruptedWritesStayWhole();
-    void closedStandardOutputLosesTheLineOnly();
-    void brokenPipeLosesTheLineOnly();
-    void fullDeviceLosesTheLineOnly();
-    void fullPipeThatDoesNotBlockLosesTheLineOnly();
-    void aReaderThatDoesNotReadIsNotWaitedForLong();
-};
-
-void TestStandardOutput::linesGetTheirEnd()
-{
-    CapturedOutput output;
-    printLine("first");
-    printLine("");
-    printLine("third");
-    QCOMPARE(output.lines(), QStringList({QStringLiteral("first"), QString(), QStringLiteral("third")}));
-}
-
-void TestStandardOutput::bytesAreWrittenAsTheyAre()
-{
-    const std::string_view line("a\0b\xff\u00e9", 6);
-    const std::string text = printedThroughAPipe([&line] { printLine(line); });
-    QCOMPARE(text, std::string(line) + '\n');
-}
-
-void TestStandardOutput::linesOfManyThreadsStayWhole()
-{
-    constexpr int threads = 8;
-    constexpr int linesOfEach = 200;
-    const std::string text = printedThroughAPipe([] {
-        std::vector<std::jthread> writers;
-        writers.reserve(threads);
-        for (int thread = 0; thread < threads; ++thread) {
-            writers.emplace_back([thread] {
-                for (int number = 0; number < linesOfEach; ++number)
-                    printLine(lineOf(thread, number));
-            });
-        }
-    });
-
-    std::array<int, threads> next = {};
-    size_t begin = 0;
-    while (begin < text.size()) {
-        const size_t end = text.find('\n', begin);
-        QVERIFY(end != std::string::npos);
-        const int thread = text[begin] - '0';
-        QVERIFY(thread >= 0 && thread < threads);
-        // The lines of one thread keep their order.
-        QVERIFY(text.substr(begin, end - begin) == lineOf(thread, next.at(static_cast<size_t>(thread))++));
-        begin = end + 1;
-    }
-    for (const int count : next)
-        QCOMPARE(count, linesOfEach);
-}
-
-void TestStandardOutput::interruptedWritesStayWhole()
-{
-    // More than a pipe holds, so that the writes wait for the reader and are interrupted while they do.
-    const std::string line(4'000'000, 'x');
-    Pipe pipe;
-    std::atomic<bool> isPrinted = false;
-    std::string text;
+    void bytesAndALineEndAreWritten()
     {
-        std::jthread reader([&] {
-            sigset_t signals;
-            ::sigemptyset(&signals);
-            ::sigaddset(&signals, SIGALRM);
-            ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-            // Not a byte is taken before a write was interrupted while it waited at the full pipe.
-            while (!isPrinted && bytesIn(pipe) < pipeCapacity(pipe))
-                std::this_thread::yield();
-            const int before = Interruptions::count;
-            while (!isPrinted && Interruptions::count < before + 5)
-                std::this_thread::yield();
-            text = drain(pipe.reader);
+        const std::string bytes("a\0b\xff\u00e9", 6);
+        const std::string text = printedThroughAPipe([&bytes] {
+            printLine(bytes);
+            printLine("");
+            printLine("third");
         });
-        const Interruptions interruptions;
+        QCOMPARE(text, bytes + "\n\nthird\n");
+    }
+
+    void linesOfManyThreadsStayWhole()
+    {
+        constexpr int threads = 8;
+        constexpr int linesOfEach = 200;
+        const std::string text = printedThroughAPipe([] {
+            std::vector<std::jthread> writers;
+            writers.reserve(threads);
+            for (int thread = 0; thread < threads; ++thread) {
+                writers.emplace_back([thread] {
+                    for (int number = 0; number < linesOfEach; ++number)
+                        printLine(lineOf(thread, number));
+                });
+            }
+        });
+
+        QVERIFY(text.ends_with('\n'));
+        std::array<int, threads> next = {};
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            const int thread = line.empty() ? -1 : line[0] - '0';
+            QVERIFY(thread >= 0 && thread < threads);
+            // The lines of one thread keep their order.
+            QVERIFY(line == lineOf(thread, next.at(static_cast<size_t>(thread))++));
+        }
+        for (const int count : next)
+            QCOMPARE(count, linesOfEach);
+    }
+
+    void interruptedWritesStayWhole()
+    {
+        // The line is longer than the buffer of a pipe. Signals interrupt the wait for the reader.
+        const std::string line(4'000'000, 'x');
+        Pipe pipe;
+        std::atomic<bool> isPrinted = false;
+        std::string text;
+        {
+            std::jthread reader([&] {
+                sigset_t signals;
+                ::sigemptyset(&signals);
+                ::sigaddset(&signals, SIGALRM);
+                ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+                // The pipe stays full until the wait was interrupted.
+                while (!isPrinted && bytesIn(pipe) < pipeCapacity(pipe))
+                    std::this_thread::yield();
+                const int before = interruptions;
+                while (!isPrinted && interruptions < before + 5)
+                    std::this_thread::yield();
+                text = drain(pipe.reader);
+            });
+            const auto timer = interruptEveryMillisecond();
+            RedirectedOutput redirection(pipe.writer.get());
+            pipe.writer = FileDescriptor();
+            printLine(line);
+            isPrinted = true;
+            redirection.restore();
+        }
+        QVERIFY(text == line + '\n');
+    }
+
+    void anUnusableOutputLosesTheLineOnly()
+    {
+        // The program ignores this signal. Qt Test installs a handler.
+        const auto oldHandler = std::signal(SIGPIPE, SIG_IGN);
+        Pipe broken;
+        broken.reader = FileDescriptor();
+        const FileDescriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+        QVERIFY(full);
+        const std::pair<const char*, int> targets[] = {
+            {"closed", -1}, {"broken pipe", broken.writer.get()}, {"full device", full.get()}};
+        for (const auto& [name, target] : targets) {
+            RedirectedOutput redirection(target);
+            printLine("lost");
+            redirection.restore();
+            CapturedOutput output;
+            printLine("seen");
+            QVERIFY2(output.lines() == QStringList(QStringLiteral("seen")), name);
+        }
+        std::signal(SIGPIPE, oldHandler);
+    }
+
+    void aReaderThatDoesNotReadIsNotWaitedForLong_data()
+    {
+        QTest::addColumn<int>("flags");
+        QTest::newRow("pipe") << 0;
+        QTest::newRow("pipe that does not block") << O_NONBLOCK;
+    }
+
+    void aReaderThatDoesNotReadIsNotWaitedForLong()
+    {
+        QFETCH(const int, flags);
+        Pipe pipe(flags);
+        const std::string line(1'000, 'x');
+        const auto linesAskedFor = static_cast<size_t>(10 * pipeCapacity(pipe)) / line.size();
         RedirectedOutput redirection(pipe.writer.get());
         pipe.writer = FileDescriptor();
-        printLine(line);
-        isPrinted = true;
+        std::atomic<bool> isDone = false;
+        std::thread printing([&] {
+            for (size_t i = 0; i < linesAskedFor; ++i)
+                printLine(line);
+            isDone = true;
+        });
+        const bool wasDone = eventually([&isDone] { return isDone.load(); });
+        std::string first(static_cast<size_t>(bytesIn(pipe)), '\0');
+        const ssize_t size = ::read(pipe.reader.get(), first.data(), first.size());
+
+        // When the pipe has room again, lines are written again. The reader waits for them.
+        ::fcntl(pipe.reader.get(), F_SETFL, 0);
+        auto rest = std::async(std::launch::async, [&pipe] { return drain(pipe.reader); });
+        printing.join();
+        printLine("seen");
         redirection.restore();
+        const std::string last = rest.get();
+        QVERIFY(wasDone);
+        QCOMPARE(size, ssize_t(first.size()));
+        QCOMPARE(first.size() % (line.size() + 1), size_t(0));
+        QVERIFY(!first.empty() && first.size() < linesAskedFor * line.size());
+        QCOMPARE(last, std::string("seen\n"));
     }
-    QVERIFY(text == line + '\n');
-}
+};
 
-void TestStandardOutput::closedStandardOutputLosesTheLineOnly()
-{
-    RedirectedOutput redirection(-1);
-    printLine("lost");
-    redirection.restore();
-
-    CapturedOutput output;
-    printLine("seen");
-    QCOMPARE(output.lines(), QStringList(QStringLiteral("seen")));
-}
-
-void TestStandardOutput::brokenPipeLosesTheLineOnly()
-{
-    // As the program has it. Qt Test has put a handler of its own in the place of what was set before.
-    const auto oldHandler = std::signal(SIGPIPE, SIG_IGN);
-    Pipe pipe;
-    pipe.reader = FileDescriptor();
-    RedirectedOutput redirection(pipe.writer.get());
-    printLine("lost");
-    redirection.restore();
-    std::signal(SIGPIPE, oldHandler);
-
-    CapturedOutput output;
-    printLine("seen");
-    QCOMPARE(output.lines(), QStringList(QStringLiteral("seen")));
-}
-
-void TestStandardOutput::fullDeviceLosesTheLineOnly()
-{
-    const FileDescriptor full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
-    QVERIFY(full);
-    RedirectedOutput redirection(full.get());
-    printLine("lost");
-    redirection.restore();
-
-    CapturedOutput output;
-    printLine("seen");
-    QCOMPARE(output.lines(), QStringList(QStringLiteral("seen")));
-}
-
-void TestStandardOutput::fullPipeThatDoesNotBlockLosesTheLineOnly()
-{
-    Pipe pipe(O_NONBLOCK);
-    const std::string line(1'000, 'x');
-    const auto linesAskedFor = static_cast<size_t>(10 * pipeCapacity(pipe)) / line.size();
-    RedirectedOutput redirection(pipe.writer.get());
-    for (size_t i = 0; i < linesAskedFor; ++i)
-        printLine(line);
-    redirection.restore();
-    pipe.writer = FileDescriptor();
-
-    const std::string text = drain(pipe.reader);
-    QCOMPARE(text.size() % (line.size() + 1), size_t(0));
-    QVERIFY(!text.empty() && text.size() < linesAskedFor * line.size());
-}
-
-void TestStandardOutput::aReaderThatDoesNotReadIsNotWaitedForLong()
-{
-    Pipe pipe;
-    const std::string line(1'000, 'x');
-    const auto linesAskedFor = static_cast<size_t>(10 * pipeCapacity(pipe)) / line.size();
-    RedirectedOutput redirection(pipe.writer.get());
-    pipe.writer = FileDescriptor();
-    std::atomic<bool> isDone = false;
-    std::thread printing([&] {
-        for (size_t i = 0; i < linesAskedFor; ++i)
-            printLine(line);
-        isDone = true;
-    });
-    const bool wasDone = eventually([&isDone] { return isDone.load(); });
-    std::string first(static_cast<size_t>(bytesIn(pipe)), '\0');
-    QCOMPARE(::read(pipe.reader.get(), first.data(), first.size()), ssize_t(first.size()));
-
-    // Once there is room again the lines come through again.
-    auto rest = std::async(std::launch::async, [&pipe] { return drain(pipe.reader); });
-    printing.join();
-    printLine("seen");
-    redirection.restore();
-    const std::string last = rest.get();
-    QVERIFY(wasDone);
-    QCOMPARE(first.size() % (line.size() + 1), size_t(0));
-    QVERIFY(!first.empty() && first.size() < linesAskedFor * line.size());
-    QCOMPARE(last, std::string("seen\n"));
-}
-
-HARBEX_TEST_MAIN(TestStandardOutput)
+HARBEX_TEST(TestStandardOutput)
 
 #include "tst_StandardOutput.moc"

@@ -4,7 +4,6 @@
 
 #include <QDBusArgument>
 #include <QDBusObjectPath>
-#include <QStringList>
 
 namespace harbex::test
 {
@@ -12,9 +11,9 @@ namespace harbex::test
 namespace
 {
 
-QString interfaceOf(const QString& name)
+QString interfaceOf(const char* name)
 {
-    return QStringLiteral("org.a11y.atspi.") + name;
+    return QStringLiteral("org.a11y.atspi.") + QLatin1String(name);
 }
 
 } // namespace
@@ -25,57 +24,58 @@ Accessible Accessible::desktop(const QDBusConnection& bus)
             QStringLiteral("/org/a11y/atspi/accessible/root")};
 }
 
-QVariantList Accessible::ask(const QString& interface, const QString& method,
-                             const QVariantList& arguments) const
+QVariant Accessible::ask(const char* interface, const char* method, const QVariantList& arguments) const
 {
     if (!*this) return {};
     const QDBusMessage answer =
         RemoteObject{m_bus, m_service, m_path, interfaceOf(interface)}.call(method, arguments);
-    return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments() : QVariantList();
+    return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments().value(0) : QVariant();
 }
 
-QVariant Accessible::property(const QString& interface, const QString& name) const
+QByteArray Accessible::property(const char* name) const
 {
     if (!*this) return {};
-    return RemoteObject{m_bus, m_service, m_path, interfaceOf(interface)}.property(name);
+    return RemoteObject{m_bus, m_service, m_path, interfaceOf("Accessible")}
+        .property(name)
+        .toString()
+        .toUtf8();
 }
 
-QString Accessible::name() const
+QByteArray Accessible::name() const
 {
-    return property(QStringLiteral("Accessible"), QStringLiteral("Name")).toString();
+    return property("Name");
 }
 
-QString Accessible::description() const
+QByteArray Accessible::description() const
 {
-    return property(QStringLiteral("Accessible"), QStringLiteral("Description")).toString();
+    return property("Description");
 }
 
-QString Accessible::role() const
+QByteArray Accessible::role() const
 {
-    const QString name = ask(QStringLiteral("Accessible"), QStringLiteral("GetRoleName")).value(0).toString();
+    const QByteArray name = ask("Accessible", "GetRoleName").toString().toUtf8();
     // GTK uses this name from Debian 13 on. Qt still uses the old one.
-    return name == u"button" ? QStringLiteral("push button") : name;
+    return name == "button" ? QByteArray("push button") : name;
 }
 
 bool Accessible::has(State state) const
 {
-    const QVariant answer = ask(QStringLiteral("Accessible"), QStringLiteral("GetState")).value(0);
-    const auto words = qdbus_cast<QList<uint>>(answer);
+    const auto words = qdbus_cast<QList<uint>>(ask("Accessible", "GetState"));
     const int bit = static_cast<int>(state);
     return words.size() > bit / 32 && (words[bit / 32] >> (bit % 32) & 1U) != 0;
 }
 
-bool Accessible::isShown(const QString& ofRole, const QString& ofName) const
+bool Accessible::isShown(const char* ofRole, const char* ofName) const
 {
-    return role() == ofRole && (ofName.isNull() || name() == ofName) && has(State::showing);
+    return role() == ofRole && (!ofName || name() == ofName) && has(State::showing);
 }
 
 QList<Accessible> Accessible::children() const
 {
     QList<Accessible> children;
-    const QVariantList answer = ask(QStringLiteral("Accessible"), QStringLiteral("GetChildren"));
-    if (answer.isEmpty()) return children;
-    const auto references = answer.first().value<QDBusArgument>();
+    const QVariant answer = ask("Accessible", "GetChildren");
+    if (!answer.isValid()) return children;
+    const auto references = answer.value<QDBusArgument>();
     references.beginArray();
     while (!references.atEnd()) {
         QString service;
@@ -92,24 +92,8 @@ QList<Accessible> Accessible::children() const
 QRect Accessible::extents() const
 {
     constexpr uint ofTheScreen = 0;
-    const QVariantList answer = ask(QStringLiteral("Component"), QStringLiteral("GetExtents"), {ofTheScreen});
-    if (answer.isEmpty()) return {};
-    const auto rectangle = answer.first().value<QDBusArgument>();
-    int x = 0;
-    int y = 0;
-    int width = 0;
-    int height = 0;
-    rectangle.beginStructure();
-    rectangle >> x >> y >> width >> height;
-    rectangle.endStructure();
-    return {x, y, width, height};
-}
-
-QList<Accessible> Accessible::all(const Condition& condition) const
-{
-    QList<Accessible> found;
-    collect(condition, false, found);
-    return found;
+    // The type of the reply is that of a QRect.
+    return qdbus_cast<QRect>(ask("Component", "GetExtents", {ofTheScreen}));
 }
 
 Accessible Accessible::find(const Condition& condition) const
@@ -119,12 +103,14 @@ Accessible Accessible::find(const Condition& condition) const
     return found.value(0);
 }
 
-QList<Accessible> Accessible::all(const QString& role, const QString& name) const
+QList<Accessible> Accessible::all(const char* role, const char* name) const
 {
-    return all([&](const Accessible& each) { return each.isShown(role, name); });
+    QList<Accessible> found;
+    collect([&](const Accessible& each) { return each.isShown(role, name); }, false, found);
+    return found;
 }
 
-Accessible Accessible::find(const QString& role, const QString& name) const
+Accessible Accessible::find(const char* role, const char* name) const
 {
     return find([&](const Accessible& each) { return each.isShown(role, name); });
 }
@@ -139,46 +125,33 @@ void Accessible::collect(const Condition& condition, bool isOneEnough, QList<Acc
     }
 }
 
-QString Accessible::text() const
+QByteArray Accessible::text() const
 {
-    return ask(QStringLiteral("Text"), QStringLiteral("GetText"), {0, -1}).value(0).toString();
+    return ask("Text", "GetText", {0, -1}).toString().toUtf8();
 }
 
 bool Accessible::setText(const QString& text) const
 {
-    return ask(QStringLiteral("EditableText"), QStringLiteral("SetTextContents"), {text}).value(0).toBool();
+    return ask("EditableText", "SetTextContents", {text}).toBool();
 }
 
 bool Accessible::press() const
 {
     if (!*this) return false;
-    RemoteObject{m_bus, m_service, m_path, interfaceOf(QStringLiteral("Action"))}.send(
-        QStringLiteral("DoAction"), {0});
+    RemoteObject{m_bus, m_service, m_path, interfaceOf("Action")}.send("DoAction", {0});
     return true;
-}
-
-bool Accessible::act(const QString& action) const
-{
-    const int count = property(QStringLiteral("Action"), QStringLiteral("NActions")).toInt();
-    for (int i = 0; i < count; ++i) {
-        const QString name =
-            ask(QStringLiteral("Action"), QStringLiteral("GetName"), {i}).value(0).toString();
-        if (name == action)
-            return ask(QStringLiteral("Action"), QStringLiteral("DoAction"), {i}).value(0).toBool();
-    }
-    return false;
 }
 
 bool Accessible::takeFocus() const
 {
-    return ask(QStringLiteral("Component"), QStringLiteral("GrabFocus")).value(0).toBool();
+    return ask("Component", "GrabFocus").toBool();
 }
 
 QString Accessible::outline(int depth) const
 {
     const QRect place = extents();
     QString lines = QStringLiteral("%1%2 \"%3\" %4,%5 %6x%7%8\n")
-                        .arg(QString(depth * 2, u' '), role(), name())
+                        .arg(QString(depth * 2, u' '), QString::fromUtf8(role()), QString::fromUtf8(name()))
                         .arg(place.x())
                         .arg(place.y())
                         .arg(place.width())

@@ -1,7 +1,6 @@
 #include "e2e/DesktopSession.h"
 
 #include <QDBusConnectionInterface>
-#include <QDBusVariant>
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
@@ -66,34 +65,35 @@ void DesktopSession::set(const char* variable, const QString& value)
     m_environment.insert(QString::fromLatin1(variable), value);
 }
 
-QProcess& DesktopSession::start(const QString& program, const QStringList& arguments)
+QProcess& DesktopSession::start(const char* program, const QStringList& arguments)
 {
     QProcess& process = *m_programs.emplace_back(std::make_unique<QProcess>());
     process.setProcessEnvironment(m_environment);
     process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
-    process.start(program, arguments);
-    if (!process.waitForStarted()) qFatal("%s: %s", qPrintable(program), qPrintable(process.errorString()));
+    process.start(QString::fromUtf8(program), arguments);
+    if (!process.waitForStarted()) qFatal("%s: %s", program, qPrintable(process.errorString()));
     return process;
 }
 
-void DesktopSession::startService(const QString& name)
+void DesktopSession::startService(const char* name)
 {
-    const QSettings file(QStringLiteral("/usr/share/dbus-1/services/%1.service").arg(name),
+    const QString service = QString::fromLatin1(name);
+    const QSettings file(QStringLiteral("/usr/share/dbus-1/services/%1.service").arg(service),
                          QSettings::IniFormat);
     QStringList command = QProcess::splitCommand(file.value(QStringLiteral("D-BUS Service/Exec")).toString());
-    if (command.isEmpty()) qFatal("%s is not installed", qPrintable(name));
-    const QString program = command.takeFirst();
+    if (command.isEmpty()) qFatal("%s is not installed", name);
+    const QByteArray program = command.takeFirst().toUtf8();
     start(program, command);
-    const auto isReady = [&] { return m_connection.interface()->isServiceRegistered(name).value(); };
-    if (!QTest::qWaitFor(isReady, patienceMilliseconds)) qFatal("%s does not start", qPrintable(name));
+    const auto isReady = [&] { return m_connection.interface()->isServiceRegistered(service).value(); };
+    if (!QTest::qWaitFor(isReady, patienceMilliseconds)) qFatal("%s does not start", name);
 }
 
-std::optional<QByteArray> DesktopSession::run(const QString& program, const QStringList& arguments)
+std::optional<QByteArray> DesktopSession::run(const char* program, const QStringList& arguments)
 {
     QProcess process;
     process.setProcessEnvironment(m_environment);
     process.setStandardInputFile(QProcess::nullDevice());
-    process.start(program, arguments);
+    process.start(QString::fromUtf8(program), arguments);
     const bool hasWorked = process.waitForFinished(patienceMilliseconds) &&
                            process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
     return hasWorked ? std::optional(process.readAllStandardOutput()) : std::nullopt;
@@ -101,32 +101,26 @@ std::optional<QByteArray> DesktopSession::run(const QString& program, const QStr
 
 void DesktopSession::startX11()
 {
-    QProcess& server = start(QStringLiteral("Xvfb"),
-                             {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                              QStringLiteral("0"), QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"),
-                              QStringLiteral("tcp"), QStringLiteral("-noreset")});
+    QProcess& server = start("Xvfb", words("-displayfd 1 -screen 0 1280x800x24 -nolisten tcp -noreset"));
     if (!QTest::qWaitFor([&] { return server.canReadLine(); }, patienceMilliseconds))
         qFatal("no screen: %s", server.readAllStandardError().constData());
     set("DISPLAY", QStringLiteral(":") + QString::fromLatin1(server.readLine().trimmed()));
 
-    start(QStringLiteral("openbox"));
+    start("openbox");
     // The window manager sets the number of desktops when it is ready.
-    const auto isManaged = [&] {
-        return run(QStringLiteral("xdotool"), {QStringLiteral("get_num_desktops")}).has_value();
-    };
+    const auto isManaged = [&] { return run("xdotool", words("get_num_desktops")).has_value(); };
     if (!QTest::qWaitFor(isManaged, patienceMilliseconds)) qFatal("no window manager");
     // The first key press announces a new keyboard. The window manager then releases its key grabs for a
     // moment, so that it could miss one of its own keys.
-    if (!press({QStringLiteral("Shift_L")})) qFatal("no keyboard");
+    if (!press("Shift_L")) qFatal("no keyboard");
 }
 
 void DesktopSession::startWayland()
 {
     const QString name = QStringLiteral("harbex-test-%1").arg(QCoreApplication::applicationPid());
-    start(QStringLiteral("weston"),
-          {QStringLiteral("--backend=headless-backend.so"), QStringLiteral("--use-pixman"),
-           QStringLiteral("--width=1280"), QStringLiteral("--height=800"), QStringLiteral("--no-config"),
-           QStringLiteral("--debug"), QStringLiteral("--socket=") + name});
+    start("weston", words("--backend=headless-backend.so --use-pixman --width=1280 --height=800 --no-config "
+                          "--debug")
+                        << QStringLiteral("--socket=") + name);
     const QString socket = m_environment.value(QStringLiteral("XDG_RUNTIME_DIR")) + u'/' + name;
     if (!QTest::qWaitFor([&] { return QFile::exists(socket); }, patienceMilliseconds))
         qFatal("no compositor: %s", m_programs.back()->readAllStandardError().constData());
@@ -136,27 +130,26 @@ void DesktopSession::startWayland()
 
 void DesktopSession::startAccessibility()
 {
-    startService(QStringLiteral("org.a11y.Bus"));
+    startService("org.a11y.Bus");
     const RemoteObject launcher{m_connection, QStringLiteral("org.a11y.Bus"), QStringLiteral("/org/a11y/bus"),
                                 QStringLiteral("org.a11y.Bus")};
     QString address;
     const auto hasAddress = [&] {
-        address = launcher.call(QStringLiteral("GetAddress")).arguments().value(0).toString();
+        address = launcher.call("GetAddress").arguments().value(0).toString();
         return address.startsWith(QLatin1String("unix:"));
     };
     if (!QTest::qWaitFor(hasAddress, patienceMilliseconds)) qFatal("no accessibility bus");
 
     const RemoteObject properties{m_connection, launcher.service, launcher.path,
                                   QStringLiteral("org.freedesktop.DBus.Properties")};
-    (void)properties.call(QStringLiteral("Set"),
-                          {QStringLiteral("org.a11y.Status"), QStringLiteral("IsEnabled"),
-                           QVariant::fromValue(QDBusVariant(true))});
+    (void)properties.call("Set",
+                          {QStringLiteral("org.a11y.Status"), QStringLiteral("IsEnabled"), asVariant(true)});
     set("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", QStringLiteral("1"));
     m_accessibilityBus = QDBusConnection::connectToBus(address, address);
     if (!m_accessibilityBus.isConnected()) qFatal("no connection to the accessibility bus");
 }
 
-Accessible DesktopSession::window(const QString& role, const QString& name) const
+Accessible DesktopSession::window(const char* role, const char* name) const
 {
     const QList<Accessible> programs = Accessible::desktop(m_accessibilityBus).children();
     for (const Accessible& program : programs) {
@@ -170,24 +163,24 @@ Accessible DesktopSession::window(const QString& role, const QString& name) cons
 bool DesktopSession::click(const QRect& place, Button button)
 {
     if (place.isEmpty()) return false;
-    const QPoint middle = place.center();
-    return run(QStringLiteral("xdotool"),
-               {QStringLiteral("mousemove"), QString::number(middle.x()), QString::number(middle.y()),
-                QStringLiteral("click"), QString::number(static_cast<int>(button))})
-        .has_value();
+    const QString command = QStringLiteral("mousemove %1 %2 click %3")
+                                .arg(place.center().x())
+                                .arg(place.center().y())
+                                .arg(static_cast<int>(button));
+    return run("xdotool", command.split(u' ')).has_value();
 }
 
-bool DesktopSession::press(const QStringList& keys)
+bool DesktopSession::press(const char* keys)
 {
-    return run(QStringLiteral("xdotool"), QStringList{QStringLiteral("key")} + keys).has_value();
+    return run("xdotool", words("key") + words(keys)).has_value();
 }
 
 bool DesktopSession::type(const QString& text)
 {
-    return run(QStringLiteral("xdotool"), {QStringLiteral("type"), QStringLiteral("--"), text}).has_value();
+    return run("xdotool", words("type --") << text).has_value();
 }
 
-QList<QRect> DesktopSession::windows(const QString& ofClass)
+QList<QRect> DesktopSession::windows(const char* ofClass)
 {
     QList<QRect> places;
     for (const XWindow& window : visibleWindows(ofClass))
@@ -198,18 +191,16 @@ QList<QRect> DesktopSession::windows(const QString& ofClass)
 QRect DesktopSession::openMenu()
 {
     // Menus are the only unmanaged windows of a visible size. Hidden helper windows are tiny.
-    for (const XWindow& window : visibleWindows(QStringLiteral(".")))
+    for (const XWindow& window : visibleWindows("."))
         if (window.isUnmanaged && window.place.height() > 1) return window.place;
     return {};
 }
 
-std::vector<DesktopSession::XWindow> DesktopSession::visibleWindows(const QString& ofClass)
+std::vector<DesktopSession::XWindow> DesktopSession::visibleWindows(const char* ofClass)
 {
     std::vector<XWindow> windows;
     const QByteArray ids =
-        run(QStringLiteral("xdotool"),
-            {QStringLiteral("search"), QStringLiteral("--onlyvisible"), QStringLiteral("--class"), ofClass})
-            .value_or(QByteArray());
+        run("xdotool", words("search --onlyvisible --class") + words(ofClass)).value_or(QByteArray());
     const auto number = [](const QString& report, const char* label) {
         const QRegularExpression line(QString::fromLatin1(label) + QStringLiteral(": +(-?\\d+)"));
         return line.match(report).captured(1).toInt();
@@ -217,9 +208,7 @@ std::vector<DesktopSession::XWindow> DesktopSession::visibleWindows(const QStrin
     for (const QByteArray& id : ids.trimmed().split('\n')) {
         if (id.isEmpty()) continue;
         // The window may have closed since the search.
-        const auto answer =
-            run(QStringLiteral("xwininfo"), {QStringLiteral("-stats"), QStringLiteral("-children"),
-                                             QStringLiteral("-id"), QString::fromLatin1(id)});
+        const auto answer = run("xwininfo", words("-stats -children -id") + words(id));
         if (!answer) continue;
         const QString report = QString::fromUtf8(*answer);
         windows.push_back({{number(report, "Absolute upper-left X"), number(report, "Absolute upper-left Y"),
@@ -237,11 +226,8 @@ int DesktopSession::countColours(const QRect& place)
     if (place.isEmpty()) return 0;
     const QString crop =
         QStringLiteral("%1x%2+%3+%4").arg(place.width()).arg(place.height()).arg(place.x()).arg(place.y());
-    return run(QStringLiteral("import"),
-               {QStringLiteral("-window"), QStringLiteral("root"), QStringLiteral("-crop"), crop,
-                QStringLiteral("-format"), QStringLiteral("%k"), QStringLiteral("info:")})
-        .value_or(QByteArray())
-        .toInt();
+    const QStringList arguments = words("-window root -format %k -crop") << crop << QStringLiteral("info:");
+    return run("import", arguments).value_or(QByteArray()).toInt();
 }
 
 void DesktopSession::keepEvidence()
@@ -252,13 +238,12 @@ void DesktopSession::keepEvidence()
                                   QString::fromLatin1(QTest::currentTestFunction()));
     QDir().mkpath(place);
     if (m_kind == Kind::x11) {
-        run(QStringLiteral("import"),
-            {QStringLiteral("-window"), QStringLiteral("root"), name + QStringLiteral(".png")});
+        run("import", words("-window root") << name + QStringLiteral(".png"));
         qInfo("The screen as it was: %s.png", qPrintable(name));
     } else {
         // weston-screenshooter chooses the file name, which contains the time.
         set("XDG_PICTURES_DIR", place);
-        run(QStringLiteral("weston-screenshooter"), {});
+        run("weston-screenshooter");
         qInfo("The screen as it was: the latest %s/wayland-screenshot-*.png", qPrintable(place));
     }
     QFile log(name + QStringLiteral(".log"));
@@ -269,6 +254,11 @@ void DesktopSession::keepEvidence()
     }
     log.write(Accessible::desktop(m_accessibilityBus).outline().toUtf8());
     qInfo("What the programs printed and showed: %s.log", qPrintable(name));
+}
+
+QStringList words(const char* text)
+{
+    return QString::fromLatin1(text).split(u' ');
 }
 
 } // namespace harbex::test

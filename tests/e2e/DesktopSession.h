@@ -36,28 +36,28 @@ public:
     void set(const char* variable, const QString& value);
 
     /// Starts a program. It runs until it ends or the session ends.
-    QProcess& start(const QString& program, const QStringList& arguments = {});
+    QProcess& start(const char* program, const QStringList& arguments = {});
 
     /// Starts the D-Bus service `name` from its service file, and waits until it owns the name.
-    void startService(const QString& name);
+    void startService(const char* name);
 
     /// Runs a program and returns its standard output. Empty if it failed.
-    std::optional<QByteArray> run(const QString& program, const QStringList& arguments);
+    std::optional<QByteArray> run(const char* program, const QStringList& arguments = {});
 
     /// Returns the window with this role ("frame", "dialog") and, if given, this name. Empty if it is not
     /// visible.
-    [[nodiscard]] Accessible window(const QString& role, const QString& name = {}) const;
+    [[nodiscard]] Accessible window(const char* role, const char* name = nullptr) const;
 
     enum class Button { left = 1, right = 3 };
 
     /// Clicks the centre of the rectangle. Returns false if the rectangle is empty or the click fails.
     [[nodiscard]] bool click(const QRect& place, Button button = Button::left);
-    /// Presses keys one after another, for example "Return", "alt+F4".
-    [[nodiscard]] bool press(const QStringList& keys);
+    /// Presses keys one after another, for example "Return" or "shift+F10 Down".
+    [[nodiscard]] bool press(const char* keys);
     [[nodiscard]] bool type(const QString& text);
 
     /// Returns the rectangles of the visible windows of this class, including tray icons and menus.
-    [[nodiscard]] QList<QRect> windows(const QString& ofClass);
+    [[nodiscard]] QList<QRect> windows(const char* ofClass);
     /// Returns the rectangle of an open menu of any program. Empty if there is none. It asks the X server,
     /// because menus without a parent window are not on the accessibility bus.
     [[nodiscard]] QRect openMenu();
@@ -70,7 +70,7 @@ private:
         QRect place;
         bool isUnmanaged;
     };
-    [[nodiscard]] std::vector<XWindow> visibleWindows(const QString& ofClass);
+    [[nodiscard]] std::vector<XWindow> visibleWindows(const char* ofClass);
 
     void startX11();
     void startWayland();
@@ -84,6 +84,9 @@ private:
     std::vector<std::unique_ptr<QProcess>> m_programs;
     QDBusConnection m_accessibilityBus{QString()};
 };
+
+/// Returns the words of a text without quotes, for example the arguments of a command.
+[[nodiscard]] QStringList words(const char* text);
 
 /// Waits until the condition is true. On timeout the test fails with the message, which names the step.
 #define STEP(message, condition)                                                                             \

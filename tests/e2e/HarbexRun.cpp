@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 #include <sys/stat.h>
 
 namespace harbex::test
@@ -12,11 +13,10 @@ namespace harbex::test
 namespace
 {
 
-constexpr int patienceMilliseconds = 30000;
-
-QByteArray contentOf(const QString& name)
+/// Waits until the condition is true. Returns false on timeout.
+bool eventually(const std::function<bool()>& condition)
 {
-    return "The content of " + name.toUtf8();
+    return QTest::qWaitFor(condition, 30000);
 }
 
 std::optional<QByteArray> read(const QString& path)
@@ -38,7 +38,7 @@ HarbexRun::HarbexRun(DesktopSession& session) : m_session(session)
 
 void HarbexRun::start()
 {
-    m_process = &m_session.start(QStringLiteral(HARBEX_PROGRAM));
+    m_process = &m_session.start(HARBEX_PROGRAM);
 }
 
 std::optional<int> HarbexRun::exitStatus()
@@ -54,53 +54,49 @@ void HarbexRun::signal(int number) const
 
 Accessible HarbexRun::window() const
 {
-    return m_session.window(QStringLiteral("frame"), QStringLiteral("Harbex"));
+    return m_session.window("frame", "Harbex");
 }
 
 QList<Accessible> HarbexRun::controls(const char* role, const char* name) const
 {
-    return window().all(QString::fromLatin1(role), QString::fromLatin1(name));
+    return window().all(role, name);
 }
 
 Accessible HarbexRun::control(const char* role, const char* name) const
 {
-    return window().find(QString::fromLatin1(role), QString::fromLatin1(name));
+    return window().find(role, name);
 }
 
 Accessible HarbexRun::dialog() const
 {
-    return m_session.window(QStringLiteral("dialog"));
+    return m_session.window("dialog");
 }
 
 bool HarbexRun::choose(const Accessible& picker, const char* choice) const
 {
-    const QString wanted = QString::fromLatin1(choice);
     Accessible row;
-    const auto isOffered = [&] { return bool(row = picker.find(QStringLiteral("list item"), wanted)); };
-    return picker.press() && QTest::qWaitFor(isOffered, patienceMilliseconds) &&
-           m_session.click(row.extents()) &&
-           QTest::qWaitFor([&] { return picker.text() == wanted; }, patienceMilliseconds);
+    const auto isOffered = [&] { return bool(row = picker.find("list item", choice)); };
+    return picker.press() && eventually(isOffered) && m_session.click(row.extents()) &&
+           eventually([&] { return picker.text() == choice; });
 }
 
 bool HarbexRun::answerDialog(const QString& path) const
 {
-    const auto line = [this] { return dialog().find(QStringLiteral("text"), QStringLiteral("Directory:")); };
-    const auto isReady = [&] { return line().has(Accessible::State::focused); };
-    return QTest::qWaitFor(isReady, patienceMilliseconds) && m_session.type(path) &&
-           QTest::qWaitFor([&] { return line().text() == path; }, patienceMilliseconds) &&
-           m_session.press({QStringLiteral("Return")}) &&
-           QTest::qWaitFor([this] { return !dialog(); }, patienceMilliseconds);
+    const auto line = [this] { return dialog().find("text", "Directory:"); };
+    return eventually([&] { return line().has(Accessible::State::focused); }) && m_session.type(path) &&
+           eventually([&] { return line().text() == path.toUtf8(); }) && m_session.press("Return") &&
+           eventually([this] { return !dialog(); });
 }
 
 bool HarbexRun::chooseFromMenu(const QRect& icon, MenuItem item, DesktopSession::Button button) const
 {
     QRect menu;
     const auto isOpen = [&] { return !(menu = m_session.openMenu()).isEmpty(); };
-    if (!m_session.click(icon, button) || !QTest::qWaitFor(isOpen, patienceMilliseconds)) return false;
+    if (!m_session.click(icon, button) || !eventually(isOpen)) return false;
     // "Open Harbex" is in the upper half of the menu, "Quit" in the lower half.
     QRect row(menu.topLeft(), QSize(menu.width(), menu.height() / 2));
     if (item == MenuItem::quit) row.translate(0, row.height());
-    return m_session.click(row) && QTest::qWaitFor([&] { return !isOpen(); }, patienceMilliseconds);
+    return m_session.click(row) && eventually([&] { return !isOpen(); });
 }
 
 bool HarbexRun::tabTo(const Accessible& control) const
@@ -110,8 +106,7 @@ bool HarbexRun::tabTo(const Accessible& control) const
         const Accessible former = focused();
         if (former == control) return true;
         const auto hasMoved = [&] { return focused() && focused() != former; };
-        if (!m_session.press({QStringLiteral("Tab")}) || !QTest::qWaitFor(hasMoved, patienceMilliseconds))
-            return false;
+        if (!m_session.press("Tab") || !eventually(hasMoved)) return false;
     }
     return false;
 }
@@ -120,15 +115,14 @@ Accessible HarbexRun::focused() const
 {
     // The current row of a list reports focus even when another control has it.
     return window().find([](const Accessible& each) {
-        return each.has(Accessible::State::focused) && each.role() != QLatin1String("list item");
+        return each.has(Accessible::State::focused) && each.role() != "list item";
     });
 }
 
 bool HarbexRun::closeWindow() const
 {
-    const auto isActive = [this] { return window().has(Accessible::State::active); };
-    return QTest::qWaitFor(isActive, patienceMilliseconds) && m_session.press({QStringLiteral("alt+F4")}) &&
-           QTest::qWaitFor([this] { return !window(); }, patienceMilliseconds);
+    return eventually([this] { return isInFront(); }) && m_session.press("alt+F4") &&
+           eventually([this] { return !window(); });
 }
 
 bool HarbexRun::watches(const QString& folder) const
@@ -136,7 +130,7 @@ bool HarbexRun::watches(const QString& folder) const
     struct stat status = {};
     if (::stat(folder.toUtf8().constData(), &status) != 0) return false;
     const QByteArray inode = " ino:" + QByteArray::number(qulonglong(status.st_ino), 16) + ' ';
-    const QDir descriptors(QStringLiteral("/proc/%1/fdinfo").arg(processId()));
+    const QDir descriptors(QStringLiteral("/proc/%1/fdinfo").arg(m_process->processId()));
     const QStringList names = descriptors.entryList(QDir::Files);
     return std::ranges::any_of(names, [&](const QString& name) {
         const QByteArray lines = read(descriptors.filePath(name)).value_or(QByteArray());
@@ -144,16 +138,17 @@ bool HarbexRun::watches(const QString& folder) const
     });
 }
 
-bool HarbexRun::drop(const QString& name) const
+bool HarbexRun::drop(const char* name) const
 {
-    QFile file(inbox() + u'/' + name + QStringLiteral(".part"));
-    return file.open(QIODevice::WriteOnly) && file.write(contentOf(name)) > 0 && file.flush() &&
-           file.rename(inbox() + u'/' + name);
+    const QString path = inbox() + u'/' + QLatin1String(name);
+    QFile file(path + QStringLiteral(".part"));
+    return file.open(QIODevice::WriteOnly) && file.write(name) > 0 && file.flush() && file.rename(path);
 }
 
-bool HarbexRun::wasMoved(const QString& name) const
+bool HarbexRun::wasMoved(const char* name) const
 {
-    return read(sorted() + u'/' + name) == contentOf(name) && !QFile::exists(inbox() + u'/' + name);
+    return read(sorted() + u'/' + QLatin1String(name)) == name &&
+           !QFile::exists(inbox() + u'/' + QLatin1String(name));
 }
 
 void HarbexRun::storeRuleForAll() const

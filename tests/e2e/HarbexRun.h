@@ -29,13 +29,14 @@ public:
     /// Returns the exit status. Empty if the program is still running or was killed.
     [[nodiscard]] std::optional<int> exitStatus();
     void signal(int number) const;
-    [[nodiscard]] qint64 processId() const { return m_process->processId(); }
 
     [[nodiscard]] static QString inbox() { return QDir::home().filePath(QStringLiteral("Inbox")); }
     [[nodiscard]] static QString sorted() { return QDir::home().filePath(QStringLiteral("Sorted")); }
 
     /// Returns the main window. Empty while it is closed.
     [[nodiscard]] Accessible window() const;
+    /// Returns whether the main window is open and in front of the other windows.
+    [[nodiscard]] bool isInFront() const { return window().has(Accessible::State::active); }
     /// Returns the visible controls of the main window with this role and name, or the first of them.
     [[nodiscard]] QList<Accessible> controls(const char* role, const char* name) const;
     [[nodiscard]] Accessible control(const char* role, const char* name) const;
@@ -65,9 +66,9 @@ public:
     [[nodiscard]] bool watches(const QString& folder) const;
 
     /// Puts a file into the inbox like a download: writes "NAME.part", then renames it to NAME.
-    [[nodiscard]] bool drop(const QString& name) const;
+    [[nodiscard]] bool drop(const char* name) const;
     /// Returns whether the file is in "Sorted" with its content, and no longer in the inbox.
-    [[nodiscard]] bool wasMoved(const QString& name) const;
+    [[nodiscard]] bool wasMoved(const char* name) const;
 
     /// Stores one rule for the inbox that moves everything to "Sorted".
     void storeRuleForAll() const;

@@ -9,15 +9,6 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// The installed desktop file, used as a desktop's menu uses it.
-class TestDesktopFile : public QObject
-{
-    Q_OBJECT
-
-private Q_SLOTS:
-    void launchingOpensTheWindowAndTheQuitActionEndsTheProgram();
-};
-
 namespace
 {
 
@@ -32,38 +23,41 @@ QStringList commandOf(const QString& group)
 
 } // namespace
 
-void TestDesktopFile::launchingOpensTheWindowAndTheQuitActionEndsTheProgram()
+/// The installed desktop file, used as a desktop's menu uses it.
+class TestDesktopFile : public QObject
 {
-    DesktopSession desktop;
-    const QDir applications(qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/applications"));
-    const QString name = QStringLiteral("org.harbex.Harbex.desktop");
-    QVERIFY(applications.mkpath(QStringLiteral(".")));
-    QVERIFY2(QFile::copy(QStringLiteral(HARBEX_PACKAGING "/") + name, applications.filePath(name)),
-             "the desktop file is installed");
+    Q_OBJECT
 
-    // Desktops ignore desktop files whose TryExec program is not in PATH.
-    desktop.set("PATH",
-                QFileInfo(QStringLiteral(HARBEX_PROGRAM)).path() + u':' + qEnvironmentVariable("PATH"));
-    QCOMPARE(desktop.run(QStringLiteral("gapplication"),
-                         {QStringLiteral("list-actions"), QStringLiteral("org.harbex.Harbex")}),
-             "quit\n");
+private Q_SLOTS:
+    void launchingOpensTheWindowAndTheQuitActionEndsTheProgram()
+    {
+        DesktopSession desktop;
+        const QDir applications(qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/applications"));
+        const QString name = QStringLiteral("org.harbex.Harbex.desktop");
+        QVERIFY(applications.mkpath(QStringLiteral(".")));
+        QVERIFY2(QFile::copy(QStringLiteral(HARBEX_PACKAGING "/") + name, applications.filePath(name)),
+                 "the desktop file is installed");
 
-    HarbexRun harbex(desktop);
-    harbex.start();
-    STEP("the window opens at the start", harbex.window().has(Accessible::State::active));
-    QVERIFY2(harbex.closeWindow(), "the window closes");
-    QVERIFY2(desktop.run(QStringLiteral("gapplication"),
-                         {QStringLiteral("launch"), QStringLiteral("org.harbex.Harbex")}),
-             "the desktop can launch the program");
-    STEP("launching opens the window of the one that runs, in front",
-         harbex.window().has(Accessible::State::active));
+        // Desktops ignore desktop files whose TryExec program is not in PATH.
+        desktop.set("PATH",
+                    QFileInfo(QStringLiteral(HARBEX_PROGRAM)).path() + u':' + qEnvironmentVariable("PATH"));
+        QCOMPARE(desktop.run("gapplication", words("list-actions org.harbex.Harbex")), "quit\n");
 
-    QStringList command = commandOf(QStringLiteral("Desktop Action quit"));
-    QVERIFY2(!command.isEmpty(), "the desktop file has the action");
-    const QString program = command.takeFirst();
-    QVERIFY2(desktop.run(program, command), "the command of the action works");
-    STEP("the action ends the program with status 0", harbex.exitStatus() == 0);
-}
+        HarbexRun harbex(desktop);
+        harbex.start();
+        STEP("the window opens at the start", harbex.isInFront());
+        QVERIFY2(harbex.closeWindow(), "the window closes");
+        QVERIFY2(desktop.run("gapplication", words("launch org.harbex.Harbex")),
+                 "the desktop can launch the program");
+        STEP("launching opens the window of the one that runs, in front", harbex.isInFront());
 
-HARBEX_TEST_MAIN(TestDesktopFile)
+        QStringList command = commandOf(QStringLiteral("Desktop Action quit"));
+        QVERIFY2(!command.isEmpty(), "the desktop file has the action");
+        const QByteArray program = command.takeFirst().toUtf8();
+        QVERIFY2(desktop.run(program, command), "the command of the action works");
+        STEP("the action ends the program with status 0", harbex.exitStatus() == 0);
+    }
+};
+
+HARBEX_TEST(TestDesktopFile)
 #include "tst_DesktopFile.moc"

@@ -12,111 +12,104 @@ class TestFolderDialogs : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses_data();
-    void theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses();
-    void theProgramEndsBehindAnOpenDialogWithoutSaving_data();
-    void theProgramEndsBehindAnOpenDialogWithoutSaving();
+    void theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses_data()
+    {
+        QTest::addColumn<QString>("platformTheme");
+        QTest::newRow("GTK's own") << QStringLiteral("gtk3");
+        QTest::newRow("the portal's") << QStringLiteral("xdgdesktopportal");
+    }
+
+    void theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses()
+    {
+        QFETCH(const QString, platformTheme);
+        DesktopSession desktop;
+        if (platformTheme == QLatin1String("xdgdesktopportal")) {
+            desktop.set("XDG_CURRENT_DESKTOP", QStringLiteral("GNOME"));
+            desktop.startService("org.freedesktop.impl.portal.desktop.gtk");
+            desktop.startService("org.freedesktop.portal.Desktop");
+        }
+        desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
+        // GTK keeps memory until exit, which the sanitizer would report.
+        desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+        HarbexRun harbex(desktop);
+        harbex.start();
+        const auto dialog = [&] { return desktop.window("file chooser"); };
+
+        STEP("the window opens", harbex.isInFront());
+        QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
+                 "a click on \"Add Folder\"");
+        STEP("the desktop's dialog opens", dialog().has(Accessible::State::active));
+        STEP("it has the confirm text", dialog().find("push button", "Select Focus Folder"));
+        QVERIFY2(desktop.press("Escape"), "Escape");
+        STEP("the dialog is gone", !dialog());
+        STEP("the window has the keyboard again", harbex.focused());
+        QVERIFY2(harbex.control("label", "Select a folder from the sidebar"), "there is no folder");
+
+        // The test uses the mouse here. On a busy machine openbox sometimes leaves the focus unset, if the
+        // window of another program's dialog closes after our window has requested the focus.
+        QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
+                 "another click on \"Add Folder\"");
+        STEP("the dialog opens again", dialog().has(Accessible::State::active));
+        const auto line = [&] { return dialog().find("text"); };
+        QVERIFY2(desktop.press("slash"), "a path is begun");
+        STEP("the dialog shows a line for it",
+             line().has(Accessible::State::focused) && line().text() == "/");
+        QVERIFY2(desktop.type(HarbexRun::inbox().mid(1)), "the rest of the path is typed");
+        STEP("the dialog has taken it", line().text().startsWith(HarbexRun::inbox().toUtf8()));
+        QVERIFY2(desktop.press("Return"), "Return");
+        STEP("the dialog is gone after Return", !dialog());
+        STEP("the folder is in the list", harbex.control("list item", "Inbox"));
+        QVERIFY2(harbex.closeWindow(), "the window closes");
+        const FolderState stored = HarbexRun::stored();
+        QCOMPARE(stored.folders.size(), 1U);
+        QCOMPARE(stored.folders[0].url.path(), HarbexRun::inbox().toStdString());
+        harbex.signal(SIGTERM);
+        STEP("the program ends with status 0", harbex.exitStatus() == 0);
+    }
+
+    void theProgramEndsBehindAnOpenDialogWithoutSaving_data()
+    {
+        QTest::addColumn<QString>("platformTheme");
+        QTest::addColumn<QByteArray>("role");
+        QTest::addColumn<bool>("isByBus");
+        for (const bool isByBus : {false, true}) {
+            const char* way = isByBus ? "the bus" : "SIGTERM";
+            QTest::addRow("Qt's own, %s", way) << QString() << QByteArray("dialog") << isByBus;
+            QTest::addRow("GTK's own, %s", way)
+                << QStringLiteral("gtk3") << QByteArray("file chooser") << isByBus;
+        }
+    }
+
+    void theProgramEndsBehindAnOpenDialogWithoutSaving()
+    {
+        QFETCH(const QString, platformTheme);
+        QFETCH(const QByteArray, role);
+        QFETCH(const bool, isByBus);
+        DesktopSession desktop;
+        desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
+        desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+        HarbexRun harbex(desktop);
+        harbex.storeRuleForAll();
+        harbex.start();
+        STEP("the window opens", harbex.isInFront());
+        QVERIFY2(desktop.click(harbex.control("text", "Value").extents()), "a click into the value");
+        QVERIFY2(desktop.type(QStringLiteral("unsaved")), "an edit that is not saved");
+        STEP("it is there", harbex.control("text", "Value").text() == "unsaved");
+        QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
+                 "a click on \"Add Folder\"");
+        STEP("the dialog opens", desktop.window(role).has(Accessible::State::active));
+        if (isByBus) {
+            QVERIFY2(desktop.run("gapplication", words("action org.harbex.Harbex quit")),
+                     "the bus takes \"quit\"");
+        } else {
+            harbex.signal(SIGTERM);
+        }
+        STEP("the program ends with status 0", harbex.exitStatus() == 0);
+        const FolderState stored = HarbexRun::stored();
+        QCOMPARE(stored.folders.size(), 1U);
+        QCOMPARE(stored.folders[0].rules[0].value, QString());
+    }
 };
 
-void TestFolderDialogs::theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses_data()
-{
-    QTest::addColumn<QString>("platformTheme");
-    QTest::newRow("GTK's own") << QStringLiteral("gtk3");
-    QTest::newRow("the portal's") << QStringLiteral("xdgdesktopportal");
-}
-
-void TestFolderDialogs::theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses()
-{
-    QFETCH(const QString, platformTheme);
-    DesktopSession desktop;
-    if (platformTheme == QLatin1String("xdgdesktopportal")) {
-        desktop.set("XDG_CURRENT_DESKTOP", QStringLiteral("GNOME"));
-        desktop.startService(QStringLiteral("org.freedesktop.impl.portal.desktop.gtk"));
-        desktop.startService(QStringLiteral("org.freedesktop.portal.Desktop"));
-    }
-    desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
-    // GTK keeps memory until exit, which the sanitizer would report.
-    desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
-    HarbexRun harbex(desktop);
-    harbex.start();
-    const auto dialog = [&] { return desktop.window(QStringLiteral("file chooser")); };
-
-    STEP("the window opens", harbex.window().has(Accessible::State::active));
-    QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
-             "a click on \"Add Folder\"");
-    STEP("the desktop's dialog opens", dialog().has(Accessible::State::active));
-    STEP("it has the confirm text",
-         dialog().find(QStringLiteral("push button"), QStringLiteral("Select Focus Folder")));
-    QVERIFY2(desktop.press({QStringLiteral("Escape")}), "Escape");
-    STEP("the dialog is gone", !dialog());
-    STEP("the window has the keyboard again", harbex.focused());
-    QVERIFY2(harbex.control("label", "Select a folder from the sidebar"), "there is no folder");
-
-    // The test uses the mouse here. On a busy machine openbox sometimes leaves the focus unset, if the window
-    // of another program's dialog closes after our window has requested the focus.
-    QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
-             "another click on \"Add Folder\"");
-    STEP("the dialog opens again", dialog().has(Accessible::State::active));
-    const auto line = [&] { return dialog().find(QStringLiteral("text")); };
-    QVERIFY2(desktop.press({QStringLiteral("slash")}), "a path is begun");
-    STEP("the dialog shows a line for it", line().has(Accessible::State::focused) && line().text() == u'/');
-    QVERIFY2(desktop.type(HarbexRun::inbox().mid(1)), "the rest of the path is typed");
-    STEP("the dialog has taken it", line().text().startsWith(HarbexRun::inbox()));
-    QVERIFY2(desktop.press({QStringLiteral("Return")}), "Return");
-    STEP("the dialog is gone after Return", !dialog());
-    STEP("the folder is in the list", harbex.control("list item", "Inbox"));
-    QVERIFY2(harbex.closeWindow(), "the window closes");
-    const FolderState stored = HarbexRun::stored();
-    QCOMPARE(stored.folders.size(), 1U);
-    QCOMPARE(stored.folders[0].url.path(), HarbexRun::inbox().toStdString());
-    harbex.signal(SIGTERM);
-    STEP("the program ends with status 0", harbex.exitStatus() == 0);
-}
-
-void TestFolderDialogs::theProgramEndsBehindAnOpenDialogWithoutSaving_data()
-{
-    QTest::addColumn<QString>("platformTheme");
-    QTest::addColumn<QString>("role");
-    QTest::addColumn<bool>("isByBus");
-    for (const bool isByBus : {false, true}) {
-        const char* way = isByBus ? "the bus" : "SIGTERM";
-        QTest::addRow("Qt's own, %s", way) << QString() << QStringLiteral("dialog") << isByBus;
-        QTest::addRow("GTK's own, %s", way)
-            << QStringLiteral("gtk3") << QStringLiteral("file chooser") << isByBus;
-    }
-}
-
-void TestFolderDialogs::theProgramEndsBehindAnOpenDialogWithoutSaving()
-{
-    QFETCH(const QString, platformTheme);
-    QFETCH(const QString, role);
-    QFETCH(const bool, isByBus);
-    DesktopSession desktop;
-    desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
-    desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
-    HarbexRun harbex(desktop);
-    harbex.storeRuleForAll();
-    harbex.start();
-    STEP("the window opens", harbex.window().has(Accessible::State::active));
-    QVERIFY2(desktop.click(harbex.control("text", "Value").extents()), "a click into the value");
-    QVERIFY2(desktop.type(QStringLiteral("unsaved")), "an edit that is not saved");
-    STEP("it is there", harbex.control("text", "Value").text() == QLatin1String("unsaved"));
-    QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
-             "a click on \"Add Folder\"");
-    STEP("the dialog opens", desktop.window(role).has(Accessible::State::active));
-    if (isByBus) {
-        QVERIFY2(desktop.run(
-                     QStringLiteral("gapplication"),
-                     {QStringLiteral("action"), QStringLiteral("org.harbex.Harbex"), QStringLiteral("quit")}),
-                 "the bus takes \"quit\"");
-    } else {
-        harbex.signal(SIGTERM);
-    }
-    STEP("the program ends with status 0", harbex.exitStatus() == 0);
-    const FolderState stored = HarbexRun::stored();
-    QCOMPARE(stored.folders.size(), 1U);
-    QCOMPARE(stored.folders[0].rules[0].value, QString());
-}
-
-HARBEX_TEST_MAIN(TestFolderDialogs)
+HARBEX_TEST(TestFolderDialogs)
 #include "tst_FolderDialogs.moc"

@@ -12,81 +12,79 @@ class TestKeyboardAlone : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void everythingCanBeDone();
+    void everythingCanBeDone()
+    {
+        DesktopSession desktop;
+        HarbexRun harbex(desktop);
+        harbex.start();
+        const auto focusIsOn = [&](const Accessible& control) {
+            return control.has(Accessible::State::focused);
+        };
+
+        STEP("\"Add Folder\" has the focus in an empty window",
+             focusIsOn(harbex.control("push button", "Add Folder")));
+        QVERIFY2(desktop.press("space"), "space");
+        QVERIFY2(harbex.answerDialog(HarbexRun::inbox()), "the folder dialog takes a path that is typed");
+        STEP("the folder is in the list", harbex.control("list item", "Inbox"));
+        STEP("the window has the keyboard again", harbex.focused());
+
+        const Accessible field = harbex.control("combo box", "Field");
+        QVERIFY2(harbex.tabTo(field), "Tab reaches the field");
+        QVERIFY2(desktop.press("Down"), "Down");
+        STEP("the field becomes Extension", field.text() == "Extension");
+        const Accessible operatorType = harbex.control("combo box", "Operator");
+        QVERIFY2(desktop.press("Tab"), "Tab");
+        STEP("Tab goes on to the operator", focusIsOn(operatorType));
+        QVERIFY2(desktop.press("Down"), "Down");
+        STEP("the operator becomes \"is\"", operatorType.text() == "is");
+        const Accessible value = harbex.control("text", "Value");
+        QVERIFY2(desktop.press("Tab"), "Tab");
+        STEP("Tab goes on to the value", focusIsOn(value));
+        QVERIFY2(desktop.type(QStringLiteral("pdf")) && desktop.press("Return"), "a value is typed");
+        STEP("the value is there", value.text() == "pdf");
+
+        const Accessible destination = harbex.control("push button", "Select destination...");
+        QVERIFY2(desktop.press("Tab"), "Tab");
+        STEP("Tab goes on to the destination", focusIsOn(destination));
+        QVERIFY2(desktop.press("space"), "space");
+        QVERIFY2(harbex.answerDialog(HarbexRun::sorted()), "the folder dialog takes the destination");
+        STEP("the rule shows its destination", destination.description() == "~/Sorted");
+        STEP("the destination has the keyboard again", focusIsOn(destination));
+
+        QVERIFY2(harbex.tabTo(harbex.control("push button", "Add Rule")), "Tab reaches \"Add Rule\"");
+        QVERIFY2(desktop.press("space"), "space");
+        STEP("there is a second rule", harbex.controls("combo box", "Field").size() == 2);
+        QVERIFY2(harbex.tabTo(harbex.controls("push button", "Delete").value(1)),
+                 "Tab reaches the deletion of it");
+        QVERIFY2(desktop.press("space"), "space");
+        STEP("there is one rule", harbex.controls("combo box", "Field").size() == 1);
+        STEP("the deletion of the rule that is left has the focus",
+             focusIsOn(harbex.control("push button", "Delete")));
+
+        QVERIFY2(harbex.closeWindow(), "Alt+F4 closes the window");
+        QVERIFY2(harbex.drop("report.pdf"), "a file arrives");
+        STEP("it is moved", harbex.wasMoved("report.pdf"));
+        const FolderState stored = HarbexRun::stored();
+        QCOMPARE(stored.folders.size(), 1U);
+        QCOMPARE(stored.folders[0].url.path(), HarbexRun::inbox().toStdString());
+        QCOMPARE(stored.folders[0].rules.size(), 1U);
+        const FilterRule& rule = stored.folders[0].rules[0];
+        QVERIFY(rule.field == RuleField::fileExtension && rule.operatorType == RuleOperator::isEqual);
+        QCOMPARE(rule.value, QStringLiteral("pdf"));
+        QCOMPARE(rule.destination->path(), HarbexRun::sorted().toStdString());
+
+        QVERIFY2(desktop.run(HARBEX_PROGRAM), "a second start ends in order");
+        STEP("it opens the window of the first, in front", harbex.isInFront());
+        QVERIFY2(harbex.tabTo(harbex.control("list", "Folders")), "Tab reaches the folders");
+        QVERIFY2(desktop.press("shift+F10"), "Shift+F10");
+        STEP("the row's menu opens", !desktop.openMenu().isEmpty());
+        QVERIFY2(desktop.press("Down Return"), "the menu's one item");
+        STEP("the folder is deleted", harbex.control("label", "Select a folder from the sidebar"));
+        STEP("the deletion is stored", HarbexRun::stored().folders.empty());
+        harbex.signal(SIGTERM);
+        STEP("the program ends with status 0", harbex.exitStatus() == 0);
+    }
 };
 
-void TestKeyboardAlone::everythingCanBeDone()
-{
-    DesktopSession desktop;
-    HarbexRun harbex(desktop);
-    harbex.start();
-    const auto press = [&](const char* key) { return desktop.press({QString::fromLatin1(key)}); };
-    const auto text = [](const Accessible& control) { return control.text(); };
-    const auto focusIsOn = [&](const Accessible& control) { return control.has(Accessible::State::focused); };
-
-    STEP("\"Add Folder\" has the focus in an empty window",
-         focusIsOn(harbex.control("push button", "Add Folder")));
-    QVERIFY2(press("space"), "space");
-    QVERIFY2(harbex.answerDialog(HarbexRun::inbox()), "the folder dialog takes a path that is typed");
-    STEP("the folder is in the list", harbex.control("list item", "Inbox"));
-    STEP("the window has the keyboard again", harbex.focused());
-
-    const Accessible field = harbex.control("combo box", "Field");
-    QVERIFY2(harbex.tabTo(field), "Tab reaches the field");
-    QVERIFY2(press("Down"), "Down");
-    STEP("the field becomes Extension", text(field) == QLatin1String("Extension"));
-    const Accessible operatorType = harbex.control("combo box", "Operator");
-    QVERIFY2(press("Tab"), "Tab");
-    STEP("Tab goes on to the operator", focusIsOn(operatorType));
-    QVERIFY2(press("Down"), "Down");
-    STEP("the operator becomes \"is\"", text(operatorType) == QLatin1String("is"));
-    const Accessible value = harbex.control("text", "Value");
-    QVERIFY2(press("Tab"), "Tab");
-    STEP("Tab goes on to the value", focusIsOn(value));
-    QVERIFY2(desktop.type(QStringLiteral("pdf")) && press("Return"), "a value is typed");
-    STEP("the value is there", text(value) == QLatin1String("pdf"));
-
-    const Accessible destination = harbex.control("push button", "Select destination...");
-    QVERIFY2(press("Tab"), "Tab");
-    STEP("Tab goes on to the destination", focusIsOn(destination));
-    QVERIFY2(press("space"), "space");
-    QVERIFY2(harbex.answerDialog(HarbexRun::sorted()), "the folder dialog takes the destination");
-    STEP("the rule shows its destination", destination.description() == QLatin1String("~/Sorted"));
-    STEP("the destination has the keyboard again", focusIsOn(destination));
-
-    QVERIFY2(harbex.tabTo(harbex.control("push button", "Add Rule")), "Tab reaches \"Add Rule\"");
-    QVERIFY2(press("space"), "space");
-    STEP("there is a second rule", harbex.controls("combo box", "Field").size() == 2);
-    QVERIFY2(harbex.tabTo(harbex.controls("push button", "Delete").value(1)),
-             "Tab reaches the deletion of it");
-    QVERIFY2(press("space"), "space");
-    STEP("there is one rule", harbex.controls("combo box", "Field").size() == 1);
-    STEP("the deletion of the rule that is left has the focus",
-         focusIsOn(harbex.control("push button", "Delete")));
-
-    QVERIFY2(harbex.closeWindow(), "Alt+F4 closes the window");
-    QVERIFY2(harbex.drop(QStringLiteral("report.pdf")), "a file arrives");
-    STEP("it is moved", harbex.wasMoved(QStringLiteral("report.pdf")));
-    const FolderState stored = HarbexRun::stored();
-    QCOMPARE(stored.folders.size(), 1U);
-    QCOMPARE(stored.folders[0].url.path(), HarbexRun::inbox().toStdString());
-    QCOMPARE(stored.folders[0].rules.size(), 1U);
-    const FilterRule& rule = stored.folders[0].rules[0];
-    QVERIFY(rule.field == RuleField::fileExtension && rule.operatorType == RuleOperator::isEqual);
-    QCOMPARE(rule.value, QStringLiteral("pdf"));
-    QCOMPARE(rule.destination->path(), HarbexRun::sorted().toStdString());
-
-    QVERIFY2(desktop.run(QStringLiteral(HARBEX_PROGRAM), {}), "a second start ends in order");
-    STEP("it opens the window of the first, in front", harbex.window().has(Accessible::State::active));
-    QVERIFY2(harbex.tabTo(harbex.control("list", "Folders")), "Tab reaches the folders");
-    QVERIFY2(press("shift+F10"), "Shift+F10");
-    STEP("the row's menu opens", !desktop.openMenu().isEmpty());
-    QVERIFY2(press("Down") && press("Return"), "the menu's one item");
-    STEP("the folder is deleted", harbex.control("label", "Select a folder from the sidebar"));
-    STEP("the deletion is stored", HarbexRun::stored().folders.empty());
-    harbex.signal(SIGTERM);
-    STEP("the program ends with status 0", harbex.exitStatus() == 0);
-}
-
-HARBEX_TEST_MAIN(TestKeyboardAlone)
+HARBEX_TEST(TestKeyboardAlone)
 #include "tst_KeyboardAlone.moc"

@@ -40,15 +40,15 @@ public:
                                                               "[statusnotifier]\n"
                                                               "type=statusnotifier\n"
                                                               "alignment=Right\n");
-        m_desktop.start(QStringLiteral("lxqt-panel"));
+        m_desktop.start("lxqt-panel");
     }
 
     [[nodiscard]] QRect icon() const
     {
         // LXQt 1 gives its panel the role "frame", LXQt 2 the role "panel".
-        for (const auto& role : {QStringLiteral("frame"), QStringLiteral("panel")}) {
-            const Accessible panel = m_desktop.window(role, QStringLiteral("LXQt Panel"));
-            if (panel) return panel.find(QStringLiteral("push button")).extents();
+        for (const char* role : {"frame", "panel"}) {
+            const Accessible panel = m_desktop.window(role, "LXQt Panel");
+            if (panel) return panel.find("push button").extents();
         }
         return {};
     }
@@ -80,8 +80,8 @@ void startXfcePanel(DesktopSession& desktop)
             <property name="plugin-1" type="string" value="systray"/>
           </property>
         </channel>)");
-    desktop.startService(QStringLiteral("org.xfce.Xfconf"));
-    desktop.start(QStringLiteral("xfce4-panel"));
+    desktop.startService("org.xfce.Xfconf");
+    desktop.start("xfce4-panel");
 }
 
 } // namespace
@@ -92,123 +92,122 @@ class TestStatusNotifierPanel : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void aPersonsFirstDay();
-    void aPanelThatStartsLaterGetsTheIconAndDrawsTheMenuItself();
+    /// From the first start to quitting, with the mouse and the accessibility bus.
+    void aPersonsFirstDay()
+    {
+        DesktopSession desktop;
+        const LxqtPanel panel(desktop);
+        HarbexRun harbex(desktop);
+        harbex.start();
+        STEP("the window opens at the start", harbex.window());
+        STEP("the panel draws the icon", desktop.countColours(panel.icon()) > 4);
+        // In Qt 6.8 the first click into a menu closes it, unless the pointer has been in a window of the
+        // program before or has reached the menu in many small steps.
+        QVERIFY2(desktop.click(harbex.window().extents()), "a click into the window");
+        QVERIFY2(harbex.closeWindow(), "the window closes");
+        QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::open),
+                 "a click on the icon opens the menu, which has \"Open Harbex\"");
+        STEP("\"Open Harbex\" opens the window, in front", harbex.isInFront());
+
+        QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
+                 "a click on \"Add Folder\"");
+        STEP("the folder dialog opens with the confirm text",
+             harbex.dialog().find("push button", "Select Focus Folder"));
+        QVERIFY2(harbex.answerDialog(harbex.inbox()), "the folder dialog takes a path that is typed");
+        STEP("the folder is in the list and selected",
+             harbex.control("list item", "Inbox").has(Accessible::State::selected));
+        STEP("it has one rule", harbex.controls("combo box", "Field").size() == 1);
+        STEP("the folder is watched", harbex.watches(harbex.inbox()));
+
+        QVERIFY2(harbex.choose(harbex.control("combo box", "Field"), "Extension"),
+                 "the field becomes Extension");
+        QVERIFY2(harbex.choose(harbex.control("combo box", "Operator"), "is"), "the operator becomes \"is\"");
+        QVERIFY2(harbex.control("push button", "Select destination...").press(), "the destination's button");
+        QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes the destination");
+        STEP("the rule shows its destination",
+             harbex.control("push button", "Select destination...").description() == "~/Sorted");
+
+        const Accessible value = harbex.control("text", "Value");
+        QVERIFY2(value.setText(QStringLiteral("pdf")), "the value can be written");
+        QVERIFY2(harbex.drop("early.pdf") && harbex.drop("plain"), "two files arrive");
+        STEP("before Return the rule is still the one without a value",
+             harbex.wasMoved("plain") && QFile::exists(harbex.inbox() + QStringLiteral("/early.pdf")));
+        QVERIFY2(value.takeFocus(), "the value can be given the focus");
+        STEP("the value has the focus", value.has(Accessible::State::focused));
+        QVERIFY2(desktop.press("Return"), "Return");
+        QVERIFY2(harbex.drop("report.pdf"), "a file arrives");
+        STEP("after Return the rule has the value", harbex.wasMoved("report.pdf"));
+
+        QVERIFY2(harbex.control("push button", "Add Rule").press(), "\"Add Rule\"");
+        STEP("there is a second rule", harbex.controls("combo box", "Field").size() == 2);
+        QVERIFY2(harbex.choose(harbex.controls("combo box", "Field").at(1), "Kind"),
+                 "its field becomes Kind");
+        STEP("it shows the picker of kinds", harbex.control("combo box", "Kind"));
+        QVERIFY2(harbex.choose(harbex.control("combo box", "Kind"), "Audio"), "its kind becomes Audio");
+        QVERIFY2(harbex.controls("push button", "Select destination...").at(1).press(),
+                 "its destination's button");
+        QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes its destination");
+        STEP("it shows its destination",
+             harbex.controls("push button", "Select destination...").value(1).description() == "~/Sorted");
+
+        QVERIFY2(harbex.closeWindow(), "the window closes after the edits");
+        QVERIFY2(harbex.drop("song.mp3"), "a file arrives while the window is closed");
+        STEP("it is moved while the window is closed", harbex.wasMoved("song.mp3"));
+        QVERIFY2(!harbex.window(), "the window has stayed closed");
+
+        QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::open), "\"Open Harbex\" once more");
+        STEP("the window shows the rules again", harbex.controls("combo box", "Field").size() == 2);
+        QVERIFY2(harbex.control("text", "Value").setText(QStringLiteral("lost")),
+                 "an edit that nothing saves");
+        QVERIFY2(
+            harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::quit, DesktopSession::Button::right),
+            "\"Quit\" is in the menu that a right click opens");
+        STEP("the program ends with status 0", harbex.exitStatus() == 0);
+
+        const FolderState stored = HarbexRun::stored();
+        QCOMPARE(stored.folders.size(), 1U);
+        const WatchedFolder& folder = stored.folders.front();
+        QCOMPARE(stored.selectedFolderID, folder.id);
+        QCOMPARE(folder.url.path(), harbex.inbox().toStdString());
+        QCOMPARE(folder.bookmarkData, *createBookmark(harbex.inbox().toStdString()));
+        QCOMPARE(folder.rules.size(), 2U);
+        FilterRule first;
+        first.id = folder.rules[0].id;
+        first.field = RuleField::fileExtension;
+        first.operatorType = RuleOperator::isEqual;
+        first.value = QStringLiteral("pdf");
+        first.destination = FileUrl::fromPath(HarbexRun::sorted().toStdString());
+        first.destinationBookmarkData = *createBookmark(HarbexRun::sorted().toStdString());
+        FilterRule second = first;
+        second.id = folder.rules[1].id;
+        second.field = RuleField::kind;
+        second.operatorType = RuleOperator::contains;
+        second.value.clear();
+        second.kind = RuleKind::audio;
+        QVERIFY2(folder.rules[0] == first, "the first rule is stored as it was made");
+        QVERIFY2(folder.rules[1] == second, "the second rule is stored as it was made");
+        QVERIFY(first.id != second.id);
+    }
+
+    void aPanelThatStartsLaterGetsTheIconAndDrawsTheMenuItself()
+    {
+        DesktopSession desktop;
+        HarbexRun harbex(desktop);
+        harbex.start();
+        STEP("the window opens without a panel", harbex.isInFront());
+        QVERIFY2(harbex.closeWindow(), "the window closes");
+
+        startXfcePanel(desktop);
+        // In this panel the icons have their own window.
+        const auto icon = [&] { return desktop.windows("wrapper-2.0").value(0); };
+        STEP("the panel draws the icon", desktop.countColours(icon()) > 4);
+        QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::open),
+                 "a click on the icon opens the menu");
+        STEP("\"Open Harbex\" opens the window, in front", harbex.isInFront());
+        QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::quit), "\"Quit\" is in the menu");
+        STEP("the program ends with status 0", harbex.exitStatus() == 0);
+    }
 };
 
-/// From the first start to quitting, with the mouse and the accessibility bus.
-void TestStatusNotifierPanel::aPersonsFirstDay()
-{
-    DesktopSession desktop;
-    const LxqtPanel panel(desktop);
-    HarbexRun harbex(desktop);
-    harbex.start();
-    STEP("the window opens at the start", harbex.window());
-    STEP("the panel draws the icon", desktop.countColours(panel.icon()) > 4);
-    // In Qt 6.8 the first click into a menu closes it, unless the pointer has been in a window of the program
-    // before or has reached the menu in many small steps.
-    QVERIFY2(desktop.click(harbex.window().extents()), "a click into the window");
-    QVERIFY2(harbex.closeWindow(), "the window closes");
-    QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::open),
-             "a click on the icon opens the menu, which has \"Open Harbex\"");
-    STEP("\"Open Harbex\" opens the window, in front", harbex.window().has(Accessible::State::active));
-
-    QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
-             "a click on \"Add Folder\"");
-    STEP("the folder dialog opens with the confirm text",
-         harbex.dialog().find(QStringLiteral("push button"), QStringLiteral("Select Focus Folder")));
-    QVERIFY2(harbex.answerDialog(harbex.inbox()), "the folder dialog takes a path that is typed");
-    STEP("the folder is in the list and selected",
-         harbex.control("list item", "Inbox").has(Accessible::State::selected));
-    STEP("it has one rule", harbex.controls("combo box", "Field").size() == 1);
-    STEP("the folder is watched", harbex.watches(harbex.inbox()));
-
-    QVERIFY2(harbex.choose(harbex.control("combo box", "Field"), "Extension"), "the field becomes Extension");
-    QVERIFY2(harbex.choose(harbex.control("combo box", "Operator"), "is"), "the operator becomes \"is\"");
-    QVERIFY2(harbex.control("push button", "Select destination...").press(), "the destination's button");
-    QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes the destination");
-    STEP("the rule shows its destination",
-         harbex.control("push button", "Select destination...").description() == QLatin1String("~/Sorted"));
-
-    const Accessible value = harbex.control("text", "Value");
-    QVERIFY2(value.setText(QStringLiteral("pdf")), "the value can be written");
-    QVERIFY2(harbex.drop(QStringLiteral("early.pdf")) && harbex.drop(QStringLiteral("plain")),
-             "two files arrive");
-    STEP("before Return the rule is still the one without a value",
-         harbex.wasMoved(QStringLiteral("plain")) &&
-             QFile::exists(harbex.inbox() + QStringLiteral("/early.pdf")));
-    QVERIFY2(value.takeFocus(), "the value can be given the focus");
-    STEP("the value has the focus", value.has(Accessible::State::focused));
-    QVERIFY2(desktop.press({QStringLiteral("Return")}), "Return");
-    QVERIFY2(harbex.drop(QStringLiteral("report.pdf")), "a file arrives");
-    STEP("after Return the rule has the value", harbex.wasMoved(QStringLiteral("report.pdf")));
-
-    QVERIFY2(harbex.control("push button", "Add Rule").press(), "\"Add Rule\"");
-    STEP("there is a second rule", harbex.controls("combo box", "Field").size() == 2);
-    QVERIFY2(harbex.choose(harbex.controls("combo box", "Field").at(1), "Kind"), "its field becomes Kind");
-    STEP("it shows the picker of kinds", harbex.control("combo box", "Kind"));
-    QVERIFY2(harbex.choose(harbex.control("combo box", "Kind"), "Audio"), "its kind becomes Audio");
-    QVERIFY2(harbex.controls("push button", "Select destination...").at(1).press(),
-             "its destination's button");
-    QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes its destination");
-    STEP("it shows its destination",
-         harbex.controls("push button", "Select destination...").value(1).description() ==
-             QLatin1String("~/Sorted"));
-
-    QVERIFY2(harbex.closeWindow(), "the window closes after the edits");
-    QVERIFY2(harbex.drop(QStringLiteral("song.mp3")), "a file arrives while the window is closed");
-    STEP("it is moved while the window is closed", harbex.wasMoved(QStringLiteral("song.mp3")));
-    QVERIFY2(!harbex.window(), "the window has stayed closed");
-
-    QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::open), "\"Open Harbex\" once more");
-    STEP("the window shows the rules again", harbex.controls("combo box", "Field").size() == 2);
-    QVERIFY2(harbex.control("text", "Value").setText(QStringLiteral("lost")), "an edit that nothing saves");
-    QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::quit, DesktopSession::Button::right),
-             "\"Quit\" is in the menu that a right click opens");
-    STEP("the program ends with status 0", harbex.exitStatus() == 0);
-
-    const FolderState stored = HarbexRun::stored();
-    QCOMPARE(stored.folders.size(), 1U);
-    const WatchedFolder& folder = stored.folders.front();
-    QCOMPARE(stored.selectedFolderID, folder.id);
-    QCOMPARE(folder.url.path(), harbex.inbox().toStdString());
-    QCOMPARE(folder.bookmarkData, *createBookmark(harbex.inbox().toStdString()));
-    QCOMPARE(folder.rules.size(), 2U);
-    FilterRule first;
-    first.id = folder.rules[0].id;
-    first.field = RuleField::fileExtension;
-    first.operatorType = RuleOperator::isEqual;
-    first.value = QStringLiteral("pdf");
-    first.destination = FileUrl::fromPath(HarbexRun::sorted().toStdString());
-    first.destinationBookmarkData = *createBookmark(HarbexRun::sorted().toStdString());
-    FilterRule second = first;
-    second.id = folder.rules[1].id;
-    second.field = RuleField::kind;
-    second.operatorType = RuleOperator::contains;
-    second.value.clear();
-    second.kind = RuleKind::audio;
-    QVERIFY2(folder.rules[0] == first, "the first rule is stored as it was made");
-    QVERIFY2(folder.rules[1] == second, "the second rule is stored as it was made");
-    QVERIFY(first.id != second.id);
-}
-
-void TestStatusNotifierPanel::aPanelThatStartsLaterGetsTheIconAndDrawsTheMenuItself()
-{
-    DesktopSession desktop;
-    HarbexRun harbex(desktop);
-    harbex.start();
-    STEP("the window opens without a panel", harbex.window().has(Accessible::State::active));
-    QVERIFY2(harbex.closeWindow(), "the window closes");
-
-    startXfcePanel(desktop);
-    // In this panel the icons have their own window.
-    const auto icon = [&] { return desktop.windows(QStringLiteral("wrapper-2.0")).value(0); };
-    STEP("the panel draws the icon", desktop.countColours(icon()) > 4);
-    QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::open), "a click on the icon opens the menu");
-    STEP("\"Open Harbex\" opens the window, in front", harbex.window().has(Accessible::State::active));
-    QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::quit), "\"Quit\" is in the menu");
-    STEP("the program ends with status 0", harbex.exitStatus() == 0);
-}
-
-HARBEX_TEST_MAIN(TestStatusNotifierPanel)
+HARBEX_TEST(TestStatusNotifierPanel)
 #include "tst_StatusNotifierPanel.moc"

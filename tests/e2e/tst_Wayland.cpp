@@ -11,27 +11,24 @@ class TestWayland : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void itOpensItsWindowAndMovesAFile();
+    void itOpensItsWindowAndMovesAFile()
+    {
+        DesktopSession desktop(DesktopSession::Kind::wayland);
+        // Qt's Wayland plugin keeps memory until exit, which the sanitizer would report.
+        desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+        HarbexRun harbex(desktop);
+        harbex.storeRuleForAll();
+        harbex.start();
+        STEP("the window opens with the stored folder", harbex.control("list item", "Inbox"));
+        const QByteArray shown = desktop.run("weston-debug", words("scene-graph")).value_or(QByteArray());
+        QVERIFY2(shown.contains("top-level window 'Harbex' of org.harbex.Harbex"), shown.constData());
+        STEP("the folder is watched", harbex.watches(HarbexRun::inbox()));
+        QVERIFY2(harbex.drop("photo.jpg"), "a file arrives");
+        STEP("it is moved", harbex.wasMoved("photo.jpg"));
+        harbex.signal(SIGTERM);
+        STEP("the program ends with status 0", harbex.exitStatus() == 0);
+    }
 };
 
-void TestWayland::itOpensItsWindowAndMovesAFile()
-{
-    DesktopSession desktop(DesktopSession::Kind::wayland);
-    // Qt's Wayland plugin keeps memory until exit, which the sanitizer would report.
-    desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
-    HarbexRun harbex(desktop);
-    harbex.storeRuleForAll();
-    harbex.start();
-    STEP("the window opens with the stored folder", harbex.control("list item", "Inbox"));
-    const QByteArray shown =
-        desktop.run(QStringLiteral("weston-debug"), {QStringLiteral("scene-graph")}).value_or(QByteArray());
-    QVERIFY2(shown.contains("top-level window 'Harbex' of org.harbex.Harbex"), shown.constData());
-    STEP("the folder is watched", harbex.watches(HarbexRun::inbox()));
-    QVERIFY2(harbex.drop(QStringLiteral("photo.jpg")), "a file arrives");
-    STEP("it is moved", harbex.wasMoved(QStringLiteral("photo.jpg")));
-    harbex.signal(SIGTERM);
-    STEP("the program ends with status 0", harbex.exitStatus() == 0);
-}
-
-HARBEX_TEST_MAIN(TestWayland)
+HARBEX_TEST(TestWayland)
 #include "tst_Wayland.moc"

@@ -6,16 +6,6 @@
 using namespace harbex;
 using namespace harbex::test;
 
-/// A panel that supports only the XEmbed tray of X11, in which programs place a window.
-class TestXEmbedTray : public QObject
-{
-    Q_OBJECT
-
-private Q_SLOTS:
-    void theIconDocksAndItsMenuOpensAndQuits();
-    void aPanelThatStartsLaterGetsTheIcon();
-};
-
 namespace
 {
 
@@ -30,14 +20,14 @@ void startPanel(DesktopSession& desktop)
                                                "systray_icon_size = 24\n") > 0;
     if (!isWritten) qFatal("no configuration of the panel");
     configuration.close();
-    desktop.start(QStringLiteral("tint2"), {QStringLiteral("-c"), path});
+    desktop.start("tint2", {QStringLiteral("-c"), path});
 }
 
 /// Returns the rectangle of the program's window that is on the panel.
 QRect iconIn(DesktopSession& desktop)
 {
-    const QRect panel = desktop.windows(QStringLiteral("tint2")).value(0);
-    const QList<QRect> windows = desktop.windows(QStringLiteral("harbex"));
+    const QRect panel = desktop.windows("tint2").value(0);
+    const QList<QRect> windows = desktop.windows("harbex");
     for (const QRect& window : windows)
         if (panel.contains(window)) return window;
     return {};
@@ -45,40 +35,48 @@ QRect iconIn(DesktopSession& desktop)
 
 } // namespace
 
-void TestXEmbedTray::theIconDocksAndItsMenuOpensAndQuits()
+/// A panel that supports only the XEmbed tray of X11, in which programs place a window.
+class TestXEmbedTray : public QObject
 {
-    DesktopSession desktop;
-    startPanel(desktop);
-    STEP("the panel is there", !desktop.windows(QStringLiteral("tint2")).isEmpty());
-    HarbexRun harbex(desktop);
-    harbex.storeRuleForAll();
-    harbex.start();
-    STEP("the window opens at the start", harbex.window());
-    STEP("the icon is docked and drawn", desktop.countColours(iconIn(desktop)) > 4);
+    Q_OBJECT
 
-    QVERIFY2(harbex.closeWindow(), "the window closes");
-    QVERIFY2(harbex.drop(QStringLiteral("photo.jpg")), "a file arrives while the window is closed");
-    STEP("it is moved while the window is closed", harbex.wasMoved(QStringLiteral("photo.jpg")));
-    QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::open),
-             "a left click opens the menu");
-    STEP("\"Open Harbex\" opens the window, in front", harbex.window().has(Accessible::State::active));
+private Q_SLOTS:
+    void theIconDocksAndItsMenuOpensAndQuits()
+    {
+        DesktopSession desktop;
+        startPanel(desktop);
+        STEP("the panel is there", !desktop.windows("tint2").isEmpty());
+        HarbexRun harbex(desktop);
+        harbex.storeRuleForAll();
+        harbex.start();
+        STEP("the window opens at the start", harbex.window());
+        STEP("the icon is docked and drawn", desktop.countColours(iconIn(desktop)) > 4);
 
-    QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::quit, DesktopSession::Button::right),
-             "a right click opens the menu");
-    STEP("\"Quit\" ends the program with status 0", harbex.exitStatus() == 0);
-}
+        QVERIFY2(harbex.closeWindow(), "the window closes");
+        QVERIFY2(harbex.drop("photo.jpg"), "a file arrives while the window is closed");
+        STEP("it is moved while the window is closed", harbex.wasMoved("photo.jpg"));
+        QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::open),
+                 "a left click opens the menu");
+        STEP("\"Open Harbex\" opens the window, in front", harbex.isInFront());
 
-void TestXEmbedTray::aPanelThatStartsLaterGetsTheIcon()
-{
-    DesktopSession desktop;
-    HarbexRun harbex(desktop);
-    harbex.start();
-    STEP("the window opens without a panel", harbex.window().has(Accessible::State::active));
-    startPanel(desktop);
-    STEP("the icon is docked and drawn", desktop.countColours(iconIn(desktop)) > 4);
-    QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::quit), "a click opens the menu");
-    STEP("\"Quit\" ends the program with status 0", harbex.exitStatus() == 0);
-}
+        QVERIFY2(
+            harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::quit, DesktopSession::Button::right),
+            "a right click opens the menu");
+        STEP("\"Quit\" ends the program with status 0", harbex.exitStatus() == 0);
+    }
 
-HARBEX_TEST_MAIN(TestXEmbedTray)
+    void aPanelThatStartsLaterGetsTheIcon()
+    {
+        DesktopSession desktop;
+        HarbexRun harbex(desktop);
+        harbex.start();
+        STEP("the window opens without a panel", harbex.isInFront());
+        startPanel(desktop);
+        STEP("the icon is docked and drawn", desktop.countColours(iconIn(desktop)) > 4);
+        QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::quit), "a click opens the menu");
+        STEP("\"Quit\" ends the program with status 0", harbex.exitStatus() == 0);
+    }
+};
+
+HARBEX_TEST(TestXEmbedTray)
 #include "tst_XEmbedTray.moc"

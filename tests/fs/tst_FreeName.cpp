@@ -1,10 +1,9 @@
 #include "fs/FreeName.h"
-#include "support/EngineFiles.h"
+#include "support/InterceptedMove.h"
 #include "support/TestMain.h"
 
 #include <memory>
 #include <sys/stat.h>
-#include <unistd.h>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -14,23 +13,99 @@ class TestFreeName : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init()
+    {
+        m_scratch = std::make_unique<ScratchFolder>();
+        m_folder = m_scratch->makeFolder("out");
+    }
 
-    void aFreeNameStaysAsItIs();
-    void theNumberStandsBeforeTheExtension_data();
-    void theNumberStandsBeforeTheExtension();
-    void photoAndPhoto1BecomePhoto2();
-    void aGapIsUsed();
-    void anythingTakesAName_data();
-    void anythingTakesAName();
-    void letterCaseMakesAnotherName();
-    void aMissingFolderGivesTheFirstCandidate();
-    void aFileInPlaceOfTheFolderGivesTheFirstCandidate();
-    void aNameThatGrewTooLongIsTheAnswer();
-    void anEmptyFolderGivesAnEmptyPath();
-    void aFolderWithASlashAtTheEnd();
-    void theFirstFreeNameBehindTenThousandTakenOnes();
+    void aFreeNameStaysAsItIs() { QCOMPARE(freeName("photo.jpg"), expected("photo.jpg")); }
+
+    void theNumberStandsBeforeTheExtension_data()
+    {
+        QTest::addColumn<QByteArray>("name");
+        QTest::addColumn<QByteArray>("second");
+        const auto row = [](const char* tag, const char* name, const char* second) {
+            QTest::newRow(tag) << QByteArray(name) << QByteArray(second);
+        };
+        row("extension", "report.pdf", "report-1.pdf");
+        row("two extensions", "archive.tar.gz", "archive.tar-1.gz");
+        row("no extension", "README", "README-1");
+        row("hidden", ".env", ".env-1");
+        row("hidden with extension", ".config.json", ".config-1.json");
+        row("dot at the end", "name.", "name.-1");
+        row("dots only", "...", "...-1");
+        row("two leading dots", "..name", ".-1.name");
+        row("case is kept", "IMAGE.JPG", "IMAGE-1.JPG");
+        row("already numbered", "photo-1.jpg", "photo-1-1.jpg");
+        row("invalid text", "\xff\xfe.\xfd", "\xff\xfe-1.\xfd");
+        row("control characters", "a\n\x01.b\tc", "a\n\x01-1.b\tc");
+    }
+
+    void theNumberStandsBeforeTheExtension()
+    {
+        QFETCH(const QByteArray, name);
+        QFETCH(const QByteArray, second);
+        writeFile(inFolder(name.toStdString()), "");
+        QCOMPARE(freeName(name.toStdString()), expected(second.toStdString()));
+    }
+
+    void theFirstFreeNumberIsUsed()
+    {
+        writeFile(inFolder("photo.jpg"), "");
+        writeFile(inFolder("photo-2.jpg"), "");
+        QCOMPARE(freeName("photo.jpg"), expected("photo-1.jpg"));
+        for (int i = 1; i < 1000; ++i)
+            if (i != 2) writeFile(inFolder("photo-" + std::to_string(i) + ".jpg"), "");
+        QCOMPARE(freeName("photo.jpg"), expected("photo-1000.jpg"));
+    }
+
+    void everyKindOfEntryTakesAName_data()
+    {
+        QTest::addColumn<QByteArray>("kind");
+        for (const char* kind : {"file", "folder", "link", "dangling link", "pipe"})
+            QTest::newRow(kind) << QByteArray(kind);
+    }
+
+    void everyKindOfEntryTakesAName()
+    {
+        QFETCH(const QByteArray, kind);
+        const std::string path = inFolder("photo.jpg");
+        makeObstacle(kind.toStdString(), path);
+        if (kind == "pipe") QCOMPARE(::mkfifo(path.c_str(), 0600), 0);
+        QCOMPARE(freeName("photo.jpg"), expected("photo-1.jpg"));
+    }
+
+    void letterCaseMakesAnotherName()
+    {
+        writeFile(inFolder("PHOTO.JPG"), "");
+        QCOMPARE(freeName("photo.jpg"), expected("photo.jpg"));
+    }
+
+    void withoutAFolderTheNameIsFree()
+    {
+        writeFile(inFolder("file"), "");
+        for (const char* name : {"/missing", "/file"}) {
+            m_folder = m_scratch->path() + "/out" + name;
+            QCOMPARE(freeName("photo.jpg"), expected("photo.jpg"));
+        }
+    }
+
+    void aNumberedNameMayBeTooLong()
+    {
+        const std::string name = std::string(251, 'n') + ".jpg";
+        writeFile(inFolder(name), "");
+        QCOMPARE(freeName(name), expected(std::string(251, 'n') + "-1.jpg"));
+    }
+
+    // Otherwise the path would name an entry of the root.
+    void anEmptyFolderGivesAnEmptyPath() { QCOMPARE(uniqueDestination("/a/photo.jpg", ""), std::string()); }
+
+    void aFolderWithASlashAtTheEnd()
+    {
+        QCOMPARE(uniqueDestination("/a/photo.jpg", "/"), std::string("/photo.jpg"));
+        QCOMPARE(uniqueDestination("/a/photo.jpg", m_folder + '/'), inFolder("photo.jpg"));
+    }
 
 private:
     std::string inFolder(const std::string& name) const { return m_folder + '/' + name; }
@@ -44,130 +119,6 @@ private:
     std::string m_folder;
 };
 
-void TestFreeName::init()
-{
-    m_scratch = std::make_unique<ScratchFolder>();
-    m_folder = m_scratch->makeFolder("out");
-}
-
-void TestFreeName::cleanup()
-{
-    m_scratch.reset();
-}
-
-void TestFreeName::aFreeNameStaysAsItIs()
-{
-    QCOMPARE(freeName("photo.jpg"), expected("photo.jpg"));
-}
-
-void TestFreeName::theNumberStandsBeforeTheExtension_data()
-{
-    QTest::addColumn<QByteArray>("name");
-    QTest::addColumn<QByteArray>("second");
-    const auto row = [](const char* tag, const char* name, const char* second) {
-        QTest::newRow(tag) << QByteArray(name) << QByteArray(second);
-    };
-    row("extension", "report.pdf", "report-1.pdf");
-    row("two extensions", "archive.tar.gz", "archive.tar-1.gz");
-    row("no extension", "README", "README-1");
-    row("hidden", ".env", ".env-1");
-    row("hidden with extension", ".config.json", ".config-1.json");
-    row("dot at the end", "name.", "name.-1");
-    row("dots only", "...", "...-1");
-    row("two leading dots", "..name", ".-1.name");
-    row("case is kept", "IMAGE.JPG", "IMAGE-1.JPG");
-    row("already numbered", "photo-1.jpg", "photo-1-1.jpg");
-    row("invalid text", "\xff\xfe.\xfd", "\xff\xfe-1.\xfd");
-    row("control characters", "a\n\x01.b\tc", "a\n\x01-1.b\tc");
-}
-
-void TestFreeName::theNumberStandsBeforeTheExtension()
-{
-    QFETCH(const QByteArray, name);
-    QFETCH(const QByteArray, second);
-    writeFile(inFolder(name.toStdString()), "");
-    QCOMPARE(freeName(name.toStdString()), expected(second.toStdString()));
-}
-
-void TestFreeName::photoAndPhoto1BecomePhoto2()
-{
-    writeFile(inFolder("photo.jpg"), "");
-    writeFile(inFolder("photo-1.jpg"), "");
-    QCOMPARE(freeName("photo.jpg"), expected("photo-2.jpg"));
-}
-
-void TestFreeName::aGapIsUsed()
-{
-    writeFile(inFolder("photo.jpg"), "");
-    writeFile(inFolder("photo-2.jpg"), "");
-    QCOMPARE(freeName("photo.jpg"), expected("photo-1.jpg"));
-}
-
-void TestFreeName::anythingTakesAName_data()
-{
-    QTest::addColumn<QByteArray>("kind");
-    for (const char* kind : {"file", "folder", "link", "dangling link", "pipe"})
-        QTest::newRow(kind) << QByteArray(kind);
-}
-
-void TestFreeName::anythingTakesAName()
-{
-    QFETCH(const QByteArray, kind);
-    const std::string path = inFolder("photo.jpg");
-    if (kind == "file") writeFile(path, "");
-    if (kind == "folder") makeFolder(path);
-    if (kind == "link") makeLink(path, "/");
-    if (kind == "dangling link") makeLink(path, "nowhere");
-    if (kind == "pipe") QCOMPARE(::mkfifo(path.c_str(), 0600), 0);
-    QCOMPARE(freeName("photo.jpg"), expected("photo-1.jpg"));
-}
-
-void TestFreeName::letterCaseMakesAnotherName()
-{
-    writeFile(inFolder("PHOTO.JPG"), "");
-    QCOMPARE(freeName("photo.jpg"), expected("photo.jpg"));
-}
-
-void TestFreeName::aMissingFolderGivesTheFirstCandidate()
-{
-    m_folder += "/missing";
-    QCOMPARE(freeName("photo.jpg"), expected("photo.jpg"));
-}
-
-void TestFreeName::aFileInPlaceOfTheFolderGivesTheFirstCandidate()
-{
-    writeFile(inFolder("file"), "");
-    m_folder += "/file";
-    QCOMPARE(freeName("photo.jpg"), expected("photo.jpg"));
-}
-
-void TestFreeName::aNameThatGrewTooLongIsTheAnswer()
-{
-    const std::string name = std::string(251, 'n') + ".jpg";
-    writeFile(inFolder(name), "");
-    QCOMPARE(freeName(name), expected(std::string(251, 'n') + "-1.jpg"));
-}
-
-// An entry of the root would be the answer otherwise.
-void TestFreeName::anEmptyFolderGivesAnEmptyPath()
-{
-    QCOMPARE(uniqueDestination("/a/photo.jpg", ""), std::string());
-}
-
-void TestFreeName::aFolderWithASlashAtTheEnd()
-{
-    QCOMPARE(uniqueDestination("/a/photo.jpg", "/"), std::string("/photo.jpg"));
-    QCOMPARE(uniqueDestination("/a/photo.jpg", m_folder + '/'), inFolder("photo.jpg"));
-}
-
-void TestFreeName::theFirstFreeNameBehindTenThousandTakenOnes()
-{
-    writeFile(inFolder("photo.jpg"), "");
-    for (int i = 1; i < 10'000; ++i)
-        writeFile(inFolder("photo-" + std::to_string(i) + ".jpg"), "");
-    QCOMPARE(freeName("photo.jpg"), expected("photo-10000.jpg"));
-}
-
-HARBEX_TEST_MAIN(TestFreeName)
+HARBEX_TEST(TestFreeName)
 
 #include "tst_FreeName.moc"

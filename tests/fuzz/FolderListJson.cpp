@@ -19,20 +19,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     }
     const auto written = encodeFolderList(*folders);
-    if (!written) {
-        // Text with an unpaired surrogate can be decoded, but not encoded.
-        require(!written.error().description.isEmpty());
-        return 0;
-    }
+    require(bool(written));
     const auto again = decodeFolderList(*written);
-    require(bool(again) && again->size() == folders->size());
+    require(again && again->size() == folders->size());
     for (size_t i = 0; i < folders->size(); ++i) {
         const WatchedFolder& before = (*folders)[i];
         const WatchedFolder& after = (*again)[i];
         require(before.id == after.id && before.url == after.url &&
                 before.bookmarkData == after.bookmarkData && before.rules == after.rules);
     }
-    const auto writtenAgain = encodeFolderList(*again);
-    require(writtenAgain && *writtenAgain == *written);
+    require(*encodeFolderList(*again) == *written);
     return 0;
 }

@@ -1,12 +1,9 @@
 #include "store/FolderStore.h"
 #include "fuzz/Require.h"
 #include "model/FolderListJson.h"
+#include "support/EngineFiles.h"
 #include "support/ScratchHome.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -15,27 +12,27 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
+#include <string>
 #include <unistd.h>
 
 using namespace harbex;
 using namespace harbex::test;
+namespace fs = std::filesystem;
 
 namespace
 {
 
 /// Returns the contents of the configuration file and of its backups.
-QByteArrayList everythingKept(const QString& folder)
+QByteArrayList everythingKept(const std::string& folder)
 {
-    QByteArrayList contents;
-    for (const QFileInfo& info : QDir(folder).entryInfoList(QDir::Files | QDir::Hidden)) {
-        QFile file(info.filePath());
-        require(file.open(QIODevice::ReadOnly));
-        contents << file.readAll();
-    }
-    return contents;
+    QByteArrayList all;
+    for (const QByteArray& name : namesIn(folder))
+        all << contents(folder + '/' + name.toStdString());
+    return all;
 }
 
-test::ScratchHome* home = nullptr;
+ScratchHome* home = nullptr;
 
 } // namespace
 
@@ -43,7 +40,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     // Uses a file system in memory if possible, because each input writes several files.
     if (::access("/dev/shm", W_OK) == 0) qputenv("TMPDIR", "/dev/shm");
-    home = new test::ScratchHome;
+    home = new ScratchHome;
     std::atexit([] { delete home; });
     // Hides the lines that the store prints for every failure.
     const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -57,13 +54,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const QByteArray bytes(reinterpret_cast<const char*>(data), qsizetype(size));
     FolderStore store;
-    const QString folder = QFileInfo(store.path()).path();
-    QDir(folder).removeRecursively();
-    require(QDir().mkpath(folder));
-    {
-        QFile file(store.path());
-        require(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-    }
+    const std::string path = store.path().toStdString();
+    const std::string folder = fs::path(path).parent_path();
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    writeFile(path, bytes.toStdString());
 
     const FolderState loaded = store.loadState({});
     require(everythingKept(folder) == QByteArrayList{bytes});
@@ -78,22 +73,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const FolderState saved = FolderStore().loadState({});
     require(saved.folders.size() == 1 && saved.folders[0].id == another.folders[0].id);
     // A list that could be decoded is replaced. Otherwise a backup of the list or of the whole file exists.
-    // Other keys are kept.
     const QJsonDocument before = QJsonDocument::fromJson(bytes);
-    QJsonObject object = before.object();
-    const QJsonValue list = object.value(QStringLiteral("savedWatchedFolders"));
+    const QJsonValue list = before.object().value(QStringLiteral("savedWatchedFolders"));
     const bool isUnderstood =
         bytes.isEmpty() || (before.isObject() && (list.isUndefined() || decodeFolderList(list)));
     const QByteArrayList kept = everythingKept(folder);
-    const bool isKept =
-        kept.contains(bytes) || kept.contains(QJsonDocument(list.toArray()).toJson(QJsonDocument::Compact));
-    require(isUnderstood || isKept);
-    QFile file(store.path());
-    require(file.open(QIODevice::ReadOnly));
-    const QJsonObject after = QJsonDocument::fromJson(file.readAll()).object();
-    for (const char* key : {"savedWatchedFolders", "selectedWatchedFolderID"})
-        object.remove(QLatin1String(key));
-    for (const QString& key : object.keys())
-        require(after.value(key) == object.value(key));
+    const bool isWholeKept = kept.contains(bytes);
+    require(isUnderstood || isWholeKept ||
+            kept.contains(QJsonDocument(list.toArray()).toJson(QJsonDocument::Compact)));
+    // Other keys are kept. toJson() drops a byte order mark at the start of a text.
+    const QJsonObject others = QJsonDocument::fromJson(before.toJson()).object();
+    const QJsonObject after = QJsonDocument::fromJson(contents(path)).object();
+    for (const QString& key : others.keys()) {
+        const bool isOurs =
+            key == QLatin1String("savedWatchedFolders") || key == QLatin1String("selectedWatchedFolderID");
+        require(isOurs || isWholeKept || after.value(key) == others.value(key));
+    }
     return 0;
 }

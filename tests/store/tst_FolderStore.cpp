@@ -1,28 +1,20 @@
-#include "base/FileDescriptor.h"
 #include "model/FolderListJson.h"
 #include "store/Bookmark.h"
 #include "store/FolderStore.h"
 #include "support/CapturedOutput.h"
-#include "support/PrivateMounts.h"
-#include "support/RandomSeed.h"
-#include "support/SyscallInterceptor.h"
+#include "support/EngineFiles.h"
 #include "support/TestMain.h"
 
 #include <QCryptographicHash>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
-#include <QTemporaryDir>
+#include <QScopeGuard>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
-#include <fcntl.h>
 #include <filesystem>
-#include <functional>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -33,11 +25,9 @@ namespace fs = std::filesystem;
 namespace
 {
 
-const char* const listKey = "savedWatchedFolders";
-const char* const selectionKey = "selectedWatchedFolderID";
 const char* const someID = "0F8E6C1A-1111-4222-8333-ABCDEFABCDEF";
 
-/// A list of which somebody has removed a key.
+/// A list without the key "rules".
 const QByteArray brokenList = R"([{"id":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF","url":"file:///a"}])";
 
 QString text(const char* utf8)
@@ -45,91 +35,71 @@ QString text(const char* utf8)
     return QString::fromUtf8(utf8);
 }
 
-/// The folder of the preferences; the home is the same for all tests of this program.
-fs::path folder()
+/// The folder of the preferences. All tests of this program share the home.
+std::string folder()
 {
-    return fs::path(qEnvironmentVariable("XDG_CONFIG_HOME").toStdString()) / "harbex";
+    return qEnvironmentVariable("XDG_CONFIG_HOME").toStdString() + "/harbex";
 }
-fs::path preferences()
+std::string preferences()
 {
-    return folder() / "harbex.json";
-}
-QString preferencesPath()
-{
-    return QString::fromStdString(preferences().string());
+    return folder() + "/harbex.json";
 }
 
-QByteArray contentOf(const fs::path& path)
-{
-    QFile file(QString::fromStdString(path.string()));
-    if (!file.open(QIODevice::ReadOnly)) return "(cannot be read)";
-    return file.readAll();
-}
-
+/// Writes the preferences as another program does. Does nothing for a null content.
 void writePreferences(const QByteArray& content)
 {
+    if (content.isNull()) return;
     fs::create_directories(folder());
-    QFile file(preferencesPath());
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(content) != content.size())
-        qFatal("cannot write %s", qPrintable(preferencesPath()));
+    fs::remove(preferences());
+    writeFile(preferences(), content.toStdString());
 }
 
-/// What somebody else finds in the preferences now.
-QJsonValue stored(const char* key)
-{
-    return QJsonDocument::fromJson(contentOf(preferences())).object().value(text(key));
-}
-
-/// The stored list; empty when there is none.
-QByteArray storedList()
-{
-    const QJsonValue list = stored(listKey);
-    return list.isArray() ? QJsonDocument(list.toArray()).toJson(QJsonDocument::Compact) : QByteArray();
-}
-
-/// Puts a list and a selection into the preferences as any other program would; both are JSON.
-void store(const QByteArray& list, const QByteArray& selection = {})
+/// Preferences with a list and a selection, both as JSON. Null leaves the key out.
+QByteArray preferencesWith(const QByteArray& list, const QByteArray& selection = {})
 {
     QByteArrayList pairs;
     if (!list.isNull()) pairs << "\"savedWatchedFolders\":" + list;
     if (!selection.isNull()) pairs << "\"selectedWatchedFolderID\":" + selection;
-    writePreferences('{' + pairs.join(',') + '}');
+    return '{' + pairs.join(',') + '}';
 }
 
-/// The names of the files beside the preferences, sorted.
-QStringList asideNames()
+void store(const QByteArray& list, const QByteArray& selection = {})
 {
-    QStringList names;
-    for (const auto& entry : fs::directory_iterator(folder()))
-        names.append(QString::fromStdString(entry.path().filename().string()));
-    names.removeOne(text("harbex.json"));
-    names.sort();
-    return names;
+    writePreferences(preferencesWith(list, selection));
 }
 
-QString asideName(const char* stem, const QByteArray& content)
+/// The sorted names of the files beside the preferences, separated by spaces.
+QByteArray asideNames()
 {
-    const QByteArray hash = QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex().first(16);
-    return text(stem) + u'-' + QString::fromLatin1(hash) + text(".json");
-}
-QString asideListName(const QByteArray& list)
-{
-    return asideName(listKey, list);
+    QByteArrayList names = namesIn(folder());
+    names.removeOne("harbex.json");
+    return names.join(' ');
 }
 
-WatchedFolder folderAt(const std::string& path, std::vector<FilterRule> rules = {})
+QByteArray asideName(const QByteArray& stem, const QByteArray& content)
 {
-    return {.url = FileUrl::fromPath(path), .bookmarkData = {}, .rules = std::move(rules)};
+    const QByteArray hash = QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex();
+    return stem + '-' + hash.first(16) + ".json";
+}
+QByteArray asideListName(const QByteArray& list)
+{
+    return asideName("savedWatchedFolders", list);
 }
 
-/// Two folders, the second with a rule, and the second is selected.
+std::string asidePath(const QByteArray& name)
+{
+    return folder() + '/' + name.toStdString();
+}
+
+/// Two folders, the second with a rule. The second is selected.
 FolderState someState()
 {
     FilterRule rule;
     rule.value = text("invoice \u00e9");
     rule.destination = FileUrl::fromPath("/home/u/Invoices");
     FolderState state;
-    state.folders = {folderAt("/home/u/Downloads"), folderAt("/home/u/Desktop", {rule})};
+    state.folders = {{.url = FileUrl::fromPath("/home/u/Downloads"), .bookmarkData = {}, .rules = {}},
+                     {.url = FileUrl::fromPath("/home/u/Desktop"), .bookmarkData = {}, .rules = {rule}}};
     state.selectedFolderID = state.folders[1].id;
     return state;
 }
@@ -138,8 +108,13 @@ FolderState someState()
 FolderState longState(qsizetype length = 3'000'000)
 {
     FolderState state = someState();
-    state.folders[0].rules.resize(1);
-    state.folders[0].rules[0].value = QString(length, u'x');
+    state.folders[1].rules[0].value = QString(length, u'x');
+    return state;
+}
+
+FolderState withFirstSelected(FolderState state)
+{
+    state.selectedFolderID = state.folders.at(0).id;
     return state;
 }
 
@@ -196,106 +171,53 @@ QStringList saveFresh(const FolderState& state)
     return save(store, state);
 }
 
-QStringList writeFailure()
+/// The line that says that the preferences cannot be read or written.
+QStringList failureTo(const char* action)
 {
-    return {text("Failed to write the preferences: ") + preferencesPath()};
-}
-QStringList readFailure()
-{
-    return {text("Failed to read the preferences: ") + preferencesPath()};
+    return {
+        text("Failed to %1 the preferences: %2").arg(text(action), QString::fromStdString(preferences()))};
 }
 
-/// Makes this process an ordinary user, who owns the home of this test.
-class OrdinaryUser
+/// Gives a file or folder other rights and makes this process an ordinary user, who owns the home of this
+/// test. Both end with the scope of the result.
+[[nodiscard]] auto asUserWithRights(const std::string& path, unsigned rights)
 {
-public:
-    OrdinaryUser()
-    {
-        if (::geteuid() != 0) return;
+    const bool wasRoot = ::geteuid() == 0;
+    const auto giveHomeTo = [](uid_t user) {
+        const std::string home = qEnvironmentVariable("HOME").toStdString();
+        bool isGiven = ::lchown(home.c_str(), user, static_cast<gid_t>(-1)) == 0;
+        for (const auto& entry : fs::recursive_directory_iterator(home))
+            isGiven = ::lchown(entry.path().c_str(), user, static_cast<gid_t>(-1)) == 0 && isGiven;
+        if (!isGiven) qFatal("cannot give %s to %u", home.c_str(), user);
+    };
+    if (wasRoot) {
+        constexpr uid_t nobody = 65534;
         giveHomeTo(nobody);
-        // The saved user id stays, for the way back.
+        // The saved user id stays root, so that the process can become root again.
         if (::setresuid(nobody, nobody, 0) != 0) qFatal("cannot become an ordinary user");
     }
-    ~OrdinaryUser()
-    {
-        if (::setresuid(0, 0, 0) == 0) giveHomeTo(0);
-    }
-    OrdinaryUser(const OrdinaryUser&) = delete;
-    OrdinaryUser& operator=(const OrdinaryUser&) = delete;
+    const fs::perms oldRights = fs::status(path).permissions();
+    fs::permissions(path, static_cast<fs::perms>(rights));
+    return qScopeGuard([=] {
+        fs::permissions(path, oldRights);
+        if (wasRoot && ::setresuid(0, 0, 0) == 0) giveHomeTo(0);
+    });
+}
 
-private:
-    static constexpr uid_t nobody = 65534;
-
-    static void giveHomeTo(uid_t user)
-    {
-        const fs::path home = qEnvironmentVariable("HOME").toStdString();
-        give(home, user);
-        for (const auto& entry : fs::recursive_directory_iterator(home))
-            give(entry.path(), user);
-    }
-
-    static void give(const fs::path& path, uid_t user)
-    {
-        if (::lchown(path.c_str(), user, static_cast<gid_t>(-1)) != 0) qFatal("cannot give %s", path.c_str());
-    }
-};
-
-/// Changes the rights of a file or folder for the length of a scope.
-class Rights
+/// The lines that saving prints while no file of this process can grow beyond `bytes`. Captured output is a
+/// file too.
+QStringList saveWithoutRoom(FolderStore& store, const FolderState& state, rlim_t bytes = 100'000)
 {
-public:
-    Rights(fs::path path, unsigned rights) : m_path(std::move(path)), m_old(fs::status(m_path).permissions())
-    {
-        fs::permissions(m_path, static_cast<fs::perms>(rights));
-    }
-    ~Rights() { fs::permissions(m_path, m_old); }
-    Rights(const Rights&) = delete;
-    Rights& operator=(const Rights&) = delete;
-
-private:
-    fs::path m_path;
-    fs::perms m_old;
-};
-
-/// Lets no file of this process grow beyond `bytes` for the length of a scope: writing more fails.
-class FileSizeLimit
-{
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        m_oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &m_old);
-        const rlimit limit{bytes, m_old.rlim_max};
-        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) qFatal("no limit of file sizes");
-    }
-    ~FileSizeLimit()
-    {
-        ::setrlimit(RLIMIT_FSIZE, &m_old);
-        std::signal(SIGXFSZ, m_oldHandler);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    rlimit m_old = {};
-    void (*m_oldHandler)(int) = nullptr;
-};
-
-/// How often a file or folder is opened by `work`, for reading or writing.
-size_t opensOf(const fs::path& path, const std::function<void()>& work)
-{
-    size_t opens = 0;
-    const InterceptedRun run = runIntercepted(
-        {"open", "openat", "openat2"},
-        [&work]() -> Outcome<void> {
-            work();
-            return {};
-        },
-        [&](const InterceptedCall& call) {
-            opens += call.text(call.name == "open" ? 0 : 1) == path;
-            return Answer::proceed();
-        });
-    return run.succeeded() ? opens : 0;
+    rlimit old = {};
+    ::getrlimit(RLIMIT_FSIZE, &old);
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    CapturedOutput output;
+    const rlimit limit{bytes, old.rlim_max};
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) qFatal("no limit of file sizes");
+    store.saveState(state);
+    ::setrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, oldHandler);
+    return output.lines();
 }
 
 } // namespace
@@ -305,833 +227,508 @@ class TestFolderStore : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-
-    // What is stored.
-    void savedStateLoadsAgain();
-    void savingWritesExactly_data();
-    void savingWritesExactly();
-    void linkStaysALink_data();
-    void linkStaysALink();
-    void linkToANameThatIsNoTextIsLeftAlone();
-    void encodingFailurePrintsTheLiteralLineAndStoresNothing();
-
-    // Loading.
-    void nothingStoredLeavesTheListAsItIs_data();
-    void nothingStoredLeavesTheListAsItIs();
-    void storedEmptyListReplacesTheOneInMemory();
-    void ruleWithoutKindLoadsAsEmptyPrintsOneLineAndTheNextSaveReplacesIt();
-    void loadingNeverChangesWhatIsStored();
-    void loadingAndSavingReadTheFileOnce();
-    void decodingErrorIsOneLine();
-    void selectedIsTheStoredFolderOrTheFirst_data();
-    void selectedIsTheStoredFolderOrTheFirst();
-    void withNoFoldersTheSelectionIsAbsentAndItsKeyIsRemovedByTheNextSave();
-    void allZeroSelectionIsAnIdLikeAnyOther();
-
-    // Bookmarks.
-    void whatHasABookmarkThatResolvesGetsTheResolvedUrl();
-    void folderWhoseBookmarkNoLongerResolvesKeepsItsStoredUrl();
-    void rulesAreResolvedWhateverBecameOfTheirFolder();
-    void bookmarksAreNotMadeAnewByLoading();
-
-    // Nothing is lost.
-    void whatCannotBeUsedIsPutAsideBeforeItIsReplaced_data();
-    void whatCannotBeUsedIsPutAsideBeforeItIsReplaced();
-    void sameListIsPutAsideOnce();
-    void keyWithAByteOrderMarkHidesNothing();
-    void goodListIsNotPutAside();
-    void goodListThatWasNotSeenIsPutAside_data();
-    void goodListThatWasNotSeenIsPutAside();
-    void whatIsPutAsideHasTheRightsOfTheStore();
-    void whatCannotBePutAsideIsNotReplaced();
-
-    // Faults of the file system.
-    void whatIsForbiddenPrintsOneLineAndChangesNothing_data();
-    void whatIsForbiddenPrintsOneLineAndChangesNothing();
-    void somethingElseInItsPlacePrintsOneLineAndGoesOn();
-    void noRoomForTheFilePrintsOneLineAndKeepsTheOldOne();
-    void fullDiskPrintsOneLineAndKeepsTheOldOne();
-    void whatCouldNotBeWrittenIsLoadedAgain();
-    void fileEditedSinceWinsOverWhatCouldNotBeWritten();
-    void closedStandardOutputChangesNothing();
-
-    // The file changes while the program runs.
-    void fileEditedWhileRunningIsSeen();
-    void fileDeletedWhileRunningIsSeen();
-
-    void randomDamageNeverCrashesAndLosesNothing();
-};
-
-void TestFolderStore::init()
-{
-    fs::remove_all(folder());
-    QCOMPARE(FolderStore().path(), preferencesPath());
-}
-
-void TestFolderStore::savedStateLoadsAgain()
-{
-    FolderState state = someState();
-    state.folders[0].bookmarkData = QByteArray("no bookmark\0\xff", 13);
-    state.folders[1].url = FileUrl::fromPath("/a \xff\n\u00e9");
-    state.folders[1].rules[0].value = text("\\\"\n\U0001F600\x01") + QChar(u'\0');
-    FolderStore folderStore;
-    QCOMPARE(save(folderStore, state), QStringList());
-    QCOMPARE(asideNames(), QStringList());
-    for (const Loaded& loaded : {load(folderStore), loadFresh()}) {
-        QCOMPARE(loaded.lines, QStringList());
-        QVERIFY(isSame(loaded.state, state));
+    void init()
+    {
+        fs::remove_all(folder());
+        QCOMPARE(FolderStore().path().toStdString(), preferences());
     }
-}
 
-void TestFolderStore::savingWritesExactly_data()
-{
-    QTest::addColumn<QByteArray>("before");
-    QTest::addColumn<bool>("isEmpty");
-    QTest::addColumn<QByteArray>("after");
-    const QByteArray full =
-        R"({"savedWatchedFolders":[{"id":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF","rules":[],"url":"file:///a"}],)"
-        R"("selectedWatchedFolderID":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF"})";
-    const QByteArray none = R"({"savedWatchedFolders":[]})";
-    QTest::newRow("first") << QByteArray() << false << full;
-    QTest::newRow("nothing, first") << QByteArray() << true << none;
-    QTest::newRow("again") << none << false << full;
-    QTest::newRow("nothing again") << full << true << none;
-    QTest::newRow("other keys stay")
-        << QByteArray(R"( {"other": [1, {"b":null}], "x":"\u00e9", "z":9007199254740993} )") << true
-        << QByteArray("{\"other\":[1,{\"b\":null}],\"savedWatchedFolders\":[],\"x\":\"\u00e9\","
-                      "\"z\":9007199254740993}");
-}
-
-void TestFolderStore::savingWritesExactly()
-{
-    QFETCH(const QByteArray, before);
-    QFETCH(const bool, isEmpty);
-    QFETCH(const QByteArray, after);
-    if (!before.isNull()) writePreferences(before);
-    FolderState state;
-    if (!isEmpty) {
-        const QUuid id(text(someID));
-        state = {{{id, FileUrl::fromPath("/a"), {}, {}}}, id};
-    }
-    QCOMPARE(saveFresh(state), QStringList());
-    QCOMPARE(contentOf(preferences()), after);
-    QCOMPARE(asideNames(), QStringList());
-}
-
-void TestFolderStore::linkStaysALink_data()
-{
-    QTest::addColumn<bool>("isRelative");
-    QTest::addColumn<bool>("hasTarget");
-    QTest::newRow("link") << false << true;
-    QTest::newRow("link to a relative link") << true << true;
-    QTest::newRow("link to nothing") << false << false;
-    QTest::newRow("link to a relative link to nothing") << true << false;
-}
-
-void TestFolderStore::linkStaysALink()
-{
-    QFETCH(const bool, isRelative);
-    QFETCH(const bool, hasTarget);
-    const QTemporaryDir elsewhere;
-    const fs::path target = elsewhere.filePath(text("settings")).toStdString();
-    const fs::path second = elsewhere.filePath(text("second")).toStdString();
-    store("[]");
-    fs::rename(preferences(), target);
-    if (!hasTarget) fs::remove(target);
-    if (isRelative) fs::create_symlink("settings", second);
-    fs::create_symlink(isRelative ? second : target, preferences());
-    const FolderState state = someState();
-    QCOMPARE(saveFresh(state), QStringList());
-    QVERIFY(fs::is_symlink(preferences()));
-    QVERIFY(fs::is_regular_file(fs::symlink_status(target)));
-    QVERIFY(isSame(loadFresh().state, state));
-}
-
-void TestFolderStore::linkToANameThatIsNoTextIsLeftAlone()
-{
-    const fs::path target = folder() / "settings\xff";
-    store("[]");
-    fs::rename(preferences(), target);
-    fs::create_symlink(target, preferences());
-    QCOMPARE(saveFresh(someState()), writeFailure());
-    QVERIFY(fs::is_symlink(preferences()));
-    QCOMPARE(storedList(), QByteArray("[]"));
-    QCOMPARE(asideNames().size(), 1);
-}
-
-void TestFolderStore::encodingFailurePrintsTheLiteralLineAndStoresNothing()
-{
-    FolderState bad = someState();
-    bad.folders[1].rules[0].value = QString(QChar(0xd800));
-    const QStringList expected(QStringLiteral("Failed to save folders: \\(error)"));
-
-    // Nothing was stored before.
-    QCOMPARE(saveFresh(bad), expected);
-    QVERIFY(!fs::exists(preferences()));
-    // Something was.
-    saveFresh(someState());
-    const QByteArray before = contentOf(preferences());
-    bad.selectedFolderID.reset();
-    QCOMPARE(saveFresh(bad), expected);
-    QCOMPARE(contentOf(preferences()), before);
-}
-
-void TestFolderStore::nothingStoredLeavesTheListAsItIs_data()
-{
-    QTest::addColumn<QByteArray>("content");
-    QTest::newRow("no file") << QByteArray();
-    QTest::newRow("empty file") << QByteArray("");
-    QTest::newRow("empty object") << QByteArray("{}");
-    QTest::newRow("other key") << QByteArray(R"({"other":[]})");
-}
-
-void TestFolderStore::nothingStoredLeavesTheListAsItIs()
-{
-    QFETCH(const QByteArray, content);
-    if (!content.isNull()) writePreferences(content);
-    const FolderState current = someState();
-    const Loaded loaded = loadFresh(current);
-    QCOMPARE(loaded.lines, QStringList());
-    QVERIFY(isSame(loaded.state, {current.folders, current.folders[0].id}));
-    QVERIFY(isSame(loadFresh().state, {}));
-    QCOMPARE(fs::exists(preferences()), !content.isNull());
-    // The selection is read all the same.
-    store({}, jsonOf(current.folders[1].id));
-    QVERIFY(isSame(loadFresh(current).state, current));
-}
-
-void TestFolderStore::storedEmptyListReplacesTheOneInMemory()
-{
-    store("[]");
-    QVERIFY(isSame(loadFresh(someState()).state, {}));
-}
-
-void TestFolderStore::ruleWithoutKindLoadsAsEmptyPrintsOneLineAndTheNextSaveReplacesIt()
-{
-    const QByteArray list = encoded(someState()).replace("\"kind\":\"Image\",", "");
-    QVERIFY(!list.contains("kind"));
-    store(list, jsonOf(QUuid(text(someID))));
-
-    FolderStore folderStore;
-    const Loaded loaded = load(folderStore, someState());
-    QCOMPARE(loaded.lines, QStringList(text("Failed to load folders: [1].rules[0].kind: missing key")));
-    QVERIFY(isSame(loaded.state, {}));
-    QCOMPARE(save(folderStore, loaded.state), QStringList());
-    QCOMPARE(storedList(), QByteArray("[]"));
-    QVERIFY(stored(selectionKey).isUndefined());
-}
-
-void TestFolderStore::loadingNeverChangesWhatIsStored()
-{
-    for (const QByteArray& list : {brokenList, encoded(someState()), QByteArray("5"), QByteArray("{")}) {
-        store(list, "\"no UUID\"");
-        const QByteArray before = contentOf(preferences());
-        (void)loadFresh();
-        (void)loadFresh(someState());
-        QCOMPARE(contentOf(preferences()), before);
-        QCOMPARE(asideNames(), QStringList());
-    }
-}
-
-void TestFolderStore::loadingAndSavingReadTheFileOnce()
-{
-    for (const QByteArray& list : {brokenList, encoded(someState())}) {
-        store(list);
-        QCOMPARE(opensOf(preferences(), [] { (void)FolderStore().loadState({}); }), 1U);
-        QCOMPARE(opensOf(preferences(), [] { FolderStore().saveState({}); }), 1U);
-    }
-}
-
-void TestFolderStore::decodingErrorIsOneLine()
-{
-    store(encoded(someState()).replace("\"Name\"", "\"Na\\nme\\r\\u2028\""));
-    QCOMPARE(loadFresh().lines,
-             QStringList(text("Failed to load folders: "
-                              "[1].rules[0].field: unknown value \"Na\\nme\\r\\u{2028}\"")));
-}
-
-void TestFolderStore::selectedIsTheStoredFolderOrTheFirst_data()
-{
-    QTest::addColumn<QByteArray>("selection");
-    QTest::addColumn<size_t>("expected");
-    const QByteArray id = someID;
-    const size_t first = 0;
-    const size_t second = 1;
-    QTest::newRow("second") << QByteArray('"' + id + '"') << second;
-    QTest::newRow("lower case") << QByteArray('"' + id.toLower() + '"') << second;
-    QTest::newRow("none") << QByteArray() << first;
-    QTest::newRow("no folder") << QByteArray("\"11111111-1111-4222-8333-ABCDEFABCDEF\"") << first;
-    // Each of these would be the second folder to a more generous reader.
-    QTest::newRow("empty") << QByteArray("\"\"") << first;
-    QTest::newRow("braces") << QByteArray("\"{" + id + "}\"") << first;
-    QTest::newRow("text behind it") << QByteArray('"' + id + " \"") << first;
-    QTest::newRow("no hyphens") << QByteArray('"' + QByteArray(id).replace("-", "") + '"') << first;
-    QTest::newRow("array") << QByteArray("[\"" + id + "\"]") << first;
-    QTest::newRow("number") << QByteArray("5") << first;
-    QTest::newRow("null") << QByteArray("null") << first;
-}
-
-void TestFolderStore::selectedIsTheStoredFolderOrTheFirst()
-{
-    QFETCH(const QByteArray, selection);
-    QFETCH(const size_t, expected);
-    FolderState state = someState();
-    state.folders[1].id = QUuid(text(someID));
-    store(encoded(state), selection);
-    // Whatever was selected before.
-    for (const FolderState& current : {FolderState(), state, FolderState{{}, QUuid::createUuid()}}) {
-        const Loaded loaded = loadFresh(current);
-        QCOMPARE(loaded.lines, QStringList());
-        QVERIFY(isSame(loaded.state, {state.folders, state.folders[expected].id}));
-    }
-}
-
-void TestFolderStore::withNoFoldersTheSelectionIsAbsentAndItsKeyIsRemovedByTheNextSave()
-{
-    store("[]", jsonOf(QUuid::createUuid()));
-    FolderStore folderStore;
-    const Loaded loaded = load(folderStore);
-    QVERIFY(!loaded.state.selectedFolderID);
-    save(folderStore, loaded.state);
-    QCOMPARE(contentOf(preferences()), QByteArray(R"({"savedWatchedFolders":[]})"));
-}
-
-void TestFolderStore::allZeroSelectionIsAnIdLikeAnyOther()
-{
-    FolderState state = someState();
-    state.folders[1].id = QUuid();
-    state.selectedFolderID = QUuid();
-    saveFresh(state);
-    QCOMPARE(stored(selectionKey).toString(), text("00000000-0000-0000-0000-000000000000"));
-    QVERIFY(isSame(loadFresh().state, state));
-}
-
-void TestFolderStore::whatHasABookmarkThatResolvesGetsTheResolvedUrl()
-{
-    const QTemporaryDir scratch;
-    const fs::path before = scratch.filePath(text("before")).toStdString();
-    const fs::path after = scratch.filePath(text("after")).toStdString();
-    fs::create_directory(before);
-    FolderState state = someState();
-    state.folders[0].url = FileUrl::fromPath(before.string());
-    state.folders[0].bookmarkData = *createBookmark(before.string());
-    FilterRule& rule = state.folders[1].rules[0];
-    rule.destinationBookmarkData = state.folders[0].bookmarkData;
-    // A destination is set by its bookmark alone.
-    for (const auto& destination : {std::optional(state.folders[0].url), std::optional<FileUrl>()}) {
-        rule.destination = destination;
-        saveFresh(state);
-        fs::rename(before, after);
-        const Loaded loaded = loadFresh();
-        fs::rename(after, before);
-        FolderState expected = state;
-        expected.folders[0].url = FileUrl::fromPath(after.string());
-        expected.folders[1].rules[0].destination = expected.folders[0].url;
-        QCOMPARE(loaded.lines, QStringList());
-        QVERIFY(isSame(loaded.state, expected));
-    }
-}
-
-void TestFolderStore::folderWhoseBookmarkNoLongerResolvesKeepsItsStoredUrl()
-{
-    const QTemporaryDir scratch;
-    const fs::path place = scratch.filePath(text("folder")).toStdString();
-    fs::create_directory(place);
-    FolderState state = someState();
-    state.folders[0].bookmarkData = *createBookmark(place.string());
-    state.folders[1].rules[0].destinationBookmarkData = state.folders[0].bookmarkData;
-    state.folders[1].bookmarkData = QByteArray("damaged");
-    saveFresh(state);
-    fs::remove(place);
-    const Loaded loaded = loadFresh();
-    QCOMPARE(loaded.lines, QStringList());
-    QVERIFY(isSame(loaded.state, state));
-}
-
-void TestFolderStore::rulesAreResolvedWhateverBecameOfTheirFolder()
-{
-    const QTemporaryDir scratch;
-    const std::string place = scratch.path().toStdString();
-    FolderState state = someState();
-    state.folders[1].bookmarkData = QByteArray("damaged");
-    state.folders[1].rules[0].destinationBookmarkData = *createBookmark(place);
-    saveFresh(state);
-    const Loaded loaded = loadFresh();
-    QVERIFY(loaded.state.folders.at(1).url == state.folders[1].url);
-    QVERIFY(loaded.state.folders[1].rules.at(0).destination == FileUrl::fromPath(place));
-}
-
-void TestFolderStore::bookmarksAreNotMadeAnewByLoading()
-{
-    const QTemporaryDir scratch;
-    FolderState state = someState();
-    state.folders[0].url = FileUrl::fromPath(scratch.path().toStdString());
-    saveFresh(state);
-    QVERIFY(!loadFresh().state.folders.at(0).bookmarkData);
-}
-
-void TestFolderStore::whatCannotBeUsedIsPutAsideBeforeItIsReplaced_data()
-{
-    QTest::addColumn<QByteArray>("content");
-    // The beginning of the line that loading prints.
-    QTest::addColumn<QString>("line");
-    // What is put aside; nothing where it is the whole file.
-    QTest::addColumn<QByteArray>("list");
-    const auto withList = [](const QByteArray& list) {
-        return "{\"other\":1,\"savedWatchedFolders\":" + list + "}";
-    };
-    const QString list = text("Failed to load folders: ");
-    QTest::newRow("list that does not decode")
-        << withList(brokenList) << list + text("[0].rules: missing key") << brokenList;
-    QTest::newRow("list of something else")
-        << withList("[5,6]") << list + text("[0]: expected an object") << QByteArray("[5,6]");
-    QTest::newRow("list on several lines")
-        << withList("[\n  5\n]") << list + text("[0]: expected an object") << QByteArray();
-    QTest::newRow("list with a key that stands there twice")
-        << withList(R"([{"a":1,"a":2}])") << list + text("[0].id: missing key") << QByteArray();
-    for (const char* value : {"{}", "5", "null", "false", "\"[]\""})
-        QTest::addRow("list that is %s", value)
-            << withList(value) << list + text("top level: expected an array") << QByteArray();
-
-    const QString file = readFailure()[0] + text(": ");
-    QTest::newRow("comma too much") << withList("[],") << file + text("offset ") << QByteArray();
-    QTest::newRow("cut off") << withList("[]").chopped(1) << file + text("offset ") << QByteArray();
-    QTest::newRow("something behind it") << withList("[]") + "x" << file + text("offset ") << QByteArray();
-    QTest::newRow("zeroes") << QByteArray(4096, '\0') << file + text("offset ") << QByteArray();
-    QTest::newRow("no JSON") << QByteArray("\xff\xfe[General]\n") << file + text("offset ") << QByteArray();
-    QTest::newRow("space") << QByteArray("\n") << file + text("offset ") << QByteArray();
-    QTest::newRow("nested too deep") << QByteArray(100'000, '[') << file + text("offset ") << QByteArray();
-    QTest::newRow("no object") << QByteArray("[]") << file + text("top level: expected an object")
-                               << QByteArray();
-}
-
-void TestFolderStore::whatCannotBeUsedIsPutAsideBeforeItIsReplaced()
-{
-    QFETCH(const QByteArray, content);
-    QFETCH(const QString, line);
-    QFETCH(const QByteArray, list);
-    writePreferences(content);
-    FolderStore folderStore;
-    const FolderState current = someState();
-    FolderState expected;
-    // Only the list itself, if there is one, takes the place of the one in memory.
-    if (line.startsWith(readFailure()[0])) expected = {current.folders, current.folders[0].id};
-    // Not only the first time.
-    for (int i = 0; i < 2; ++i) {
-        const Loaded loaded = load(folderStore, current);
-        QCOMPARE(loaded.lines.size(), 1);
-        QVERIFY2(loaded.lines[0].startsWith(line), qPrintable(loaded.lines[0]));
-        QVERIFY(isSame(loaded.state, expected));
-    }
-    QCOMPARE(save(folderStore, expected), QStringList());
-    const QString name = list.isNull() ? asideName("harbex", content) : asideListName(list);
-    QCOMPARE(asideNames(), QStringList(name));
-    QCOMPARE(contentOf(folder() / name.toStdString()), list.isNull() ? content : list);
-    QCOMPARE(stored("other").toInt(), line.startsWith(text("Failed to load folders")) ? 1 : 0);
-    const Loaded loaded = load(folderStore);
-    QCOMPARE(loaded.lines, QStringList());
-    QVERIFY(isSame(loaded.state, expected));
-}
-
-void TestFolderStore::sameListIsPutAsideOnce()
-{
-    FolderStore folderStore;
-    QStringList expected;
-    for (const QByteArray& list : {brokenList, QByteArray("[1]")}) {
-        expected.append(asideListName(list));
-        expected.sort();
-        const fs::path aside = folder() / asideListName(list).toStdString();
-        for (int i = 0; i < 3; ++i) {
-            store(list);
-            QCOMPARE(save(folderStore, someState()), QStringList());
-            QCOMPARE(asideNames(), expected);
-            // Not even written again.
-            if (i == 0) fs::last_write_time(aside, fs::file_time_type());
-            QVERIFY(fs::last_write_time(aside) == fs::file_time_type());
+    void savedStateLoadsAgain()
+    {
+        FolderState state = someState();
+        state.folders[0].bookmarkData = QByteArray("no bookmark\0\xff", 13);
+        // The zero id is an id like any other.
+        state.folders[1].id = QUuid();
+        state.folders[1].url = FileUrl::fromPath("/a \xff\n\u00e9");
+        state.folders[1].rules[0].value = text("\\\"\n\U0001F600\x01") + QChar(u'\0');
+        state.selectedFolderID = QUuid();
+        FolderStore folderStore;
+        QCOMPARE(save(folderStore, state), QStringList());
+        QCOMPARE(asideNames(), QByteArray());
+        for (const Loaded& loaded : {load(folderStore), loadFresh()}) {
+            QCOMPARE(loaded.lines, QStringList());
+            QVERIFY(isSame(loaded.state, state));
         }
     }
-}
 
-void TestFolderStore::keyWithAByteOrderMarkHidesNothing()
-{
-    for (const char* key : {listKey, selectionKey}) {
-        const QByteArray content = QByteArray("{\"\xef\xbb\xbf") + key + "\":[1]}";
-        writePreferences(content);
+    void savingWritesExactly_data()
+    {
+        QTest::addColumn<QByteArray>("before");
+        QTest::addColumn<bool>("isEmpty");
+        QTest::addColumn<QByteArray>("after");
+        const QByteArray full =
+            R"({"savedWatchedFolders":[{"id":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF","rules":[],"url":"file:///a"}],)"
+            R"("selectedWatchedFolderID":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF"})";
+        const QByteArray none = R"({"savedWatchedFolders":[]})";
+        QTest::newRow("first") << QByteArray() << false << full;
+        QTest::newRow("nothing, first") << QByteArray() << true << none;
+        QTest::newRow("again") << none << false << full;
+        QTest::newRow("nothing again") << full << true << none;
+        QTest::newRow("other keys stay")
+            << QByteArray(R"( {"other": [1, {"b":null}], "x":"\u00e9", "z":9007199254740993} )") << true
+            << QByteArray("{\"other\":[1,{\"b\":null}],\"savedWatchedFolders\":[],\"x\":\"\u00e9\","
+                          "\"z\":9007199254740993}");
+    }
+
+    void savingWritesExactly()
+    {
+        QFETCH(const QByteArray, before);
+        QFETCH(const bool, isEmpty);
+        QFETCH(const QByteArray, after);
+        writePreferences(before);
+        const QUuid id(text(someID));
+        const FolderState state{{{id, FileUrl::fromPath("/a"), {}, {}}}, id};
+        QCOMPARE(saveFresh(isEmpty ? FolderState() : state), QStringList());
+        QCOMPARE(contents(preferences()), after);
+        QCOMPARE(asideNames(), QByteArray());
+    }
+
+    void linkStaysALink_data()
+    {
+        QTest::addColumn<bool>("isRelative");
+        QTest::addColumn<bool>("hasTarget");
+        QTest::newRow("link") << false << true;
+        QTest::newRow("link to a relative link") << true << true;
+        QTest::newRow("link to nothing") << false << false;
+        QTest::newRow("link to a relative link to nothing") << true << false;
+    }
+
+    void linkStaysALink()
+    {
+        QFETCH(const bool, isRelative);
+        QFETCH(const bool, hasTarget);
+        const ScratchFolder elsewhere;
+        const std::string target = elsewhere.path() + "/settings";
+        const std::string second = elsewhere.path() + "/second";
+        store("[]");
+        renameEntry(preferences(), target);
+        if (!hasTarget) fs::remove(target);
+        if (isRelative) makeLink(second, "settings");
+        makeLink(preferences(), isRelative ? second : target);
         const FolderState state = someState();
         QCOMPARE(saveFresh(state), QStringList());
+        QVERIFY(fs::is_symlink(preferences()));
+        QVERIFY(fs::is_regular_file(fs::symlink_status(target)));
         QVERIFY(isSame(loadFresh().state, state));
-        QCOMPARE(contentOf(folder() / asideName("harbex", content).toStdString()), content);
     }
-}
 
-void TestFolderStore::goodListIsNotPutAside()
-{
-    for (int i = 0; i < 3; ++i) {
-        store(encoded(someState()), "\"no UUID\"");
-        QCOMPARE(saveFresh(someState()), QStringList());
-        saveFresh({});
-    }
-    QCOMPARE(asideNames(), QStringList());
-}
-
-void TestFolderStore::goodListThatWasNotSeenIsPutAside_data()
-{
-    QTest::addColumn<QByteArray>("atLoading");
-    QTest::addColumn<bool>("isPutAside");
-    QTest::newRow("there") << QByteArray("there") << false;
-    QTest::newRow("not there yet") << QByteArray("missing") << true;
-    QTest::newRow("unreadable") << QByteArray("unreadable") << true;
-    QTest::newRow("another one") << QByteArray("another") << true;
-    QTest::newRow("damaged") << QByteArray("damaged") << true;
-}
-
-// Of a home on a server that did not answer, or of somebody's editor.
-void TestFolderStore::goodListThatWasNotSeenIsPutAside()
-{
-    QFETCH(const QByteArray, atLoading);
-    QFETCH(const bool, isPutAside);
-    const QByteArray list = encoded(someState());
-    FolderStore folderStore;
-    if (atLoading == "damaged")
-        writePreferences("{");
-    else if (atLoading != "missing")
-        store(atLoading == "another" ? QByteArray("[]") : list);
-    if (atLoading == "unreadable") {
-        const OrdinaryUser user;
-        const Rights rights(preferences(), 0);
-        load(folderStore, {});
-    } else {
-        load(folderStore, {});
-    }
-    if (atLoading != "there") store(list);
-    for (int i = 0; i < 2; ++i) {
-        QCOMPARE(save(folderStore, {}), QStringList());
-        QCOMPARE(storedList(), QByteArray("[]"));
-        QCOMPARE(asideNames(), isPutAside ? QStringList(asideListName(list)) : QStringList());
-    }
-}
-
-void TestFolderStore::whatIsPutAsideHasTheRightsOfTheStore()
-{
-    store(brokenList);
-    fs::permissions(preferences(), fs::perms::owner_read | fs::perms::owner_write);
-    saveFresh({});
-    QVERIFY(fs::status(folder() / asideListName(brokenList).toStdString()).permissions() ==
-            (fs::perms::owner_read | fs::perms::owner_write));
-}
-
-void TestFolderStore::whatCannotBePutAsideIsNotReplaced()
-{
-    store(brokenList);
-    const QByteArray before = contentOf(preferences());
-    // Something is in its way.
-    fs::create_directories(folder() / asideListName(brokenList).toStdString());
-    FolderStore folderStore;
-    QCOMPARE(save(folderStore, someState()), writeFailure());
-    QCOMPARE(contentOf(preferences()), before);
-    fs::remove(folder() / asideListName(brokenList).toStdString());
-    QCOMPARE(save(folderStore, someState()), QStringList());
-    QCOMPARE(asideNames(), QStringList(asideListName(brokenList)));
-}
-
-void TestFolderStore::whatIsForbiddenPrintsOneLineAndChangesNothing_data()
-{
-    QTest::addColumn<bool>("isFolder");
-    QTest::addColumn<bool>("isLink");
-    QTest::addColumn<unsigned>("rights");
-    QTest::newRow("unreadable file") << false << false << 0U;
-    QTest::newRow("file that can only be written") << false << false << 0222U;
-    QTest::newRow("unreadable folder") << true << false << 0U;
-    QTest::newRow("read-only folder") << true << false << 0555U;
-    QTest::newRow("file that somebody protected") << false << false << 0444U;
-    QTest::newRow("file that somebody protected, behind a link") << false << true << 0444U;
-}
-
-void TestFolderStore::whatIsForbiddenPrintsOneLineAndChangesNothing()
-{
-    QFETCH(const bool, isFolder);
-    QFETCH(const bool, isLink);
-    QFETCH(const unsigned, rights);
-    FolderStore folderStore;
-    const FolderState state = someState();
-    save(folderStore, state);
-    const QByteArray before = contentOf(preferences());
-    if (isLink) {
-        const fs::path target = folder().parent_path() / "real";
-        fs::rename(preferences(), target);
-        fs::create_symlink(target, preferences());
-    }
+    void linkToANameThatIsNoTextIsLeftAlone()
     {
-        const OrdinaryUser user;
-        const Rights changed(isFolder ? folder() : preferences(), rights);
+        const std::string target = folder() + "/settings\xff";
+        store("[]");
+        renameEntry(preferences(), target);
+        makeLink(preferences(), target);
+        QCOMPARE(saveFresh(someState()), failureTo("write"));
+        QVERIFY(fs::is_symlink(preferences()));
+        QCOMPARE(contents(target), preferencesWith("[]"));
+        QCOMPARE(asideNames(), QByteArray("settings\xff"));
+    }
+
+    void failedEncodingPrintsOneLineAndStoresNothing()
+    {
+        FolderState bad = someState();
+        bad.folders[1].rules[0].value = QString(QChar(0xd800));
+        const QStringList expected(QStringLiteral("Failed to save folders: \\(error)"));
+        QCOMPARE(saveFresh(bad), expected);
+        QVERIFY(!fs::exists(preferences()));
+        store("[]");
+        QCOMPARE(saveFresh(bad), expected);
+        QCOMPARE(contents(preferences()), preferencesWith("[]"));
+    }
+
+    void withoutAStoredListTheListInMemoryStays_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::newRow("no file") << QByteArray();
+        QTest::newRow("empty file") << QByteArray("");
+        QTest::newRow("empty object") << QByteArray("{}");
+        QTest::newRow("other key") << QByteArray(R"({"other":[]})");
+    }
+
+    void withoutAStoredListTheListInMemoryStays()
+    {
+        QFETCH(const QByteArray, content);
+        writePreferences(content);
         const FolderState current = someState();
-        const Loaded loaded = load(folderStore, current);
-        const bool isReadable = (rights & 0444U) != 0;
-        QCOMPARE(loaded.lines, isReadable ? QStringList() : readFailure());
-        QVERIFY(
-            isSame(loaded.state, isReadable ? state : FolderState{current.folders, current.folders[0].id}));
-        QCOMPARE(save(folderStore, {}), writeFailure());
+        const Loaded loaded = loadFresh(current);
+        QCOMPARE(loaded.lines, QStringList());
+        QVERIFY(isSame(loaded.state, withFirstSelected(current)));
+        QVERIFY(isSame(loadFresh().state, {}));
+        QCOMPARE(fs::exists(preferences()), !content.isNull());
+        // The selection is read without a list too.
+        store({}, jsonOf(current.folders[1].id));
+        QVERIFY(isSame(loadFresh(current).state, current));
     }
-    QCOMPARE(contentOf(preferences()), before);
-    QCOMPARE(asideNames(), QStringList());
-    QCOMPARE(save(folderStore, {}), QStringList());
-    QCOMPARE(storedList(), QByteArray("[]"));
-}
 
-void TestFolderStore::somethingElseInItsPlacePrintsOneLineAndGoesOn()
-{
-    const FolderState current = someState();
-    FolderStore folderStore;
-    // A file in the place of the folder: there are no preferences.
-    QVERIFY(::mknod(folder().c_str(), S_IFREG | 0600, 0) == 0);
-    QCOMPARE(load(folderStore, current).lines, QStringList());
-    QCOMPARE(save(folderStore, current), writeFailure());
-    QCOMPARE(fs::file_size(folder()), std::uintmax_t(0));
-    fs::remove(folder());
-    // A folder in the place of the file: they cannot be read.
-    fs::create_directories(preferences());
-    const Loaded loaded = loadFresh(current);
-    QCOMPARE(loaded.lines, readFailure());
-    QVERIFY(isSame(loaded.state, {current.folders, current.folders[0].id}));
-    QCOMPARE(save(folderStore, {}), writeFailure());
-    QVERIFY(fs::is_directory(preferences()));
-    QCOMPARE(asideNames(), QStringList());
-    fs::remove(preferences());
-    // Saving works again.
-    QCOMPARE(save(folderStore, current), QStringList());
-    QVERIFY(isSame(load(folderStore).state, current));
-}
-
-void TestFolderStore::noRoomForTheFilePrintsOneLineAndKeepsTheOldOne()
-{
-    FolderStore folderStore;
-    const FolderState state = someState();
-    save(folderStore, state);
-    const QByteArray before = contentOf(preferences());
+    void storedEmptyListReplacesTheListInMemory()
     {
-        const FileSizeLimit limit(100'000);
-        QCOMPARE(save(folderStore, longState()), writeFailure());
+        const FolderState current = someState();
+        store("[]", jsonOf(*current.selectedFolderID));
+        QVERIFY(isSame(loadFresh(current).state, {}));
     }
-    QCOMPARE(contentOf(preferences()), before);
-    QCOMPARE(asideNames(), QStringList());
-    QVERIFY(isSame(loadFresh().state, state));
 
-    // No room for what is put aside either.
-    store(QByteArray("[") + QByteArray(200'000, ' '));
-    const QByteArray broken = contentOf(preferences());
+    void selectedIsTheStoredFolderOrTheFirst_data()
     {
-        const FileSizeLimit limit(100'000);
-        QCOMPARE(load(folderStore).lines.size(), 1);
-        QCOMPARE(save(folderStore, someState()), writeFailure());
+        QTest::addColumn<QByteArray>("selection");
+        QTest::addColumn<size_t>("expected");
+        const QByteArray id = someID;
+        const size_t first = 0;
+        const size_t second = 1;
+        QTest::newRow("second") << QByteArray('"' + id + '"') << second;
+        QTest::newRow("lower case") << QByteArray('"' + id.toLower() + '"') << second;
+        QTest::newRow("none") << QByteArray() << first;
+        QTest::newRow("no folder") << QByteArray("\"11111111-1111-4222-8333-ABCDEFABCDEF\"") << first;
+        QTest::newRow("empty") << QByteArray("\"\"") << first;
+        QTest::newRow("braces") << QByteArray("\"{" + id + "}\"") << first;
+        QTest::newRow("array") << QByteArray("[\"" + id + "\"]") << first;
+        QTest::newRow("number") << QByteArray("5") << first;
+        QTest::newRow("null") << QByteArray("null") << first;
     }
-    QCOMPARE(contentOf(preferences()), broken);
-    QCOMPARE(asideNames(), QStringList());
-}
 
-namespace
-{
-
-/// Runs `check` in a child process whose folder of the preferences is a file system of 256 KiB. Gives what
-/// `check` gives, empty when all is well.
-QByteArray onASmallDisk(const std::function<QByteArray()>& check)
-{
-    std::array<int, 2> ends = {};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return "no pipe";
-    const FileDescriptor reader(ends[0]);
-    FileDescriptor writer(ends[1]);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        enterPrivateNamespace();
-        const Mount disk = Mount::memory(folder().string(), "size=256k");
-        const QByteArray answer = check();
-        // A short text fits into the pipe; the parent reads it in any case.
-        const ssize_t size = ::write(writer.get(), answer.constData(), static_cast<size_t>(answer.size()));
-        ::_exit(size == answer.size() ? 0 : 1);
-    }
-    writer = FileDescriptor();
-    QFile answer;
-    if (!answer.open(reader.get(), QIODevice::ReadOnly)) return "no answer";
-    const QByteArray text = answer.readAll();
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == notPossibleHere) return "not possible here";
-    return status == 0 ? text : "the child ended with status " + QByteArray::number(status);
-}
-
-} // namespace
-
-void TestFolderStore::fullDiskPrintsOneLineAndKeepsTheOldOne()
-{
-    fs::create_directories(folder());
-    const QByteArray answer = onASmallDisk([]() -> QByteArray {
-        FolderStore folderStore;
-        const FolderState state = someState();
-        if (!save(folderStore, state).isEmpty()) return "saving fails from the start";
-        const QByteArray before = contentOf(preferences());
-
-        FileDescriptor filler(::open((folder() / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-        const QByteArray block(4096, 'x');
-        while (::write(filler.get(), block.constData(), static_cast<size_t>(block.size())) > 0) {
+    void selectedIsTheStoredFolderOrTheFirst()
+    {
+        QFETCH(const QByteArray, selection);
+        QFETCH(const size_t, expected);
+        FolderState state = someState();
+        state.folders[1].id = QUuid(text(someID));
+        store(encoded(state), selection);
+        // The selection before the load does not matter.
+        for (const FolderState& current : {FolderState(), state, FolderState{{}, QUuid::createUuid()}}) {
+            const Loaded loaded = loadFresh(current);
+            QCOMPARE(loaded.lines, QStringList());
+            QVERIFY(isSame(loaded.state, {state.folders, state.folders[expected].id}));
         }
-        if (errno != ENOSPC) return "the disk is not full";
-        // At first there is no room at all, then some, in which the new file only begins.
-        constexpr std::array<std::pair<off_t, qsizetype>, 3> rooms = {
-            {{0, 3'000'000}, {8192, 10'000}, {100'000, 3'000'000}}};
-        for (const auto& [freed, length] : rooms) {
-            if (::ftruncate(filler.get(), ::lseek(filler.get(), 0, SEEK_END) - freed) != 0) return "no room";
-            if (save(folderStore, longState(length)) != writeFailure()) return "not the one line";
-            if (contentOf(preferences()) != before) return "the old file was changed";
-            if (asideNames() != QStringList(text("filler"))) return "something was left behind";
-            if (!isSame(loadFresh().state, state)) return "the old state does not load";
-        }
-        filler = FileDescriptor();
-        fs::remove(folder() / "filler");
-        FolderState later = state;
-        later.folders.pop_back();
-        if (!save(folderStore, later).isEmpty()) return "saving fails when there is room again";
-        return storedList() == encoded(later) ? "" : "not what was saved";
-    });
-    if (answer == "not possible here") QSKIP("no disk of its own size without a namespace of one's own");
-    QCOMPARE(answer, QByteArray());
-}
+        QCOMPARE(contents(preferences()), preferencesWith(encoded(state), selection));
+    }
 
-void TestFolderStore::whatCouldNotBeWrittenIsLoadedAgain()
-{
-    FolderStore folderStore;
-    save(folderStore, {});
-    FolderState state = longState();
+    void urlsFollowTheirBookmarks()
     {
-        const FileSizeLimit limit(100'000);
-        QCOMPARE(save(folderStore, state), writeFailure());
-        const Loaded loaded = load(folderStore);
+        const ScratchFolder scratch;
+        const std::string before = scratch.makeFolder("before");
+        const std::string after = scratch.path() + "/after";
+        const QByteArray bookmark = *createBookmark(before);
+        const QByteArray lost = *createBookmark(scratch.path()) + "damaged";
+        const FileUrl oldUrl = FileUrl::fromPath(before);
+        const FileUrl newUrl = FileUrl::fromPath(after);
+
+        FolderState state = someState();
+        state.folders[0].bookmarkData = bookmark;
+        // The rules of a folder are resolved whether its own bookmark resolves or not.
+        state.folders[1].bookmarkData = lost;
+        std::vector<FilterRule>& rules = state.folders[1].rules;
+        rules.resize(4);
+        rules[0].destinationBookmarkData = lost;
+        rules[1].destination = oldUrl;
+        rules[1].destinationBookmarkData = bookmark;
+        rules[2].destinationBookmarkData = bookmark;
+        // Without a bookmark the URL stays, and loading creates no bookmark.
+        rules[3].destination = oldUrl;
+        saveFresh(state);
+        renameEntry(before, after);
+
+        FolderState expected = state;
+        expected.folders[0].url = newUrl;
+        expected.folders[1].rules[1].destination = newUrl;
+        expected.folders[1].rules[2].destination = newUrl;
+        Loaded loaded = loadFresh();
+        QCOMPARE(loaded.lines, QStringList());
+        QVERIFY(isSame(loaded.state, expected));
+        // A bookmark of a folder that is gone changes nothing.
+        fs::remove(after);
+        loaded = loadFresh();
         QCOMPARE(loaded.lines, QStringList());
         QVERIFY(isSame(loaded.state, state));
     }
-    // It is one that can be selected from, and the next that can be written takes its place.
-    state.selectedFolderID = QUuid::createUuid();
-    {
-        const FileSizeLimit limit(100'000);
-        QCOMPARE(save(folderStore, state), writeFailure());
-    }
-    QVERIFY(load(folderStore).state.selectedFolderID == state.folders[0].id);
-    const FolderState written = someState();
-    QCOMPARE(save(folderStore, written), QStringList());
-    QVERIFY(isSame(load(folderStore).state, written));
-}
 
-void TestFolderStore::fileEditedSinceWinsOverWhatCouldNotBeWritten()
-{
-    const FolderState theirs = someState();
-    for (const bool isBroken : {false, true}) {
+    void unusableContentIsPutAsideBeforeItIsReplaced_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        // The beginning of the line that loading prints.
+        QTest::addColumn<QString>("line");
+        // The list that is put aside; null if it is the whole file.
+        QTest::addColumn<QByteArray>("list");
+        const auto list = [](const char* name, const QByteArray& json, const char* error, bool isWholeFile) {
+            QTest::addRow("list: %s", name)
+                << "{\"other\":1,\"savedWatchedFolders\":" + json + '}'
+                << text("Failed to load folders: ") + text(error) << (isWholeFile ? QByteArray() : json);
+        };
+        const QByteArray noKind = encoded(someState()).replace("\"kind\":\"Image\",", "");
+        list("folder without rules", brokenList, "[0].rules: missing key", false);
+        list("rule without kind", noKind, "[1].rules[0].kind: missing key", false);
+        list("something else", "[5,6]", "[0]: expected an object", false);
+        list("several lines", "[\n  5\n]", "[0]: expected an object", true);
+        list("key that stands there twice", R"([{"a":1,"a":2}])", "[0].id: missing key", true);
+        for (const char* value : {"{}", "5", "null", "false", "\"[]\""})
+            list(value, value, "top level: expected an array", true);
+
+        const auto file = [](const char* name, const QByteArray& content, const char* error = "offset ") {
+            QTest::addRow("file: %s", name)
+                << content << failureTo("read")[0] + text(": ") + text(error) << QByteArray();
+        };
+        file("comma too much", R"({"savedWatchedFolders":[],})");
+        file("cut off", R"({"savedWatchedFolders":[])");
+        file("something behind it", preferencesWith("[]") + "x");
+        file("zeroes", QByteArray(4096, '\0'));
+        file("no JSON", "\xff\xfe[General]\n");
+        file("space", "\n");
+        file("nested too deep", QByteArray(100'000, '['));
+        file("no object", "[]", "top level: expected an object");
+    }
+
+    void unusableContentIsPutAsideBeforeItIsReplaced()
+    {
+        QFETCH(const QByteArray, content);
+        QFETCH(const QString, line);
+        QFETCH(const QByteArray, list);
+        constexpr fs::perms rights = fs::perms::owner_read | fs::perms::owner_write;
+        writePreferences(content);
+        fs::permissions(preferences(), rights);
         FolderStore folderStore;
-        save(folderStore, {});
+        const FolderState current = someState();
+        // A bad list counts as an empty list. Without any list, the list in memory stays.
+        const bool isBadList = line.startsWith(text("Failed to load folders"));
+        const FolderState expected = isBadList ? FolderState() : withFirstSelected(current);
+        for (int i = 0; i < 2; ++i) {
+            const Loaded loaded = load(folderStore, current);
+            QCOMPARE(loaded.lines.size(), 1);
+            QVERIFY2(loaded.lines[0].startsWith(line), qPrintable(loaded.lines[0]));
+            QVERIFY(isSame(loaded.state, expected));
+        }
+        QCOMPARE(contents(preferences()), content);
+        QCOMPARE(asideNames(), QByteArray());
+
+        QCOMPARE(save(folderStore, expected), QStringList());
+        const QByteArray name = list.isNull() ? asideName("harbex", content) : asideListName(list);
+        QCOMPARE(asideNames(), name);
+        QCOMPARE(contents(asidePath(name)), list.isNull() ? content : list);
+        QVERIFY(fs::status(asidePath(name)).permissions() == rights);
+        QVERIFY(fs::status(preferences()).permissions() == rights);
+        QCOMPARE(contents(preferences()).contains("\"other\":1"), isBadList);
+        const Loaded loaded = load(folderStore);
+        QCOMPARE(loaded.lines, QStringList());
+        QVERIFY(isSame(loaded.state, expected));
+    }
+
+    void sameListIsPutAsideOnce()
+    {
+        FolderStore folderStore;
+        const QByteArray name = asideListName(brokenList);
+        const fs::file_time_type longAgo;
+        for (int i = 0; i < 3; ++i) {
+            store(brokenList);
+            QCOMPARE(save(folderStore, someState()), QStringList());
+            QCOMPARE(asideNames(), name);
+            // The existing file is not written again.
+            if (i == 0) fs::last_write_time(asidePath(name), longAgo);
+            QVERIFY(fs::last_write_time(asidePath(name)) == longAgo);
+        }
+        store("[1]");
+        QCOMPARE(save(folderStore, someState()), QStringList());
+        QCOMPARE(asideNames().split(' ').size(), 2);
+    }
+
+    void keyWithAByteOrderMarkHidesNothing()
+    {
+        for (const char* key : {"savedWatchedFolders", "selectedWatchedFolderID"}) {
+            const QByteArray content = QByteArray("{\"\xef\xbb\xbf") + key + "\":[1]}";
+            writePreferences(content);
+            const FolderState state = someState();
+            QCOMPARE(saveFresh(state), QStringList());
+            QVERIFY(isSame(loadFresh().state, state));
+            QCOMPARE(contents(asidePath(asideName("harbex", content))), content);
+        }
+    }
+
+    // The list appears after a server did not answer, or another program writes it.
+    void goodListThatWasNotLoadedIsPutAside_data()
+    {
+        QTest::addColumn<QByteArray>("atLoading");
+        QTest::addColumn<bool>("isReadable");
+        QTest::addColumn<QByteArray>("atSaving");
+        QTest::addColumn<bool>("isPutAside");
+        const QByteArray list = encoded(someState());
+        QTest::newRow("same list") << preferencesWith(list) << true << list << false;
+        QTest::newRow("no file") << QByteArray() << true << list << true;
+        QTest::newRow("unreadable file") << preferencesWith(list) << false << list << true;
+        QTest::newRow("another list") << preferencesWith("[]") << true << list << true;
+        QTest::newRow("damaged file") << QByteArray("{") << true << list << true;
+        QTest::newRow("replaced by an empty list")
+            << preferencesWith(list) << true << QByteArray("[]") << false;
+    }
+
+    void goodListThatWasNotLoadedIsPutAside()
+    {
+        QFETCH(const QByteArray, atLoading);
+        QFETCH(const bool, isReadable);
+        QFETCH(const QByteArray, atSaving);
+        QFETCH(const bool, isPutAside);
+        FolderStore folderStore;
+        writePreferences(atLoading);
+        if (isReadable) {
+            load(folderStore);
+        } else {
+            const auto user = asUserWithRights(preferences(), 0);
+            load(folderStore);
+        }
+        store(atSaving);
+        // The list of the last save is known, so it is not put aside.
+        for (const FolderState& state : {FolderState(), someState(), FolderState()}) {
+            QCOMPARE(save(folderStore, state), QStringList());
+            QVERIFY(contents(preferences()).contains(encoded(state)));
+            QCOMPARE(asideNames(), isPutAside ? asideListName(atSaving) : QByteArray());
+        }
+    }
+
+    void whatCannotBePutAsideIsNotReplaced()
+    {
+        store(brokenList);
+        // A folder has the name of the file.
+        const std::string aside = asidePath(asideListName(brokenList));
+        fs::create_directories(aside);
+        FolderStore folderStore;
+        QCOMPARE(save(folderStore, someState()), failureTo("write"));
+        QCOMPARE(contents(preferences()), preferencesWith(brokenList));
+        fs::remove(aside);
+        QCOMPARE(save(folderStore, someState()), QStringList());
+        QCOMPARE(asideNames(), asideListName(brokenList));
+    }
+
+    void missingRightsPrintOneLineAndChangeNothing_data()
+    {
+        QTest::addColumn<bool>("isFolder");
+        QTest::addColumn<bool>("isLink");
+        QTest::addColumn<unsigned>("rights");
+        QTest::newRow("unreadable file") << false << false << 0U;
+        QTest::newRow("file that can only be written") << false << false << 0222U;
+        QTest::newRow("unreadable folder") << true << false << 0U;
+        QTest::newRow("read-only folder") << true << false << 0555U;
+        QTest::newRow("read-only file") << false << false << 0444U;
+        QTest::newRow("link to a read-only file") << false << true << 0444U;
+    }
+
+    void missingRightsPrintOneLineAndChangeNothing()
+    {
+        QFETCH(const bool, isFolder);
+        QFETCH(const bool, isLink);
+        QFETCH(const unsigned, rights);
+        FolderStore folderStore;
+        const FolderState state = someState();
+        save(folderStore, state);
+        const QByteArray before = contents(preferences());
+        if (isLink) {
+            const std::string target = folder() + "-target";
+            renameEntry(preferences(), target);
+            makeLink(preferences(), target);
+        }
         {
-            const FileSizeLimit limit(100'000);
-            QCOMPARE(save(folderStore, longState()), writeFailure());
+            const auto user = asUserWithRights(isFolder ? folder() : preferences(), rights);
+            const FolderState current = someState();
+            const Loaded loaded = load(folderStore, current);
+            const bool isReadable = (rights & 0444U) != 0;
+            QCOMPARE(loaded.lines, isReadable ? QStringList() : failureTo("read"));
+            QVERIFY(isSame(loaded.state, isReadable ? state : withFirstSelected(current)));
+            QCOMPARE(save(folderStore, {}), failureTo("write"));
         }
-        store(isBroken ? brokenList : encoded(theirs), jsonOf(*theirs.selectedFolderID));
-        const Loaded loaded = load(folderStore);
-        QCOMPARE(loaded.lines.size(), isBroken ? 1 : 0);
-        QVERIFY(isSame(loaded.state, isBroken ? FolderState() : theirs));
-        QCOMPARE(save(folderStore, loaded.state), QStringList());
-        QCOMPARE(asideNames(), isBroken ? QStringList(asideListName(brokenList)) : QStringList());
+        QCOMPARE(contents(preferences()), before);
+        QCOMPARE(asideNames(), QByteArray());
+        QCOMPARE(save(folderStore, {}), QStringList());
+        QCOMPARE(contents(preferences()), preferencesWith("[]"));
     }
-}
 
-void TestFolderStore::closedStandardOutputChangesNothing()
-{
-    store(brokenList);
-    FolderStore folderStore;
-    FolderState state;
+    void anotherKindOfEntryPrintsOneLineAndStays()
     {
-        const RedirectedOutput closed(-1);
-        state = folderStore.loadState(someState());
-        folderStore.saveState(state);
-    }
-    QVERIFY(isSame(state, {}));
-    QCOMPARE(storedList(), QByteArray("[]"));
-}
-
-void TestFolderStore::fileEditedWhileRunningIsSeen()
-{
-    FolderStore folderStore;
-    const FolderState state = someState();
-    save(folderStore, state);
-    // Of the same size and in quick succession.
-    QByteArray content = contentOf(preferences());
-    for (const char* name : {"Desk1op", "Desk2op", "Desk3op", "Desk4op"}) {
-        content.replace(content.indexOf("Desk"), 7, name);
-        writePreferences(content);
-        QCOMPARE(load(folderStore).state.folders.at(1).url.lastPathComponent(), std::string(name));
-        QCOMPARE(loadFresh().state.folders.at(1).url.lastPathComponent(), std::string(name));
-    }
-}
-
-void TestFolderStore::fileDeletedWhileRunningIsSeen()
-{
-    FolderStore folderStore;
-    save(folderStore, someState());
-    fs::remove_all(folder());
-    const FolderState current = someState();
-    QVERIFY(isSame(load(folderStore, current).state, {current.folders, current.folders[0].id}));
-    QVERIFY(!fs::exists(preferences()));
-    save(folderStore, current);
-    QVERIFY(isSame(load(folderStore).state, current));
-}
-
-void TestFolderStore::randomDamageNeverCrashesAndLosesNothing()
-{
-    std::mt19937 random = seededRandom();
-    const FolderState state = someState();
-    store(encoded(state), jsonOf(*state.selectedFolderID));
-    const QByteArray good = contentOf(preferences());
-    int undamaged = 0;
-    int lists = 0;
-    int files = 0;
-    for (int i = 0; i < 600; ++i) {
-        QByteArray content = good;
-        const auto place =
-            static_cast<qsizetype>(randomBelow(random, static_cast<size_t>(content.size()) + 1));
-        static const QByteArray pieces[] = {"\n", "\"", "\\", ":", "[", "}", ",", "\xef\xbb\xbf", "null"};
-        switch (randomBelow(random, 5)) {
-        case 0:
-            content.insert(place, static_cast<char>(randomBelow(random, 256)));
-            break;
-        case 1:
-            content.remove(place, static_cast<qsizetype>(randomBelow(random, 30)) + 1);
-            break;
-        case 2:
-            content.truncate(place);
-            break;
-        case 3:
-            // Most often it stays JSON.
-            std::fill_n(content.begin() + place, std::min(content.size() - place, qsizetype(1)), 'x');
-            break;
-        default:
-            content.insert(place, pieces[randomBelow(random, std::size(pieces))]);
-            break;
-        }
-        fs::remove_all(folder());
-        writePreferences(content);
+        const FolderState current = someState();
         FolderStore folderStore;
-        const Loaded loaded = load(folderStore);
-        QCOMPARE(save(folderStore, loaded.state), QStringList());
-        const QStringList names = asideNames();
-        QVERIFY2(names.size() >= loaded.lines.size() && names.size() <= 1, content);
-        for (const QString& name : names) {
-            const QByteArray aside = contentOf(folder() / name.toStdString());
-            const bool isWhole = name.startsWith(text("harbex-"));
-            QVERIFY2(isWhole ? aside == content : content.contains(aside) && aside.startsWith("[{"), content);
-            ++(isWhole ? files : lists);
-        }
-        undamaged += names.isEmpty();
-        QVERIFY2(isSame(load(folderStore).state, loaded.state), content);
+        // A file instead of the folder means that there are no preferences.
+        writeFile(folder(), "");
+        QCOMPARE(load(folderStore, current).lines, QStringList());
+        QCOMPARE(save(folderStore, current), failureTo("write"));
+        QCOMPARE(fs::file_size(folder()), std::uintmax_t(0));
+        fs::remove(folder());
+        // A folder instead of the file means that they cannot be read.
+        fs::create_directories(preferences());
+        const Loaded loaded = loadFresh(current);
+        QCOMPARE(loaded.lines, failureTo("read"));
+        QVERIFY(isSame(loaded.state, withFirstSelected(current)));
+        QCOMPARE(save(folderStore, {}), failureTo("write"));
+        QVERIFY(fs::is_directory(preferences()));
+        QCOMPARE(asideNames(), QByteArray());
+        fs::remove(preferences());
+        QCOMPARE(save(folderStore, current), QStringList());
+        QVERIFY(isSame(load(folderStore).state, current));
     }
-    // All of it happens, or the damage would show nothing.
-    QVERIFY(undamaged > 20 && lists > 20 && files > 20);
-}
 
-HARBEX_TEST_MAIN(TestFolderStore)
+    void withoutRoomTheOldFileStays_data()
+    {
+        QTest::addColumn<unsigned>("room");
+        QTest::addColumn<int>("length");
+        QTest::newRow("room for the first bytes") << 8'192U << 10'000;
+        QTest::newRow("room for the first blocks") << 100'000U << 3'000'000;
+    }
+
+    void withoutRoomTheOldFileStays()
+    {
+        QFETCH(const unsigned, room);
+        QFETCH(const int, length);
+        FolderStore folderStore;
+        const FolderState old = someState();
+        save(folderStore, old);
+        const QByteArray before = contents(preferences());
+        FolderState state = longState(length);
+        QCOMPARE(saveWithoutRoom(folderStore, state, room), failureTo("write"));
+        QCOMPARE(contents(preferences()), before);
+        QCOMPARE(asideNames(), QByteArray());
+        QVERIFY(isSame(loadFresh().state, old));
+
+        // The store keeps what it could not write.
+        const Loaded loaded = load(folderStore);
+        QCOMPARE(loaded.lines, QStringList());
+        QVERIFY(isSame(loaded.state, state));
+        state.selectedFolderID = QUuid::createUuid();
+        QCOMPARE(saveWithoutRoom(folderStore, state, room), failureTo("write"));
+        QVERIFY(isSame(load(folderStore).state, withFirstSelected(state)));
+        // The next state that can be written replaces it.
+        QCOMPARE(save(folderStore, old), QStringList());
+        QVERIFY(isSame(load(folderStore).state, old));
+    }
+
+    void fileEditedAfterAFailedSaveWins()
+    {
+        const FolderState theirs = someState();
+        for (const bool isBroken : {false, true}) {
+            FolderStore folderStore;
+            save(folderStore, {});
+            QCOMPARE(saveWithoutRoom(folderStore, longState()), failureTo("write"));
+            store(isBroken ? brokenList : encoded(theirs), jsonOf(*theirs.selectedFolderID));
+            const Loaded loaded = load(folderStore);
+            QCOMPARE(loaded.lines.size(), isBroken ? 1 : 0);
+            QVERIFY(isSame(loaded.state, isBroken ? FolderState() : theirs));
+            QCOMPARE(save(folderStore, loaded.state), QStringList());
+            QCOMPARE(asideNames(), isBroken ? asideListName(brokenList) : QByteArray());
+        }
+    }
+
+    void fileEditedWhileTheProgramRunsIsLoaded()
+    {
+        FolderStore folderStore;
+        save(folderStore, someState());
+        // All have the same size and follow each other quickly.
+        QByteArray content = contents(preferences());
+        for (const char* name : {"Desk1op", "Desk2op", "Desk3op", "Desk4op"}) {
+            content.replace(content.indexOf("Desk"), 7, name);
+            writePreferences(content);
+            QCOMPARE(load(folderStore).state.folders.at(1).url.lastPathComponent(), std::string(name));
+        }
+        // A removed file is not a list that is empty.
+        fs::remove_all(folder());
+        const FolderState current = someState();
+        QVERIFY(isSame(load(folderStore, current).state, withFirstSelected(current)));
+        QVERIFY(!fs::exists(preferences()));
+        save(folderStore, current);
+        QVERIFY(isSame(load(folderStore).state, current));
+    }
+};
+
+HARBEX_TEST(TestFolderStore)
 
 #include "tst_FolderStore.moc"

@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <memory>
 #include <set>
-#include <sys/mount.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 namespace
 {
 
-/// Files that go on appearing under a path, whatever the folder there is and whether there is one.
+/// Creates files under a path, one per millisecond, also while the folder is replaced or missing.
 class Arrivals
 {
 public:
@@ -40,7 +40,7 @@ public:
 
     [[nodiscard]] size_t count() const { return m_count; }
 
-    /// The contents of those that have arrived. Only after stop().
+    /// Returns the contents of the files that have arrived. Call after stop().
     [[nodiscard]] const std::set<std::string>& contents() const { return m_contents; }
 
 private:
@@ -48,7 +48,7 @@ private:
     {
         for (int i = 0; !m_stopped; ++i) {
             const std::string content = "<" + std::to_string(i) + ">";
-            // Their names meet, so that some get numbers.
+            // Repeated names, so the moved files need numbers.
             const std::string path = m_folder + "/file " + std::to_string(i % 50) + ".jpg";
             const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
             if (file && ::write(file.get(), content.data(), content.size()) == ssize_t(content.size())) {
@@ -68,20 +68,57 @@ private:
 
 std::unique_ptr<Mount> memoryOver(const std::string& folder)
 {
-    // Not make_unique: a mount cannot be passed on.
+    // Not make_unique: a Mount cannot be moved.
     return std::unique_ptr<Mount>(new Mount(Mount::memory(folder)));
 }
 
-enum class Incident { deleted, renamed, replaced, mountedOver, unmounted, pulledOut, destinationPulledOut };
+/// A watched folder, and what happens to it.
+struct Place {
+    Place(const ScratchFolder& scratch, const std::string& what)
+        : incident(what), inbox(scratch.makeFolder(what)), out(scratch.makeFolder(what + " out")),
+          elsewhere(scratch.path() + '/' + what + " elsewhere")
+    {
+        if (is("unmounted") || is("pulled out")) stick = memoryOver(inbox);
+        if (is("destination pulled out")) stick = memoryOver(out);
+    }
 
-constexpr std::array incidents = {
-    std::pair{Incident::deleted, "deleted"},
-    std::pair{Incident::renamed, "renamed"},
-    std::pair{Incident::replaced, "replaced"},
-    std::pair{Incident::mountedOver, "mounted over"},
-    std::pair{Incident::unmounted, "unmounted"},
-    std::pair{Incident::pulledOut, "pulled out"},
-    std::pair{Incident::destinationPulledOut, "destination pulled out"},
+    [[nodiscard]] bool is(const std::string& what) const { return incident == what; }
+
+    /// Starts the incident. Returns false if an unmount takes too long.
+    [[nodiscard]] bool happen()
+    {
+        std::error_code mayHaveNewFiles;
+        while (is("deleted") && exists(inbox))
+            fs::remove_all(inbox, mayHaveNewFiles);
+        if (is("renamed") || is("replaced")) renameEntry(inbox, elsewhere);
+        if (is("replaced")) makeFolder(inbox);
+        if (is("mounted over")) over = memoryOver(inbox);
+        if (is("pulled out") || is("destination pulled out")) stick.reset();
+        if (!is("unmounted")) return true;
+        // A scan or a file that is being written keeps the volume busy.
+        arrivals->stop();
+        return QTest::qWaitFor([this] { return stick->unmount(); }, patience);
+    }
+
+    /// Returns the contents of all files.
+    [[nodiscard]] std::multiset<std::string> files() const
+    {
+        std::multiset<std::string> found;
+        for (const std::string& folder : {inbox, out, elsewhere}) {
+            if (!exists(folder)) continue;
+            for (const auto& entry : fs::directory_iterator(folder))
+                found.insert(contents(entry.path().string()).toStdString());
+        }
+        return found;
+    }
+
+    const std::string incident;
+    const std::string inbox;
+    const std::string out;
+    const std::string elsewhere;
+    std::unique_ptr<Mount> stick;
+    std::unique_ptr<Mount> over;
+    std::unique_ptr<Arrivals> arrivals;
 };
 
 } // namespace
@@ -92,129 +129,94 @@ class TestFolderGoesAway : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void whileEntriesArrive_data();
-    void whileEntriesArrive();
+    void whileEntriesArrive()
+    {
+        std::mt19937 random = seededRandom();
+        const size_t rounds = stressSize(size_t(1), size_t(40));
+        size_t round = 0;
+        for (; round < rounds && !QTest::currentTestFailed(); ++round)
+            oneRound(random);
+        reportRuns(round * incidents.size());
+    }
 
 private:
-    void oneRound(Incident incident, std::mt19937& random);
+    void oneRound(std::mt19937& random)
+    {
+        const ScratchFolder scratch;
+        const std::string other = scratch.makeFolder("other");
+        Sentinel sentinel(scratch, other);
+        std::vector<std::unique_ptr<Place>> places;
+        std::vector<WatchedFolder> folders;
+        for (const char* incident : incidents) {
+            places.push_back(std::make_unique<Place>(scratch, incident));
+            folders.push_back(watched(places.back()->inbox, {takeAll(places.back()->out)}));
+        }
+        folders.push_back(watched(other, {sentinel.rule()}));
+        const size_t threads = threadCount();
+        const size_t descriptors = descriptorCount();
+        auto engine = std::make_unique<DownloadImageRedirector>();
+        QVERIFY(startAndWait(*engine, folders));
+        const std::vector<int> watchedBefore = engine->activeFDs();
+
+        for (const auto& place : places)
+            place->arrivals = std::make_unique<Arrivals>(place->inbox);
+        for (const auto& place : places) {
+            const size_t before = 20 + randomBelow(random, 400);
+            QTRY_VERIFY_WITH_TIMEOUT(place->arrivals->count() >= before, patience);
+            QVERIFY2(place->happen(), place->incident.c_str());
+        }
+        // Entries continue to arrive where a folder is left.
+        for (const auto& place : places) {
+            const size_t then = place->arrivals->count();
+            if (place->is("replaced") || place->is("mounted over") || place->is("destination pulled out"))
+                QTRY_VERIFY_WITH_TIMEOUT(place->arrivals->count() >= then + 20, patience);
+            place->arrivals->stop();
+        }
+        // The engine still works, and has ended the moves that it had begun.
+        QVERIFY(sentinel.passes(*engine));
+
+        // The folder that is now at the path is watched without a restart.
+        for (const auto& place : places)
+            if (!exists(place->inbox)) makeFolder(place->inbox);
+        for (size_t i = 0; i < places.size(); ++i) {
+            const auto isWatched = [&] {
+                const std::vector<int> now = engine->activeFDs();
+                return now.size() == watchedBefore.size() &&
+                       (now[i] != watchedBefore[i] || places[i]->is("destination pulled out"));
+            };
+            QVERIFY2(QTest::qWaitFor(isWatched, patience), incidents[i]);
+            writeFile(places[i]->inbox + "/new.png", "new");
+        }
+        for (const auto& place : places)
+            QTRY_COMPARE_WITH_TIMEOUT(contents(place->out + "/new.png"), QByteArray("new"), patience);
+        engine.reset();
+        QCOMPARE(threadCount(), threads);
+        QCOMPARE(descriptorCount(), descriptors);
+        QCOMPARE(kernelWatchCount(), 0U);
+
+        // Every file that did not disappear with its volume or folder exists once.
+        for (const auto& place : places) {
+            place->over.reset();
+            std::multiset<std::string> found = place->files();
+            found.erase("new");
+            const std::set<std::string>& arrived = place->arrivals->contents();
+            for (const std::string& content : found)
+                QVERIFY2(found.count(content) == 1 && arrived.contains(content),
+                         (place->incident + ' ' + content).c_str());
+            if (place->is("renamed") || place->is("replaced")) QCOMPARE(found.size(), arrived.size());
+        }
+    }
+
+    static constexpr std::array incidents = {"deleted",
+                                             "renamed",
+                                             "replaced",
+                                             "mounted over",
+                                             "unmounted",
+                                             "pulled out",
+                                             "destination pulled out"};
 };
 
-void TestFolderGoesAway::whileEntriesArrive_data()
-{
-    QTest::addColumn<int>("incident");
-    for (const auto& [incident, name] : incidents)
-        QTest::newRow(name) << int(incident);
-}
-
-void TestFolderGoesAway::oneRound(Incident incident, std::mt19937& random)
-{
-    const ScratchFolder scratch;
-    const std::string inbox = scratch.makeFolder("inbox");
-    const std::string out = scratch.makeFolder("out");
-    const std::string other = scratch.makeFolder("other");
-    const std::string elsewhere = scratch.path() + "/elsewhere";
-    Sentinel sentinel(scratch, other);
-    std::unique_ptr<Mount> stick;
-    const bool isOnStick = incident == Incident::unmounted || incident == Incident::pulledOut;
-    if (isOnStick) stick = memoryOver(inbox);
-    if (incident == Incident::destinationPulledOut) stick = memoryOver(out);
-    std::unique_ptr<Mount> over;
-
-    const size_t threads = threadCount();
-    const size_t descriptors = descriptorCount();
-    const std::vector<WatchedFolder> folders = {watched(inbox, {takeAll(out)}),
-                                                watched(other, {sentinel.rule()})};
-    auto engine = std::make_unique<DownloadImageRedirector>();
-    QVERIFY(startAndWait(*engine, folders));
-    const std::vector<int> watchedBefore = engine->activeFDs();
-    std::set<std::string> arrived;
-    {
-        Arrivals arrivals(inbox);
-        const size_t before = 20 + randomBelow(random, 400);
-        QTRY_VERIFY_WITH_TIMEOUT(arrivals.count() >= before, patience);
-        switch (incident) {
-        case Incident::deleted: {
-            std::error_code mayHaveNewFiles;
-            while (exists(inbox))
-                fs::remove_all(inbox, mayHaveNewFiles);
-            break;
-        }
-        case Incident::renamed:
-            renameEntry(inbox, elsewhere);
-            break;
-        case Incident::replaced:
-            renameEntry(inbox, elsewhere);
-            makeFolder(inbox);
-            break;
-        case Incident::mountedOver:
-            over = memoryOver(inbox);
-            break;
-        case Incident::unmounted:
-            // As long as files are written there, nobody can.
-            arrivals.stop();
-            // At rest, when only its reader of events is left and one worker, it holds nothing.
-            if (stressSize(false, true) && randomBelow(random, 2) == 0) {
-                QTRY_COMPARE_WITH_TIMEOUT(threadCount(), threads + 2, patience);
-                QVERIFY(stick->unmount());
-            }
-            QTRY_VERIFY_WITH_TIMEOUT(!stick->isMounted() || stick->unmount(), patience);
-            break;
-        case Incident::pulledOut:
-        case Incident::destinationPulledOut:
-            stick.reset();
-            break;
-        }
-        // It goes on for a while.
-        if (incident == Incident::replaced || incident == Incident::mountedOver ||
-            incident == Incident::destinationPulledOut) {
-            const size_t then = arrivals.count();
-            QTRY_VERIFY_WITH_TIMEOUT(arrivals.count() >= then + 20, patience);
-        }
-        arrivals.stop();
-        arrived = arrivals.contents();
-    }
-    // The engine lives, and has by now ended what it had begun.
-    QVERIFY(sentinel.passes(*engine));
-
-    // Whatever folder stands there is watched, and nobody has to ask for it.
-    if (!exists(inbox)) makeFolder(inbox);
-    if (incident != Incident::destinationPulledOut)
-        QTRY_VERIFY_WITH_TIMEOUT(isWatchedAnew(*engine, watchedBefore), patience);
-    writeFile(inbox + "/new.png", "new");
-    QTRY_COMPARE_WITH_TIMEOUT(contents(out + "/new.png"), QByteArray("new"), patience);
-    engine.reset();
-    QCOMPARE(threadCount(), threads);
-    QCOMPARE(descriptorCount(), descriptors);
-    QCOMPARE(kernelWatchCount(), 0U);
-
-    // What did not go away with its volume or folder is there, once.
-    over.reset();
-    std::multiset<std::string> found;
-    for (const std::string& folder : {inbox, out, elsewhere}) {
-        if (!exists(folder)) continue;
-        for (const auto& entry : fs::directory_iterator(folder)) {
-            const std::string content = contents(entry.path().string()).toStdString();
-            if (content != "new") found.insert(content);
-        }
-    }
-    for (const std::string& content : found)
-        QVERIFY2(found.count(content) == 1 && arrived.contains(content), content.c_str());
-    if (incident == Incident::renamed || incident == Incident::replaced)
-        QCOMPARE(found.size(), arrived.size());
-}
-
-void TestFolderGoesAway::whileEntriesArrive()
-{
-    QFETCH(const int, incident);
-    std::mt19937 random = seededRandom();
-    const size_t rounds = stressSize(size_t(1), size_t(40));
-    size_t round = 0;
-    for (; round < rounds && !QTest::currentTestFailed(); ++round)
-        oneRound(Incident(incident), random);
-    reportRuns(round);
-}
-
-int main(int argc, char** argv)
+HARBEX_MAIN(TestFolderGoesAway)
 {
     enterPrivateNamespace();
     reportApartFromStandardOutput();

@@ -1,14 +1,9 @@
-#include "fs/FileMove.h"
 #include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
 #include "support/EngineResources.h"
-#include "support/MoveRound.h"
-#include "support/TreeSnapshot.h"
+#include "support/MoveFixture.h"
 
-#include <algorithm>
-#include <cstring>
 #include <linux/fs.h>
-#include <memory>
 #include <optional>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -19,11 +14,11 @@ using namespace harbex::test;
 namespace
 {
 
-/// The flags of chattr(1) for the length of a scope.
+/// Sets flags of chattr(1) until the end of the scope.
 class FileFlags
 {
 public:
-    /// Not every file system has them, nor may everybody set them: hasSet() tells.
+    /// Fails if the file system has no flags, or if the user may not set them. See hasSet().
     FileFlags(std::string path, int flags) : m_path(std::move(path)) { m_hasSet = change(flags, true); }
     ~FileFlags()
     {
@@ -49,135 +44,49 @@ private:
     bool m_hasSet = false;
 };
 
-/// How a move ended.
-struct Trial {
-    int error = 0;
-    /// The calls besides the first rename by which it tried to make or change something.
-    QByteArrayList made;
-};
-
-Trial tryMove(const std::string& source, const std::string& target, bool asOrdinaryUser)
-{
-    Trial trial;
-    const auto work = [&] {
-        if (asOrdinaryUser) becomeOrdinary();
-        return FileMove().moveItem(source, target);
-    };
-    trial.error = runIntercepted(fileSystemCalls(), work, [&trial](const InterceptedCall& call) {
-                      if (!onlyReads(call) && call.name != "renameat2")
-                          trial.made << QByteArray::fromStdString(call.label());
-                      return Answer::proceed();
-                  }).error;
-    return trial;
-}
-
-void addRowsOfEntries()
+void addColumns()
 {
     QTest::addColumn<QByteArray>("kind");
     QTest::addColumn<bool>("acrossVolumes");
-    for (const char* kind : {"file", "folder"}) {
-        for (const bool acrossVolumes : {false, true})
-            QTest::addRow("%s, %s", kind, acrossVolumes ? "across volumes" : "same volume")
-                << QByteArray(kind) << acrossVolumes;
-    }
+}
+
+/// Calls `add` with each kind of entry, whether it moves to another volume, and a text for both.
+void forEachEntry(const std::function<void(const char* kind, bool acrossVolumes, const char* text)>& add)
+{
+    add("file", false, "file, same volume");
+    add("file", true, "file, across volumes");
+    add("folder", false, "folder, same volume");
+    add("folder", true, "folder, across volumes");
 }
 
 } // namespace
 
-/// Entries that may not leave and folders that may not be entered: the move fails with the reason of the
-/// system, and nothing is copied instead.
-class TestForbidden : public QObject
+/// Entries that may not be moved, and folders that may not be changed. The move fails with the error of the
+/// system and copies nothing.
+class TestForbidden : public QObject, private MovePlaces
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-
-    void foldersClosedByTheirMode_data();
-    void foldersClosedByTheirMode();
-    void stickyFoldersOfOthers_data() { addRowsOfEntries(); }
-    void stickyFoldersOfOthers();
-    void immutableEntries_data() { addRowsOfEntries(); }
-    void immutableEntries();
-    void appendOnlyEntries_data() { addRowsOfEntries(); }
-    void appendOnlyEntries();
-    void appendOnlyFolders_data() { addRowsOfEntries(); }
-    void appendOnlyFolders();
-    void immutableDestinations_data() { addRowsOfEntries(); }
-    void immutableDestinations();
-    void theLogNamesTheReason_data();
-    void theLogNamesTheReason();
-
-private:
-    void makeSource(const QByteArray& kind) const;
-    void openAll() const;
-    [[nodiscard]] std::string target() const { return m_out + "/entry"; }
-    /// `tries` is how often something may be tried to be made.
-    void expectRefused(const Trial& trial, const std::vector<int>& expected, qsizetype tries = 0) const;
-    void tryWithFlags(const std::string& path, int flags, qsizetype tries = 0);
-
-    std::unique_ptr<ScratchFolder> m_here;
-    std::unique_ptr<ScratchFolder> m_there;
-    std::string m_in;
-    std::string m_out;
-    std::string m_source;
-    QByteArray m_before;
-};
-
-void TestForbidden::init()
-{
-    QFETCH(const bool, acrossVolumes);
-    QFETCH(const QByteArray, kind);
-    m_here = std::make_unique<ScratchFolder>();
-    m_there = std::make_unique<ScratchFolder>(acrossVolumes ? folderOnAnotherVolume() : std::string());
-    m_in = m_here->makeFolder("in");
-    m_out = m_there->makeFolder("out");
-    m_source = m_in + "/entry";
-    makeSource(kind);
-    for (const std::string& folder : {m_here->path(), m_there->path(), m_in, m_out})
-        QCOMPARE(::chmod(folder.c_str(), 0777), 0);
-    m_before = pictureOf(m_source);
-}
-
-void TestForbidden::makeSource(const QByteArray& kind) const
-{
-    if (kind == "file") writeFile(m_source, "content");
-    if (kind == "folder") {
-        makeFolder(m_source);
-        writeFile(m_source + "/file", "content");
+    void init()
+    {
+        QFETCH(const bool, acrossVolumes);
+        QFETCH(const QByteArray, kind);
+        makePlaces(acrossVolumes ? folderOnAnotherVolume() : std::string());
+        makeObstacle(kind == "folder" ? "full folder" : "file", source);
+        openToAll();
+        // The user who moves the entry owns it.
+        if (::geteuid() == 0) giveTo(nobody);
     }
-    if (::geteuid() != 0) return;
-    // Its owner is the one who moves.
-    constexpr uid_t nobody = 65534;
-    QCOMPARE(::chown(m_source.c_str(), nobody, nobody), 0);
-    if (kind == "folder") QCOMPARE(::chown((m_source + "/file").c_str(), nobody, nobody), 0);
-}
 
-void TestForbidden::openAll() const
-{
-    QCOMPARE(::chmod(m_in.c_str(), 0777), 0);
-    QCOMPARE(::chmod(m_out.c_str(), 0777), 0);
-}
-
-void TestForbidden::expectRefused(const Trial& trial, const std::vector<int>& expected, qsizetype tries) const
-{
-    QVERIFY2(std::ranges::find(expected, trial.error) != expected.end(), std::strerror(trial.error));
-    QVERIFY2(trial.made.size() <= tries, trial.made.join(", ").constData());
-    QCOMPARE(pictureOf(m_source), m_before);
-    QCOMPARE(namesIn(m_out), QByteArrayList());
-}
-
-void TestForbidden::foldersClosedByTheirMode_data()
-{
-    QTest::addColumn<QByteArray>("kind");
-    QTest::addColumn<bool>("acrossVolumes");
-    QTest::addColumn<int>("inMode");
-    QTest::addColumn<int>("outMode");
-    for (const char* kind : {"file", "folder"}) {
-        for (const bool acrossVolumes : {false, true}) {
-            const auto add = [&](const char* what, int inMode, int outMode) {
-                QTest::addRow("%s, %s, %s", kind, acrossVolumes ? "across volumes" : "same volume", what)
-                    << QByteArray(kind) << acrossVolumes << inMode << outMode;
+    void closedFolders_data()
+    {
+        addColumns();
+        QTest::addColumn<int>("inMode");
+        QTest::addColumn<int>("outMode");
+        forEachEntry([](const char* kind, bool acrossVolumes, const char* text) {
+            const auto add = [=](const char* what, int inMode, int outMode) {
+                QTest::addRow("%s, %s", text, what) << QByteArray(kind) << acrossVolumes << inMode << outMode;
             };
             add("source read-only", 0555, 0777);
             add("source without search", 0666, 0777);
@@ -185,137 +94,172 @@ void TestForbidden::foldersClosedByTheirMode_data()
             add("destination read-only", 0777, 0555);
             add("destination without search", 0777, 0666);
             add("destination closed", 0777, 0);
-            // A rename needs no more than that.
+            // A rename does not need to list.
             if (acrossVolumes) add("destination that cannot be listed", 0777, 0333);
-        }
+        });
     }
-}
 
-void TestForbidden::foldersClosedByTheirMode()
-{
-    QFETCH(const int, inMode);
-    QFETCH(const int, outMode);
-    QCOMPARE(::chmod(m_in.c_str(), mode_t(inMode)), 0);
-    QCOMPARE(::chmod(m_out.c_str(), mode_t(outMode)), 0);
-    const Trial trial = tryMove(m_source, target(), true);
-    openAll();
-    // That a destination may not be written to is what the first try to make something there tells.
-    QFETCH(const bool, acrossVolumes);
-    expectRefused(trial, {EACCES}, acrossVolumes && outMode == 0555 ? 1 : 0);
-}
-
-void TestForbidden::stickyFoldersOfOthers()
-{
-    if (::geteuid() != 0) QSKIP("only root can make files of another user");
-    // Neither the folder nor the entry is the mover's.
-    QCOMPARE(::chown(m_source.c_str(), 12345, 12345), 0);
-    QCOMPARE(::chmod(m_source.c_str(), 0777), 0);
-    QCOMPARE(::chmod(m_in.c_str(), 01777), 0);
-    m_before = pictureOf(m_source);
-    expectRefused(tryMove(m_source, target(), true), {EPERM, EACCES});
-
-    // Its own entry it may take out of there.
-    QCOMPARE(::chown(m_source.c_str(), 65534, 65534), 0);
-    QCOMPARE(tryMove(m_source, target(), true).error, 0);
-    QVERIFY(!exists(m_source) && exists(target()));
-}
-
-void TestForbidden::tryWithFlags(const std::string& path, int flags, qsizetype tries)
-{
+    void closedFolders()
     {
-        const FileFlags set(path, flags);
-        if (!set.hasSet()) QSKIP("this file system, or this user, cannot set the flags of chattr");
-        expectRefused(tryMove(m_source, target(), false), {EPERM}, tries);
-        if (QTest::currentTestFailed()) return;
+        QFETCH(const bool, acrossVolumes);
+        QFETCH(const int, inMode);
+        QFETCH(const int, outMode);
+        remember();
+        QCOMPARE(::chmod(in.c_str(), mode_t(inMode)), 0);
+        QCOMPARE(::chmod(out.c_str(), mode_t(outMode)), 0);
+        const int error = moveWithoutPrivileges(noteChanges());
+        openToAll();
+        QCOMPARE(result(error), kept(EACCES));
+        // Only the first attempt to create something shows that a destination is read-only.
+        QVERIFY2(m_changes.size() <= (acrossVolumes && outMode == 0555 ? 1 : 0), changes());
     }
-    QCOMPARE(errorOfMove(m_source, target()), 0);
-    QVERIFY(!exists(m_source) && exists(target()));
-}
 
-void TestForbidden::immutableEntries()
-{
-    tryWithFlags(m_source, FS_IMMUTABLE_FL);
-}
-
-void TestForbidden::appendOnlyEntries()
-{
-    tryWithFlags(m_source, FS_APPEND_FL);
-}
-
-void TestForbidden::appendOnlyFolders()
-{
-    tryWithFlags(m_in, FS_APPEND_FL);
-}
-
-void TestForbidden::immutableDestinations()
-{
-    QFETCH(const bool, acrossVolumes);
-    tryWithFlags(m_out, FS_IMMUTABLE_FL, acrossVolumes ? 1 : 0);
-}
-
-void TestForbidden::theLogNamesTheReason_data()
-{
-    QTest::addColumn<QByteArray>("kind");
-    QTest::addColumn<bool>("acrossVolumes");
-    QTest::addColumn<QString>("hindrance");
-    const auto add = [](const char* kind, bool acrossVolumes, const char* hindrance) {
-        QTest::addRow("%s, %s, %s", hindrance, kind, acrossVolumes ? "across volumes" : "same volume")
-            << QByteArray(kind) << acrossVolumes << QString::fromUtf8(hindrance);
-    };
-    for (const bool acrossVolumes : {false, true}) {
-        for (const char* hindrance : {"sticky folder of others", "append-only folder",
-                                      "immutable destination", "destination without search"})
-            add("file", acrossVolumes, hindrance);
+    void stickyFoldersOfOthers_data()
+    {
+        addColumns();
+        forEachEntry([](const char* kind, bool acrossVolumes, const char* text) {
+            QTest::newRow(text) << QByteArray(kind) << acrossVolumes;
+        });
     }
-    for (const char* hindrance : {"immutable file in it", "append-only file in it"})
-        add("folder", true, hindrance);
-}
 
-void TestForbidden::theLogNamesTheReason()
-{
-    QFETCH(const QString, hindrance);
-    const std::string prepared = m_here->path() + "/entry";
-    renameEntry(m_source, prepared);
-    int expected = EPERM;
-    std::optional<FileFlags> flags;
-    if (hindrance == u"sticky folder of others") {
+    void stickyFoldersOfOthers()
+    {
         if (::geteuid() != 0) QSKIP("only root can make files of another user");
-        QCOMPARE(::chown(prepared.c_str(), 12345, 12345), 0);
-        QCOMPARE(::chown(m_in.c_str(), 12345, 12345), 0);
-        QCOMPARE(::chmod(m_in.c_str(), 01777), 0);
-    }
-    // Who moves it is not root here, but owns it.
-    if (hindrance.endsWith(u"in it")) {
-        QCOMPARE(::chown(prepared.c_str(), ::geteuid(), ::getegid()), 0);
-        QCOMPARE(::chown((prepared + "/file").c_str(), ::geteuid(), ::getegid()), 0);
-    }
-    if (hindrance == u"append-only folder") flags.emplace(m_in, FS_APPEND_FL);
-    if (hindrance == u"immutable destination") flags.emplace(m_out, FS_IMMUTABLE_FL);
-    if (hindrance == u"immutable file in it") flags.emplace(prepared + "/file", FS_IMMUTABLE_FL);
-    if (hindrance == u"append-only file in it") flags.emplace(prepared + "/file", FS_APPEND_FL);
-    if (flags && !flags->hasSet()) QSKIP("this file system, or this user, cannot set the flags of chattr");
-    if (hindrance == u"destination without search") {
-        QCOMPARE(::chmod(m_out.c_str(), 0666), 0);
-        expected = EACCES;
-    }
-    m_before = pictureOf(prepared);
-    {
-        const EngineOutput output;
-        const WithoutPrivileges ordinary;
-        DownloadImageRedirector engine;
-        QVERIFY(startAndWait(engine, {watched(m_in, {takeAll(m_out)})}));
-        renameEntry(prepared, m_source);
-        QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine),
-                                  QStringLiteral("Move failed for entry: ") +
-                                      QString::fromStdString(SystemError{expected}.description()),
-                                  patience);
-    }
-    if (!flags) openAll();
-    expectRefused({expected, {}}, {expected});
-    // Where it can be made changeable again.
-    if (flags && hindrance.endsWith(u"in it")) renameEntry(m_source, prepared);
-}
+        // The user who moves owns neither the folder nor the entry.
+        giveTo(12345);
+        QCOMPARE(::chmod(source.c_str(), 0777), 0);
+        QCOMPARE(::chmod(in.c_str(), 01777), 0);
+        remember();
+        const int error = moveWithoutPrivileges(noteChanges());
+        QVERIFY(error == EPERM || error == EACCES);
+        QCOMPARE(result(error), kept(error));
+        QVERIFY2(m_changes.isEmpty(), changes());
 
-HARBEX_ENGINE_TEST_MAIN(TestForbidden)
+        // A user can move an own entry out of a sticky folder.
+        giveTo(nobody);
+        QCOMPARE(moveWithoutPrivileges(), 0);
+        QVERIFY(!exists(source) && exists(target));
+    }
+
+    void fileFlags_data()
+    {
+        addColumns();
+        QTest::addColumn<QByteArray>("place");
+        QTest::addColumn<int>("flags");
+        forEachEntry([](const char* kind, bool acrossVolumes, const char* text) {
+            const auto add = [=](const char* what, const char* place, int flags) {
+                QTest::addRow("%s, %s", what, text)
+                    << QByteArray(kind) << acrossVolumes << QByteArray(place) << flags;
+            };
+            add("immutable entry", "source", FS_IMMUTABLE_FL);
+            add("append-only entry", "source", FS_APPEND_FL);
+            add("append-only folder", "in", FS_APPEND_FL);
+            add("immutable destination", "out", FS_IMMUTABLE_FL);
+        });
+    }
+
+    void fileFlags()
+    {
+        QFETCH(const bool, acrossVolumes);
+        QFETCH(const QByteArray, place);
+        QFETCH(const int, flags);
+        {
+            const FileFlags set(place == "source" ? source : place == "in" ? in : out, flags);
+            if (!set.hasSet()) QSKIP("this file system, or this user, cannot set the flags of chattr");
+            QCOMPARE(move(noteChanges()), kept(EPERM));
+            QVERIFY2(m_changes.size() <= (acrossVolumes && place == "out" ? 1 : 0), changes());
+        }
+        QCOMPARE(move(), moved());
+    }
+
+    void theLogNamesTheReason_data()
+    {
+        addColumns();
+        QTest::addColumn<QString>("hindrance");
+        const auto add = [](const char* kind, bool acrossVolumes, const char* hindrance) {
+            QTest::addRow("%s, %s, %s", hindrance, kind, acrossVolumes ? "across volumes" : "same volume")
+                << QByteArray(kind) << acrossVolumes << QString::fromUtf8(hindrance);
+        };
+        for (const bool acrossVolumes : {false, true}) {
+            for (const char* hindrance : {"sticky folder of others", "append-only folder",
+                                          "immutable destination", "destination without search"})
+                add("file", acrossVolumes, hindrance);
+        }
+        for (const char* hindrance : {"immutable file in it", "append-only file in it"})
+            add("folder", true, hindrance);
+    }
+
+    void theLogNamesTheReason()
+    {
+        QFETCH(const QString, hindrance);
+        int expected = EPERM;
+        std::optional<FileFlags> flags;
+        if (hindrance == u"sticky folder of others") {
+            if (::geteuid() != 0) QSKIP("only root can make files of another user");
+            giveTo(12345);
+            QCOMPARE(::chown(in.c_str(), 12345, 12345), 0);
+            QCOMPARE(::chmod(in.c_str(), 01777), 0);
+        }
+        // The user who moves the folder owns it, but has no root privileges.
+        if (hindrance.endsWith(u"in it") && ::geteuid() == 0) giveTo(0);
+        if (hindrance == u"immutable file in it") flags.emplace(source + "/inside", FS_IMMUTABLE_FL);
+        if (hindrance == u"append-only file in it") flags.emplace(source + "/inside", FS_APPEND_FL);
+        remember();
+        const std::string prepared = here() + "/prepared";
+        renameEntry(source, prepared);
+        if (hindrance == u"append-only folder") flags.emplace(in, FS_APPEND_FL);
+        if (hindrance == u"immutable destination") flags.emplace(out, FS_IMMUTABLE_FL);
+        if (flags && !flags->hasSet())
+            QSKIP("this file system, or this user, cannot set the flags of chattr");
+        if (hindrance == u"destination without search") {
+            QCOMPARE(::chmod(out.c_str(), 0666), 0);
+            expected = EACCES;
+        }
+        {
+            const EngineOutput output;
+            const WithoutPrivileges ordinary;
+            DownloadImageRedirector engine;
+            QVERIFY(startAndWait(engine, {watched(in, {takeAll(out)})}));
+            renameEntry(prepared, source);
+            QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine),
+                                      QStringLiteral("Move failed for source: ") +
+                                          QString::fromStdString(SystemError{expected}.description()),
+                                      patience);
+        }
+        if (!flags) openToAll();
+        QCOMPARE(result(expected), kept(expected));
+    }
+
+private:
+    static constexpr uid_t nobody = 65534;
+
+    void giveTo(uid_t user) const
+    {
+        for (const std::string& path : {source, source + "/inside"})
+            if (exists(path)) QCOMPARE(::chown(path.c_str(), user, user), 0);
+    }
+
+    /// Returns an interceptor that records the calls that change something, except the attempt to rename.
+    Interceptor noteChanges()
+    {
+        m_changes.clear();
+        return [this](const InterceptedCall& call) {
+            if (!onlyReads(call) && call.name != "renameat2")
+                m_changes << QByteArray::fromStdString(call.label());
+            return Answer::proceed();
+        };
+    }
+
+    [[nodiscard]] const char* changes()
+    {
+        m_text = m_changes.join(", ");
+        return m_text.constData();
+    }
+
+    QByteArrayList m_changes;
+    QByteArray m_text;
+};
+
+HARBEX_ENGINE_TEST(TestForbidden)
 
 #include "tst_Forbidden.moc"

@@ -1,8 +1,7 @@
-#include "base/FileDescriptor.h"
-#include "fs/FileMove.h"
 #include "fs/FreeName.h"
 #include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
+#include "support/MovePlaces.h"
 #include "support/RandomSeed.h"
 #include "support/Stress.h"
 #include "support/TreeSnapshot.h"
@@ -12,7 +11,6 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
-#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,15 +20,7 @@ using namespace harbex::test;
 namespace
 {
 
-std::string repeated(const std::string& text, int count)
-{
-    std::string all;
-    for (int i = 0; i < count; ++i)
-        all += text;
-    return all;
-}
-
-/// Names that other programs stumble over. Every name that a file system takes is as good as any other.
+/// Names that other programs handle badly. A move treats all names alike.
 const std::vector<std::string>& hostileNames()
 {
     static const std::vector<std::string> names = [] {
@@ -38,7 +28,7 @@ const std::vector<std::string>& hostileNames()
             // options, patterns, variables and commands of a shell
             "-", "--", "-rf", "--help", "~", "*", "?", "[a-z]", "$HOME", "$(reboot)", "`reboot`", "a;b",
             "a&b", "a|b", ">a", "'", "\"", "\\", "\\n", "!!", "#",
-            // paths and addresses as other systems write them
+            // paths and addresses of other systems
             "file:etc", "http:example.org?a=b#c", "%2e%2e%2fetc", "%00", "C:\\autoexec.bat", "con", "nul.txt",
             "..\\..", "a:stream",
             // dots and blanks
@@ -48,14 +38,14 @@ const std::vector<std::string>& hostileNames()
             "\x1b]0;title\a", "\x7f", "\u0085", "\u009b1m", "\u2028", "\u2029",
             // the direction of writing
             "\u202egpj.exe", "\u2066a\u2069", "\u200fabc", "\u061c.txt",
-            // no UTF-8, or barely
+            // invalid or unusual UTF-8
             "\xff", "\xfe\xff", "\xc0\xaf", "\xc0\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82",
             "\x80.jpg", "\xef\xbb\xbfmark", "\xef\xbf\xbe", "\xef\xbf\xbd", "caf\xc3\xa9", "cafe\xcc\x81",
-            // as long as names can be
+            // the longest names
             std::string(255, 'x'), std::string(251, 'x') + ".jpg", std::string(254, '.') + 'x',
-            'x' + std::string(253, '.') + 'x', repeated("\xe2\x82\xac", 85), std::string(255, '\xff'),
-            std::string(255, '\n'), '.' + std::string(254, 'x'),
-            // what a move itself could take for something of its own
+            'x' + std::string(253, '.') + 'x', QByteArray("\xe2\x82\xac").repeated(85).toStdString(),
+            std::string(255, '\xff'), std::string(255, '\n'), '.' + std::string(254, 'x'),
+            // names like those of a move itself
             ".harbex-", ".harbex-0123456789abcdef0123456789abcdef", "harbex.json", "entry"};
         for (char control = 1; control < 32; ++control)
             all.push_back(std::string("control") + control);
@@ -64,7 +54,7 @@ const std::vector<std::string>& hostileNames()
     return names;
 }
 
-/// Whether a line would show as what it is: one line, in the order of its characters.
+/// Returns whether a line is displayed as one line, in the order of its characters.
 bool isHarmless(const QString& line)
 {
     return std::ranges::none_of(line, [](QChar c) {
@@ -77,28 +67,15 @@ bool isHarmless(const QString& line)
     });
 }
 
-/// Two volumes, or two folders of one.
-struct Places {
-    explicit Places(bool acrossVolumes)
-        : there(acrossVolumes ? folderOnAnotherVolume() : std::string()), in(here.makeFolder("in")),
-          out(there.makeFolder("out"))
-    {
-    }
-
-    const ScratchFolder here;
-    const ScratchFolder there;
-    const std::string in;
-    const std::string out;
-};
-
-void addRowsOfVolumes()
+void addVolumeRows()
 {
     QTest::addColumn<bool>("acrossVolumes");
     QTest::newRow("same volume") << false;
     QTest::newRow("across volumes") << true;
 }
 
-/// Makes an entry at a path.
+/// Makes an entry at a path. `name` is its content, the target of the link, or the name of a file in the
+/// folder.
 void makeEntry(const QByteArray& kind, const std::string& path, const std::string& name)
 {
     if (kind == "file") writeFile(path, name);
@@ -108,50 +85,7 @@ void makeEntry(const QByteArray& kind, const std::string& path, const std::strin
     writeFile(path + '/' + name, name);
 }
 
-/// Folders one in the other, deeper than a path can say, with two names of one file at the end.
-class Abyss
-{
-public:
-    static constexpr int depth = 40;
-
-    static void make(const std::string& path)
-    {
-        makeFolder(path);
-        FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        for (int i = 0; i < depth; ++i) {
-            if (!folder || ::mkdirat(folder.get(), name().c_str(), 0755) != 0)
-                qFatal("cannot make a deep folder");
-            folder =
-                FileDescriptor(::openat(folder.get(), name().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        }
-        const FileDescriptor file(::openat(folder.get(), "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-        if (::write(file.get(), "content", 7) != 7 ||
-            ::linkat(folder.get(), "file", folder.get(), "same", 0) != 0)
-            qFatal("cannot make a deep file");
-    }
-
-    [[nodiscard]] static bool isWhole(const std::string& path)
-    {
-        FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        for (int i = 0; folder && i < depth; ++i)
-            folder =
-                FileDescriptor(::openat(folder.get(), name().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        return folder && holdsContent(folder.get(), "file") && holdsContent(folder.get(), "same");
-    }
-
-private:
-    static std::string name() { return std::string(200, 'd'); }
-
-    static bool holdsContent(int folder, const char* file)
-    {
-        const FileDescriptor opened(::openat(folder, file, O_RDONLY | O_CLOEXEC));
-        std::array<char, 16> content = {};
-        return opened && ::read(opened.get(), content.data(), content.size()) == 7 &&
-               std::string(content.data()) == "content";
-    }
-};
-
-/// A tree of anything, made at random.
+/// Makes a random tree.
 class RandomTree
 {
 public:
@@ -163,12 +97,12 @@ public:
         m_folders = {path};
         for (size_t i = below(30); i > 0; --i)
             addEntry();
-        // Last, because what is put into a folder changes them.
+        // Last, because each new entry changes the times of its folder.
         for (const std::string& folder : m_folders)
             decorate(folder);
     }
 
-    /// Whether there is something in it that has no copy: a pipe.
+    /// Returns whether it contains a pipe, which cannot be copied.
     [[nodiscard]] bool hasSpecial() const { return m_hasSpecial; }
 
 private:
@@ -196,11 +130,11 @@ private:
             makeLink(path, anyTarget());
             return;
         case 5:
-            if (m_files.empty() || ::link(std::string(anyOf(m_files)).c_str(), path.c_str()) != 0) return;
+            if (!m_files.empty()) linkFile(anyOf(m_files), path);
             return;
         case 6:
-            // A second name of a file that is somewhere else.
-            if (::link((m_decoys + "/linked").c_str(), path.c_str()) != 0) qFatal("cannot link");
+            // A hard link to a file outside the tree.
+            linkFile(m_decoys + "/linked", path);
             return;
         case 7:
             makeSparse(path);
@@ -220,16 +154,16 @@ private:
 
     std::string anyTarget()
     {
-        const std::array<std::string, 10> targets = {".",
-                                                     "..",
-                                                     "../../..",
-                                                     "/",
-                                                     "/etc/passwd",
-                                                     "nowhere",
-                                                     m_decoys,
-                                                     m_decoys + "/file",
-                                                     std::string(PATH_MAX - 1, 'l'),
-                                                     anyOf(hostileNames())};
+        const std::vector<std::string> targets = {".",
+                                                  "..",
+                                                  "../../..",
+                                                  "/",
+                                                  "/etc/passwd",
+                                                  "nowhere",
+                                                  m_decoys,
+                                                  m_decoys + "/file",
+                                                  std::string(PATH_MAX - 1, 'l'),
+                                                  anyOf(hostileNames())};
         return anyOf(targets);
     }
 
@@ -237,14 +171,14 @@ private:
     {
         writeFile(path, below(2) ? "begin" : "");
         const off_t size = off_t(below(64) << 20U) + off_t(below(5000));
-        if (::truncate(path.c_str(), size) != 0) qFatal("cannot make a hole");
+        resizeFile(path, size);
         if (below(2)) appendToFile(path, "end");
     }
 
     void decorate(const std::string& path)
     {
         static constexpr std::array<mode_t, 6> modes = {0644, 0755, 0600, 0700, 0777, 01777};
-        // Into a folder that is being filled its owner must get.
+        // The owner needs access to a folder.
         const mode_t needed = ::access((path + "/.").c_str(), F_OK) == 0 ? 0700 : 0;
         if (::chmod(path.c_str(), anyOf(modes) | needed) != 0) qFatal("cannot change the mode");
         const time_t time = anyOf(std::array<time_t, 4>{0, 1, 1'000'000'000, 4'000'000'000});
@@ -261,217 +195,161 @@ private:
 
 } // namespace
 
-/// Names and trees that were made to do harm. They arrive exactly as they were, or stay exactly as they were
-/// and a line says why; and nothing outside of them is touched.
-class TestHostileEntries : public QObject
+/// Names and trees that are made to do harm. They arrive unchanged, or stay unchanged and a log line says
+/// why. Nothing outside of them changes.
+class TestHostileEntries : public QObject, private MovePlaces
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void namesAreMovedExactly_data();
-    void namesAreMovedExactly();
-    void namesPassThroughTheEngine_data() { addRowsOfVolumes(); }
-    void namesPassThroughTheEngine();
-    void randomTrees_data() { addRowsOfVolumes(); }
-    void randomTrees();
-    void whatCannotBeCopiedIsRefusedWithALine_data();
-    void whatCannotBeCopiedIsRefusedWithALine();
-    void treesDeeperThanAPathCanSay_data() { addRowsOfVolumes(); }
-    void treesDeeperThanAPathCanSay();
-    void hugeSparseFiles_data() { addRowsOfVolumes(); }
-    void hugeSparseFiles();
+    void namesAreMovedExactly_data()
+    {
+        QTest::addColumn<QByteArray>("kind");
+        QTest::addColumn<bool>("acrossVolumes");
+        for (const char* kind : {"file", "folder", "link"}) {
+            for (const bool acrossVolumes : {false, true})
+                QTest::addRow("%s, %s", kind, acrossVolumes ? "across volumes" : "same volume")
+                    << QByteArray(kind) << acrossVolumes;
+        }
+    }
+
+    void namesAreMovedExactly()
+    {
+        QFETCH(const QByteArray, kind);
+        QFETCH(const bool, acrossVolumes);
+        makePlaces(acrossVolumes ? folderOnAnotherVolume() : std::string());
+        FileMove fileMove;
+        for (const std::string& name : hostileNames()) {
+            source = in + '/' + name;
+            makeEntry(kind, source, name);
+            target = uniqueDestination(source, out);
+            QCOMPARE(target, out + '/' + name);
+            remember();
+            QVERIFY2(fileMove.moveItem(source, target), name.c_str());
+            QVERIFY2(!exists(source) && isTargetWhole(), name.c_str());
+            const QByteArray first = snapshotOf(target);
+
+            // A second entry gets a number, if there is room in the name.
+            makeEntry(kind, source, name);
+            target = uniqueDestination(source, out);
+            remember();
+            const Outcome<void> moved = fileMove.moveItem(source, target);
+            if (moved) {
+                QVERIFY2(!exists(source) && isTargetWhole(), name.c_str());
+            } else {
+                QVERIFY2(name.size() > 253 && moved.error().code == ENAMETOOLONG, name.c_str());
+                QVERIFY2(isSourceWhole(), name.c_str());
+            }
+            QVERIFY2(snapshotOf(out + '/' + name) == first, name.c_str());
+        }
+        reportRuns(hostileNames().size() * 2);
+    }
+
+    void namesPassThroughTheEngine_data() { addVolumeRows(); }
+
+    void namesPassThroughTheEngine()
+    {
+        QFETCH(const bool, acrossVolumes);
+        const EngineOutput output;
+        makePlaces(acrossVolumes ? folderOnAnotherVolume() : std::string());
+        const std::string prepared = here() + "/prepared";
+        makeFolder(prepared);
+        QStringList lines;
+        DownloadImageRedirector engine;
+        connect(&engine, &DownloadImageRedirector::logsChanged, this,
+                [&] { lines << engine.logs().first(); });
+        QVERIFY(startAndWait(engine, {watched(in, {takeAll(out)})}));
+        lines.clear();
+        const auto count = qsizetype(hostileNames().size());
+        for (const std::string& name : hostileNames()) {
+            writeFile(prepared + "/next", name);
+            renameEntry(prepared + "/next", in + '/' + name);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(lines.size(), count, patience);
+        QVERIFY(namesIn(in).isEmpty());
+        for (const std::string& name : hostileNames())
+            QCOMPARE(contents(out + '/' + name).toStdString(), name);
+        for (const QString& line : lines)
+            QVERIFY2(isHarmless(line) && line.contains(u"] Moved "), qPrintable(line));
+
+        // A name that is too long with a number is not moved, and the log names the reason.
+        for (const std::string& name : hostileNames()) {
+            writeFile(prepared + "/next", "again");
+            renameEntry(prepared + "/next", in + '/' + name);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(lines.size(), 2 * count, patience);
+        const qsizetype refused = namesIn(in).size();
+        QVERIFY(refused > 0);
+        QCOMPARE(lines.filter(QStringLiteral(": File name too long")).size(), refused);
+        QCOMPARE(namesIn(out).size(), 2 * count - refused);
+        for (const std::string& name : hostileNames())
+            QCOMPARE(contents(out + '/' + name).toStdString(), name);
+        QVERIFY(std::ranges::all_of(lines, isHarmless));
+        for (const QByteArray& line : output.lines())
+            QVERIFY2(isHarmless(QString::fromUtf8(line)), line.constData());
+        reportRuns(size_t(2 * count));
+    }
+
+    void randomTrees_data() { addVolumeRows(); }
+
+    void randomTrees()
+    {
+        QFETCH(const bool, acrossVolumes);
+        const size_t count = stressSize(size_t(25), size_t(3000));
+        std::mt19937 random = seededRandom();
+        const ScratchFolder scratch;
+        const std::string decoys = scratch.makeFolder("decoys");
+        writeFile(decoys + "/file", "a decoy");
+        writeFile(decoys + "/linked", "a decoy with many names");
+        for (size_t i = 0; i < count; ++i) {
+            makePlaces(acrossVolumes ? folderOnAnotherVolume() : std::string());
+            const QByteArray decoysBefore = snapshotOf(decoys);
+            RandomTree tree(random, decoys);
+            tree.make(source);
+            remember();
+            const bool isRefused = acrossVolumes && tree.hasSpecial();
+            const QByteArray where = "tree " + QByteArray::number(qint64(i)) + ": ";
+            QCOMPARE(where + result(errorOfMove(source, target)),
+                     where + (isRefused ? kept(EOPNOTSUPP) : moved()));
+            QVERIFY2(snapshotOf(decoys) == decoysBefore, where.constData());
+        }
+        reportRuns(count);
+    }
+
+    void whatCannotBeCopiedIsRefusedWithALine_data()
+    {
+        QTest::addColumn<QByteArray>("inside");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("pipe") << QByteArray("pipe") << QStringLiteral("Operation not supported");
+        QTest::newRow("too deep") << QByteArray("depth") << QStringLiteral("Too many open files");
+    }
+
+    void whatCannotBeCopiedIsRefusedWithALine()
+    {
+        QFETCH(const QByteArray, inside);
+        QFETCH(const QString, reason);
+        const EngineOutput output;
+        makePlaces(folderOnAnotherVolume());
+        const std::string prepared = here() + "/prepared";
+        makeFolder(prepared);
+        writeFile(prepared + "/file", "content");
+        if (inside == "pipe") QCOMPARE(::mkfifo((prepared + "/pipe").c_str(), 0644), 0);
+        std::string path = prepared;
+        for (size_t depth = 0; inside == "depth" && depth < 500; ++depth) {
+            path += "/d";
+            makeFolder(path);
+        }
+        const QByteArray before = snapshotOf(prepared);
+        DownloadImageRedirector engine;
+        QVERIFY(startAndWait(engine, {watched(in, {takeAll(out)})}));
+        renameEntry(prepared, in + "/entry");
+        QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), QStringLiteral("Move failed for entry: ") + reason,
+                                  patience);
+        QCOMPARE(snapshotOf(in + "/entry"), before);
+        QCOMPARE(namesIn(out), QByteArrayList());
+    }
 };
 
-void TestHostileEntries::namesAreMovedExactly_data()
-{
-    QTest::addColumn<QByteArray>("kind");
-    QTest::addColumn<bool>("acrossVolumes");
-    for (const char* kind : {"file", "folder", "link"}) {
-        for (const bool acrossVolumes : {false, true})
-            QTest::addRow("%s, %s", kind, acrossVolumes ? "across volumes" : "same volume")
-                << QByteArray(kind) << acrossVolumes;
-    }
-}
-
-void TestHostileEntries::namesAreMovedExactly()
-{
-    QFETCH(const QByteArray, kind);
-    QFETCH(const bool, acrossVolumes);
-    const Places places(acrossVolumes);
-    FileMove fileMove;
-    for (const std::string& name : hostileNames()) {
-        const std::string source = places.in + '/' + name;
-        makeEntry(kind, source, name);
-        const QByteArray before = pictureOf(source);
-        const std::string target = uniqueDestination(source, places.out);
-        QCOMPARE(target, places.out + '/' + name);
-        QVERIFY2(fileMove.moveItem(source, target), name.c_str());
-        QVERIFY2(!exists(source) && pictureOf(target) == before, name.c_str());
-
-        // Another of the same name gets a number, for which there may be no room.
-        makeEntry(kind, source, name);
-        const QByteArray again = pictureOf(source);
-        const std::string numbered = uniqueDestination(source, places.out);
-        const Outcome<void> moved = fileMove.moveItem(source, numbered);
-        if (moved) {
-            QVERIFY2(!exists(source) && pictureOf(numbered) == again, name.c_str());
-        } else {
-            QVERIFY2(name.size() > 253 && moved.error().code == ENAMETOOLONG, name.c_str());
-            QVERIFY2(pictureOf(source) == again, name.c_str());
-        }
-        QVERIFY2(pictureOf(target) == before, name.c_str());
-    }
-    reportRuns(hostileNames().size() * 2);
-}
-
-void TestHostileEntries::namesPassThroughTheEngine()
-{
-    QFETCH(const bool, acrossVolumes);
-    const EngineOutput output;
-    const Places places(acrossVolumes);
-    const std::string prepared = places.here.makeFolder("prepared");
-    QStringList lines;
-    DownloadImageRedirector engine;
-    connect(&engine, &DownloadImageRedirector::logsChanged, this, [&] { lines << engine.logs().first(); });
-    QVERIFY(startAndWait(engine, {watched(places.in, {takeAll(places.out)})}));
-    lines.clear();
-    const auto count = qsizetype(hostileNames().size());
-    for (const std::string& name : hostileNames()) {
-        writeFile(prepared + "/next", name);
-        renameEntry(prepared + "/next", places.in + '/' + name);
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(lines.size(), count, patience);
-    QVERIFY(namesIn(places.in).isEmpty());
-    for (const std::string& name : hostileNames())
-        QCOMPARE(contents(places.out + '/' + name).toStdString(), name);
-    for (const QString& line : lines)
-        QVERIFY2(isHarmless(line) && line.contains(u"] Moved "), qPrintable(line));
-
-    // For the names that have no room for a number the line names the reason.
-    for (const std::string& name : hostileNames()) {
-        writeFile(prepared + "/next", "again");
-        renameEntry(prepared + "/next", places.in + '/' + name);
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(lines.size(), 2 * count, patience);
-    const qsizetype refused = namesIn(places.in).size();
-    QVERIFY(refused > 0);
-    QCOMPARE(lines.filter(QStringLiteral(": File name too long")).size(), refused);
-    QCOMPARE(namesIn(places.out).size(), 2 * count - refused);
-    for (const std::string& name : hostileNames())
-        QCOMPARE(contents(places.out + '/' + name).toStdString(), name);
-    QVERIFY(std::ranges::all_of(lines, isHarmless));
-    for (const QByteArray& line : output.lines())
-        QVERIFY2(isHarmless(QString::fromUtf8(line)), line.constData());
-    reportRuns(size_t(2 * count));
-}
-
-void TestHostileEntries::randomTrees()
-{
-    QFETCH(const bool, acrossVolumes);
-    const size_t count = stressSize(size_t(25), size_t(3000));
-    std::mt19937 random = seededRandom();
-    const ScratchFolder scratch;
-    const std::string decoys = scratch.makeFolder("decoys");
-    writeFile(decoys + "/file", "a decoy");
-    writeFile(decoys + "/linked", "a decoy with many names");
-    for (size_t i = 0; i < count; ++i) {
-        const Places places(acrossVolumes);
-        const QByteArray decoysBefore = pictureOf(decoys);
-        const std::string source = places.in + "/tree";
-        RandomTree tree(random, decoys);
-        tree.make(source);
-        const QByteArray before = pictureOf(source);
-        const Outcome<void> moved = FileMove().moveItem(source, places.out + "/tree");
-        const std::string where = "tree " + std::to_string(i);
-        if (moved) {
-            QVERIFY2(pictureOf(places.out + "/tree") == before, where.c_str());
-            QVERIFY2(!exists(source), where.c_str());
-        } else {
-            QVERIFY2(acrossVolumes && tree.hasSpecial() && moved.error().code == EOPNOTSUPP, where.c_str());
-            QVERIFY2(pictureOf(source) == before, where.c_str());
-            QVERIFY2(namesIn(places.out).isEmpty(), where.c_str());
-        }
-        QVERIFY2(pictureOf(decoys) == decoysBefore, where.c_str());
-        QVERIFY2(!acrossVolumes || bool(moved) != tree.hasSpecial(), where.c_str());
-    }
-    reportRuns(count);
-}
-
-void TestHostileEntries::whatCannotBeCopiedIsRefusedWithALine_data()
-{
-    QTest::addColumn<QByteArray>("inside");
-    QTest::addColumn<QString>("reason");
-    QTest::newRow("pipe") << QByteArray("pipe") << QStringLiteral("Operation not supported");
-    QTest::newRow("too deep") << QByteArray("depth") << QStringLiteral("Too many open files");
-}
-
-void TestHostileEntries::whatCannotBeCopiedIsRefusedWithALine()
-{
-    QFETCH(const QByteArray, inside);
-    QFETCH(const QString, reason);
-    const EngineOutput output;
-    const Places places(true);
-    const std::string prepared = places.here.makeFolder("prepared");
-    writeFile(prepared + "/file", "content");
-    if (inside == "pipe") QCOMPARE(::mkfifo((prepared + "/pipe").c_str(), 0644), 0);
-    std::string path = prepared;
-    for (size_t depth = 0; inside == "depth" && depth < 500; ++depth) {
-        path += "/d";
-        makeFolder(path);
-    }
-    const QByteArray before = pictureOf(prepared);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(places.in, {takeAll(places.out)})}));
-    renameEntry(prepared, places.in + "/entry");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), QStringLiteral("Move failed for entry: ") + reason,
-                              patience);
-    QCOMPARE(pictureOf(places.in + "/entry"), before);
-    QCOMPARE(namesIn(places.out), QByteArrayList());
-}
-
-void TestHostileEntries::treesDeeperThanAPathCanSay()
-{
-    QFETCH(const bool, acrossVolumes);
-    const Places places(acrossVolumes);
-    Abyss::make(places.in + "/abyss");
-    QVERIFY(FileMove().moveItem(places.in + "/abyss", places.out + "/abyss"));
-    QVERIFY(Abyss::isWhole(places.out + "/abyss"));
-    QVERIFY(!exists(places.in + "/abyss"));
-}
-
-void TestHostileEntries::hugeSparseFiles()
-{
-    QFETCH(const bool, acrossVolumes);
-    const Places places(acrossVolumes);
-    const std::string source = places.in + "/huge";
-    const std::string target = places.out + "/huge";
-    writeFile(source, "begin");
-    const off_t size = off_t(1) << 42;
-    QCOMPARE(::truncate(source.c_str(), size), 0);
-    {
-        const FileDescriptor file(::open(source.c_str(), O_WRONLY | O_CLOEXEC));
-        for (off_t at = 1; at < 100; ++at)
-            QCOMPARE(::pwrite(file.get(), "data", 4, at * (size / 100)), ssize_t(4));
-    }
-    QVERIFY(FileMove().moveItem(source, target));
-    QVERIFY(!exists(source));
-    struct stat data;
-    QCOMPARE(::stat(target.c_str(), &data), 0);
-    QCOMPARE(data.st_size, size);
-    QVERIFY(data.st_blocks * 512 < 100 << 20);
-    const FileDescriptor file(::open(target.c_str(), O_RDONLY | O_CLOEXEC));
-    const auto pieceAt = [&file](off_t at) {
-        QByteArray piece(5, '?');
-        piece.resize(::pread(file.get(), piece.data(), size_t(piece.size()), at));
-        return piece;
-    };
-    QCOMPARE(pieceAt(0), QByteArray("begin"));
-    for (off_t at = 1; at < 100; ++at) {
-        QCOMPARE(pieceAt(at * (size / 100)), QByteArray("data\0", 5));
-        QCOMPARE(pieceAt(at * (size / 100) - size / 200), QByteArray(5, '\0'));
-    }
-}
-
-HARBEX_ENGINE_TEST_MAIN(TestHostileEntries)
+HARBEX_ENGINE_TEST(TestHostileEntries)
 
 #include "tst_HostileEntries.moc"

@@ -1,11 +1,9 @@
 #include "fs/FileMove.h"
 #include "fs/FreeName.h"
-#include "support/EngineFiles.h"
 #include "support/InterceptedMove.h"
 #include "support/Stress.h"
 #include "support/TestMain.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -28,57 +26,42 @@ std::string nameOf(size_t i)
     return "photo " + std::to_string(i) + (i % 3 == 0 ? "" : ".jpg");
 }
 
-/// What one program does: takes every file of a list into a folder, under any free name.
-class Mover
+/// Runs in a child process. Moves all files of a list into a folder, under any free name. Returns false if a
+/// move fails for another reason than a race.
+bool moveAll(const std::string& from, const std::string& into, size_t count)
 {
-public:
-    Mover(std::string from, std::string into) : m_from(std::move(from)), m_into(std::move(into)) {}
-
-    /// Exits with the number of failures that no race explains, at most 1.
-    void run(size_t count)
-    {
-        for (size_t i = 0; i < count; ++i) {
-            const std::string source = m_from + '/' + nameOf(i);
-            Outcome<void> moved = m_fileMove.moveItem(source, uniqueDestination(source, m_into));
-            // Another took the name in between.
-            while (!moved && moved.error().code == EEXIST)
-                moved = m_fileMove.moveItem(source, uniqueDestination(source, m_into));
-            if (moved || isOutrun(moved.error())) continue;
-            std::fprintf(stderr, "%s: %s\n", source.c_str(), moved.error().description().c_str());
-            ::_exit(1);
-        }
-        ::_exit(0);
+    FileMove fileMove;
+    for (size_t i = 0; i < count; ++i) {
+        const std::string source = from + '/' + nameOf(i);
+        Outcome<void> moved = fileMove.moveItem(source, uniqueDestination(source, into));
+        // Another process has taken the name since.
+        while (!moved && moved.error().code == EEXIST)
+            moved = fileMove.moveItem(source, uniqueDestination(source, into));
+        // Another process has moved the same file, or is moving it.
+        if (moved || moved.error().code == ENOENT || moved.error().code == EBUSY) continue;
+        std::fprintf(stderr, "%s: %s\n", source.c_str(), moved.error().description().c_str());
+        return false;
     }
+    return true;
+}
 
-private:
-    /// Whether another program has moved this very file: it is gone, or was on its way when it was copied.
-    [[nodiscard]] static bool isOutrun(const SystemError& error)
-    {
-        return error.code == ENOENT || error.code == EBUSY;
-    }
-
-    const std::string m_from;
-    const std::string m_into;
-    FileMove m_fileMove;
-};
-
-struct Way {
+struct FileSystems {
     const char* name;
     bool acrossVolumes;
     Lacks lacks;
 };
 
-const Way ways[] = {
+const FileSystems fileSystems[] = {
     {"same volume", false, {}},
-    {"same volume, cannot refuse to replace", false, {.noReplace = EINVAL}},
-    {"same volume, nor link", false, {.noReplace = EINVAL, .hardLinks = true}},
+    {"same volume, no RENAME_NOREPLACE", false, {.noReplace = EINVAL}},
+    {"same volume, no RENAME_NOREPLACE, no links", false, {.noReplace = EINVAL, .hardLinks = true}},
     {"across volumes", true, {}},
-    {"across volumes, no files without a name", true, {.unnamedFiles = true}},
-    {"across volumes, nothing", true, {.noReplace = EINVAL, .hardLinks = true, .unnamedFiles = true}},
+    {"across volumes, no unnamed files", true, {.unnamedFiles = true}},
+    {"across volumes, no features", true, {.noReplace = EINVAL, .hardLinks = true, .unnamedFiles = true}},
 };
 
-/// Has the kernel answer this process as a file system would that lacks something.
-void doWithout(const Lacks& lacks, bool acrossVolumes)
+/// Simulates missing features for the calling process.
+void doWithout(const FileSystems& on)
 {
     const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
     const auto refuse = [filter](int error, const char* name, const std::vector<scmp_arg_cmp>& arguments) {
@@ -87,20 +70,21 @@ void doWithout(const Lacks& lacks, bool acrossVolumes)
                                      arguments.data()) != 0)
             ::_exit(3);
     };
-    // Between volumes that is said by the kernel before any file system is asked: paths are renamed by it,
-    // and names in open folders on one volume.
+    // The first rename across volumes uses paths, and the kernel rejects it with EXDEV. The later ones use
+    // open folders on one volume.
     const scmp_arg_cmp isOpenFolder{0, SCMP_CMP_NE, uint32_t(AT_FDCWD), 0};
-    if (lacks.noReplace != 0 && acrossVolumes) refuse(lacks.noReplace, "renameat2", {isOpenFolder});
-    if (lacks.noReplace != 0 && !acrossVolumes) refuse(lacks.noReplace, "renameat2", {});
-    if (lacks.hardLinks) refuse(EPERM, "linkat", {});
-    if (lacks.unnamedFiles)
+    if (on.lacks.noReplace != 0 && on.acrossVolumes) refuse(on.lacks.noReplace, "renameat2", {isOpenFolder});
+    if (on.lacks.noReplace != 0 && !on.acrossVolumes) refuse(on.lacks.noReplace, "renameat2", {});
+    if (on.lacks.hardLinks) refuse(EPERM, "linkat", {});
+    if (on.lacks.unnamedFiles)
         refuse(EOPNOTSUPP, "openat", {scmp_arg_cmp{2, SCMP_CMP_MASKED_EQ, O_TMPFILE, O_TMPFILE}});
     if (::seccomp_load(filter) != 0) ::_exit(3);
     ::seccomp_release(filter);
 }
 
-/// Lets the movers begin at once and waits for all. False when one of them failed.
-bool runMovers(const Way& way, const std::vector<std::string>& inboxes, const std::string& out, size_t count)
+/// Starts a process for each inbox and lets all begin at the same time. Returns whether all succeeded.
+bool runMovers(const FileSystems& on, const std::vector<std::string>& inboxes, const std::string& out,
+               size_t count)
 {
     int start[2];
     if (::pipe2(start, O_CLOEXEC) != 0) qFatal("no pipe");
@@ -112,11 +96,11 @@ bool runMovers(const Way& way, const std::vector<std::string>& inboxes, const st
         if (child == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::close(start[1]);
-            doWithout(way.lacks, way.acrossVolumes);
+            doWithout(on);
             char byte = 0;
-            // Ends when the other end is closed: the moment in which all begin.
+            // Returns when the test closes the other end.
             if (::read(start[0], &byte, 1) != 0) ::_exit(2);
-            Mover(inbox, out).run(count);
+            ::_exit(moveAll(inbox, out, count) ? 0 : 1);
         }
         children.push_back(child);
     }
@@ -131,7 +115,7 @@ bool runMovers(const Way& way, const std::vector<std::string>& inboxes, const st
     return succeeded;
 }
 
-/// The contents of all files in a folder.
+/// Returns the contents of all files in a folder.
 std::multiset<std::string> contentsIn(const std::string& folder)
 {
     std::multiset<std::string> found;
@@ -140,72 +124,53 @@ std::multiset<std::string> contentsIn(const std::string& folder)
     return found;
 }
 
-void addRowsOfWays()
-{
-    QTest::addColumn<int>("way");
-    for (size_t i = 0; i < std::size(ways); ++i)
-        QTest::newRow(ways[i].name) << int(i);
-}
-
 } // namespace
 
-/// Several programs at once that move into the same folder.
+/// Several processes that move into the same folder at the same time.
 class TestManyMovers : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void sameNamesFromFoldersOfTheirOwn_data() { addRowsOfWays(); }
-    void sameNamesFromFoldersOfTheirOwn();
-    void theSameFiles_data() { addRowsOfWays(); }
-    void theSameFiles();
-};
-
-void TestManyMovers::sameNamesFromFoldersOfTheirOwn()
-{
-    QFETCH(const int, way);
-    const size_t count = stressSize(size_t(100), size_t(5000));
-    const ScratchFolder here;
-    const ScratchFolder there(ways[way].acrossVolumes ? folderOnAnotherVolume() : std::string());
-    const std::string out = there.makeFolder("out");
-    std::vector<std::string> inboxes;
-    std::multiset<std::string> all;
-    for (size_t mover = 0; mover < moverCount; ++mover) {
-        inboxes.push_back(here.makeFolder("in " + std::to_string(mover)));
-        for (size_t i = 0; i < count; ++i) {
-            const std::string content = std::to_string(mover) + ':' + std::to_string(i);
-            writeFile(inboxes.back() + '/' + nameOf(i), content);
-            all.insert(content);
+    void filesArriveOnce_data()
+    {
+        QTest::addColumn<size_t>("fileSystem");
+        QTest::addColumn<bool>("isShared");
+        for (size_t i = 0; i < std::size(fileSystems); ++i) {
+            QTest::addRow("%s, the same names from many folders", fileSystems[i].name) << i << false;
+            QTest::addRow("%s, the same files", fileSystems[i].name) << i << true;
         }
     }
-    QVERIFY(runMovers(ways[way], inboxes, out, count));
-    for (const std::string& inbox : inboxes)
-        QCOMPARE(namesIn(inbox), QByteArrayList());
-    QVERIFY(contentsIn(out) == all);
-    reportRuns(all.size());
-}
 
-void TestManyMovers::theSameFiles()
-{
-    QFETCH(const int, way);
-    const size_t count = stressSize(size_t(300), size_t(20'000));
-    const ScratchFolder here;
-    const ScratchFolder there(ways[way].acrossVolumes ? folderOnAnotherVolume() : std::string());
-    const std::string inbox = here.makeFolder("in");
-    const std::string out = there.makeFolder("out");
-    std::multiset<std::string> all;
-    for (size_t i = 0; i < count; ++i) {
-        writeFile(inbox + '/' + nameOf(i), std::to_string(i));
-        all.insert(std::to_string(i));
+    void filesArriveOnce()
+    {
+        QFETCH(const size_t, fileSystem);
+        QFETCH(const bool, isShared);
+        const FileSystems& on = fileSystems[fileSystem];
+        const size_t count =
+            isShared ? stressSize(size_t(300), size_t(20'000)) : stressSize(size_t(100), size_t(5000));
+        const ScratchFolder here;
+        const ScratchFolder there(on.acrossVolumes ? folderOnAnotherVolume() : std::string());
+        const std::string out = there.makeFolder("out");
+        std::vector<std::string> inboxes;
+        std::multiset<std::string> all;
+        for (size_t mover = 0; mover < (isShared ? 1 : moverCount); ++mover) {
+            inboxes.push_back(here.makeFolder("in " + std::to_string(mover)));
+            for (size_t i = 0; i < count; ++i) {
+                const std::string content = std::to_string(mover) + ':' + std::to_string(i);
+                writeFile(inboxes.back() + '/' + nameOf(i), content);
+                all.insert(content);
+            }
+        }
+        inboxes.resize(moverCount, inboxes.front());
+        QVERIFY(runMovers(on, inboxes, out, count));
+        for (const std::string& inbox : inboxes)
+            QCOMPARE(namesIn(inbox), QByteArrayList());
+        QVERIFY(contentsIn(out) == all);
+        reportRuns(count * moverCount);
     }
-    QVERIFY(runMovers(ways[way], std::vector<std::string>(moverCount, inbox), out, count));
-    std::multiset<std::string> found = contentsIn(out);
-    found.merge(contentsIn(inbox));
-    QVERIFY(found == all);
-    QCOMPARE(namesIn(inbox), QByteArrayList());
-    reportRuns(count * moverCount);
-}
+};
 
-HARBEX_TEST_MAIN(TestManyMovers)
+HARBEX_TEST(TestManyMovers)
 
 #include "tst_ManyMovers.moc"

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <utility>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -15,252 +16,202 @@ namespace fs = std::filesystem;
 namespace
 {
 
-const char* const situations[] = {"file", "first save", "damaged", "link to a link", "broken list", "link"};
-
 FolderState stateWith(const std::string& path)
 {
-    FolderState state;
+    // Fixed ids, so that the same state has the same bytes.
     FilterRule rule;
-    rule.destination = FileUrl::fromPath("/somewhere/else");
     rule.id = QUuid(QStringLiteral("{0f8e6c1a-2222-4222-8333-abcdefabcdef}"));
-    // Of fixed identity, so that the same state is the same bytes each time.
+    rule.destination = FileUrl::fromPath("/somewhere/else");
     const QUuid id(QStringLiteral("{0f8e6c1a-1111-4222-8333-abcdefabcdef}"));
-    state.folders = {{id, FileUrl::fromPath(path), std::nullopt, {rule}}};
-    state.selectedFolderID = id;
-    return state;
+    return {{{id, FileUrl::fromPath(path), std::nullopt, {rule}}}, id};
 }
 
-constexpr const char* brokenList = R"([{"id":1}])";
+const std::string brokenList = R"([{"id":1}])";
 
-/// Stores that are saved once, behind a gate.
+/// What is stored before a save.
+enum class Before { file, nothing, damagedFile, linkToALink, damagedList, link };
+constexpr std::pair<const char*, Before> situations[] = {
+    {"file", Before::file},
+    {"first save", Before::nothing},
+    {"damaged", Before::damagedFile},
+    {"link to a link", Before::linkToALink},
+    {"broken list", Before::damagedList},
+    {"link", Before::link},
+};
+
+/// Stored preferences, and one save that a test can disturb.
 class SaveRound
 {
 public:
-    explicit SaveRound(const std::string& situation)
-        : m_config(qEnvironmentVariable("XDG_CONFIG_HOME").toStdString() + "/harbex"),
-          m_elsewhere(m_scratch.makeFolder("elsewhere"))
+    explicit SaveRound(Before before) : m_elsewhere(m_scratch.makeFolder("elsewhere"))
     {
-        // The same for all rounds of the process, which has one home.
+        // All rounds of the process have the same home.
         fs::remove_all(m_config);
-        m_path = m_config + "/harbex.json";
-        if (situation == "first save") return;
+        if (before == Before::nothing) return;
 
         FolderStore().saveState(stateWith("/old"));
-        m_wasUnderstood = situation == "file" || situation.starts_with("link");
-        if (situation == "broken list")
-            writeBroken(QByteArray("{\"savedWatchedFolders\":") + brokenList + '}');
-        if (situation == "damaged") writeBroken("{\"savedWatchedFolders\":[],}");
+        m_isUnderstood = before != Before::damagedList && before != Before::damagedFile;
+        if (!m_isUnderstood) removeEntry(m_path);
+        if (before == Before::damagedList) writeFile(m_path, "{\"savedWatchedFolders\":" + brokenList + '}');
+        if (before == Before::damagedFile) writeFile(m_path, "{\"savedWatchedFolders\":[],}");
         m_old = contents(m_path);
-        if (situation.starts_with("link")) {
-            renameEntry(m_path, m_elsewhere + "/real.json");
-            std::string target = m_elsewhere + "/real.json";
-            if (situation == "link to a link") makeLink(m_elsewhere + "/second.json", "real.json");
-            if (situation == "link to a link") target = m_elsewhere + "/second.json";
-            makeLink(m_path, target);
-            m_isLink = true;
-        }
+        m_isLink = before == Before::link || before == Before::linkToALink;
+        if (!m_isLink) return;
+        renameEntry(m_path, m_elsewhere + "/real.json");
+        makeLink(m_elsewhere + "/second.json", "real.json");
+        makeLink(m_path, m_elsewhere + (before == Before::link ? "/real.json" : "/second.json"));
     }
 
-    [[nodiscard]] InterceptedRun save(const Interceptor& keeper) const
+    [[nodiscard]] InterceptedRun save(const Interceptor& interceptor) const
     {
         return runIntercepted(
             fileSystemCalls(),
-            []() -> Outcome<void> {
-                FolderStore().saveState(stateWith("/new"));
+            [this]() -> Outcome<void> {
+                saveUndisturbed();
                 return {};
             },
-            keeper);
-    }
-
-    /// What a save without any fault makes of a situation.
-    [[nodiscard]] static QByteArray undisturbed(const std::string& situation)
-    {
-        const SaveRound round(situation);
-        round.saveUndisturbed();
-        return round.now();
+            interceptor);
     }
 
     void saveUndisturbed() const { FolderStore().saveState(stateWith("/new")); }
 
-    /// The bytes of the configuration; empty when there is none.
+    /// Returns the bytes of the preferences; empty if there are none.
     [[nodiscard]] QByteArray now() const { return exists(m_path) ? contents(m_path) : QByteArray(); }
     [[nodiscard]] const QByteArray& old() const { return m_old; }
+    [[nodiscard]] const std::string& path() const { return m_path; }
 
-    /// Whether it is the folder of the configuration or something in it.
+    /// Returns whether `path` is the folder of the preferences or in it.
     [[nodiscard]] bool isOurs(const std::string& path) const { return path.starts_with(m_config); }
 
     [[nodiscard]] bool isStillLink() const { return !m_isLink || fs::is_symlink(m_path); }
 
-    /// What is in the folders of the configuration besides it and what was put aside on purpose.
-    [[nodiscard]] QByteArrayList leftovers() const
+    /// Returns the number of files beside the preferences that were not put aside on purpose.
+    [[nodiscard]] qsizetype leftovers() const
     {
-        QByteArrayList names;
-        if (exists(m_config)) names = namesIn(m_config);
+        QByteArrayList names = exists(m_config) ? namesIn(m_config) : QByteArrayList();
         names += namesIn(m_elsewhere);
-        names.removeIf([](const QByteArray& name) {
-            const bool isAside = (name.startsWith("savedWatchedFolders-") && name.endsWith(".json")) ||
-                                 (name.startsWith("harbex-") && name.endsWith(".json"));
-            return isAside || name == "harbex.json" || name == "real.json" || name == "second.json";
+        return std::ranges::count_if(names, [](const QByteArray& name) {
+            const bool isAside = name.startsWith("savedWatchedFolders-") || name.startsWith("harbex-");
+            const bool isOurs = name == "harbex.json" || name == "real.json" || name == "second.json";
+            return !isOurs && !(isAside && name.endsWith(".json"));
         });
-        return names;
     }
 
-    /// Whether the old bytes are there, in the file itself or put aside, wholly or at least the list. What
-    /// was understood is replaced by a save.
-    [[nodiscard]] bool hasOldListSomewhere() const
+    /// Returns whether what could not be read is still in its place or put aside.
+    [[nodiscard]] bool hasKeptDamage() const
     {
-        if (m_old.isEmpty() || m_wasUnderstood) return true;
-        for (const auto& entry : fs::directory_iterator(m_config)) {
-            const QByteArray content = contents(entry.path().string());
-            if (content == m_old || content == brokenList) return true;
-        }
-        return false;
+        return m_old.isEmpty() || m_isUnderstood ||
+               std::ranges::any_of(namesIn(m_config), [this](const QByteArray& name) {
+                   const QByteArray content = contents(m_config + '/' + name.toStdString());
+                   return content == m_old || content.toStdString() == brokenList;
+               });
     }
 
 private:
-    void writeBroken(const QByteArray& content) const
-    {
-        removeEntry(m_path);
-        writeFile(m_path, content.toStdString());
-    }
-
     const ScratchFolder m_scratch;
-    const std::string m_config;
+    const std::string m_config = qEnvironmentVariable("XDG_CONFIG_HOME").toStdString() + "/harbex";
+    const std::string m_path = m_config + "/harbex.json";
     const std::string m_elsewhere;
-    std::string m_path;
     QByteArray m_old;
-    bool m_wasUnderstood = false;
+    bool m_isUnderstood = true;
     bool m_isLink = false;
 };
 
-void addRowsOfSituations()
-{
-    QTest::addColumn<QString>("situation");
-    for (const char* situation : situations)
-        QTest::newRow(situation) << QString::fromUtf8(situation);
-}
-
 } // namespace
 
-/// Saves of the configuration that are killed or failed at every single call. The old configuration is there
-/// in the end or the new one, whole.
+/// Kills or fails a save at every single call. Afterwards the old or the new preferences are there, whole.
 class TestSaveFaults : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void killedAtEveryCall_data() { addRowsOfSituations(); }
-    void killedAtEveryCall();
-    void everyCallFails_data();
-    void everyCallFails();
-    void nothingIsReplacedByWhatIsNotOnTheDisk();
+    void everyCallIsKilledOrFails_data()
+    {
+        QTest::addColumn<Before>("before");
+        // 0 kills the process.
+        QTest::addColumn<int>("error");
+        static constexpr std::array errors = {EIO, ENOSPC, EDQUOT, EACCES, EINTR, EMFILE, EROFS};
+        for (size_t n = 0; n < std::size(situations); ++n) {
+            const auto& [name, before] = situations[n];
+            QTest::addRow("%s, killed", name) << before << 0;
+            // In brief one error in every other situation.
+            for (size_t i = 0; i < stressSize(1 - n % 2, errors.size()); ++i)
+                QTest::addRow("%s, %s", name, strerrorname_np(errors[i])) << before << errors[i];
+        }
+    }
+
+    void everyCallIsKilledOrFails()
+    {
+        QFETCH(const Before, before);
+        QFETCH(const int, error);
+        const qsizetype leftovers = error == 0 ? 1 : 0;
+        QByteArray wanted;
+        {
+            const SaveRound undisturbed(before);
+            undisturbed.saveUndisturbed();
+            wanted = undisturbed.now();
+        }
+
+        size_t faults = 0;
+        size_t kept = 0;
+        for (;; ++faults) {
+            const SaveRound round(before);
+            std::string where;
+            const InterceptedRun run = round.save([&](const InterceptedCall& call) {
+                // The message about a failure goes to standard output.
+                const bool isMessage = call.name == "write" && call.arguments[0] == 1;
+                if (call.index != faults || isMessage) return Answer::proceed();
+                where = call.label();
+                return error == 0 ? Answer::kill() : Answer::fail(error);
+            });
+            if (where.empty() && run.calls.size() <= faults) {
+                QVERIFY(run.succeeded());
+                QCOMPARE(round.now(), wanted);
+                break;
+            }
+            QVERIFY2(error == 0 ? run.wasKilled : run.succeeded(), where.c_str());
+            QVERIFY2(round.now() == round.old() || round.now() == wanted, where.c_str());
+            QVERIFY2(round.isStillLink(), where.c_str());
+            QVERIFY2(round.hasKeptDamage(), where.c_str());
+            QVERIFY2(round.leftovers() <= leftovers, where.c_str());
+            kept += round.now() != wanted;
+
+            // The next save works.
+            round.saveUndisturbed();
+            QVERIFY2(round.now() == wanted, where.c_str());
+            QVERIFY2(round.isStillLink(), where.c_str());
+            QVERIFY2(round.leftovers() <= leftovers, where.c_str());
+        }
+        QVERIFY(faults > 20 && kept > 0);
+        reportRuns(faults);
+    }
+
+    void theFileIsReadOnceAndOnDiskBeforeItIsReplaced()
+    {
+        const auto save = [](const SaveRound& round, bool mayReachTheDisk) {
+            QByteArrayList order;
+            const InterceptedRun run = round.save([&](const InterceptedCall& call) {
+                const bool isRead = call.name == "openat" && call.text(1) == round.path();
+                const bool isSync =
+                    call.name == "fsync" && round.isOurs(call.pathOfOpen(int(call.arguments[0])));
+                const bool isRename = call.name == "rename" && round.isOurs(call.text(0));
+                if (isRead || isSync || isRename) order << QByteArray::fromStdString(call.name);
+                return isSync && !mayReachTheDisk ? Answer::fail(EIO) : Answer::proceed();
+            });
+            return run.succeeded() ? order : QByteArrayList();
+        };
+        const SaveRound refused(Before::file);
+        QCOMPARE(save(refused, false), (QByteArrayList{"openat", "fsync"}));
+        QCOMPARE(refused.now(), refused.old());
+        QCOMPARE(refused.leftovers(), 0);
+
+        // The last call syncs the folder, which contains the new name.
+        const SaveRound done(Before::file);
+        QCOMPARE(save(done, true), (QByteArrayList{"openat", "fsync", "rename", "fsync"}));
+        QVERIFY(done.now() != done.old());
+    }
 };
 
-void TestSaveFaults::killedAtEveryCall()
-{
-    QFETCH(const QString, situation);
-    const QByteArray wanted = SaveRound::undisturbed(situation.toStdString());
-
-    size_t kills = 0;
-    for (;; ++kills) {
-        const SaveRound round(situation.toStdString());
-        std::string where;
-        const InterceptedRun run = round.save([&](const InterceptedCall& call) {
-            if (call.index != kills) return Answer::proceed();
-            where = call.label();
-            return Answer::kill();
-        });
-        if (where.empty()) {
-            QVERIFY(run.succeeded());
-            QCOMPARE(round.now(), wanted);
-            break;
-        }
-        QVERIFY2(run.wasKilled, where.c_str());
-        QVERIFY2(round.now() == round.old() || round.now() == wanted, where.c_str());
-        QVERIFY2(round.isStillLink(), where.c_str());
-        QVERIFY2(round.hasOldListSomewhere(), where.c_str());
-
-        QVERIFY2(round.leftovers().size() <= 1, where.c_str());
-
-        // The next one works, whatever the killed one left.
-        round.saveUndisturbed();
-        QVERIFY2(round.now() == wanted, where.c_str());
-        QVERIFY2(round.isStillLink(), where.c_str());
-        QVERIFY2(round.leftovers().size() <= 1, where.c_str());
-    }
-    QVERIFY(kills > 20);
-    reportRuns(kills);
-}
-
-void TestSaveFaults::everyCallFails_data()
-{
-    QTest::addColumn<QString>("situation");
-    QTest::addColumn<int>("error");
-    static constexpr std::array errors = {EIO, ENOSPC, EDQUOT, EACCES, EINTR, EMFILE, EROFS};
-    // In brief one error, and every other situation.
-    for (size_t n = 0; n < std::size(situations); n += stressSize(size_t(2), size_t(1))) {
-        const char* const situation = situations[n];
-        for (size_t i = 0; i < stressSize(size_t(1), errors.size()); ++i)
-            QTest::addRow("%s, %s", situation, strerrorname_np(errors[i]))
-                << QString::fromUtf8(situation) << errors[i];
-    }
-}
-
-void TestSaveFaults::everyCallFails()
-{
-    QFETCH(const QString, situation);
-    QFETCH(const int, error);
-    const QByteArray wanted = SaveRound::undisturbed(situation.toStdString());
-
-    size_t failures = 0;
-    size_t kept = 0;
-    for (;; ++failures) {
-        const SaveRound round(situation.toStdString());
-        std::string where;
-        // Not standard output, on which the failure is told.
-        const InterceptedRun run = round.save([&](const InterceptedCall& call) {
-            if (call.index != failures || (call.name == "write" && call.arguments[0] == 1))
-                return Answer::proceed();
-            where = call.label();
-            return Answer::fail(error);
-        });
-        if (where.empty() && run.calls.size() <= failures) break;
-        QVERIFY2(run.succeeded(), where.c_str());
-        QVERIFY2(round.now() == round.old() || round.now() == wanted, where.c_str());
-        QVERIFY2(round.isStillLink(), where.c_str());
-        QVERIFY2(round.hasOldListSomewhere(), where.c_str());
-        kept += round.now() != wanted;
-        round.saveUndisturbed();
-        QVERIFY2(round.now() == wanted, where.c_str());
-        QVERIFY2(round.leftovers().isEmpty(), where.c_str());
-    }
-    QVERIFY(failures > 20 && kept > 0);
-    reportRuns(failures);
-}
-
-void TestSaveFaults::nothingIsReplacedByWhatIsNotOnTheDisk()
-{
-    const auto save = [](const SaveRound& round, bool mayReachTheDisk) {
-        QByteArrayList order;
-        const InterceptedRun run = round.save([&](const InterceptedCall& call) {
-            const bool isSync = call.name == "fsync" && round.isOurs(call.pathOfOpen(int(call.arguments[0])));
-            const bool isRename = call.name == "rename" && round.isOurs(call.text(0));
-            if (isSync || isRename) order << QByteArray::fromStdString(call.name);
-            return isSync && !mayReachTheDisk ? Answer::fail(EIO) : Answer::proceed();
-        });
-        return run.succeeded() ? order : QByteArrayList();
-    };
-    const SaveRound refused("file");
-    QCOMPARE(save(refused, false), QByteArrayList{"fsync"});
-    QCOMPARE(refused.now(), refused.old());
-    QCOMPARE(refused.leftovers(), QByteArrayList());
-
-    // The last one is of the folder, which has the new name in it.
-    const SaveRound done("file");
-    QCOMPARE(save(done, true), (QByteArrayList{"fsync", "rename", "fsync"}));
-    QVERIFY(done.now() != done.old());
-}
-
-HARBEX_TEST_MAIN(TestSaveFaults)
+HARBEX_TEST(TestSaveFaults)
 
 #include "tst_SaveFaults.moc"

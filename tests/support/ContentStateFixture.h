@@ -38,6 +38,13 @@ public:
     DownloadImageRedirector engine;
     ContentState state{engine, store};
 
+    ContentStateFixture() = default;
+    /// Opens the state as appearWith() does.
+    explicit ContentStateFixture(std::vector<WatchedFolder> folders, std::optional<QUuid> selected = {})
+    {
+        appearWith(std::move(folders), selected);
+    }
+
     /// Returns a folder with default rules. Creates it on disk.
     static WatchedFolder makeFolder(const QString& name, std::size_t ruleCount = 1)
     {
@@ -103,5 +110,11 @@ private:
 
     int m_restartsSeen = 0;
 };
+
+/// Returns a folder with default rules. Creates it on disk.
+inline WatchedFolder makeFolder(const char* name, std::size_t ruleCount = 1)
+{
+    return ContentStateFixture::makeFolder(QString::fromUtf8(name), ruleCount);
+}
 
 } // namespace harbex::test

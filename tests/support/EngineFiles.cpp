@@ -45,8 +45,10 @@ dev_t volumeOf(const std::string& path)
 } // namespace
 
 ScratchFolder::ScratchFolder(const std::string& parent)
-    : m_path((parent.empty() ? std::filesystem::temp_directory_path().string() : parent) + "/harbex-XXXXXX")
 {
+    std::filesystem::path folder = parent;
+    if (parent.empty()) folder = std::filesystem::temp_directory_path();
+    m_path = std::filesystem::canonical(folder) / "harbex-XXXXXX";
     require(::mkdtemp(m_path.data()) != nullptr, "make a scratch folder", m_path);
 }
 
@@ -85,6 +87,11 @@ void appendToFile(const std::string& path, std::string_view content)
     writeAll(file.get(), content, path);
 }
 
+void resizeFile(const std::string& path, off_t size)
+{
+    require(::truncate(path.c_str(), size) == 0, "resize", path);
+}
+
 QByteArray contents(const std::string& path)
 {
     const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -113,6 +120,11 @@ void makeFolder(const std::string& path)
 void makeLink(const std::string& path, const std::string& target)
 {
     require(::symlink(target.c_str(), path.c_str()) == 0, "make the link", path);
+}
+
+void linkFile(const std::string& file, const std::string& path)
+{
+    require(::link(file.c_str(), path.c_str()) == 0, "make the hard link", path);
 }
 
 void renameEntry(const std::string& from, const std::string& to)

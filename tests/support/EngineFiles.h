@@ -5,6 +5,7 @@
 #include <atomic>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 #include <thread>
 #include <vector>
 
@@ -24,6 +25,7 @@ public:
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
 
+    /// Returns its path, without symbolic links.
     [[nodiscard]] const std::string& path() const { return m_path; }
 
     /// Creates a folder in it and returns the path.
@@ -42,6 +44,9 @@ void writeFile(const std::string& path, std::string_view content);
 /// Appends to an existing file.
 void appendToFile(const std::string& path, std::string_view content);
 
+/// Cuts a file, or extends it with a hole.
+void resizeFile(const std::string& path, off_t size);
+
 /// Returns the content of a file. Follows symbolic links. Returns "(no file)" if the file cannot be opened.
 [[nodiscard]] QByteArray contents(const std::string& path);
 
@@ -50,6 +55,8 @@ void appendToFile(const std::string& path, std::string_view content);
 
 void makeFolder(const std::string& path);
 void makeLink(const std::string& path, const std::string& target);
+/// Creates the hard link `path` to a file.
+void linkFile(const std::string& file, const std::string& path);
 void renameEntry(const std::string& from, const std::string& to);
 void removeEntry(const std::string& path);
 

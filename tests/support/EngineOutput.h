@@ -29,9 +29,9 @@ void reportApartFromStandardOutput();
 
 } // namespace harbex::test
 
-/// The main function of a test of the engine.
-#define HARBEX_ENGINE_TEST_MAIN(Test)                                                                        \
-    int main(int argc, char** argv)                                                                          \
+/// Registers a test class of the engine.
+#define HARBEX_ENGINE_TEST(Test)                                                                             \
+    HARBEX_MAIN(Test)                                                                                        \
     {                                                                                                        \
         harbex::test::reportApartFromStandardOutput();                                                       \
         return harbex::test::runTest<QCoreApplication, Test>(argc, argv);                                    \

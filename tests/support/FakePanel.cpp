@@ -3,6 +3,7 @@
 #include <QDBusConnectionInterface>
 #include <QDBusObjectPath>
 #include <QDBusReply>
+#include <QTest>
 
 namespace harbex::test
 {
@@ -42,9 +43,18 @@ RemoteObject FakePanel::item() const
 RemoteObject FakePanel::menu() const
 {
     const RemoteObject shown = item();
-    return {m_connection, shown.service,
-            shown.property(QStringLiteral("Menu")).value<QDBusObjectPath>().path(),
+    return {m_connection, shown.service, shown.property("Menu").value<QDBusObjectPath>().path(),
             QStringLiteral("com.canonical.dbusmenu")};
+}
+
+bool FakePanel::waitForItem() const
+{
+    return QTest::qWaitFor([this] { return !m_items.isEmpty(); }, 30000);
+}
+
+void FakePanel::click(int entry) const
+{
+    menu().send("Event", {entry, QStringLiteral("clicked"), asVariant(0), 0U});
 }
 
 } // namespace harbex::test

@@ -28,6 +28,12 @@ public:
     /// Returns the services of the registered items, in order of registration.
     [[nodiscard]] const QStringList& items() const { return m_items; }
 
+    /// Waits until an item has registered. Returns false on timeout.
+    [[nodiscard]] bool waitForItem() const;
+
+    /// Clicks an entry of the menu of the latest item. The first entry is 1. Does not wait for the reply.
+    void click(int entry) const;
+
     /// The latest item and its menu, called through the connection of the panel.
     [[nodiscard]] RemoteObject item() const;
     [[nodiscard]] RemoteObject menu() const;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/FileUrl.h"
+#include "store/Bookmark.h"
 
 #include <QApplication>
 #include <QDialogButtonBox>
@@ -12,10 +13,17 @@
 #include <QString>
 
 #include <functional>
+#include <optional>
 #include <utility>
 
 namespace harbex::test
 {
+
+/// Returns the folder that a bookmark leads to. Nothing if there is no bookmark.
+inline std::optional<FileUrl> folderOf(const std::optional<QByteArray>& bookmark)
+{
+    return bookmark ? resolveBookmark(*bookmark, MountTable()) : std::nullopt;
+}
 
 /// Answers the folder dialogs that open while the object exists: calls `answer` for each dialog that is
 /// shown. The code that opened the dialog continues when `answer` has closed it.

@@ -6,17 +6,15 @@
 #include <QCoreApplication>
 #include <QStandardPaths>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <linux/magic.h>
 #include <mutex>
 #include <stop_token>
 #include <sys/vfs.h>
+#include <sys/wait.h>
 #include <utility>
 
 namespace harbex::test
@@ -57,21 +55,6 @@ void unmount(QProcess& server, const std::string& place)
     server.waitForFinished();
 }
 
-/// Returns whether all threads of the process have stopped. They stop one after another.
-bool isStopped(pid_t process)
-{
-    const auto isThreadStopped = [](const std::filesystem::directory_entry& thread) {
-        std::ifstream file(thread.path() / "stat");
-        std::string text;
-        std::getline(file, text);
-        // Format: number, name in parentheses, one letter for the state.
-        const size_t end = text.rfind(") ");
-        return end != std::string::npos && text.substr(end + 2, 1) == "T";
-    };
-    const std::filesystem::directory_iterator threads("/proc/" + std::to_string(process) + "/task");
-    return std::all_of(begin(threads), end(threads), isThreadStopped);
-}
-
 } // namespace
 
 FuseMount::FuseMount(const std::string& real, std::string place) : m_place(std::move(place))
@@ -83,6 +66,12 @@ FuseMount::FuseMount(const std::string& real, std::string place) : m_place(std::
 FuseMount::~FuseMount()
 {
     unmount(m_server, m_place);
+}
+
+void FuseMount::killServer()
+{
+    m_server.kill();
+    m_server.waitForFinished();
 }
 
 bool FuseMount::isPossible(int argc, char** argv)
@@ -107,7 +96,10 @@ FuseMount::Silence::Silence(const FuseMount& folder)
     : m_server(static_cast<pid_t>(folder.m_server.processId()))
 {
     ::kill(m_server, SIGSTOP);
-    if (!eventually([this] { return isStopped(m_server); })) qFatal("a server does not stop");
+    // The kernel reports the stop after all threads have stopped.
+    int status = 0;
+    if (::waitpid(m_server, &status, WUNTRACED) != m_server || !WIFSTOPPED(status))
+        qFatal("a server does not stop");
     m_guard = std::jthread([this](const std::stop_token& stop) {
         std::mutex mutex;
         std::condition_variable_any changed;

@@ -24,6 +24,9 @@ public:
     FuseMount(const FuseMount&) = delete;
     FuseMount& operator=(const FuseMount&) = delete;
 
+    /// Kills the server. The mount stays, and every access to it fails.
+    void killServer();
+
     /// Returns whether FUSE can be mounted on this system. Prints the reason to standard error if not. Call
     /// it in main() before the tests.
     [[nodiscard]] static bool isPossible(int argc, char** argv);

@@ -4,6 +4,7 @@
 #include "support/EngineFiles.h"
 #include "support/SyscallInterceptor.h"
 
+#include <QTest>
 #include <QtGlobal>
 
 #include <cerrno>
@@ -38,21 +39,28 @@ struct Lacks {
     }
 };
 
-/// Moves an entry in a child process. `keeper` is asked about every file system call.
-[[nodiscard]] inline InterceptedRun moveGated(const std::string& source, const std::string& target,
-                                              const Interceptor& keeper)
+/// Lets every call proceed.
+[[nodiscard]] inline Answer proceedAlways(const InterceptedCall&)
 {
-    return runIntercepted(fileSystemCalls(), [&] { return FileMove().moveItem(source, target); }, keeper);
+    return Answer::proceed();
+}
+
+/// Moves an entry in a child process. `interceptor` is asked about every file system call.
+[[nodiscard]] inline InterceptedRun moveIntercepted(const std::string& source, const std::string& target,
+                                                    const Interceptor& interceptor)
+{
+    return runIntercepted(
+        fileSystemCalls(), [&] { return FileMove().moveItem(source, target); }, interceptor);
 }
 
 /// Moves an entry on a simulated file system that lacks features.
-[[nodiscard]] inline InterceptedRun moveGated(
-    const std::string& source, const std::string& target, const Lacks& lacks,
-    const Interceptor& keeper = [](const InterceptedCall&) { return Answer::proceed(); })
+[[nodiscard]] inline InterceptedRun moveIntercepted(const std::string& source, const std::string& target,
+                                                    const Lacks& lacks,
+                                                    const Interceptor& interceptor = proceedAlways)
 {
-    return moveGated(source, target, [&](const InterceptedCall& call) {
+    return moveIntercepted(source, target, [&](const InterceptedCall& call) {
         const std::optional<Answer> refused = lacks.refuses(call);
-        return refused ? *refused : keeper(call);
+        return refused ? *refused : interceptor(call);
     });
 }
 
@@ -88,7 +96,7 @@ struct Lacks {
 }
 
 /// Drops root privileges, if the process has them. For child processes.
-inline void becomeOrdinary()
+inline void dropPrivileges()
 {
     constexpr uid_t nobody = 65534;
     if (::geteuid() != 0) return;
@@ -103,16 +111,28 @@ inline void becomeOrdinary()
     return moved ? 0 : moved.error().code;
 }
 
-/// Kinds of entries that may be at the target before a move.
-inline const char* const victimKinds[] = {"file",        "empty file", "folder",
-                                          "full folder", "link",       "dangling link"};
+/// Kinds of entries that makeObstacle() makes.
+inline const char* const obstacleKinds[] = {"file",        "empty file", "folder",
+                                            "full folder", "link",       "dangling link"};
 
-inline void makeVictim(const std::string& kind, const std::string& path)
+/// Adds a test row for each kind of entry that is moved and each kind of obstacle, in the columns "kind" and
+/// "obstacle".
+inline void addObstacleRows()
 {
-    if (kind == "file") writeFile(path, "a victim");
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<QByteArray>("obstacle");
+    for (const char* kind : {"file", "dangling link", "full folder"}) {
+        for (const char* obstacle : obstacleKinds)
+            QTest::addRow("%s onto %s", kind, obstacle) << QByteArray(kind) << QByteArray(obstacle);
+    }
+}
+
+inline void makeObstacle(const std::string& kind, const std::string& path)
+{
+    if (kind == "file") writeFile(path, "an obstacle");
     if (kind == "empty file") writeFile(path, "");
     if (kind == "folder" || kind == "full folder") makeFolder(path);
-    if (kind == "full folder") writeFile(path + "/inside", "a victim");
+    if (kind == "full folder") writeFile(path + "/inside", "an obstacle");
     if (kind == "link") makeLink(path, "/");
     if (kind == "dangling link") makeLink(path, "nowhere");
 }

@@ -1,8 +1,8 @@
 #include "support/RuleModel.h"
 
-#include <QList>
-
+#include <algorithm>
 #include <cwctype>
+#include <map>
 #include <set>
 
 namespace harbex::test
@@ -22,18 +22,10 @@ std::optional<std::pair<char32_t, size_t>> codePoint(const std::string& name, si
     const unsigned first = byte(at);
     if (first < 0x80) return {{first, 1}};
 
-    size_t length = 0;
-    char32_t value = 0;
-    char32_t smallest = 0;
-    if (first >= 0xc0 && first < 0xe0) {
-        length = 2, value = first & 0x1f, smallest = 0x80;
-    } else if (first >= 0xe0 && first < 0xf0) {
-        length = 3, value = first & 0x0f, smallest = 0x800;
-    } else if (first >= 0xf0 && first < 0xf8) {
-        length = 4, value = first & 0x07, smallest = 0x10000;
-    } else {
-        return {};
-    }
+    if (first < 0xc0 || first >= 0xf8) return {};
+    const size_t length = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    const char32_t smallest = length == 2 ? 0x80 : length == 3 ? 0x800 : 0x10000;
+    char32_t value = first & (0x7fU >> length);
     for (size_t i = 1; i < length; ++i) {
         if ((byte(at + i) & 0xc0) != 0x80) return {};
         value = value << 6 | (byte(at + i) & 0x3f);
@@ -54,25 +46,18 @@ Text decoded(const std::string& bytes)
     return text;
 }
 
-Text decoded(const QString& text)
-{
-    const QList<uint> codePoints = text.toUcs4();
-    return Text(codePoints.begin(), codePoints.end());
-}
-
 /// Returns `text` with every known pair of letter and accent composed.
 Text composed(const Text& text)
 {
     Text result;
     for (const char32_t c : text) {
-        bool joined = false;
-        for (const ComposedLetter& known : composedLetters()) {
-            if (result.empty() || result.back() != known.letter || c != known.accent) continue;
-            result.back() = known.composed;
-            joined = true;
-            break;
-        }
-        if (!joined) result.push_back(c);
+        const auto known = std::ranges::find_if(composedLetters(), [&](const ComposedLetter& letter) {
+            return result.ends_with(letter.letter) && c == letter.accent;
+        });
+        if (known == composedLetters().end())
+            result.push_back(c);
+        else
+            result.back() = known->composed;
     }
     return result;
 }
@@ -107,36 +92,18 @@ bool passesNameFilter(const std::string& name, const FilterRule& rule)
     if (!rule.destination) return false;
     if (rule.value.isEmpty() || rule.field == RuleField::kind) return true;
     const std::optional<Text> part = namePart(name, rule.field);
-    return part && compare(rule.operatorType, *part, composed(decoded(rule.value)));
+    return part && compare(rule.operatorType, *part, composed(rule.value.toStdU32String()));
 }
 
-const std::set<Text>& extensionsOf(RuleKind kind)
-{
-    static const std::set<Text> image = {U"jpg",  U"jpeg", U"png", U"gif",  U"heic", U"heif",
-                                         U"webp", U"bmp",  U"tif", U"tiff", U"avif"};
-    static const std::set<Text> document = {U"pdf", U"doc",  U"docx", U"xls", U"xlsx",
-                                            U"ppt", U"pptx", U"txt",  U"rtf"};
-    static const std::set<Text> video = {U"mp4", U"mov", U"avi", U"mkv", U"flv", U"wmv", U"webm"};
-    static const std::set<Text> audio = {U"mp3", U"wav",  U"aac", U"flac", U"ogg",
-                                         U"m4a", U"opus", U"wma", U"alac", U"dsd"};
-    static const std::set<Text> application = {U"app", U"exe"};
-    static const std::set<Text> none;
-    switch (kind) {
-    case RuleKind::image:
-        return image;
-    case RuleKind::document:
-        return document;
-    case RuleKind::video:
-        return video;
-    case RuleKind::audio:
-        return audio;
-    case RuleKind::application:
-        return application;
-    case RuleKind::folder:
-        break;
-    }
-    return none;
-}
+/// In lower case.
+const std::map<RuleKind, std::set<Text>> extensions = {
+    {RuleKind::image,
+     {U"jpg", U"jpeg", U"png", U"gif", U"heic", U"heif", U"webp", U"bmp", U"tif", U"tiff", U"avif"}},
+    {RuleKind::document, {U"pdf", U"doc", U"docx", U"xls", U"xlsx", U"ppt", U"pptx", U"txt", U"rtf"}},
+    {RuleKind::video, {U"mp4", U"mov", U"avi", U"mkv", U"flv", U"wmv", U"webm"}},
+    {RuleKind::audio, {U"mp3", U"wav", U"aac", U"flac", U"ogg", U"m4a", U"opus", U"wma", U"alac", U"dsd"}},
+    {RuleKind::application, {U"app", U"exe"}},
+};
 
 bool matchesEntry(const std::string& name, std::optional<bool> isDirectory, const FilterRule& rule)
 {
@@ -147,11 +114,11 @@ bool matchesEntry(const std::string& name, std::optional<bool> isDirectory, cons
     case RuleField::name:
         return true;
     case RuleField::fileExtension:
-        return extension == composed(decoded(rule.value));
+        return extension == composed(rule.value.toStdU32String());
     case RuleField::kind:
         break;
     }
-    return rule.kind == RuleKind::folder ? isDirectory == true : extensionsOf(rule.kind).contains(extension);
+    return rule.kind == RuleKind::folder ? isDirectory == true : extensions.at(rule.kind).contains(extension);
 }
 
 } // namespace

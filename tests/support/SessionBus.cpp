@@ -14,10 +14,10 @@ namespace harbex::test
 namespace
 {
 
-QDBusMessage messageTo(const RemoteObject& object, const QString& method, const QVariantList& arguments)
+QDBusMessage messageTo(const RemoteObject& object, const char* method, const QVariantList& arguments)
 {
-    QDBusMessage message =
-        QDBusMessage::createMethodCall(object.service, object.path, object.interface, method);
+    QDBusMessage message = QDBusMessage::createMethodCall(object.service, object.path, object.interface,
+                                                          QString::fromLatin1(method));
     message.setArguments(arguments);
     return message;
 }
@@ -80,7 +80,7 @@ void SessionBus::close(const QDBusConnection& connection)
     QDBusConnection::disconnectFromBus(connection.name());
 }
 
-QDBusMessage RemoteObject::call(const QString& method, const QVariantList& arguments) const
+QDBusMessage RemoteObject::call(const char* method, const QVariantList& arguments) const
 {
     const QDBusPendingCallWatcher answer(bus.asyncCall(messageTo(*this, method, arguments)));
     QEventLoop loop;
@@ -89,16 +89,26 @@ QDBusMessage RemoteObject::call(const QString& method, const QVariantList& argum
     return answer.reply();
 }
 
-void RemoteObject::send(const QString& method, const QVariantList& arguments) const
+bool RemoteObject::accepts(const char* method, const QVariantList& arguments) const
+{
+    return call(method, arguments).type() == QDBusMessage::ReplyMessage;
+}
+
+void RemoteObject::send(const char* method, const QVariantList& arguments) const
 {
     bus.send(messageTo(*this, method, arguments));
 }
 
-QVariant RemoteObject::property(const QString& name) const
+QVariant RemoteObject::property(const char* name) const
 {
     const RemoteObject properties{bus, service, path, QStringLiteral("org.freedesktop.DBus.Properties")};
-    const QDBusMessage answer = properties.call(QStringLiteral("Get"), {interface, name});
+    const QDBusMessage answer = properties.call("Get", {interface, QString::fromLatin1(name)});
     return answer.arguments().value(0).value<QDBusVariant>().variant();
+}
+
+QVariant asVariant(const QVariant& value)
+{
+    return QVariant::fromValue(QDBusVariant(value));
 }
 
 } // namespace harbex::test

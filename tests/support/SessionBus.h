@@ -44,13 +44,26 @@ struct RemoteObject {
 
     /// Calls a method and returns the reply, which may be an error. Runs an event loop meanwhile, so the
     /// object may be in this process.
-    [[nodiscard]] QDBusMessage call(const QString& method, const QVariantList& arguments = {}) const;
+    [[nodiscard]] QDBusMessage call(const char* method, const QVariantList& arguments = {}) const;
+
+    /// Calls a method and returns whether the reply is no error.
+    [[nodiscard]] bool accepts(const char* method, const QVariantList& arguments = {}) const;
 
     /// Calls a method without waiting for the reply.
-    void send(const QString& method, const QVariantList& arguments = {}) const;
+    void send(const char* method, const QVariantList& arguments = {}) const;
 
     /// Returns the value of a property. Invalid if there is none.
-    [[nodiscard]] QVariant property(const QString& name) const;
+    [[nodiscard]] QVariant property(const char* name) const;
 };
+
+/// A call of a method, and what is special about it.
+struct NamedCall {
+    const char* name;
+    const char* method;
+    QVariantList arguments;
+};
+
+/// Returns the value as the D-Bus type "variant".
+[[nodiscard]] QVariant asVariant(const QVariant& value);
 
 } // namespace harbex::test

@@ -3,6 +3,7 @@
 #include "base/FileDescriptor.h"
 #include "base/Outcome.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -72,18 +73,38 @@ struct InterceptedRun {
     std::vector<std::string> calls;
 
     [[nodiscard]] bool succeeded() const { return !wasKilled && error == 0; }
+
+    /// Returns how many intercepted calls had this name.
+    [[nodiscard]] long count(const std::string& name) const
+    {
+        return std::ranges::count_if(
+            calls, [&name](const std::string& label) { return label.starts_with(name + ' '); });
+    }
 };
 
 /// Is asked about each intercepted call while the child waits.
 using Interceptor = std::function<Answer(const InterceptedCall&)>;
 
-/// Runs `work` in a child process and asks `keeper` about each call with one of these names. Ignores names
-/// that this architecture does not have. Returns when the child has ended. Ends the program with a message if
-/// the kernel does not support seccomp user notification, or if the child makes no intercepted call for one
-/// minute.
-[[nodiscard]] InterceptedRun runIntercepted(const std::vector<std::string>& names,
-                                            const std::function<Outcome<void>()>& work,
-                                            const Interceptor& keeper);
+/// Work for a child process, and the interceptor of its calls.
+struct InterceptedWork {
+    std::function<Outcome<void>()> work;
+    Interceptor interceptor;
+};
+
+/// Runs each work in its own child process, all at the same time. Asks the interceptors about each call with
+/// one of these names, one call after another. Ignores names that this architecture does not have. Returns
+/// when all children have ended. Ends the program with a message if the kernel does not support seccomp user
+/// notification, or if no child makes an intercepted call for one minute.
+[[nodiscard]] std::vector<InterceptedRun> runIntercepted(const std::vector<std::string>& names,
+                                                         const std::vector<InterceptedWork>& works);
+
+/// Runs one work in a child process.
+[[nodiscard]] inline InterceptedRun runIntercepted(const std::vector<std::string>& names,
+                                                   const std::function<Outcome<void>()>& work,
+                                                   const Interceptor& interceptor)
+{
+    return runIntercepted(names, {{work, interceptor}}).front();
+}
 
 /// Returns the names of the system calls that read or change files, except close().
 [[nodiscard]] const std::vector<std::string>& fileSystemCalls();

@@ -11,6 +11,17 @@
 namespace harbex::test
 {
 
+/// A test class of a test program. The classes of a folder share a program, and each runs in a process of its
+/// own: `harbex_fs_tests TestFileMove` takes the options of Qt Test after the name.
+class TestRegistration
+{
+public:
+    using Run = int (*)(int argc, char** argv);
+
+    /// Registers a class before main() begins. `run` gets the arguments without the name.
+    TestRegistration(const char* name, Run run);
+};
+
 /// Runs one test class with an Application object and a scratch home.
 template <class Application, class Test>
 int runTest(int argc, char** argv)
@@ -25,9 +36,15 @@ int runTest(int argc, char** argv)
 
 } // namespace harbex::test
 
-/// The main function of a test without windows.
-#define HARBEX_TEST_MAIN(Test)                                                                               \
-    int main(int argc, char** argv)                                                                          \
+/// Begins the main function of a test class, or of another process that a test starts.
+#define HARBEX_MAIN(Test)                                                                                    \
+    static int run##Test(int argc, char** argv);                                                             \
+    static const harbex::test::TestRegistration registrationOf##Test(#Test, run##Test);                      \
+    static int run##Test([[maybe_unused]] int argc, [[maybe_unused]] char** argv)
+
+/// Registers a test class without windows.
+#define HARBEX_TEST(Test)                                                                                    \
+    HARBEX_MAIN(Test)                                                                                        \
     {                                                                                                        \
         return harbex::test::runTest<QCoreApplication, Test>(argc, argv);                                    \
     }

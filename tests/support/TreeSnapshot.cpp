@@ -53,10 +53,10 @@ public:
             m_lines << shownPath + " (nothing)";
             return;
         }
-        QByteArray line = shownPath + " mode " + QByteArray::number(data.st_mode, 8) + " owner " +
-                          QByteArray::number(data.st_uid) + ':' + QByteArray::number(data.st_gid) +
-                          " modified " + QByteArray::number(qint64(data.st_mtim.tv_sec)) + '.' +
-                          QByteArray::number(qint64(data.st_mtim.tv_nsec));
+        QByteArray line = shownPath + QString::asprintf(" mode %o owner %u:%u modified %jd.%09ld",
+                                                        data.st_mode, data.st_uid, data.st_gid,
+                                                        intmax_t(data.st_mtim.tv_sec), data.st_mtim.tv_nsec)
+                                          .toLatin1();
         for (const QByteArray& attribute : attributesOf(path))
             line += ' ' + attribute;
         if (S_ISREG(data.st_mode))
@@ -92,7 +92,7 @@ private:
 
 } // namespace
 
-QByteArray pictureOf(const std::string& path)
+QByteArray snapshotOf(const std::string& path)
 {
     Picture picture;
     picture.add(path, ".");

@@ -10,6 +10,6 @@ namespace harbex::test
 /// Returns a text description of everything that a move must keep. For the entry, and for everything in a
 /// folder: type, permissions, owner, modification time, extended attributes, ACLs, content or link target,
 /// and hard links to each other. "(nothing)" if the entry does not exist.
-[[nodiscard]] QByteArray pictureOf(const std::string& path);
+[[nodiscard]] QByteArray snapshotOf(const std::string& path);
 
 } // namespace harbex::test

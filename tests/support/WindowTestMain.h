@@ -4,9 +4,9 @@
 
 #include <QApplication>
 
-/// The main function of a test with windows. They are offscreen.
-#define HARBEX_WINDOW_TEST_MAIN(Test)                                                                        \
-    int main(int argc, char** argv)                                                                          \
+/// Registers a test class with windows. They are offscreen.
+#define HARBEX_WINDOW_TEST(Test)                                                                             \
+    HARBEX_MAIN(Test)                                                                                        \
     {                                                                                                        \
         qputenv("QT_QPA_PLATFORM", "offscreen");                                                             \
         return harbex::test::runTest<QApplication, Test>(argc, argv);                                        \

@@ -21,8 +21,8 @@ const QString portalPath = QStringLiteral("/org/freedesktop/portal/desktop");
 const QString appearance = QStringLiteral("org.freedesktop.appearance");
 const QString colorScheme = QStringLiteral("color-scheme");
 
-/// The part of the desktop portal that tells settings. It answers in the main loop of the test: a program
-/// that waited for the answer would wait for ever.
+/// The settings part of the desktop portal. It replies in the main loop of the test, so code that blocks
+/// until the reply would block for ever.
 class Portal : public QObject
 {
     Q_OBJECT
@@ -58,7 +58,7 @@ private:
     QVariant m_scheme;
 };
 
-/// Has the name of the portal and leaves every question unanswered.
+/// A portal that never replies.
 class SilentPortal : public QDBusVirtualObject
 {
 public:
@@ -87,7 +87,7 @@ bool isDark()
     return palette.color(QPalette::Window).lightness() < palette.color(QPalette::WindowText).lightness();
 }
 
-/// How well a text can be read on a ground: 1 for not at all, 21 for black on white.
+/// Returns the contrast ratio: 1 for equal colours, 21 for black on white.
 double contrast(const QColor& text, const QColor& ground)
 {
     const auto part = [](float value) {
@@ -101,18 +101,13 @@ double contrast(const QColor& text, const QColor& ground)
     return (std::max(a, b) + 0.05) / (std::min(a, b) + 0.05);
 }
 
-/// Counts how often its colours change.
-class PaletteWitness : public QWidget
+/// Reads the setting from the portal. A bus keeps the order of messages from one sender to one receiver, so
+/// afterwards all earlier signals and replies of the portal to this connection have been handled.
+bool isReplyReceived(const QDBusConnection& connection)
 {
-public:
-    int changes = 0;
-
-protected:
-    void changeEvent(QEvent* event) override
-    {
-        if (event->type() == QEvent::PaletteChange) ++changes;
-    }
-};
+    const RemoteObject settings{connection, portalService, portalPath, portalInterface};
+    return settings.accepts("Read", {appearance, colorScheme});
+}
 
 constexpr uint noPreference = 0;
 constexpr uint dark = 1;
@@ -125,167 +120,155 @@ class TestColorScheme : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init() { QApplication::setPalette(QPalette()); }
-    void cleanupTestCase() { QApplication::setPalette(QPalette()); }
+    void init()
+    {
+        QApplication::setPalette(QPalette());
+        m_bus = std::make_unique<SessionBus>();
+        m_connection.emplace(m_bus->connect());
+    }
 
-    void aDarkDesktopMakesTheProgramDark();
-    void aLightDesktopOrNoPreferenceLeavesThePalette();
-    void aChangeOfTheDesktopIsFollowedWithoutARestart();
-    void otherSettingsAreNotLookedAt();
-    void withoutAPortalNothingChanges();
-    void withoutABusNothingChanges();
-    void aPortalThatDoesNotAnswerHoldsNothingUp();
-    void anAnswerOfAnotherTypeIsNoDarkness();
-    void aPaletteOfTheDesktopsOwnIsLeftAlone();
-    void everyTextOfTheDarkPaletteCanBeRead();
-};
+    void cleanup()
+    {
+        m_connection.reset();
+        m_bus.reset();
+        QApplication::setPalette(QPalette());
+    }
 
-void TestColorScheme::aDarkDesktopMakesTheProgramDark()
-{
-    SessionBus bus;
-    const Portal portal(bus, dark);
-    QWidget window;
-    const ColorScheme scheme(bus.connect());
-    // The answer is not waited for.
-    QVERIFY(!isDark());
-    QTRY_VERIFY(isDark());
-    QCOMPARE(QApplication::palette().color(QPalette::Window),
-             ColorScheme::darkPalette().color(QPalette::Window));
-    QTRY_COMPARE(window.palette().color(QPalette::Window), QApplication::palette().color(QPalette::Window));
-}
+    void aDarkDesktopMakesTheProgramDarkWithoutBlocking()
+    {
+        const Portal portal(*m_bus, dark);
+        QWidget window;
+        const ColorScheme scheme(*m_connection);
+        QVERIFY(!isDark());
+        QTRY_VERIFY(isDark());
+        QCOMPARE(QApplication::palette().color(QPalette::Window),
+                 ColorScheme::darkPalette().color(QPalette::Window));
+        QTRY_COMPARE(window.palette().color(QPalette::Window),
+                     QApplication::palette().color(QPalette::Window));
+    }
 
-void TestColorScheme::aLightDesktopOrNoPreferenceLeavesThePalette()
-{
-    const QPalette before = QApplication::palette();
-    for (const uint answer : {noPreference, light, 3U}) {
-        SessionBus bus;
-        const Portal portal(bus, answer);
-        const ColorScheme scheme(bus.connect());
-        QTRY_COMPARE(portal.questions, 1);
-        QTest::qWait(20);
+    void otherAnswersLeaveThePalette_data()
+    {
+        QTest::addColumn<QVariant>("answer");
+        QTest::newRow("no preference") << QVariant(noPreference);
+        QTest::newRow("light") << QVariant(light);
+        QTest::newRow("unknown") << QVariant(3U);
+        QTest::newRow("a text") << QVariant(QStringLiteral("dark"));
+        QTest::newRow("a list") << QVariant(QStringList{QStringLiteral("1")});
+    }
+
+    void otherAnswersLeaveThePalette()
+    {
+        QFETCH(const QVariant, answer);
+        const QPalette before = QApplication::palette();
+        const Portal portal(*m_bus, answer);
+        const ColorScheme scheme(*m_connection);
+        QVERIFY(isReplyReceived(*m_connection));
+        QCOMPARE(portal.questions, 2);
         QCOMPARE(QApplication::palette(), before);
     }
-}
 
-void TestColorScheme::aChangeOfTheDesktopIsFollowedWithoutARestart()
-{
-    const QPalette before = QApplication::palette();
-    SessionBus bus;
-    const Portal portal(bus, light);
-    const ColorScheme scheme(bus.connect());
-    QTRY_COMPARE(portal.questions, 1);
-    portal.change(appearance, colorScheme, dark);
-    QTRY_VERIFY(isDark());
-    portal.change(appearance, colorScheme, light);
-    QTRY_VERIFY(!isDark());
-    QCOMPARE(QApplication::palette(), before);
-    portal.change(appearance, colorScheme, dark);
-    QTRY_VERIFY(isDark());
-    portal.change(appearance, colorScheme, noPreference);
-    QTRY_VERIFY(!isDark());
-}
-
-void TestColorScheme::otherSettingsAreNotLookedAt()
-{
-    SessionBus bus;
-    const Portal portal(bus, dark);
-    const QDBusConnection connection = bus.connect();
-    const ColorScheme scheme(connection);
-    QTRY_VERIFY(isDark());
-    portal.change(appearance, QStringLiteral("contrast"), light);
-    portal.change(QStringLiteral("org.gnome.desktop.interface"), colorScheme, light);
-    // What one sender sends comes in its order, an answer too.
-    const RemoteObject settings{connection, portalService, portalPath, portalInterface};
-    QCOMPARE(settings.call(QStringLiteral("Read"), {appearance, colorScheme}).type(),
-             QDBusMessage::ReplyMessage);
-    QVERIFY(isDark());
-    portal.change(appearance, colorScheme, light);
-    QTRY_VERIFY(!isDark());
-}
-
-void TestColorScheme::withoutAPortalNothingChanges()
-{
-    const QPalette before = QApplication::palette();
-    SessionBus bus;
-    const ColorScheme scheme(bus.connect());
-    QTest::qWait(100);
-    QCOMPARE(QApplication::palette(), before);
-    // One that comes later is followed.
-    const Portal portal(bus, light);
-    portal.change(appearance, colorScheme, dark);
-    QTRY_VERIFY(isDark());
-}
-
-void TestColorScheme::withoutABusNothingChanges()
-{
-    const QPalette before = QApplication::palette();
-    const ColorScheme scheme(
-        QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent"), QStringLiteral("none")));
-    QTest::qWait(20);
-    QCOMPARE(QApplication::palette(), before);
-}
-
-void TestColorScheme::aPortalThatDoesNotAnswerHoldsNothingUp()
-{
-    SessionBus bus;
-    const SilentPortal portal(bus);
-    QElapsedTimer timer;
-    timer.start();
+    void aChangeOfTheDesktopIsFollowed()
     {
-        const ColorScheme scheme(bus.connect());
-        QVERIFY(timer.elapsed() < 5000);
-        QTRY_COMPARE(portal.questions, 1);
-        timer.restart();
+        const QPalette before = QApplication::palette();
+        const Portal portal(*m_bus, light);
+        const ColorScheme scheme(*m_connection);
+        QVERIFY(isReplyReceived(*m_connection));
+        for (const uint other : {light, noPreference}) {
+            portal.change(appearance, colorScheme, dark);
+            QTRY_VERIFY(isDark());
+            portal.change(appearance, colorScheme, other);
+            QTRY_VERIFY(!isDark());
+            QCOMPARE(QApplication::palette(), before);
+        }
     }
-    QVERIFY(timer.elapsed() < 5000);
-    QVERIFY(!isDark());
-}
 
-void TestColorScheme::anAnswerOfAnotherTypeIsNoDarkness()
-{
-    for (const QVariant& answer :
-         {QVariant(QStringLiteral("dark")), QVariant(QStringList{QStringLiteral("1")})}) {
-        SessionBus bus;
-        const Portal portal(bus, answer);
-        const ColorScheme scheme(bus.connect());
-        QTRY_COMPARE(portal.questions, 1);
-        QTest::qWait(20);
+    void changesOfOtherSettingsAreIgnored()
+    {
+        const Portal portal(*m_bus, dark);
+        const ColorScheme scheme(*m_connection);
+        QTRY_VERIFY(isDark());
+        portal.change(appearance, QStringLiteral("contrast"), light);
+        QVERIFY(isReplyReceived(*m_connection));
+        QVERIFY2(isDark(), "another key");
+        portal.change(QStringLiteral("org.gnome.desktop.interface"), colorScheme, light);
+        QVERIFY(isReplyReceived(*m_connection));
+        QVERIFY2(isDark(), "another group");
+    }
+
+    void withoutAPortalNothingChangesUntilOneStarts()
+    {
+        const QPalette before = QApplication::palette();
+        const ColorScheme scheme(*m_connection);
+        QVERIFY2(!isReplyReceived(*m_connection), "the bus replies with an error");
+        QCOMPARE(QApplication::palette(), before);
+        const Portal portal(*m_bus, light);
+        portal.change(appearance, colorScheme, dark);
+        QTRY_VERIFY(isDark());
+    }
+
+    void withoutABusNothingChanges()
+    {
+        const QPalette before = QApplication::palette();
+        const auto noBus =
+            QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent"), QStringLiteral("none"));
+        const ColorScheme scheme(noBus);
+        QCoreApplication::processEvents();
+        QCOMPARE(QApplication::palette(), before);
+    }
+
+    void aPortalThatDoesNotReplyDelaysNothing()
+    {
+        const SilentPortal portal(*m_bus);
+        QElapsedTimer timer;
+        timer.start();
+        {
+            const ColorScheme scheme(*m_connection);
+            QVERIFY(timer.elapsed() < 5000);
+            QTRY_COMPARE(portal.questions, 1);
+            timer.restart();
+        }
+        QVERIFY(timer.elapsed() < 5000);
         QVERIFY(!isDark());
     }
-}
 
-void TestColorScheme::aPaletteOfTheDesktopsOwnIsLeftAlone()
-{
-    // As the desktop's plugin of Qt sets it.
-    QPalette own = QApplication::palette();
-    own.setColor(QPalette::Window, QColor(0xf6, 0xf0, 0xe0));
-    QApplication::setPalette(own);
-    SessionBus bus;
-    const Portal portal(bus, dark);
-    const ColorScheme scheme(bus.connect());
-    portal.change(appearance, colorScheme, dark);
-    QTest::qWait(100);
-    QCOMPARE(portal.questions, 0);
-    QCOMPARE(QApplication::palette(), own);
-}
+    void aPaletteOfTheDesktopIsLeftAlone()
+    {
+        // As the desktop's plugin of Qt sets it.
+        QPalette own = QApplication::palette();
+        own.setColor(QPalette::Window, QColor(0xf6, 0xf0, 0xe0));
+        QApplication::setPalette(own);
+        const Portal portal(*m_bus, dark);
+        const ColorScheme scheme(*m_connection);
+        portal.change(appearance, colorScheme, dark);
+        QVERIFY(isReplyReceived(*m_connection));
+        QCOMPARE(portal.questions, 1);
+        QCOMPARE(QApplication::palette(), own);
+    }
 
-void TestColorScheme::everyTextOfTheDarkPaletteCanBeRead()
-{
-    const QPalette palette = ColorScheme::darkPalette();
-    const auto read = [&](QPalette::ColorRole text, QPalette::ColorRole ground) {
-        return contrast(palette.color(text), palette.color(ground));
-    };
-    QVERIFY(read(QPalette::WindowText, QPalette::Window) > 7);
-    QVERIFY(read(QPalette::Text, QPalette::Base) > 7);
-    QVERIFY(read(QPalette::Text, QPalette::AlternateBase) > 7);
-    QVERIFY(read(QPalette::ButtonText, QPalette::Button) > 7);
-    QVERIFY(read(QPalette::ToolTipText, QPalette::ToolTipBase) > 7);
-    QVERIFY(read(QPalette::HighlightedText, QPalette::Highlight) > 4.5);
-    QVERIFY(read(QPalette::PlaceholderText, QPalette::Base) > 4.5);
-    QVERIFY(read(QPalette::Link, QPalette::Base) > 4.5);
-    QVERIFY(contrast(palette.color(QPalette::Disabled, QPalette::WindowText),
-                     palette.color(QPalette::Window)) > 3);
-}
+    void everyTextOfTheDarkPaletteIsReadable()
+    {
+        const QPalette palette = ColorScheme::darkPalette();
+        const auto ratio = [&](QPalette::ColorRole text, QPalette::ColorRole ground) {
+            return contrast(palette.color(text), palette.color(ground));
+        };
+        QVERIFY(ratio(QPalette::WindowText, QPalette::Window) > 7);
+        QVERIFY(ratio(QPalette::Text, QPalette::Base) > 7);
+        QVERIFY(ratio(QPalette::Text, QPalette::AlternateBase) > 7);
+        QVERIFY(ratio(QPalette::ButtonText, QPalette::Button) > 7);
+        QVERIFY(ratio(QPalette::ToolTipText, QPalette::ToolTipBase) > 7);
+        QVERIFY(ratio(QPalette::HighlightedText, QPalette::Highlight) > 4.5);
+        QVERIFY(ratio(QPalette::PlaceholderText, QPalette::Base) > 4.5);
+        QVERIFY(ratio(QPalette::Link, QPalette::Base) > 4.5);
+        QVERIFY(contrast(palette.color(QPalette::Disabled, QPalette::WindowText),
+                         palette.color(QPalette::Window)) > 3);
+    }
 
-HARBEX_WINDOW_TEST_MAIN(TestColorScheme)
+private:
+    std::unique_ptr<SessionBus> m_bus;
+    /// The connection of the program.
+    std::optional<QDBusConnection> m_connection;
+};
+
+HARBEX_WINDOW_TEST(TestColorScheme)
 #include "tst_ColorScheme.moc"

@@ -3,13 +3,36 @@
 
 #include <QSignalSpy>
 
-#include <unistd.h>
+#include <functional>
 
 using namespace harbex;
 using namespace harbex::test;
 
 namespace
 {
+
+/// The fields of a rule that an edit can change, with the values of a default rule.
+struct Fields {
+    RuleField field = RuleField::name;
+    RuleOperator operatorType = RuleOperator::contains;
+    QString value = QStringLiteral("");
+    std::optional<FileUrl> destination = std::nullopt;
+    std::optional<QByteArray> bookmark = std::nullopt;
+    RuleKind kind = RuleKind::image;
+
+    void copyTo(FilterRule& rule) const
+    {
+        rule.field = field;
+        rule.operatorType = operatorType;
+        rule.value = value;
+        rule.destination = destination;
+        rule.destinationBookmarkData = bookmark;
+        rule.kind = kind;
+    }
+};
+
+/// Edits the rule with this id.
+using Edit = std::function<void(ContentState&, const QUuid&)>;
 
 FileUrl urlOf(const char* name)
 {
@@ -22,12 +45,11 @@ QByteArray storedText()
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/// Marks the stored file in a way that a save wipes out.
-void markStore()
+/// Marks the stored file. The next save removes the mark.
+bool markStore()
 {
     QFile file(preferencesPath());
-    QVERIFY(file.open(QIODevice::Append));
-    file.write("\n\n");
+    return file.open(QIODevice::Append) && file.write("\n\n") == 2;
 }
 
 bool isStoreMarked()
@@ -35,819 +57,445 @@ bool isStoreMarked()
     return storedText().endsWith("\n\n");
 }
 
+/// Returns whether a stored file exists, and has a selection or not.
+bool isSelectionStored(bool isStored)
+{
+    const QByteArray text = storedText();
+    return text.contains("savedWatchedFolders") && text.contains("selectedWatchedFolderID") == isStored;
+}
+
 } // namespace
 
-/// What the window edits: what restarts the engine, what writes the store, and what is selected.
+/// Which edits restart the engine, which write the store, and which folder is selected.
 class TestContentState : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
     // Appearing and disappearing.
-    void nothingIsThereBeforeTheFirstAppearance();
-    void theFirstAppearanceOfAllStartsTheEngineWithoutFoldersAndSavesNothing();
-    void appearingLoadsAndStartsTheEngineWithWhatWasLoaded();
-    void theFirstAppearanceWithAStoredSelectionSavesItStraightBack();
-    void appearingAgainWithTheSameSelectionSavesNothing();
-    void appearingAgainWhileTheEngineRunsDoesNotRestartIt();
-    void appearingAgainReadsTheStoreAgain();
-    void appearingAgainWithAnotherStoredSelectionSaves();
-    void appearingStartsAnEngineThatWasStopped();
-    void disappearingSavesAndLeavesTheEngineRunning();
-    void anEngineWhoseWindowIsClosedGoesOnMoving();
-    void theEndOfTheStateSavesNothing();
+    void anEmptyStoreStartsTheEngineWithoutFoldersAndIsNotSaved()
+    {
+        ContentStateFixture fixture;
+        QVERIFY(fixture.state.folders().empty());
+        QVERIFY(!fixture.state.selectedFolderID());
+        QVERIFY(!fixture.state.selectedFolder());
+        fixture.state.appear();
+        fixture.settle();
+        QVERIFY(fixture.engine.isRunning());
+        QVERIFY(fixture.engine.activeFDs().empty());
+        QVERIFY(!fixture.wasSaved());
+    }
+
+    void theFirstAppearanceLoadsStartsTheEngineAndSavesTheSelection()
+    {
+        ContentStateFixture fixture;
+        const auto a = makeFolder("A", 2);
+        const auto b = makeFolder("B");
+        fixture.store.saveState({{a, b}, b.id});
+        QVERIFY(markStore());
+        fixture.state.appear();
+        QCOMPARE(fixture.state.folders().size(), 2U);
+        QCOMPARE(fixture.folder(0).id, a.id);
+        QCOMPARE(fixture.folder(0).rules, a.rules);
+        QCOMPARE(fixture.state.selectedFolderID(), b.id);
+        QVERIFY(!isStoreMarked());
+        QCOMPARE(fixture.takeSaved()->selectedFolderID, b.id);
+        fixture.settle();
+        QVERIFY(fixture.engine.isRunning());
+        QCOMPARE(fixture.engine.activeFDs().size(), 2U);
+        QCOMPARE(fixture.restarts(), 0);
+    }
+
+    void appearingAgainWithAnUnchangedStoreNeitherSavesNorRestarts()
+    {
+        const auto a = makeFolder("A");
+        ContentStateFixture fixture({a}, a.id);
+        const auto lines = fixture.engine.logs();
+        fixture.state.disappear();
+        QVERIFY(markStore());
+        fixture.state.appear();
+        QVERIFY(isStoreMarked());
+        QCOMPARE(fixture.restarts(), 0);
+        QCOMPARE(fixture.engine.logs(), lines);
+        QVERIFY(fixture.engine.isRunning());
+    }
+
+    void appearingAgainLoadsTheStoreAndSavesAnotherSelection()
+    {
+        const auto a = makeFolder("A");
+        const auto b = makeFolder("B");
+        ContentStateFixture fixture({a}, a.id);
+        const auto appearAgainWith = [&](const FolderState& stored) {
+            fixture.state.disappear();
+            fixture.store.saveState(stored);
+            if (!markStore()) qFatal("no stored file");
+            fixture.state.appear();
+        };
+        appearAgainWith({{b, a}, a.id});
+        QCOMPARE(fixture.state.folders().size(), 2U);
+        QCOMPARE(fixture.folder(0).id, b.id);
+        QCOMPARE(fixture.state.selectedFolderID(), a.id);
+        QVERIFY(isStoreMarked());
+
+        appearAgainWith({{b, a}, b.id});
+        QCOMPARE(fixture.state.selectedFolderID(), b.id);
+        QVERIFY(!isStoreMarked());
+    }
+
+    void appearingStartsAStoppedEngine()
+    {
+        ContentStateFixture fixture({makeFolder("A")});
+        fixture.state.disappear();
+        fixture.engine.stop();
+        fixture.settle();
+        QVERIFY(!fixture.engine.isRunning());
+        fixture.state.appear();
+        fixture.settle();
+        QVERIFY(fixture.engine.isRunning());
+    }
+
+    void disappearingSavesTheEditsAndLeavesTheEngineRunning()
+    {
+        const auto a = makeFolder("A");
+        ContentStateFixture fixture({a}, a.id);
+        fixture.state.addRule();
+        fixture.state.setValue(fixture.rule(0).id, QStringLiteral("invoice"));
+        fixture.state.disappear();
+        const auto saved = fixture.takeSaved();
+        QVERIFY(saved);
+        QCOMPARE(saved->selectedFolderID, a.id);
+        QCOMPARE(saved->folders.at(0).rules, fixture.folder(0).rules);
+        QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("invoice"));
+        QVERIFY(fixture.engine.isRunning());
+        QCOMPARE(fixture.restarts(), 0);
+    }
+
+    void theDestructorSavesNothing()
+    {
+        {
+            ContentStateFixture fixture({makeFolder("A")});
+            fixture.state.addRule();
+        }
+        QVERIFY(!QFile::exists(preferencesPath()));
+    }
 
     // Selecting.
-    void selectingAnotherFolderSavesWithTheEditsMadeBefore();
-    void selectingTheSelectedFolderSavesNothing();
-    void selectingNothingSavesWithoutASelection();
-    void selectingRestartsNothing();
-    void aSelectionThatNamesNoFolderIsLikeNone();
-    void ofTwoFoldersWithOneIdTheFirstIsSelected();
+    void selectingSavesEarlierEditsAndRestartsNothing()
+    {
+        const auto a = makeFolder("A");
+        const auto b = makeFolder("B");
+        ContentStateFixture fixture({a, b}, a.id);
+        fixture.state.setValue(fixture.rule(0).id, QStringLiteral("invoice"));
+        fixture.state.select(a.id);
+        QVERIFY(!fixture.wasSaved());
+
+        fixture.state.select(b.id);
+        QCOMPARE(fixture.state.selectedFolder()->url, b.url);
+        const auto saved = fixture.takeSaved();
+        QVERIFY(saved);
+        QCOMPARE(saved->selectedFolderID, b.id);
+        QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("invoice"));
+        QCOMPARE(fixture.restarts(), 0);
+    }
+
+    void noneOrAnUnknownFolderCanBeSelected()
+    {
+        ContentStateFixture fixture({makeFolder("A")});
+        fixture.state.select(std::nullopt);
+        QVERIFY(!fixture.state.selectedFolder());
+        QVERIFY(isSelectionStored(false));
+        const QUuid unknown = QUuid::createUuid();
+        fixture.state.select(unknown);
+        QVERIFY(!fixture.state.selectedFolder());
+        QCOMPARE(fixture.state.selectedFolderID(), unknown);
+    }
+
+    void aDuplicateIdSelectsTheFirstFolder()
+    {
+        const auto a = makeFolder("A");
+        auto b = makeFolder("B");
+        b.id = a.id;
+        const ContentStateFixture fixture({a, b}, a.id);
+        QCOMPARE(fixture.state.selectedFolder()->url, a.url);
+    }
 
     // Adding and deleting folders.
-    void anAddedFolderIsSelectedHasOneDefaultRuleAndIsSaved();
-    void anAddedFolderComesLast();
-    void theSameFolderAddedTwiceIsTwoEntries();
-    void aFolderWithoutABookmarkIsAdded();
-    void deletingTheSelectedFolderOfThreeSelectsTheFirst();
-    void deletingTheSelectedFirstFolderSelectsTheNewFirst();
-    void deletingAnUnselectedFolderKeepsTheSelectionAndSavesNothing();
-    void deletingTheOnlyFolderLeavesNoSelection();
-    void deletingWithoutASelectionSelectsNothing();
-    void deletingAFolderThatIsGoneDoesNothing();
-    void aFolderIsDeletedByTheIdInTheListItself();
-    void ofTwoFoldersWithOneIdTheFirstIsDeletedAndTheSelectionStays();
-    void ofTwoFoldersWithOneIdBehindAnotherTheFirstIsDeletedAndTheSelectionMoves();
-    void whatWasDeletedUnsavedIsMissingFromTheNextSave();
+    void anAddedFolderIsLastSelectedAndSavedWithOneDefaultRule()
+    {
+        ContentStateFixture fixture({makeFolder("A")});
+        fixture.state.addFolder(makeFolder("B").url, QByteArray("bookmark"));
+
+        QCOMPARE(fixture.state.folders().size(), 2U);
+        const WatchedFolder& folder = fixture.folder(1);
+        QCOMPARE(folder.url, urlOf("B"));
+        QCOMPARE(folder.bookmarkData, QByteArray("bookmark"));
+        QVERIFY(!folder.id.isNull());
+        QCOMPARE(fixture.state.selectedFolderID(), folder.id);
+        QCOMPARE(folder.rules.size(), 1U);
+        const FilterRule& rule = folder.rules.at(0);
+        QCOMPARE(rule.field, RuleField::name);
+        QCOMPARE(rule.operatorType, RuleOperator::contains);
+        QCOMPARE(rule.value, QString());
+        QVERIFY(!rule.destination);
+        QVERIFY(!rule.destinationBookmarkData);
+        QCOMPARE(rule.kind, RuleKind::image);
+
+        QCOMPARE(fixture.restarts(), 1);
+        QCOMPARE(fixture.engine.activeFDs().size(), 2U);
+        const auto saved = fixture.takeSaved();
+        QVERIFY(saved);
+        QCOMPARE(saved->selectedFolderID, folder.id);
+        QCOMPARE(saved->folders.size(), 2U);
+    }
+
+    void aFolderAddedTwiceIsTwoRecords()
+    {
+        ContentStateFixture fixture;
+        fixture.appearWith({});
+        const auto url = makeFolder("A").url;
+        fixture.state.addFolder(url, {});
+        fixture.state.addFolder(url, {});
+        QCOMPARE(fixture.state.folders().size(), 2U);
+        const WatchedFolder& first = fixture.folder(0);
+        const WatchedFolder& second = fixture.folder(1);
+        QCOMPARE(first.url, second.url);
+        QVERIFY(!first.bookmarkData);
+        QVERIFY(first.id != second.id);
+        QCOMPARE(first.rules.size(), 1U);
+        QCOMPARE(second.rules.size(), 1U);
+        QVERIFY(first.rules.at(0).id != second.rules.at(0).id);
+        QCOMPARE(fixture.state.selectedFolderID(), second.id);
+    }
+
+    // A letter is the id of a folder, and a digit its name and its position before the deletion.
+    void deletingAFolder_data()
+    {
+        QTest::addColumn<QString>("ids");
+        QTest::addColumn<QString>("selected");
+        QTest::addColumn<int>("deleted");
+        QTest::addColumn<QString>("left");
+        QTest::addColumn<QString>("selectedAfter");
+        QTest::newRow("selected, of three") << "abc" << "b" << 1 << "02" << "a";
+        QTest::newRow("selected, first") << "ab" << "a" << 0 << "1" << "b";
+        QTest::newRow("selected, the only one") << "a" << "a" << 0 << "" << "";
+        QTest::newRow("not selected") << "abc" << "c" << 1 << "02" << "c";
+        QTest::newRow("nothing is selected") << "ab" << "" << 0 << "1" << "";
+        QTest::newRow("unknown") << "a" << "a" << -1 << "0" << "a";
+        QTest::newRow("the first has the same id") << "aa" << "a" << 0 << "1" << "a";
+        QTest::newRow("a later one has the same id") << "abb" << "b" << 1 << "02" << "a";
+    }
+
+    void deletingAFolder()
+    {
+        QFETCH(const QString, ids);
+        QFETCH(const QString, selected);
+        QFETCH(const int, deleted);
+        QFETCH(const QString, left);
+        QFETCH(const QString, selectedAfter);
+        const auto idOf = [](const QString& letter) {
+            return letter.isEmpty() ? std::nullopt : std::optional(QUuid::createUuidV5(QUuid(), letter));
+        };
+        std::vector<WatchedFolder> folders;
+        for (const QChar letter : ids) {
+            folders.push_back(ContentStateFixture::makeFolder(QString::number(folders.size())));
+            folders.back().id = *idOf(letter);
+        }
+        ContentStateFixture fixture(folders, folders.at(0).id);
+        fixture.state.select(idOf(selected));
+        (void)fixture.wasSaved();
+
+        const QSignalSpy selections(&fixture.state, &ContentState::selectionChanged);
+        if (deleted < 0)
+            fixture.state.deleteFolder(QUuid::createUuid());
+        else
+            fixture.state.deleteFolder(fixture.folder(static_cast<std::size_t>(deleted)).id);
+        QString names;
+        for (const WatchedFolder& folder : fixture.state.folders())
+            names += QString::fromStdString(folder.url.lastPathComponent());
+        QCOMPARE(names, left);
+        QCOMPARE(fixture.state.selectedFolderID(), idOf(selectedAfter));
+        QCOMPARE(fixture.restarts(), deleted < 0 ? 0 : 1);
+        QCOMPARE(qsizetype(fixture.engine.activeFDs().size()), left.size());
+
+        // Only a changed selection is saved. The next save has all changes.
+        const bool isSelectionChanged = selectedAfter != selected;
+        QCOMPARE(selections.count(), isSelectionChanged ? 1 : 0);
+        QCOMPARE(QFile::exists(preferencesPath()), isSelectionChanged);
+        if (!isSelectionChanged) fixture.state.disappear();
+        QVERIFY(isSelectionStored(!selectedAfter.isEmpty()));
+        const auto saved = fixture.takeSaved();
+        if (!selectedAfter.isEmpty()) QCOMPARE(saved->selectedFolderID, idOf(selectedAfter));
+        QCOMPARE(qsizetype(saved->folders.size()), left.size());
+    }
 
     // Rules.
-    void twoAddedRulesLookAlikeAndHaveDifferentIds();
-    void anAddedRuleNeitherRestartsNorSaves();
-    void deletingTheSecondOfThreeRulesRemovesExactlyThatOne();
-    void deletingTheOnlyRuleLeavesAFolderWithoutRules();
-    void deletingARuleRestartsOnceAndDoesNotSave();
-    void deletingARuleThatIsGoneDoesNothing();
-    void everyPickerRestartsOnceAndSavesNothing();
-    void choosingWhatIsChosenDoesNothing();
-    void choosingKindClearsTheValueAndRestartsOnce();
-    void leavingKindKeepsTheOperatorAndAnEmptyValue();
-    void changingBetweenNameAndExtensionKeepsTheValue();
-    void theKindIsKeptWhileAnotherFieldIsChosen();
-    void typingReachesTheFoldersAtOnceAndRestartsNothing();
-    void theEngineGetsWhatWasTypedWithTheNextRestart();
-    void submittingRestartsEvenWhenNothingChanged();
-    void aChosenDestinationRestartsAndDoesNotSave();
-    void theSameDestinationRenewsTheBookmarkOnly();
-    void theSameDestinationWithoutABookmarkClearsTheBookmarkOnly();
-    void nothingIsMovedFromANewFolderUntilADestinationIsSet();
-    void aBookmarkThatCouldNotBeMadeClearsTheOldOne();
-    void anEditOfARuleThatIsGoneDoesNothing();
-    void anEditWithoutASelectionDoesNothing();
-    void anEditChangesNoOtherRule();
+    void anAddedRuleIsADefaultRuleAndNeitherRestartsNorSaves()
+    {
+        ContentStateFixture fixture({makeFolder("A", 0)});
+        fixture.state.addRule();
+        fixture.state.addRule();
+        const auto& rules = fixture.folder(0).rules;
+        QCOMPARE(rules.size(), 2U);
+        QVERIFY(rules.at(0).id != rules.at(1).id);
+        for (const FilterRule& rule : rules) {
+            FilterRule expected;
+            expected.id = rule.id;
+            QCOMPARE(rule, expected);
+        }
+        QCOMPARE(fixture.restarts(), 0);
+        QVERIFY(!fixture.wasSaved());
+    }
+
+    void deletingARuleRestartsAndSavesNothing()
+    {
+        ContentStateFixture fixture({makeFolder("A", 3)});
+        const auto before = fixture.folder(0).rules;
+        fixture.state.deleteRule(fixture.rule(1).id);
+        QCOMPARE(fixture.folder(0).rules, (std::vector{before.at(0), before.at(2)}));
+        QCOMPARE(fixture.restarts(), 1);
+        QVERIFY(!fixture.wasSaved());
+
+        fixture.state.deleteRule(QUuid::createUuid());
+        QCOMPARE(fixture.folder(0).rules.size(), 2U);
+        QCOMPARE(fixture.restarts(), 0);
+
+        fixture.state.deleteRule(before.at(0).id);
+        fixture.state.deleteRule(before.at(2).id);
+        QVERIFY(fixture.state.selectedFolder());
+        QVERIFY(fixture.state.selectedFolder()->rules.empty());
+    }
+
+    void editingARule_data()
+    {
+        QTest::addColumn<Fields>("given");
+        QTest::addColumn<Fields>("expected");
+        QTest::addColumn<int>("restarts");
+        QTest::addColumn<Edit>("edit");
+        const auto row = [](const char* name, const Fields& given, const Fields& expected, int restarts,
+                            const Edit& edit) {
+            QTest::newRow(name) << given << expected << restarts << edit;
+        };
+        const QString text = QStringLiteral("invoice");
+        const Fields inB{.destination = urlOf("B"), .bookmark = QByteArray("old")};
+        const Fields newInB{.destination = urlOf("B"), .bookmark = QByteArray("new")};
+
+        row("operator", {}, {.operatorType = RuleOperator::isEqual}, 1,
+            [](auto& state, auto& id) { state.setOperator(id, RuleOperator::isEqual); });
+        row("kind", {}, {.kind = RuleKind::audio}, 1,
+            [](auto& state, auto& id) { state.setKind(id, RuleKind::audio); });
+        row("Name to Extension keeps the value", {.value = text},
+            {.field = RuleField::fileExtension, .value = text}, 1,
+            [](auto& state, auto& id) { state.setField(id, RuleField::fileExtension); });
+        row("Extension to Name keeps the value", {.field = RuleField::fileExtension, .value = text},
+            {.value = text}, 1, [](auto& state, auto& id) { state.setField(id, RuleField::name); });
+        row("Name to Kind clears the value", {.operatorType = RuleOperator::isEqual, .value = text},
+            {.field = RuleField::kind, .operatorType = RuleOperator::isEqual}, 1,
+            [](auto& state, auto& id) { state.setField(id, RuleField::kind); });
+        row("Kind to Extension keeps operator and kind",
+            {.field = RuleField::kind, .operatorType = RuleOperator::isEqual, .kind = RuleKind::video},
+            {.field = RuleField::fileExtension,
+             .operatorType = RuleOperator::isEqual,
+             .kind = RuleKind::video},
+            1, [](auto& state, auto& id) { state.setField(id, RuleField::fileExtension); });
+        row("the same choices", {.value = text}, {.value = text}, 0, [](auto& state, auto& id) {
+            state.setField(id, RuleField::name);
+            state.setOperator(id, RuleOperator::contains);
+            state.setKind(id, RuleKind::image);
+        });
+        row("text", {.value = text}, {.value = QStringLiteral("in")}, 0,
+            [](auto& state, auto& id) { state.setValue(id, QStringLiteral("in")); });
+        row("destination", {}, newInB, 1,
+            [](auto& state, auto& id) { state.setDestination(id, urlOf("B"), QByteArray("new")); });
+        row("another destination without a bookmark", inB, {.destination = urlOf("C")}, 1,
+            [](auto& state, auto& id) { state.setDestination(id, urlOf("C"), {}); });
+        row("the same destination with another bookmark", inB, newInB, 0,
+            [](auto& state, auto& id) { state.setDestination(id, urlOf("B"), QByteArray("new")); });
+        row("the same destination without a bookmark", inB, {.destination = urlOf("B")}, 0,
+            [](auto& state, auto& id) { state.setDestination(id, urlOf("B"), {}); });
+        row("an unknown rule", inB, inB, 0, [](auto& state, auto& /*id*/) {
+            const QUuid unknown = QUuid::createUuid();
+            state.setField(unknown, RuleField::kind);
+            state.setOperator(unknown, RuleOperator::isEqual);
+            state.setKind(unknown, RuleKind::audio);
+            state.setValue(unknown, QStringLiteral("x"));
+            state.setDestination(unknown, urlOf("C"), {});
+        });
+    }
+
+    void editingARule()
+    {
+        QFETCH(const Fields, given);
+        QFETCH(const Fields, expected);
+        QFETCH(const int, restarts);
+        QFETCH(const Edit, edit);
+        auto a = makeFolder("A", 3);
+        given.copyTo(a.rules.at(1));
+        ContentStateFixture fixture({a, makeFolder("B", 3)}, a.id);
+        auto folders = fixture.state.folders();
+        expected.copyTo(folders.at(0).rules.at(1));
+
+        const QSignalSpy changes(&fixture.state, &ContentState::ruleChanged);
+        edit(fixture.state, a.rules.at(1).id);
+        QCOMPARE(fixture.folder(0).rules, folders.at(0).rules);
+        QCOMPARE(fixture.folder(1).rules, folders.at(1).rules);
+        QCOMPARE(changes.count(), restarts);
+        QCOMPARE(fixture.restarts(), restarts);
+        QVERIFY(!fixture.wasSaved());
+    }
+
+    void anEditWithoutASelectionDoesNothing()
+    {
+        ContentStateFixture fixture({makeFolder("A")});
+        const auto before = fixture.folder(0).rules;
+        fixture.state.select(std::nullopt);
+        QVERIFY(fixture.wasSaved());
+        fixture.state.addRule();
+        fixture.state.deleteRule(before.at(0).id);
+        fixture.state.setField(before.at(0).id, RuleField::kind);
+        QCOMPARE(fixture.folder(0).rules, before);
+        QCOMPARE(fixture.restarts(), 0);
+        QVERIFY(!fixture.wasSaved());
+    }
+
+    void submittingRestartsEvenWithoutAChange()
+    {
+        ContentStateFixture fixture({makeFolder("A")});
+        fixture.state.submitValue();
+        QCOMPARE(fixture.restarts(), 1);
+        QVERIFY(!fixture.wasSaved());
+    }
+
+    void theNextRestartGivesTypedTextToTheEngine()
+    {
+        const auto inbox = makeFolder("Typing", 2);
+        const auto outbox = makeFolder("Typed");
+        ContentStateFixture fixture({inbox}, inbox.id);
+        const QUuid id = fixture.rule(0).id;
+        fixture.state.setValue(id, QStringLiteral("old"));
+        fixture.state.setDestination(id, outbox.url, {});
+        fixture.settle();
+        fixture.state.setValue(id, QStringLiteral("new"));
+        fixture.settle();
+
+        const auto drop = [](const char* name) {
+            QFile file(QDir::homePath() + QStringLiteral("/Typing/") + QLatin1String(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+        };
+        const auto isMoved = [](const char* name) {
+            return QFile::exists(QDir::homePath() + QStringLiteral("/Typed/") + QLatin1String(name));
+        };
+        drop("new-1");
+        drop("old-1");
+        QTRY_VERIFY_WITH_TIMEOUT(isMoved("old-1"), 20000);
+        QVERIFY(!isMoved("new-1"));
+        fixture.state.setOperator(fixture.rule(1).id, RuleOperator::isEqual);
+        fixture.settle();
+        drop("old-2");
+        drop("new-2");
+        QTRY_VERIFY_WITH_TIMEOUT(isMoved("new-2"), 20000);
+        QVERIFY(!isMoved("old-2"));
+    }
 };
 
-void TestContentState::nothingIsThereBeforeTheFirstAppearance()
-{
-    const ContentStateFixture bench;
-    QVERIFY(bench.state.folders().empty());
-    QVERIFY(!bench.state.selectedFolderID());
-    QVERIFY(!bench.state.selectedFolder());
-}
-
-void TestContentState::theFirstAppearanceOfAllStartsTheEngineWithoutFoldersAndSavesNothing()
-{
-    ContentStateFixture bench;
-    bench.state.appear();
-    bench.settle();
-    QVERIFY(bench.engine.isRunning());
-    QVERIFY(bench.engine.activeFDs().empty());
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::appearingLoadsAndStartsTheEngineWithWhatWasLoaded()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"), 2);
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    bench.store.saveState({{a, b}, b.id});
-    bench.state.appear();
-    QCOMPARE(bench.state.folders().size(), 2U);
-    QCOMPARE(bench.folder(0).id, a.id);
-    QCOMPARE(bench.folder(0).rules, a.rules);
-    QCOMPARE(bench.state.selectedFolderID(), b.id);
-    bench.settle();
-    QVERIFY(bench.engine.isRunning());
-    QCOMPARE(bench.engine.activeFDs().size(), 2U);
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestContentState::theFirstAppearanceWithAStoredSelectionSavesItStraightBack()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.store.saveState({{a}, a.id});
-    markStore();
-    bench.state.appear();
-    QVERIFY(!isStoreMarked());
-    QCOMPARE(bench.takeSaved()->selectedFolderID, a.id);
-}
-
-void TestContentState::appearingAgainWithTheSameSelectionSavesNothing()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.appearWith({a}, a.id);
-    bench.state.disappear();
-    markStore();
-    bench.state.appear();
-    QVERIFY(isStoreMarked());
-}
-
-void TestContentState::appearingAgainWhileTheEngineRunsDoesNotRestartIt()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.appearWith({a}, a.id);
-    const auto lines = bench.engine.logs();
-    bench.state.disappear();
-    bench.state.appear();
-    QCOMPARE(bench.restarts(), 0);
-    QCOMPARE(bench.engine.logs(), lines);
-    QVERIFY(bench.engine.isRunning());
-}
-
-void TestContentState::appearingAgainReadsTheStoreAgain()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    bench.appearWith({a}, a.id);
-    bench.state.disappear();
-    bench.store.saveState({{b, a}, a.id});
-    bench.state.appear();
-    QCOMPARE(bench.state.folders().size(), 2U);
-    QCOMPARE(bench.folder(0).id, b.id);
-    QCOMPARE(bench.state.selectedFolderID(), a.id);
-}
-
-void TestContentState::appearingAgainWithAnotherStoredSelectionSaves()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    bench.appearWith({a, b}, a.id);
-    bench.state.disappear();
-    bench.store.saveState({{a, b}, b.id});
-    markStore();
-    bench.state.appear();
-    QCOMPARE(bench.state.selectedFolderID(), b.id);
-    QVERIFY(!isStoreMarked());
-}
-
-void TestContentState::appearingStartsAnEngineThatWasStopped()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    bench.state.disappear();
-    bench.engine.stop();
-    bench.settle();
-    QVERIFY(!bench.engine.isRunning());
-    bench.state.appear();
-    bench.settle();
-    QVERIFY(bench.engine.isRunning());
-}
-
-void TestContentState::disappearingSavesAndLeavesTheEngineRunning()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.appearWith({a}, a.id);
-    bench.state.addRule();
-    bench.state.setValue(bench.rule(0).id, QStringLiteral("invoice"));
-    bench.state.disappear();
-    const auto saved = bench.takeSaved();
-    QVERIFY(saved);
-    QCOMPARE(saved->selectedFolderID, a.id);
-    QCOMPARE(saved->folders.at(0).rules, bench.folder(0).rules);
-    QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("invoice"));
-    QVERIFY(bench.engine.isRunning());
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestContentState::anEngineWhoseWindowIsClosedGoesOnMoving()
-{
-    ContentStateFixture bench;
-    const auto inbox = ContentStateFixture::makeFolder(QStringLiteral("Inbox"));
-    const auto outbox = ContentStateFixture::makeFolder(QStringLiteral("Outbox"));
-    bench.appearWith({inbox}, inbox.id);
-    bench.state.setDestination(bench.rule(0).id, outbox.url, {});
-    bench.settle();
-    bench.state.disappear();
-    QFile file(QDir::homePath() + QStringLiteral("/Inbox/a.txt"));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.close();
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(QDir::homePath() + QStringLiteral("/Outbox/a.txt")), 20000);
-}
-
-void TestContentState::theEndOfTheStateSavesNothing()
-{
-    {
-        ContentStateFixture bench;
-        bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-        bench.state.addRule();
-    }
-    QVERIFY(!QFile::exists(preferencesPath()));
-}
-
-void TestContentState::selectingAnotherFolderSavesWithTheEditsMadeBefore()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    bench.appearWith({a, b}, a.id);
-    bench.state.setValue(bench.rule(0).id, QStringLiteral("invoice"));
-    QVERIFY(!bench.wasSaved());
-    bench.state.select(b.id);
-    const auto saved = bench.takeSaved();
-    QVERIFY(saved);
-    QCOMPARE(saved->selectedFolderID, b.id);
-    QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("invoice"));
-}
-
-void TestContentState::selectingTheSelectedFolderSavesNothing()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.appearWith({a}, a.id);
-    bench.state.select(a.id);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::selectingNothingSavesWithoutASelection()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    bench.state.select(std::nullopt);
-    QVERIFY(!bench.state.selectedFolder());
-    const QByteArray text = storedText();
-    QVERIFY(text.contains("savedWatchedFolders"));
-    QVERIFY(!text.contains("selectedWatchedFolderID"));
-}
-
-void TestContentState::selectingRestartsNothing()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    bench.appearWith({a, b}, a.id);
-    bench.state.select(b.id);
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestContentState::aSelectionThatNamesNoFolderIsLikeNone()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid unknown = QUuid::createUuid();
-    bench.state.select(unknown);
-    QVERIFY(!bench.state.selectedFolder());
-    // It is not repaired either.
-    QCOMPARE(bench.state.selectedFolderID(), unknown);
-}
-
-void TestContentState::ofTwoFoldersWithOneIdTheFirstIsSelected()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    b.id = a.id;
-    bench.appearWith({a, b}, a.id);
-    QCOMPARE(bench.state.selectedFolder()->url, a.url);
-}
-
-void TestContentState::anAddedFolderIsSelectedHasOneDefaultRuleAndIsSaved()
-{
-    ContentStateFixture bench;
-    bench.appearWith({});
-    bench.state.addFolder(ContentStateFixture::makeFolder(QStringLiteral("A")).url, QByteArray("bookmark"));
-
-    QCOMPARE(bench.state.folders().size(), 1U);
-    const WatchedFolder& folder = bench.folder(0);
-    QCOMPARE(folder.url, urlOf("A"));
-    QCOMPARE(folder.bookmarkData, QByteArray("bookmark"));
-    QVERIFY(!folder.id.isNull());
-    QCOMPARE(bench.state.selectedFolderID(), folder.id);
-    QCOMPARE(folder.rules.size(), 1U);
-    const FilterRule& rule = folder.rules.at(0);
-    QCOMPARE(rule.field, RuleField::name);
-    QCOMPARE(rule.operatorType, RuleOperator::contains);
-    QCOMPARE(rule.value, QString());
-    QVERIFY(!rule.destination);
-    QVERIFY(!rule.destinationBookmarkData);
-    QCOMPARE(rule.kind, RuleKind::image);
-
-    QCOMPARE(bench.restarts(), 1);
-    QCOMPARE(bench.engine.activeFDs().size(), 1U);
-    const auto saved = bench.takeSaved();
-    QVERIFY(saved);
-    QCOMPARE(saved->selectedFolderID, folder.id);
-    QCOMPARE(saved->folders.size(), 1U);
-}
-
-void TestContentState::anAddedFolderComesLast()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.appearWith({a, ContentStateFixture::makeFolder(QStringLiteral("B"))}, a.id);
-    bench.state.addFolder(ContentStateFixture::makeFolder(QStringLiteral("C")).url, {});
-    QCOMPARE(bench.state.folders().size(), 3U);
-    QCOMPARE(bench.folder(2).url, urlOf("C"));
-    QCOMPARE(bench.restarts(), 1);
-    QCOMPARE(bench.engine.activeFDs().size(), 3U);
-}
-
-void TestContentState::theSameFolderAddedTwiceIsTwoEntries()
-{
-    ContentStateFixture bench;
-    bench.appearWith({});
-    const auto url = ContentStateFixture::makeFolder(QStringLiteral("A")).url;
-    bench.state.addFolder(url, {});
-    bench.state.addFolder(url, {});
-    QCOMPARE(bench.state.folders().size(), 2U);
-    QCOMPARE(bench.folder(0).url, bench.folder(1).url);
-    QVERIFY(bench.folder(0).id != bench.folder(1).id);
-    QCOMPARE(bench.folder(0).rules.size(), 1U);
-    QCOMPARE(bench.folder(1).rules.size(), 1U);
-    QVERIFY(bench.folder(0).rules.at(0).id != bench.folder(1).rules.at(0).id);
-    QCOMPARE(bench.state.selectedFolderID(), bench.folder(1).id);
-}
-
-void TestContentState::aFolderWithoutABookmarkIsAdded()
-{
-    ContentStateFixture bench;
-    bench.appearWith({});
-    bench.state.addFolder(ContentStateFixture::makeFolder(QStringLiteral("A")).url, {});
-    QVERIFY(!bench.folder(0).bookmarkData);
-}
-
-void TestContentState::deletingTheSelectedFolderOfThreeSelectsTheFirst()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    const auto c = ContentStateFixture::makeFolder(QStringLiteral("C"));
-    bench.appearWith({a, b, c}, b.id);
-    bench.state.deleteFolder(b.id);
-    QCOMPARE(bench.state.selectedFolderID(), a.id);
-    QCOMPARE(bench.state.folders().size(), 2U);
-    QCOMPARE(bench.folder(0).id, a.id);
-    QCOMPARE(bench.folder(1).id, c.id);
-    QCOMPARE(bench.restarts(), 1);
-    QCOMPARE(bench.engine.activeFDs().size(), 2U);
-    const auto saved = bench.takeSaved();
-    QVERIFY(saved);
-    QCOMPARE(saved->selectedFolderID, a.id);
-    QCOMPARE(saved->folders.size(), 2U);
-}
-
-void TestContentState::deletingTheSelectedFirstFolderSelectsTheNewFirst()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    bench.appearWith({a, b}, a.id);
-    bench.state.deleteFolder(a.id);
-    QCOMPARE(bench.state.selectedFolderID(), b.id);
-    QVERIFY(bench.wasSaved());
-}
-
-void TestContentState::deletingAnUnselectedFolderKeepsTheSelectionAndSavesNothing()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    const auto c = ContentStateFixture::makeFolder(QStringLiteral("C"));
-    bench.appearWith({a, b, c}, c.id);
-    bench.state.deleteFolder(b.id);
-    QCOMPARE(bench.state.selectedFolderID(), c.id);
-    QCOMPARE(bench.restarts(), 1);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::deletingTheOnlyFolderLeavesNoSelection()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.appearWith({a}, a.id);
-    bench.state.deleteFolder(a.id);
-    QVERIFY(!bench.state.selectedFolderID());
-    QVERIFY(bench.state.folders().empty());
-    QCOMPARE(bench.restarts(), 1);
-    const QByteArray text = storedText();
-    QVERIFY(text.contains("savedWatchedFolders"));
-    QVERIFY(!text.contains("selectedWatchedFolderID"));
-}
-
-void TestContentState::deletingWithoutASelectionSelectsNothing()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.appearWith({a, ContentStateFixture::makeFolder(QStringLiteral("B"))}, a.id);
-    bench.state.select(std::nullopt);
-    QVERIFY(bench.wasSaved());
-    bench.state.deleteFolder(a.id);
-    QVERIFY(!bench.state.selectedFolderID());
-    QCOMPARE(bench.restarts(), 1);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::deletingAFolderThatIsGoneDoesNothing()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    bench.appearWith({a}, a.id);
-    bench.state.deleteFolder(QUuid::createUuid());
-    QCOMPARE(bench.state.folders().size(), 1U);
-    QCOMPARE(bench.restarts(), 0);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::aFolderIsDeletedByTheIdInTheListItself()
-{
-    ContentStateFixture bench;
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"), 2);
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A")), b,
-                      ContentStateFixture::makeFolder(QStringLiteral("C"))},
-                     b.id);
-    bench.state.deleteRule(bench.folder(1).rules.at(0).id);
-    QCOMPARE(bench.folder(1).rules, std::vector{b.rules.at(1)});
-    bench.state.deleteFolder(bench.folder(1).id);
-    QCOMPARE(bench.state.selectedFolderID(), bench.folder(0).id);
-    QVERIFY(bench.wasSaved());
-}
-
-void TestContentState::ofTwoFoldersWithOneIdTheFirstIsDeletedAndTheSelectionStays()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    auto twin = ContentStateFixture::makeFolder(QStringLiteral("Twin"));
-    twin.id = a.id;
-    bench.appearWith({a, twin}, a.id);
-    const QSignalSpy selections(&bench.state, &ContentState::selectionChanged);
-    bench.state.deleteFolder(a.id);
-    QCOMPARE(bench.state.folders().size(), 1U);
-    QCOMPARE(bench.folder(0).url, twin.url);
-    QCOMPARE(bench.state.selectedFolderID(), a.id);
-    QCOMPARE(selections.count(), 0);
-    QCOMPARE(bench.restarts(), 1);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::ofTwoFoldersWithOneIdBehindAnotherTheFirstIsDeletedAndTheSelectionMoves()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    auto twin = ContentStateFixture::makeFolder(QStringLiteral("Twin"));
-    twin.id = b.id;
-    bench.appearWith({a, b, twin}, b.id);
-    bench.state.deleteFolder(b.id);
-    QCOMPARE(bench.state.folders().size(), 2U);
-    QCOMPARE(bench.folder(1).url, twin.url);
-    QCOMPARE(bench.state.selectedFolderID(), a.id);
-    QVERIFY(bench.wasSaved());
-}
-
-void TestContentState::whatWasDeletedUnsavedIsMissingFromTheNextSave()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    const auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    bench.appearWith({a, b}, a.id);
-    bench.state.deleteFolder(b.id);
-    QVERIFY(!bench.wasSaved());
-    bench.state.disappear();
-    QCOMPARE(bench.takeSaved()->folders.size(), 1U);
-}
-
-void TestContentState::twoAddedRulesLookAlikeAndHaveDifferentIds()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"), 0)});
-    bench.state.addRule();
-    bench.state.addRule();
-    const auto& rules = bench.folder(0).rules;
-    QCOMPARE(rules.size(), 2U);
-    QVERIFY(rules.at(0).id != rules.at(1).id);
-    for (const FilterRule& rule : rules) {
-        FilterRule expected;
-        expected.id = rule.id;
-        QCOMPARE(rule, expected);
-    }
-}
-
-void TestContentState::anAddedRuleNeitherRestartsNorSaves()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    bench.state.addRule();
-    QCOMPARE(bench.folder(0).rules.size(), 2U);
-    QCOMPARE(bench.restarts(), 0);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::deletingTheSecondOfThreeRulesRemovesExactlyThatOne()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"), 3)});
-    const auto before = bench.folder(0).rules;
-    bench.state.deleteRule(before.at(1).id);
-    QCOMPARE(bench.folder(0).rules, (std::vector{before.at(0), before.at(2)}));
-}
-
-void TestContentState::deletingTheOnlyRuleLeavesAFolderWithoutRules()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    bench.state.deleteRule(bench.rule(0).id);
-    QVERIFY(bench.state.selectedFolder());
-    QVERIFY(bench.state.selectedFolder()->rules.empty());
-}
-
-void TestContentState::deletingARuleRestartsOnceAndDoesNotSave()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"), 2)});
-    bench.state.deleteRule(bench.rule(0).id);
-    QCOMPARE(bench.restarts(), 1);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::deletingARuleThatIsGoneDoesNothing()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"), 2)});
-    bench.state.deleteRule(QUuid::createUuid());
-    QCOMPARE(bench.folder(0).rules.size(), 2U);
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestContentState::everyPickerRestartsOnceAndSavesNothing()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setField(id, RuleField::fileExtension);
-    QCOMPARE(bench.rule(0).field, RuleField::fileExtension);
-    QCOMPARE(bench.restarts(), 1);
-    bench.state.setOperator(id, RuleOperator::isEqual);
-    QCOMPARE(bench.rule(0).operatorType, RuleOperator::isEqual);
-    QCOMPARE(bench.restarts(), 1);
-    bench.state.setKind(id, RuleKind::audio);
-    QCOMPARE(bench.rule(0).kind, RuleKind::audio);
-    QCOMPARE(bench.restarts(), 1);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::choosingWhatIsChosenDoesNothing()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setField(id, RuleField::name);
-    bench.state.setOperator(id, RuleOperator::contains);
-    bench.state.setKind(id, RuleKind::image);
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestContentState::choosingKindClearsTheValueAndRestartsOnce()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setValue(id, QStringLiteral("invoice"));
-    bench.state.setField(id, RuleField::kind);
-    QCOMPARE(bench.rule(0).field, RuleField::kind);
-    QCOMPARE(bench.rule(0).value, QString());
-    QCOMPARE(bench.restarts(), 1);
-}
-
-void TestContentState::leavingKindKeepsTheOperatorAndAnEmptyValue()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setOperator(id, RuleOperator::isEqual);
-    bench.state.setValue(id, QStringLiteral("invoice"));
-    bench.state.setField(id, RuleField::kind);
-    bench.state.setField(id, RuleField::fileExtension);
-    QCOMPARE(bench.rule(0).operatorType, RuleOperator::isEqual);
-    QCOMPARE(bench.rule(0).value, QString());
-}
-
-void TestContentState::changingBetweenNameAndExtensionKeepsTheValue()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setValue(id, QStringLiteral("pdf"));
-    bench.state.setField(id, RuleField::fileExtension);
-    QCOMPARE(bench.rule(0).value, QStringLiteral("pdf"));
-    bench.state.setField(id, RuleField::name);
-    QCOMPARE(bench.rule(0).value, QStringLiteral("pdf"));
-}
-
-void TestContentState::theKindIsKeptWhileAnotherFieldIsChosen()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setField(id, RuleField::kind);
-    bench.state.setKind(id, RuleKind::video);
-    bench.state.setField(id, RuleField::name);
-    QCOMPARE(bench.rule(0).kind, RuleKind::video);
-}
-
-void TestContentState::typingReachesTheFoldersAtOnceAndRestartsNothing()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    QSignalSpy changes(&bench.state, &ContentState::ruleChanged);
-    bench.state.setValue(id, QStringLiteral("i"));
-    QCOMPARE(bench.folder(0).rules.at(0).value, QStringLiteral("i"));
-    bench.state.setValue(id, QStringLiteral("in"));
-    QCOMPARE(bench.folder(0).rules.at(0).value, QStringLiteral("in"));
-    QCOMPARE(bench.restarts(), 0);
-    QVERIFY(!bench.wasSaved());
-    QCOMPARE(changes.count(), 0);
-}
-
-void TestContentState::theEngineGetsWhatWasTypedWithTheNextRestart()
-{
-    ContentStateFixture bench;
-    const auto inbox = ContentStateFixture::makeFolder(QStringLiteral("Typing"), 2);
-    const auto outbox = ContentStateFixture::makeFolder(QStringLiteral("Typed"));
-    bench.appearWith({inbox}, inbox.id);
-    const QUuid id = bench.rule(0).id;
-    bench.state.setValue(id, QStringLiteral("old"));
-    bench.state.setDestination(id, outbox.url, {});
-    bench.settle();
-    bench.state.setValue(id, QStringLiteral("new"));
-    bench.settle();
-
-    const auto drop = [](const char* name) {
-        QFile file(QDir::homePath() + QStringLiteral("/Typing/") + QLatin1String(name));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-    };
-    const auto isMoved = [](const char* name) {
-        return QFile::exists(QDir::homePath() + QStringLiteral("/Typed/") + QLatin1String(name));
-    };
-    drop("new-1");
-    drop("old-1");
-    QTRY_VERIFY_WITH_TIMEOUT(isMoved("old-1"), 20000);
-    QVERIFY(!isMoved("new-1"));
-    // Any edit of any rule that restarts will do.
-    bench.state.setOperator(bench.rule(1).id, RuleOperator::isEqual);
-    bench.settle();
-    drop("old-2");
-    drop("new-2");
-    QTRY_VERIFY_WITH_TIMEOUT(isMoved("new-2"), 20000);
-    QVERIFY(!isMoved("old-2"));
-}
-
-void TestContentState::submittingRestartsEvenWhenNothingChanged()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    bench.state.submitValue();
-    QCOMPARE(bench.restarts(), 1);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::aChosenDestinationRestartsAndDoesNotSave()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    bench.state.setDestination(bench.rule(0).id, urlOf("B"), QByteArray("bookmark"));
-    QCOMPARE(bench.rule(0).destination, urlOf("B"));
-    QCOMPARE(bench.rule(0).destinationBookmarkData, QByteArray("bookmark"));
-    QCOMPARE(bench.restarts(), 1);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::theSameDestinationRenewsTheBookmarkOnly()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setDestination(id, urlOf("B"), QByteArray("old"));
-    QCOMPARE(bench.restarts(), 1);
-    bench.state.setDestination(id, urlOf("B"), QByteArray("new"));
-    QCOMPARE(bench.restarts(), 0);
-    QCOMPARE(bench.rule(0).destinationBookmarkData, QByteArray("new"));
-}
-
-void TestContentState::theSameDestinationWithoutABookmarkClearsTheBookmarkOnly()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setDestination(id, urlOf("B"), QByteArray("bookmark"));
-    QCOMPARE(bench.restarts(), 1);
-    bench.state.setDestination(id, urlOf("B"), {});
-    QCOMPARE(bench.restarts(), 0);
-    QCOMPARE(bench.rule(0).destination, urlOf("B"));
-    QVERIFY(!bench.rule(0).destinationBookmarkData);
-}
-
-void TestContentState::nothingIsMovedFromANewFolderUntilADestinationIsSet()
-{
-    ContentStateFixture bench;
-    // The folder that stands before it shows that the engine runs, and for how long.
-    auto other = ContentStateFixture::makeFolder(QStringLiteral("Other"));
-    const auto outbox = ContentStateFixture::makeFolder(QStringLiteral("Outbox"));
-    other.rules.at(0).destination = outbox.url;
-    bench.appearWith({other}, other.id);
-    bench.state.addFolder(ContentStateFixture::makeFolder(QStringLiteral("New")).url, {});
-    bench.settle();
-
-    const auto pathOf = [](const char* name) {
-        return QDir::homePath() + QLatin1Char('/') + QLatin1String(name);
-    };
-    const auto drop = [&](const char* name) {
-        QFile file(pathOf(name));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-    };
-    drop("New/early");
-    for (const char* sentinel : {"1", "2"}) {
-        drop(qPrintable(QStringLiteral("Other/") + QLatin1String(sentinel)));
-        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(pathOf("Outbox/") + QLatin1String(sentinel)), 20000);
-    }
-    QVERIFY(QFile::exists(pathOf("New/early")));
-
-    bench.state.setDestination(bench.rule(0).id, outbox.url, {});
-    bench.settle();
-    drop("New/late");
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(pathOf("Outbox/late")), 20000);
-    // What was there before stays.
-    QVERIFY(QFile::exists(pathOf("New/early")));
-}
-
-void TestContentState::aBookmarkThatCouldNotBeMadeClearsTheOldOne()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const QUuid id = bench.rule(0).id;
-    bench.state.setDestination(id, urlOf("B"), QByteArray("bookmark"));
-    bench.state.setDestination(id, urlOf("C"), {});
-    QCOMPARE(bench.rule(0).destination, urlOf("C"));
-    QVERIFY(!bench.rule(0).destinationBookmarkData);
-}
-
-void TestContentState::anEditOfARuleThatIsGoneDoesNothing()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const auto before = bench.folder(0).rules;
-    const QUuid gone = QUuid::createUuid();
-    bench.state.setField(gone, RuleField::kind);
-    bench.state.setOperator(gone, RuleOperator::isEqual);
-    bench.state.setKind(gone, RuleKind::audio);
-    bench.state.setValue(gone, QStringLiteral("x"));
-    bench.state.setDestination(gone, urlOf("B"), {});
-    QCOMPARE(bench.folder(0).rules, before);
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestContentState::anEditWithoutASelectionDoesNothing()
-{
-    ContentStateFixture bench;
-    bench.appearWith({ContentStateFixture::makeFolder(QStringLiteral("A"))});
-    const auto before = bench.folder(0).rules;
-    bench.state.select(std::nullopt);
-    QVERIFY(bench.wasSaved());
-    bench.state.addRule();
-    bench.state.deleteRule(before.at(0).id);
-    bench.state.setField(before.at(0).id, RuleField::kind);
-    QCOMPARE(bench.folder(0).rules, before);
-    QCOMPARE(bench.restarts(), 0);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestContentState::anEditChangesNoOtherRule()
-{
-    ContentStateFixture bench;
-    const auto a = ContentStateFixture::makeFolder(QStringLiteral("A"), 3);
-    bench.appearWith({a, ContentStateFixture::makeFolder(QStringLiteral("B"), 3)}, a.id);
-    const auto before = bench.state.folders();
-    bench.state.setField(before.at(0).rules.at(1).id, RuleField::kind);
-    bench.state.setValue(before.at(0).rules.at(1).id, QStringLiteral("x"));
-    QCOMPARE(bench.folder(0).rules.at(0), before.at(0).rules.at(0));
-    QCOMPARE(bench.folder(0).rules.at(2), before.at(0).rules.at(2));
-    QCOMPARE(bench.folder(1).rules, before.at(1).rules);
-}
-
-HARBEX_TEST_MAIN(TestContentState)
+HARBEX_TEST(TestContentState)
 #include "tst_ContentState.moc"

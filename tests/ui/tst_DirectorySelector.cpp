@@ -1,4 +1,3 @@
-#include "store/Bookmark.h"
 #include "support/FolderDialogUser.h"
 #include "support/WindowTestMain.h"
 #include "ui/DirectorySelector.h"
@@ -24,29 +23,33 @@ using namespace harbex::test;
 namespace
 {
 
-QString labelOf(const char* path)
+/// Returns a path of `count` characters, whose last component is "end". The others are `character`.
+QByteArray pathOf(int count, const QByteArray& character)
 {
-    return folderLabel(FileUrl::fromPath(path));
+    return '/' + character.repeated(count - 5) + "/end";
 }
 
-QString labelOfUrl(const char* url)
-{
-    return folderLabel(FileUrl::fromString(QString::fromUtf8(url)).value_or(FileUrl::fromPath("/")));
-}
+/// A selector on screen that shows a folder.
+struct SelectorFixture {
+    SelectorFixture(const char* path, int width)
+    {
+        selector.showUrl(FileUrl::fromPath(path));
+        selector.resize(width, selector.sizeHint().height());
+        selector.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&selector));
+    }
 
-/// A path of `count` characters, each written as `character`, whose last component is "end".
-QString pathOf(int count, const QString& character)
-{
-    return QLatin1Char('/') + character.repeated(count - 5) + QStringLiteral("/end");
-}
+    [[nodiscard]] QLabel* label() const { return selector.findChild<QLabel*>(); }
+    void hover() const
+    {
+        QHelpEvent event(QEvent::ToolTip, QPoint(5, 5), label()->mapToGlobal(QPoint(5, 5)));
+        QApplication::sendEvent(label(), &event);
+    }
 
-void hover(QWidget* widget)
-{
-    QHelpEvent event(QEvent::ToolTip, QPoint(5, 5), widget->mapToGlobal(QPoint(5, 5)));
-    QApplication::sendEvent(widget, &event);
-}
+    DirectorySelector selector;
+};
 
-/// The tooltip as it is read, not as it is written.
+/// Returns the tooltip as the user sees it, without markup.
 QString shownToolTip()
 {
     QTextDocument shown;
@@ -55,6 +58,11 @@ QString shownToolTip()
     else
         shown.setPlainText(QToolTip::text());
     return shown.toPlainText();
+}
+
+void press(const DirectorySelector& selector)
+{
+    selector.findChild<QToolButton*>()->click();
 }
 
 } // namespace
@@ -66,284 +74,201 @@ class TestDirectorySelector : public QObject
 private Q_SLOTS:
     void init() { qputenv("HOME", "/Users/a"); }
 
-    // How a folder is written.
-    void aPathIsWrittenAsAPathUpTo40Characters_data();
-    void aPathIsWrittenAsAPathUpTo40Characters();
-    void theHomeFolderIsWrittenAsATilde();
-    void everyOccurrenceOfTheHomeFolderIsReplaced();
-    void aHomeFolderWithATrailingSlashIsReplacedToo();
-    void theRootAsHomeFolderReplacesNothing();
-    void theLengthIsThatOfTheWholePath();
-    void theRootIsWritten();
-    void aTrailingSlashIsNotWritten();
-    void aLinkIsWrittenByItsOwnPath();
-    void percentEncodingIsDecoded();
-    void bytesThatAreNoTextAreShownAndCounted();
-    void aLineBreakInANameStaysOnTheLine();
-    void anotherSchemeIsWrittenByItsLastComponent();
+    // The label of a folder.
+    void aPathIsShownUpTo40Characters_data()
+    {
+        QTest::addColumn<QByteArray>("character");
+        QTest::newRow("letters") << QByteArray("x");
+        QTest::newRow("letter with a combining mark") << QByteArray("e\u0301");
+        QTest::newRow("emoji of one code point") << QByteArray("\U0001F4C1");
+        QTest::newRow("emoji with a colour") << QByteArray("\U0001F44D\U0001F3FD");
+        QTest::newRow("family joined of four") << QByteArray("👨‍👩‍👧‍👦");
+        QTest::newRow("flag") << QByteArray("🇪🇺");
+        QTest::newRow("Hangul in parts") << QByteArray("\u1100\u1161\u11A8");
+        QTest::newRow("bytes that are not UTF-8") << QByteArray("\xe9");
+    }
+
+    void aPathIsShownUpTo40Characters()
+    {
+        QFETCH(const QByteArray, character);
+        const QByteArray path40 = pathOf(40, character);
+        const QByteArray path41 = pathOf(41, character);
+        QCOMPARE(folderLabel(FileUrl::fromPath(path40.toStdString())), QString::fromUtf8(path40));
+        QCOMPARE(folderLabel(FileUrl::fromPath(path41.toStdString())), QStringLiteral("end"));
+    }
+
+    void theLabelOfAFolder_data()
+    {
+        QTest::addColumn<QByteArray>("home");
+        QTest::addColumn<QByteArray>("url");
+        QTest::addColumn<QByteArray>("label");
+        const auto row = [](const char* name, const QByteArray& url, const QByteArray& label,
+                            const QByteArray& home = "/Users/a") {
+            QTest::newRow(name) << home << url << label;
+        };
+        const QByteArray path40 = pathOf(40, "x");
+        const QByteArray path41 = pathOf(41, "x");
+
+        row("in the home", "file:///Users/a/Pictures", "~/Pictures");
+        row("home", "file:///Users/a", "~");
+        row("another home", "file:///Users/b/Pictures", "/Users/b/Pictures");
+        row("home twice", "file:///Users/a/mirror/Users/a/Pictures", "~/mirror~/Pictures");
+        row("home with a slash", "file:///Users/a/Pictures", "~/Pictures", "/Users/a/");
+        row("root as home", "file:///srv/Pictures", "/srv/Pictures", "/");
+        row("41 characters, 34 with a tilde", "file:///Users/a/0123456789/0123456789/0123456789",
+            "0123456789");
+        row("root", "file:///", "/");
+        row("slash at the end", "file:///srv/Pictures/", "/srv/Pictures");
+        row("slash after 40 characters", "file://" + path40 + '/', path40);
+        row("slash after 41 characters", "file://" + path41 + '/', "end");
+        row("percent encoding", "file:///srv/My%20%C3%A9tudes", "/srv/My \u00e9tudes");
+        row("byte that is not UTF-8", "file:///srv/caf%E9", "/srv/caf\uFFFD");
+        row("line break", "file:///srv/a%0Ab", "/srv/a\\nb");
+        row("another scheme", "smb://server/share/Pictures", "Pictures");
+    }
+
+    void theLabelOfAFolder()
+    {
+        QFETCH(const QByteArray, home);
+        QFETCH(const QByteArray, url);
+        QFETCH(const QByteArray, label);
+        qputenv("HOME", home);
+        const auto folder = FileUrl::fromString(QString::fromUtf8(url));
+        QVERIFY(folder);
+        QCOMPARE(folderLabel(*folder), QString::fromUtf8(label));
+    }
+
+    void aLinkIsNotResolved()
+    {
+        const QTemporaryDir folder;
+        const QString link = folder.filePath(QStringLiteral("link"));
+        QVERIFY(QDir(folder.path()).mkdir(QStringLiteral("target")));
+        QVERIFY(QFile::link(folder.filePath(QStringLiteral("target")), link));
+        const QString label = folderLabel(FileUrl::fromPath(link.toStdString()));
+        QVERIFY2(label.endsWith(QStringLiteral("link")), qPrintable(label));
+    }
 
     // What is shown.
-    void withoutAFolderThePromptIsShown();
-    void theLabelIsNoRichText();
-    void aTextWithoutRoomIsShortenedAndToldInFull();
-    void theTooltipIsNoRichText();
-    void theButtonNamesWhatItDoes();
-    void theButtonTakesTheFocusAndTheLabelDoesNot();
+    void withoutAFolderThePromptIsShown()
+    {
+        DirectorySelector selector;
+        QCOMPARE(selector.text(), QStringLiteral("Select destination..."));
+        selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
+        QCOMPARE(selector.text(), QStringLiteral("/srv/Pictures"));
+        selector.showUrl(std::nullopt);
+        QCOMPARE(selector.text(), QStringLiteral("Select destination..."));
+    }
+
+    void anElidedLabelHasATooltip()
+    {
+        const char* path = "/srv/0123456789/0123456789/0123456789";
+        SelectorFixture fixture(path, 120);
+        QLabel* label = fixture.label();
+        QVERIFY(label->width() < label->sizeHint().width());
+        QVERIFY(label->geometry().right() < fixture.selector.button()->geometry().left());
+        QCOMPARE(fixture.selector.text(), QString::fromLatin1(path));
+        QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(label);
+        QCOMPARE(accessible->text(QAccessible::Name), fixture.selector.text());
+        fixture.hover();
+        QCOMPARE(shownToolTip(), fixture.selector.text());
+
+        fixture.selector.resize(600, fixture.selector.height());
+        QToolTip::hideText();
+        fixture.hover();
+        QCOMPARE(label->toolTip(), QString());
+        QTRY_VERIFY(!QToolTip::isVisible());
+    }
+
+    void labelAndTooltipArePlainText()
+    {
+        for (const char* path : {"/srv/<b>bold</b> & more", "/srv/a&amp;b & <c>"}) {
+            const SelectorFixture fixture(path, 80);
+            QCOMPARE(fixture.label()->text(), QString::fromLatin1(path));
+            QCOMPARE(fixture.label()->textFormat(), Qt::PlainText);
+            fixture.hover();
+            QCOMPARE(shownToolTip(), QString::fromLatin1(path));
+        }
+    }
+
+    void theButtonHasANameAndTheFocus()
+    {
+        DirectorySelector selector;
+        selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
+        QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(selector.button());
+        QCOMPARE(accessible->role(), QAccessible::Button);
+        QCOMPARE(accessible->text(QAccessible::Name), QStringLiteral("Select destination..."));
+        QCOMPARE(accessible->text(QAccessible::Description), QStringLiteral("/srv/Pictures"));
+        QCOMPARE(selector.button()->focusPolicy(), Qt::StrongFocus);
+        QCOMPARE(selector.findChild<QLabel*>()->focusPolicy(), Qt::NoFocus);
+        QCOMPARE(selector.findChild<QToolButton*>()->icon().pixmap(16).toImage(),
+                 symbolIcon(Symbol::folder).pixmap(16).toImage());
+    }
 
     // Choosing.
-    void thePressIsOverBeforeTheDialogIsThere();
-    void aChosenFolderIsReportedOnceInALaterTurn();
-    void cancellingReportsNothing();
-    void theSelectorMayGoWhileTheDialogIsUp();
-    void itsWindowMayGoWhileTheDialogIsUp();
+    void aChosenFolderIsReportedOnceAfterTheDialog()
+    {
+        const QTemporaryDir folder;
+        const auto url = FileUrl::fromPath(folder.path().toStdString());
+        DirectorySelector selector;
+        const FolderDialogUser user(FolderDialogUser::chooser(url));
+        std::vector<ChosenFolder> reports;
+        connect(&selector, &DirectorySelector::chosen, this, [&](const ChosenFolder& chosen) {
+            QVERIFY(!QApplication::activeModalWidget());
+            reports.push_back(chosen);
+        });
+        press(selector);
+        QTRY_COMPARE(reports.size(), 1U);
+        QCoreApplication::processEvents();
+        QCOMPARE(reports.size(), 1U);
+        QCOMPARE(user.dialogs(), 1);
+        QCOMPARE(reports.front().url, url);
+        QCOMPARE(folderOf(reports.front().bookmarkData), url);
+    }
+
+    void aCancelledDialogReportsNothing()
+    {
+        DirectorySelector selector;
+        const FolderDialogUser user(FolderDialogUser::cancel);
+        int reports = 0;
+        connect(&selector, &DirectorySelector::chosen, this, [&] { ++reports; });
+        selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
+        press(selector);
+        // The click returns before the dialog opens.
+        QCOMPARE(user.dialogs(), 0);
+        QTRY_COMPARE(user.dialogs(), 1);
+        QCoreApplication::processEvents();
+        QCOMPARE(reports, 0);
+        QCOMPARE(selector.text(), QStringLiteral("/srv/Pictures"));
+    }
+
+    void theSelectorMayBeDestroyedWhileTheDialogIsOpen()
+    {
+        const QTemporaryDir folder;
+        QWidget window;
+        QPointer selector = new DirectorySelector(&window);
+        int reports = 0;
+        connect(selector, &DirectorySelector::chosen, this, [&] { ++reports; });
+        const FolderDialogUser user([&](QFileDialog& dialog) {
+            delete selector;
+            FolderDialogUser::choose(dialog, folder.path());
+        });
+        press(*selector);
+        QTRY_VERIFY(!selector);
+        QCoreApplication::processEvents();
+        QCOMPARE(user.dialogs(), 1);
+        QCOMPARE(reports, 0);
+    }
+
+    void theWindowMayBeDestroyedWhileTheDialogIsOpen()
+    {
+        auto window = std::make_unique<QWidget>();
+        const auto* selector = new DirectorySelector(window.get());
+        const FolderDialogUser user([&](QFileDialog& /*dialog*/) { window.reset(); });
+        press(*selector);
+        QTRY_VERIFY(!window);
+        QVERIFY(!QApplication::activeModalWidget());
+    }
 };
 
-void TestDirectorySelector::aPathIsWrittenAsAPathUpTo40Characters_data()
-{
-    QTest::addColumn<QString>("character");
-    QTest::newRow("letters") << QStringLiteral("x");
-    QTest::newRow("letter with a combining mark") << QStringLiteral("e\u0301");
-    QTest::newRow("emoji of one code point") << QStringLiteral("\U0001F4C1");
-    QTest::newRow("emoji with a colour") << QStringLiteral("\U0001F44D\U0001F3FD");
-    QTest::newRow("family joined of four") << QString::fromUtf8("👨‍👩‍👧‍👦");
-    QTest::newRow("flag") << QString::fromUtf8("🇪🇺");
-    QTest::newRow("Hangul in parts") << QStringLiteral("\u1100\u1161\u11A8");
-}
-
-void TestDirectorySelector::aPathIsWrittenAsAPathUpTo40Characters()
-{
-    QFETCH(QString, character);
-    const QString path40 = pathOf(40, character);
-    const QString path41 = pathOf(41, character);
-    QCOMPARE(labelOf(path40.toUtf8().constData()), path40);
-    QCOMPARE(labelOf(path41.toUtf8().constData()), QStringLiteral("end"));
-}
-
-void TestDirectorySelector::theHomeFolderIsWrittenAsATilde()
-{
-    QCOMPARE(labelOf("/Users/a/Pictures"), QStringLiteral("~/Pictures"));
-    QCOMPARE(labelOf("/Users/a"), QStringLiteral("~"));
-    QCOMPARE(labelOf("/Users/b/Pictures"), QStringLiteral("/Users/b/Pictures"));
-}
-
-void TestDirectorySelector::everyOccurrenceOfTheHomeFolderIsReplaced()
-{
-    QCOMPARE(labelOf("/Users/a/mirror/Users/a/Pictures"), QStringLiteral("~/mirror~/Pictures"));
-}
-
-void TestDirectorySelector::aHomeFolderWithATrailingSlashIsReplacedToo()
-{
-    qputenv("HOME", "/Users/a/");
-    QCOMPARE(labelOf("/Users/a/Pictures"), QStringLiteral("~/Pictures"));
-}
-
-void TestDirectorySelector::theRootAsHomeFolderReplacesNothing()
-{
-    qputenv("HOME", "/");
-    QCOMPARE(labelOf("/srv/Pictures"), QStringLiteral("/srv/Pictures"));
-}
-
-void TestDirectorySelector::theLengthIsThatOfTheWholePath()
-{
-    // 41 characters, though only 34 would be left of them.
-    const char* path = "/Users/a/0123456789/0123456789/0123456789";
-    QCOMPARE(qstrlen(path), 41U);
-    QCOMPARE(labelOf(path), QStringLiteral("0123456789"));
-}
-
-void TestDirectorySelector::theRootIsWritten()
-{
-    QCOMPARE(labelOf("/"), QStringLiteral("/"));
-}
-
-void TestDirectorySelector::aTrailingSlashIsNotWritten()
-{
-    QCOMPARE(labelOfUrl("file:///srv/Pictures/"), QStringLiteral("/srv/Pictures"));
-    QCOMPARE(labelOfUrl("file:///srv/0123456789012345678901234567890123456789/Pictures/"),
-             QStringLiteral("Pictures"));
-    // 40 characters and a slash.
-    const QString path = pathOf(40, QStringLiteral("x"));
-    QCOMPARE(labelOfUrl((QStringLiteral("file://") + path + QLatin1Char('/')).toUtf8().constData()), path);
-}
-
-void TestDirectorySelector::aLinkIsWrittenByItsOwnPath()
-{
-    const QTemporaryDir folder;
-    QVERIFY(QDir(folder.path()).mkdir(QStringLiteral("target")));
-    QVERIFY(QFile::link(folder.filePath(QStringLiteral("target")), folder.filePath(QStringLiteral("link"))));
-    const QString label = labelOf(folder.filePath(QStringLiteral("link")).toUtf8().constData());
-    QVERIFY2(label.endsWith(QStringLiteral("link")), qPrintable(label));
-}
-
-void TestDirectorySelector::percentEncodingIsDecoded()
-{
-    QCOMPARE(labelOfUrl("file:///srv/My%20%C3%A9tudes"), QStringLiteral("/srv/My \u00e9tudes"));
-}
-
-void TestDirectorySelector::bytesThatAreNoTextAreShownAndCounted()
-{
-    QCOMPARE(labelOf("/srv/caf\xe9"), QStringLiteral("/srv/caf\uFFFD"));
-    const std::string path40 = "/" + std::string(35, '\xe9') + "/end";
-    QCOMPARE(labelOf(path40.c_str()), QLatin1Char('/') + QString(35, QChar(0xFFFD)) + QStringLiteral("/end"));
-    const std::string path41 = "/" + std::string(36, '\xe9') + "/end";
-    QCOMPARE(labelOf(path41.c_str()), QStringLiteral("end"));
-}
-
-void TestDirectorySelector::aLineBreakInANameStaysOnTheLine()
-{
-    QCOMPARE(labelOf("/srv/a\nb"), QStringLiteral("/srv/a\\nb"));
-}
-
-void TestDirectorySelector::anotherSchemeIsWrittenByItsLastComponent()
-{
-    QCOMPARE(labelOfUrl("smb://server/share/Pictures"), QStringLiteral("Pictures"));
-}
-
-void TestDirectorySelector::withoutAFolderThePromptIsShown()
-{
-    DirectorySelector selector;
-    QCOMPARE(selector.text(), QStringLiteral("Select destination..."));
-    selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
-    QCOMPARE(selector.text(), QStringLiteral("/srv/Pictures"));
-    selector.showUrl(std::nullopt);
-    QCOMPARE(selector.text(), QStringLiteral("Select destination..."));
-}
-
-void TestDirectorySelector::theLabelIsNoRichText()
-{
-    DirectorySelector selector;
-    selector.showUrl(FileUrl::fromPath("/srv/<b>bold"));
-    QCOMPARE(selector.text(), QStringLiteral("/srv/<b>bold"));
-    QCOMPARE(selector.findChild<QLabel*>()->textFormat(), Qt::PlainText);
-}
-
-void TestDirectorySelector::aTextWithoutRoomIsShortenedAndToldInFull()
-{
-    DirectorySelector selector;
-    selector.showUrl(FileUrl::fromPath("/srv/0123456789/0123456789/0123456789"));
-    selector.resize(120, selector.sizeHint().height());
-    selector.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&selector));
-    auto* label = selector.findChild<QLabel*>();
-    QVERIFY(label->width() < label->sizeHint().width());
-    QVERIFY(label->geometry().right() < selector.findChild<QToolButton*>()->geometry().left());
-    QCOMPARE(selector.text(), QStringLiteral("/srv/0123456789/0123456789/0123456789"));
-    QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(label);
-    QCOMPARE(spoken->text(QAccessible::Name), selector.text());
-
-    hover(label);
-    QCOMPARE(shownToolTip(), selector.text());
-    // Where all of it can be read, nothing repeats it.
-    selector.resize(600, selector.height());
-    QToolTip::hideText();
-    hover(label);
-    QCOMPARE(label->toolTip(), QString());
-    QTRY_VERIFY(!QToolTip::isVisible());
-}
-
-void TestDirectorySelector::theTooltipIsNoRichText()
-{
-    for (const char* path : {"/srv/<b>bold</b> & more", "/srv/a&amp;b & <c>"}) {
-        DirectorySelector selector;
-        selector.showUrl(FileUrl::fromPath(path));
-        selector.resize(80, selector.sizeHint().height());
-        selector.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&selector));
-        hover(selector.findChild<QLabel*>());
-        QCOMPARE(shownToolTip(), QString::fromUtf8(path));
-    }
-}
-
-void TestDirectorySelector::theButtonNamesWhatItDoes()
-{
-    DirectorySelector selector;
-    selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
-    QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(selector.button());
-    QCOMPARE(spoken->role(), QAccessible::Button);
-    QCOMPARE(spoken->text(QAccessible::Name), QStringLiteral("Select destination..."));
-    QCOMPARE(spoken->text(QAccessible::Description), QStringLiteral("/srv/Pictures"));
-}
-
-void TestDirectorySelector::theButtonTakesTheFocusAndTheLabelDoesNot()
-{
-    DirectorySelector selector;
-    QCOMPARE(selector.button()->focusPolicy(), Qt::StrongFocus);
-    QCOMPARE(selector.findChild<QLabel*>()->focusPolicy(), Qt::NoFocus);
-    QCOMPARE(selector.findChild<QToolButton*>()->icon().pixmap(16).toImage(),
-             symbolIcon(Symbol::folder).pixmap(16).toImage());
-}
-
-void TestDirectorySelector::thePressIsOverBeforeTheDialogIsThere()
-{
-    DirectorySelector selector;
-    const FolderDialogUser user(FolderDialogUser::cancel);
-    selector.findChild<QToolButton*>()->click();
-    QCOMPARE(user.dialogs(), 0);
-    QTRY_COMPARE(user.dialogs(), 1);
-}
-
-void TestDirectorySelector::aChosenFolderIsReportedOnceInALaterTurn()
-{
-    const QTemporaryDir folder;
-    const auto url = FileUrl::fromPath(folder.path().toStdString());
-    DirectorySelector selector;
-    const FolderDialogUser user(FolderDialogUser::chooser(url));
-    std::vector<ChosenFolder> reports;
-    connect(&selector, &DirectorySelector::chosen, this, [&](const ChosenFolder& chosen) {
-        QVERIFY(!QApplication::activeModalWidget());
-        reports.push_back(chosen);
-    });
-    selector.findChild<QToolButton*>()->click();
-    QTRY_COMPARE(reports.size(), 1U);
-    QCoreApplication::processEvents();
-    QCOMPARE(reports.size(), 1U);
-    QCOMPARE(user.dialogs(), 1);
-    QCOMPARE(reports.front().url, url);
-    QVERIFY(reports.front().bookmarkData);
-    QCOMPARE(resolveBookmark(*reports.front().bookmarkData, MountTable()), url);
-}
-
-void TestDirectorySelector::cancellingReportsNothing()
-{
-    DirectorySelector selector;
-    const FolderDialogUser user(FolderDialogUser::cancel);
-    int reports = 0;
-    connect(&selector, &DirectorySelector::chosen, this, [&] { ++reports; });
-    selector.showUrl(FileUrl::fromPath("/srv/Pictures"));
-    selector.findChild<QToolButton*>()->click();
-    QTRY_COMPARE(user.dialogs(), 1);
-    QCoreApplication::processEvents();
-    QCOMPARE(reports, 0);
-    QCOMPARE(selector.text(), QStringLiteral("/srv/Pictures"));
-}
-
-void TestDirectorySelector::theSelectorMayGoWhileTheDialogIsUp()
-{
-    const QTemporaryDir folder;
-    QWidget window;
-    QPointer selector = new DirectorySelector(&window);
-    int reports = 0;
-    connect(selector, &DirectorySelector::chosen, this, [&] { ++reports; });
-    const FolderDialogUser user([&](QFileDialog& dialog) {
-        delete selector;
-        FolderDialogUser::choose(dialog, folder.path());
-    });
-    selector->findChild<QToolButton*>()->click();
-    QTRY_VERIFY(!selector);
-    QCoreApplication::processEvents();
-    QCOMPARE(user.dialogs(), 1);
-    QCOMPARE(reports, 0);
-}
-
-void TestDirectorySelector::itsWindowMayGoWhileTheDialogIsUp()
-{
-    auto window = std::make_unique<QWidget>();
-    auto* selector = new DirectorySelector(window.get());
-    const FolderDialogUser user([&](QFileDialog& /*dialog*/) { window.reset(); });
-    selector->findChild<QToolButton*>()->click();
-    QTRY_VERIFY(!window);
-    QVERIFY(!QApplication::activeModalWidget());
-}
-
-HARBEX_WINDOW_TEST_MAIN(TestDirectorySelector)
+HARBEX_WINDOW_TEST(TestDirectorySelector)
 #include "tst_DirectorySelector.moc"

@@ -5,13 +5,12 @@
 
 #include <QAccessible>
 #include <QContextMenuEvent>
-#include <QElapsedTimer>
 #include <QMenu>
 #include <QScrollBar>
 #include <QSignalSpy>
 
-#include <limits>
 #include <memory>
+#include <utility>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -19,16 +18,11 @@ using namespace harbex::test;
 namespace
 {
 
-/// The list on screen with folders A, B, C and so on, the one at `selected` being selected.
-struct ListBench : ContentStateFixture {
-    explicit ListBench(int folderCount = 3, std::size_t selected = 0)
+/// The active list with these folders.
+struct ListFixture : ContentStateFixture {
+    explicit ListFixture(const std::vector<WatchedFolder>& folders, std::size_t selected = 0)
     {
-        std::vector<WatchedFolder> folders;
-        folders.reserve(26);
-        for (int i = 0; i < folderCount; ++i)
-            folders.push_back(makeFolder(QString(QChar(u'A' + i))));
-        const auto id = folders.empty() ? std::nullopt : std::optional(folders.at(selected).id);
-        appearWith(folders, id);
+        appearWith(folders, folders.at(selected).id);
         list = std::make_unique<FolderList>(state);
         list->resize(200, 300);
         list->show();
@@ -37,43 +31,99 @@ struct ListBench : ContentStateFixture {
         list->setFocus();
     }
 
-    [[nodiscard]] QStringList names() const
+    /// With the folders A, B, C and so on.
+    explicit ListFixture(int folderCount = 3, std::size_t selected = 0)
+        : ListFixture(makeFolders(folderCount), selected)
+    {
+    }
+
+    static std::vector<WatchedFolder> makeFolders(int count)
+    {
+        std::vector<WatchedFolder> folders;
+        for (int i = 0; i < count; ++i)
+            folders.push_back(makeFolder(QString(QChar(u'A' + i))));
+        return folders;
+    }
+
+    /// Returns the names of all rows, separated by a comma.
+    [[nodiscard]] QByteArray names() const
     {
         QStringList names;
         for (int i = 0; i < list->count(); ++i)
             names += list->item(i)->text();
-        return names;
+        return names.join(u',').toUtf8();
     }
 
-    /// The name of the selected row; empty when none is.
-    [[nodiscard]] QString selected() const
+    /// Returns the names of the selected rows, separated by a comma.
+    [[nodiscard]] QByteArray selected() const
     {
-        const auto rows = list->selectedItems();
-        return rows.isEmpty() ? QString() : rows.first()->text();
+        QStringList names;
+        for (const QListWidgetItem* row : list->selectedItems())
+            names += row->text();
+        return names.join(u',').toUtf8();
     }
 
     [[nodiscard]] QPoint centre(int row) const { return list->visualItemRect(list->item(row)).center(); }
 
-    void click(int row, Qt::KeyboardModifiers modifiers = {}) const
+    void click(const QPoint& place, Qt::KeyboardModifiers modifiers = {}) const
     {
-        QTest::mouseClick(list->viewport(), Qt::LeftButton, modifiers, centre(row));
+        QTest::mouseClick(list->viewport(), Qt::LeftButton, modifiers, place);
+    }
+    void click(int row, Qt::KeyboardModifiers modifiers = {}) const { click(centre(row), modifiers); }
+
+    void requestMenu(QContextMenuEvent::Reason reason, const QPoint& place) const
+    {
+        QContextMenuEvent request(reason, place, list->viewport()->mapToGlobal(place));
+        QApplication::sendEvent(list->viewport(), &request);
     }
 
-    /// A right click as the window system reports it: the button and then the request for a menu.
-    void rightClick(int row) const
+    /// A right click consists of the button and a request for a menu.
+    void rightClick(const QPoint& place) const
     {
-        const QPoint place = centre(row);
         QTest::mousePress(list->viewport(), Qt::RightButton, {}, place);
-        QContextMenuEvent request(QContextMenuEvent::Mouse, place, list->viewport()->mapToGlobal(place));
-        QApplication::sendEvent(list->viewport(), &request);
+        requestMenu(QContextMenuEvent::Mouse, place);
         QTest::mouseRelease(list->viewport(), Qt::RightButton, {}, place);
     }
 
-    /// The open menu; null when there is none.
-    [[nodiscard]] QMenu* menu() const { return qobject_cast<QMenu*>(QApplication::activePopupWidget()); }
+    void pressKey(Qt::Key key, Qt::KeyboardModifiers modifiers = {}) const
+    {
+        QTest::keyClick(list.get(), key, modifiers);
+    }
+
+    /// Returns the open menu; null when there is none.
+    [[nodiscard]] static QMenu* menu() { return qobject_cast<QMenu*>(QApplication::activePopupWidget()); }
+
+    static void chooseFirstMenuItem()
+    {
+        QTest::keyClick(menu(), Qt::Key_Down);
+        QTest::keyClick(menu(), Qt::Key_Return);
+    }
 
     std::unique_ptr<FolderList> list;
 };
+
+/// A place below the three rows of a list.
+constexpr QPoint belowTheRows(50, 250);
+
+WatchedFolder folderAt(const char* url)
+{
+    return {.url = FileUrl::fromString(QString::fromLatin1(url)).value_or(FileUrl::fromPath("/")),
+            .bookmarkData = {},
+            .rules = {}};
+}
+
+/// Returns the sums of the red and of the green of all pixels.
+std::pair<int, int> redAndGreen(const QImage& image)
+{
+    std::pair<int, int> sums;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            sums.first += image.pixelColor(x, y).red();
+            sums.second += image.pixelColor(x, y).green();
+        }
+    }
+    return sums;
+}
 
 } // namespace
 
@@ -82,458 +132,278 @@ class TestFolderList : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void cleanup();
+    void cleanup()
+    {
+        if (QWidget* menu = QApplication::activePopupWidget()) menu->close();
+        QApplication::setPalette(QPalette());
+    }
 
     // Rows.
-    void aRowShowsTheLastComponentOfThePathWithTheFolderIcon();
-    void theSameFolderTwiceIsTwoRowsOfTheSameName();
-    void aNameThatIsNoTextIsShownReadably();
-    void aRowAnnouncesTheNameOfTheFolder();
-    void anAddedFolderIsTheLastRowAndSelected();
-    void aFolderRenamedInTheStoreIsShownRenamed();
-    void theIconHasTheColourOfTheTextInAnInactiveWindowToo();
-    void aThousandFoldersAreShown();
+    void aRowShowsTheReadableNameOfTheFolderAndAnIcon()
+    {
+        const ListFixture fixture({folderAt("file:///Users/someone/Downloads"),
+                                   folderAt("file:///Users/My%20Scans/"), folderAt("file:///srv/caf%E9%0A")});
+        QCOMPARE(fixture.names(), "Downloads,My Scans,caf\xef\xbf\xbd\\n");
+        QCOMPARE(fixture.list->item(0)->icon().pixmap(16).toImage(),
+                 symbolIcon(Symbol::folder).pixmap(16).toImage());
+    }
+
+    void aScreenReaderGetsTheNames()
+    {
+        const ListFixture fixture;
+        QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(fixture.list.get());
+        QCOMPARE(spoken->text(QAccessible::Name), QStringLiteral("Folders"));
+        QCOMPARE(spoken->role(), QAccessible::List);
+        QCOMPARE(spoken->childCount(), 3);
+        QCOMPARE(spoken->child(1)->text(QAccessible::Name), QStringLiteral("B"));
+        QVERIFY(spoken->child(0)->state().selected);
+    }
+
+    void anAddedFolderIsTheLastRowAndSelected()
+    {
+        ListFixture fixture(2);
+        fixture.state.addFolder(ContentStateFixture::makeFolder(QStringLiteral("New")).url, {});
+        QCOMPARE(fixture.names(), "A,B,New");
+        QCOMPARE(fixture.selected(), "New");
+        // A second time is a second row.
+        fixture.state.addFolder(fixture.folder(0).url, {});
+        QCOMPARE(fixture.names(), "A,B,New,A");
+        QCOMPARE(fixture.list->currentRow(), 3);
+    }
+
+    void anIconHasTheColourOfTheTextInActiveAndInactiveWindows()
+    {
+        QPalette palette;
+        for (const auto role : {QPalette::Text, QPalette::WindowText, QPalette::HighlightedText}) {
+            palette.setColor(QPalette::Active, role, Qt::red);
+            palette.setColor(QPalette::Inactive, role, Qt::green);
+        }
+        for (const auto role : {QPalette::Highlight, QPalette::Base, QPalette::AlternateBase})
+            palette.setColor(role, Qt::black);
+        QApplication::setPalette(palette);
+        const ListFixture fixture;
+        const auto colours = [&] {
+            const QRect selectedAndNext = fixture.list->visualItemRect(fixture.list->item(0)) |
+                                          fixture.list->visualItemRect(fixture.list->item(1));
+            return redAndGreen(fixture.list->viewport()->grab(selectedAndNext).toImage());
+        };
+        const auto [red, noGreen] = colours();
+        QVERIFY(red > 0);
+        QCOMPARE(noGreen, 0);
+
+        QWidget other;
+        other.show();
+        other.activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&other));
+        const auto [noRed, green] = colours();
+        QCOMPARE(noRed, 0);
+        QCOMPARE(green, red);
+    }
 
     // Selecting.
-    void theSelectedFolderIsTheSelectedRow();
-    void aClickSelectsAndSaves();
-    void theArrowKeysSelectAndSave();
-    void aClickOnTheSelectedRowSavesNothing();
-    void aClickBelowTheRowsTakesTheSelectionBack();
-    void aClickWithControlTakesTheSelectionBack();
-    void onlyOneRowCanBeSelected();
-    void aSelectionThatNamesNoFolderSelectsNoRow();
-    void readingTheStoreAgainNeitherSelectsNorSaves();
-    void deletingTheSelectedFolderSelectsTheFirstAndSavesThatOnly();
-    void deletingAnotherFolderKeepsSelectionAndScrollPosition();
-    void ofTwoFoldersWithOneIdTheClickedRowStaysSelected();
+    void theSelectedFolderIsTheSelectedRow()
+    {
+        ListFixture fixture(3, 1);
+        QCOMPARE(fixture.selected(), "B");
+        fixture.state.select(fixture.folder(2).id);
+        QCOMPARE(fixture.selected(), "C");
+        QCOMPARE(fixture.list->currentRow(), 2);
+        fixture.state.select(std::nullopt);
+        QCOMPARE(fixture.selected(), "");
+
+        fixture.state.select(fixture.folder(2).id);
+        const QUuid unknown = QUuid::createUuid();
+        fixture.state.select(unknown);
+        QCOMPARE(fixture.selected(), "");
+        QCOMPARE(fixture.state.selectedFolderID(), unknown);
+    }
+
+    void aClickOrAnArrowKeySelectsAndSaves()
+    {
+        ListFixture fixture;
+        fixture.click(0);
+        QVERIFY2(!fixture.wasSaved(), "a click on the selected row");
+        fixture.click(2);
+        QCOMPARE(fixture.state.selectedFolderID(), fixture.folder(2).id);
+        QVERIFY(fixture.wasSaved());
+        fixture.pressKey(Qt::Key_Up);
+        QCOMPARE(fixture.state.selectedFolderID(), fixture.folder(1).id);
+        QVERIFY(fixture.wasSaved());
+    }
+
+    void aClickBelowTheRowsOrWithControlDeselectsAndSaves()
+    {
+        ListFixture fixture;
+        fixture.click(belowTheRows);
+        QCOMPARE(fixture.selected(), "");
+        QVERIFY(!fixture.state.selectedFolderID());
+        QVERIFY(fixture.wasSaved());
+        fixture.click(0);
+        QCOMPARE(fixture.state.selectedFolderID(), fixture.folder(0).id);
+        QVERIFY(fixture.wasSaved());
+        fixture.click(0, Qt::ControlModifier);
+        QVERIFY(!fixture.state.selectedFolderID());
+        QVERIFY(fixture.wasSaved());
+    }
+
+    void onlyOneRowCanBeSelected()
+    {
+        ListFixture fixture;
+        fixture.click(1, Qt::ShiftModifier);
+        QCOMPARE(fixture.selected(), "B");
+        fixture.click(2, Qt::ControlModifier);
+        QCOMPARE(fixture.selected(), "C");
+        fixture.pressKey(Qt::Key_A, Qt::ControlModifier);
+        QCOMPARE(fixture.selected(), "C");
+        QCOMPARE(fixture.state.selectedFolderID(), fixture.folder(2).id);
+    }
+
+    void reloadingTheStoreShowsItsFoldersAndKeepsTheSelection()
+    {
+        ListFixture fixture(3, 1);
+        fixture.state.disappear();
+        QSignalSpy selections(&fixture.state, &ContentState::selectionChanged);
+        fixture.state.appear();
+        QCOMPARE(fixture.selected(), "B");
+        QCOMPARE(fixture.restarts(), 0);
+
+        auto folders = fixture.state.folders();
+        const QUuid selected = folders.at(1).id;
+        folders.erase(folders.begin());
+        folders.at(1).url = FileUrl::fromPath("/srv/Renamed");
+        folders.push_back(ContentStateFixture::makeFolder(QStringLiteral("New")));
+        fixture.store.saveState({folders, selected});
+        fixture.state.appear();
+        QCOMPARE(fixture.names(), "B,Renamed,New");
+        QCOMPARE(fixture.selected(), "B");
+        QCOMPARE(selections.count(), 0);
+    }
+
+    void deletingTheSelectedFolderSelectsTheFirstAndSavesOnce()
+    {
+        ListFixture fixture(3, 1);
+        QSignalSpy selections(&fixture.state, &ContentState::selectionChanged);
+        fixture.state.deleteFolder(fixture.folder(1).id);
+        QCOMPARE(selections.count(), 1);
+        QCOMPARE(fixture.selected(), "A");
+        QCOMPARE(fixture.takeSaved()->selectedFolderID, fixture.folder(0).id);
+    }
+
+    void deletingAnotherFolderKeepsSelectionAndScrollPosition()
+    {
+        ListFixture fixture(26, 25);
+        QScrollBar* bar = fixture.list->verticalScrollBar();
+        fixture.list->scrollToTop();
+        bar->setValue(3);
+        const int place = bar->value();
+        QVERIFY(place > 0);
+        fixture.state.deleteFolder(fixture.folder(10).id);
+        QCOMPARE(fixture.selected(), "Z");
+        QCOMPARE(bar->value(), place);
+        QVERIFY(!fixture.wasSaved());
+    }
+
+    void ofTwoFoldersWithOneIdTheClickedRowStaysSelected()
+    {
+        auto folders = ListFixture::makeFolders(2);
+        folders.at(1).id = folders.at(0).id;
+        ListFixture fixture(folders);
+        fixture.state.select(std::nullopt);
+        fixture.click(1);
+        QCOMPARE(fixture.names(), "A,B");
+        QCOMPARE(fixture.selected(), "B");
+    }
 
     // The menu.
-    void aRightClickOpensTheMenuAndSelectsNothing();
-    void theMenuHasOnlyDeleteWithAnIcon();
-    void theMenuDeletesTheRowItWasOpenedForWithoutAQuestion();
-    void aRightClickBelowTheRowsOpensNothing();
-    void aClosedMenuDeletesNothing();
-    void theMenuKeyOpensTheMenuOfTheCurrentRowOnce();
-    void shiftF10OpensTheMenuOfTheCurrentRow();
-    void theMenuOfAFolderThatIsGoneDoesNothing();
-    void anotherMouseButtonSelectsNothing();
+    void theMenuOfARightClickDeletesThatRowAndSelectsNothing()
+    {
+        ListFixture fixture;
+        QSignalSpy selections(&fixture.state, &ContentState::selectionChanged);
+        QSignalSpy rowSelections(fixture.list.get(), &FolderList::itemSelectionChanged);
+        QSignalSpy currents(fixture.list.get(), &FolderList::currentRowChanged);
+        fixture.rightClick(fixture.centre(2));
+        QVERIFY(fixture.menu());
+        QCOMPARE(selections.count() + rowSelections.count() + currents.count(), 0);
 
-    // What cannot be done.
-    void theDeleteKeyDoesNothing();
-    void rowsCanBeNeitherRenamedNorMoved();
+        const auto actions = fixture.menu()->actions();
+        QCOMPARE(actions.size(), 1);
+        QCOMPARE(actions.first()->text(), QStringLiteral("Delete"));
+        QCOMPARE(actions.first()->icon().pixmap(16).toImage(),
+                 symbolIcon(Symbol::trash).pixmap(16).toImage());
+        QVERIFY(actions.first()->isIconVisibleInMenu());
+        QVERIFY(actions.first()->shortcut().isEmpty());
+
+        fixture.chooseFirstMenuItem();
+        QCOMPARE(fixture.names(), "A,B");
+        QCOMPARE(fixture.selected(), "A");
+        QCOMPARE(fixture.restarts(), 1);
+        QVERIFY(!fixture.wasSaved());
+    }
+
+    void aClosedMenuDeletesNothing()
+    {
+        ListFixture fixture;
+        fixture.rightClick(belowTheRows);
+        QVERIFY2(!fixture.menu(), "no row, no menu");
+        fixture.rightClick(fixture.centre(1));
+        QTest::keyClick(fixture.menu(), Qt::Key_Escape);
+        QVERIFY(!fixture.menu());
+        QCOMPARE(fixture.names(), "A,B,C");
+        QCOMPARE(fixture.restarts(), 0);
+    }
+
+    void theMenuKeyOpensTheMenuOfTheCurrentRowOnce()
+    {
+        ListFixture fixture(3, 1);
+        // Some window systems also request a menu for the key.
+        fixture.requestMenu(QContextMenuEvent::Keyboard, fixture.centre(1));
+        fixture.pressKey(Qt::Key_Menu);
+        QCOMPARE(fixture.list->findChildren<QMenu*>().size(), 1);
+        fixture.chooseFirstMenuItem();
+        QCOMPARE(fixture.names(), "A,C");
+    }
+
+    void shiftF10OpensTheMenuOfTheCurrentRowAndShowsTheRow()
+    {
+        ListFixture fixture(26, 25);
+        fixture.list->scrollToTop();
+        fixture.pressKey(Qt::Key_F10, Qt::ShiftModifier);
+        QVERIFY(fixture.menu());
+        QVERIFY(fixture.list->viewport()->rect().contains(fixture.centre(25)));
+        fixture.chooseFirstMenuItem();
+        QCOMPARE(fixture.list->count(), 25);
+        QVERIFY(fixture.names().endsWith(",Y"));
+
+        fixture.state.select(fixture.folder(0).id);
+        fixture.pressKey(Qt::Key_F10);
+        QVERIFY2(!fixture.menu(), "F10 without Shift");
+        fixture.state.select(std::nullopt);
+        fixture.pressKey(Qt::Key_F10, Qt::ShiftModifier);
+        QVERIFY2(!fixture.menu(), "no current row");
+    }
+
+    void otherButtonsAndKeysNeitherSelectNorEditNorDelete()
+    {
+        ListFixture fixture;
+        for (const auto button : {Qt::RightButton, Qt::MiddleButton, Qt::BackButton}) {
+            QTest::mouseClick(fixture.list->viewport(), button, {}, fixture.centre(2));
+            QTest::mouseDClick(fixture.list->viewport(), button, {}, fixture.centre(2));
+            QCOMPARE(fixture.selected(), "A");
+        }
+        for (const auto key : {Qt::Key_Delete, Qt::Key_Backspace, Qt::Key_F2}) {
+            fixture.pressKey(key);
+            fixture.pressKey(key, Qt::ControlModifier);
+        }
+        QTest::mouseDClick(fixture.list->viewport(), Qt::LeftButton, {}, fixture.centre(0));
+        QVERIFY(fixture.list->findChildren<QWidget*>(QStringLiteral("qt_editing_widget")).isEmpty());
+        QCOMPARE(fixture.list->editTriggers(), QAbstractItemView::NoEditTriggers);
+        QCOMPARE(fixture.list->dragDropMode(), QAbstractItemView::NoDragDrop);
+        QVERIFY(!fixture.list->dragEnabled() && !fixture.list->viewport()->acceptDrops());
+        QCOMPARE(fixture.names(), "A,B,C");
+        QCOMPARE(fixture.restarts(), 0);
+        QVERIFY(!fixture.wasSaved());
+    }
 };
 
-void TestFolderList::cleanup()
-{
-    if (QWidget* menu = QApplication::activePopupWidget()) menu->close();
-    QApplication::setPalette(QPalette());
-}
-
-void TestFolderList::aRowShowsTheLastComponentOfThePathWithTheFolderIcon()
-{
-    ContentStateFixture bench;
-    WatchedFolder downloads{
-        .url = FileUrl::fromPath("/Users/someone/Downloads"), .bookmarkData = {}, .rules = {}};
-    WatchedFolder slashed{
-        .url =
-            FileUrl::fromString(QStringLiteral("file:///Users/My%20Scans/")).value_or(FileUrl::fromPath("/")),
-        .bookmarkData = {},
-        .rules = {}};
-    bench.appearWith({downloads, slashed});
-    const FolderList list(bench.state);
-    QCOMPARE(list.item(0)->text(), QStringLiteral("Downloads"));
-    QCOMPARE(list.item(1)->text(), QStringLiteral("My Scans"));
-    QCOMPARE(list.item(0)->icon().pixmap(16).toImage(), symbolIcon(Symbol::folder).pixmap(16).toImage());
-}
-
-void TestFolderList::theSameFolderTwiceIsTwoRowsOfTheSameName()
-{
-    ListBench bench(1);
-    bench.state.addFolder(bench.folder(0).url, {});
-    QCOMPARE(bench.names(), QStringList({QStringLiteral("A"), QStringLiteral("A")}));
-    QCOMPARE(bench.list->currentRow(), 1);
-}
-
-void TestFolderList::aNameThatIsNoTextIsShownReadably()
-{
-    ContentStateFixture bench;
-    bench.appearWith({{.url = FileUrl::fromPath("/srv/caf\xe9\n"), .bookmarkData = {}, .rules = {}}});
-    const FolderList list(bench.state);
-    QCOMPARE(list.item(0)->text(), QStringLiteral("caf\uFFFD\\n"));
-    bench.state.disappear();
-    QCOMPARE(bench.takeSaved()->folders.at(0).url.path(), std::string("/srv/caf\xe9\n"));
-}
-
-void TestFolderList::aRowAnnouncesTheNameOfTheFolder()
-{
-    const ListBench bench;
-    QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(bench.list.get());
-    QCOMPARE(spoken->text(QAccessible::Name), QStringLiteral("Folders"));
-    QCOMPARE(spoken->role(), QAccessible::List);
-    QCOMPARE(spoken->childCount(), 3);
-    QCOMPARE(spoken->child(1)->text(QAccessible::Name), QStringLiteral("B"));
-    QVERIFY(spoken->child(0)->state().selected);
-}
-
-void TestFolderList::anAddedFolderIsTheLastRowAndSelected()
-{
-    ListBench bench(2);
-    bench.state.addFolder(ContentStateFixture::makeFolder(QStringLiteral("New")).url, {});
-    QCOMPARE(bench.names().last(), QStringLiteral("New"));
-    QCOMPARE(bench.selected(), QStringLiteral("New"));
-}
-
-void TestFolderList::aFolderRenamedInTheStoreIsShownRenamed()
-{
-    ListBench bench(2);
-    auto folders = bench.state.folders();
-    folders.at(1).url = FileUrl::fromPath("/srv/Renamed");
-    bench.store.saveState({folders, folders.at(0).id});
-    bench.state.appear();
-    QCOMPARE(bench.names(), QStringList({QStringLiteral("A"), QStringLiteral("Renamed")}));
-}
-
-void TestFolderList::theIconHasTheColourOfTheTextInAnInactiveWindowToo()
-{
-    QPalette palette;
-    for (const auto role : {QPalette::Text, QPalette::WindowText, QPalette::HighlightedText}) {
-        palette.setColor(QPalette::Active, role, Qt::red);
-        palette.setColor(QPalette::Inactive, role, Qt::green);
-    }
-    for (const auto role : {QPalette::Highlight, QPalette::Base, QPalette::AlternateBase})
-        palette.setColor(role, Qt::black);
-    QApplication::setPalette(palette);
-    const ListBench bench;
-    // Of a selected and of another row, on black.
-    const auto amounts = [&] {
-        const QRect rows =
-            bench.list->visualItemRect(bench.list->item(0)) | bench.list->visualItemRect(bench.list->item(1));
-        const QImage image = bench.list->viewport()->grab(rows).toImage();
-        std::pair<int, int> redAndGreen;
-        for (int y = 0; y < image.height(); ++y) {
-            for (int x = 0; x < image.width(); ++x) {
-                redAndGreen.first += image.pixelColor(x, y).red();
-                redAndGreen.second += image.pixelColor(x, y).green();
-            }
-        }
-        return redAndGreen;
-    };
-    const auto [red, noGreen] = amounts();
-    QVERIFY(red > 0);
-    QCOMPARE(noGreen, 0);
-
-    QWidget other;
-    other.show();
-    other.activateWindow();
-    QVERIFY(QTest::qWaitForWindowActive(&other));
-    const auto [noRed, green] = amounts();
-    QCOMPARE(noRed, 0);
-    QCOMPARE(green, red);
-}
-
-void TestFolderList::aThousandFoldersAreShown()
-{
-    std::vector<WatchedFolder> folders;
-    folders.reserve(1000);
-    for (int i = 0; i < 1000; ++i)
-        folders.push_back(
-            {.url = FileUrl::fromPath("/srv/" + std::to_string(i)), .bookmarkData = {}, .rules = {}});
-    ContentStateFixture bench;
-    bench.appearWith(folders);
-    qint64 best = std::numeric_limits<qint64>::max();
-    // The best of some tries tells of the program and not of what else the machine does.
-    for (int i = 0; i < 10; ++i) {
-        QElapsedTimer timer;
-        timer.start();
-        FolderList list(bench.state);
-        list.resize(200, 600);
-        list.show();
-        list.repaint();
-        best = std::min(best, timer.elapsed());
-        QCOMPARE(list.count(), 1000);
-    }
-    // Machines differ, so the time is told and not judged.
-    qInfo("shown in %lld ms", static_cast<long long>(best));
-}
-
-void TestFolderList::theSelectedFolderIsTheSelectedRow()
-{
-    ListBench bench(3, 1);
-    QCOMPARE(bench.selected(), QStringLiteral("B"));
-    bench.state.select(bench.folder(2).id);
-    QCOMPARE(bench.selected(), QStringLiteral("C"));
-    QCOMPARE(bench.list->currentRow(), 2);
-    bench.state.select(std::nullopt);
-    QCOMPARE(bench.selected(), QString());
-}
-
-void TestFolderList::aClickSelectsAndSaves()
-{
-    ListBench bench;
-    bench.state.setValue(bench.rule(0).id, QStringLiteral("invoice"));
-    bench.click(2);
-    QCOMPARE(bench.state.selectedFolderID(), bench.folder(2).id);
-    const auto saved = bench.takeSaved();
-    QVERIFY(saved);
-    QCOMPARE(saved->selectedFolderID, bench.folder(2).id);
-    QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("invoice"));
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestFolderList::theArrowKeysSelectAndSave()
-{
-    ListBench bench;
-    QTest::keyClick(bench.list.get(), Qt::Key_Down);
-    QCOMPARE(bench.state.selectedFolderID(), bench.folder(1).id);
-    QVERIFY(bench.wasSaved());
-}
-
-void TestFolderList::aClickOnTheSelectedRowSavesNothing()
-{
-    ListBench bench;
-    bench.click(0);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestFolderList::aClickBelowTheRowsTakesTheSelectionBack()
-{
-    ListBench bench;
-    QTest::mouseClick(bench.list->viewport(), Qt::LeftButton, {}, QPoint(50, 250));
-    QCOMPARE(bench.selected(), QString());
-    QVERIFY(!bench.state.selectedFolderID());
-    QVERIFY(bench.wasSaved());
-}
-
-void TestFolderList::aClickWithControlTakesTheSelectionBack()
-{
-    ListBench bench;
-    bench.click(0, Qt::ControlModifier);
-    QVERIFY(!bench.state.selectedFolderID());
-    QVERIFY(bench.wasSaved());
-    bench.click(0);
-    QCOMPARE(bench.state.selectedFolderID(), bench.folder(0).id);
-}
-
-void TestFolderList::onlyOneRowCanBeSelected()
-{
-    ListBench bench;
-    bench.click(1, Qt::ShiftModifier);
-    QCOMPARE(bench.list->selectedItems().size(), 1);
-    bench.click(2, Qt::ControlModifier);
-    QCOMPARE(bench.list->selectedItems().size(), 1);
-    QTest::keyClick(bench.list.get(), Qt::Key_A, Qt::ControlModifier);
-    QCOMPARE(bench.list->selectedItems().size(), 1);
-    QCOMPARE(bench.state.selectedFolderID(), bench.folder(2).id);
-}
-
-void TestFolderList::aSelectionThatNamesNoFolderSelectsNoRow()
-{
-    ListBench bench;
-    const QUuid unknown = QUuid::createUuid();
-    bench.state.select(unknown);
-    QCOMPARE(bench.selected(), QString());
-    QCOMPARE(bench.state.selectedFolderID(), unknown);
-}
-
-void TestFolderList::readingTheStoreAgainNeitherSelectsNorSaves()
-{
-    ListBench bench(3, 1);
-    bench.state.disappear();
-    QSignalSpy selections(&bench.state, &ContentState::selectionChanged);
-    bench.state.appear();
-    QCOMPARE(selections.count(), 0);
-    QCOMPARE(bench.selected(), QStringLiteral("B"));
-    QCOMPARE(bench.restarts(), 0);
-
-    // Rows that come and go around the selected one.
-    auto folders = bench.state.folders();
-    const QUuid id = folders.at(1).id;
-    folders.erase(folders.begin());
-    folders.push_back(ContentStateFixture::makeFolder(QStringLiteral("New")));
-    bench.store.saveState({folders, id});
-    bench.state.appear();
-    QCOMPARE(selections.count(), 0);
-    QCOMPARE(bench.names(), QStringList({QStringLiteral("B"), QStringLiteral("C"), QStringLiteral("New")}));
-    QCOMPARE(bench.selected(), QStringLiteral("B"));
-}
-
-void TestFolderList::deletingTheSelectedFolderSelectsTheFirstAndSavesThatOnly()
-{
-    ListBench bench(3, 1);
-    QSignalSpy selections(&bench.state, &ContentState::selectionChanged);
-    bench.state.deleteFolder(bench.folder(1).id);
-    // Not the neighbour, not even for a moment.
-    QCOMPARE(selections.count(), 1);
-    QCOMPARE(bench.selected(), QStringLiteral("A"));
-    QCOMPARE(bench.takeSaved()->selectedFolderID, bench.folder(0).id);
-}
-
-void TestFolderList::deletingAnotherFolderKeepsSelectionAndScrollPosition()
-{
-    ListBench bench(26, 25);
-    bench.list->scrollToTop();
-    bench.list->verticalScrollBar()->setValue(3);
-    const int place = bench.list->verticalScrollBar()->value();
-    QVERIFY(place > 0);
-    bench.state.deleteFolder(bench.folder(10).id);
-    QCOMPARE(bench.selected(), QStringLiteral("Z"));
-    QCOMPARE(bench.list->verticalScrollBar()->value(), place);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestFolderList::ofTwoFoldersWithOneIdTheClickedRowStaysSelected()
-{
-    ContentStateFixture state;
-    auto a = ContentStateFixture::makeFolder(QStringLiteral("A"));
-    auto b = ContentStateFixture::makeFolder(QStringLiteral("B"));
-    b.id = a.id;
-    state.appearWith({a, b});
-    FolderList list(state.state);
-    list.resize(200, 300);
-    list.show();
-    QTest::mouseClick(list.viewport(), Qt::LeftButton, {}, list.visualItemRect(list.item(1)).center());
-    QCOMPARE(list.count(), 2);
-    QCOMPARE(list.selectedItems().size(), 1);
-    QVERIFY(list.item(1)->isSelected());
-}
-
-void TestFolderList::aRightClickOpensTheMenuAndSelectsNothing()
-{
-    ListBench bench;
-    QSignalSpy selections(&bench.state, &ContentState::selectionChanged);
-    QSignalSpy rowSelections(bench.list.get(), &FolderList::itemSelectionChanged);
-    QSignalSpy currents(bench.list.get(), &FolderList::currentRowChanged);
-    bench.rightClick(2);
-    QVERIFY(bench.menu());
-    QCOMPARE(selections.count(), 0);
-    QCOMPARE(rowSelections.count(), 0);
-    QCOMPARE(currents.count(), 0);
-    QCOMPARE(bench.selected(), QStringLiteral("A"));
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestFolderList::theMenuHasOnlyDeleteWithAnIcon()
-{
-    ListBench bench;
-    bench.rightClick(0);
-    const auto actions = bench.menu()->actions();
-    QCOMPARE(actions.size(), 1);
-    QCOMPARE(actions.first()->text(), QStringLiteral("Delete"));
-    QCOMPARE(actions.first()->icon().pixmap(16).toImage(), symbolIcon(Symbol::trash).pixmap(16).toImage());
-    QVERIFY(actions.first()->isIconVisibleInMenu());
-    QVERIFY(actions.first()->shortcut().isEmpty());
-}
-
-void TestFolderList::theMenuDeletesTheRowItWasOpenedForWithoutAQuestion()
-{
-    ListBench bench;
-    bench.rightClick(2);
-    QTest::keyClick(bench.menu(), Qt::Key_Down);
-    QTest::keyClick(bench.menu(), Qt::Key_Return);
-    QCOMPARE(bench.names(), QStringList({QStringLiteral("A"), QStringLiteral("B")}));
-    QCOMPARE(bench.selected(), QStringLiteral("A"));
-    QCOMPARE(bench.restarts(), 1);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestFolderList::aRightClickBelowTheRowsOpensNothing()
-{
-    const ListBench bench;
-    const QPoint place(50, 250);
-    QContextMenuEvent request(QContextMenuEvent::Mouse, place, bench.list->viewport()->mapToGlobal(place));
-    QApplication::sendEvent(bench.list->viewport(), &request);
-    QVERIFY(!bench.menu());
-}
-
-void TestFolderList::aClosedMenuDeletesNothing()
-{
-    ListBench bench;
-    bench.rightClick(1);
-    QTest::keyClick(bench.menu(), Qt::Key_Escape);
-    QVERIFY(!bench.menu());
-    QCOMPARE(bench.names().size(), 3);
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestFolderList::theMenuKeyOpensTheMenuOfTheCurrentRowOnce()
-{
-    ListBench bench(3, 1);
-    // Where the window system makes a request of the key, both come.
-    const QPoint place = bench.centre(1);
-    QContextMenuEvent request(QContextMenuEvent::Keyboard, place, bench.list->viewport()->mapToGlobal(place));
-    QApplication::sendEvent(bench.list->viewport(), &request);
-    QTest::keyClick(bench.list.get(), Qt::Key_Menu);
-    QCOMPARE(bench.list->findChildren<QMenu*>().size(), 1);
-    QTest::keyClick(bench.menu(), Qt::Key_Down);
-    QTest::keyClick(bench.menu(), Qt::Key_Return);
-    QCOMPARE(bench.names(), QStringList({QStringLiteral("A"), QStringLiteral("C")}));
-}
-
-void TestFolderList::shiftF10OpensTheMenuOfTheCurrentRow()
-{
-    ListBench bench(26, 25);
-    bench.list->scrollToTop();
-    QTest::keyClick(bench.list.get(), Qt::Key_F10, Qt::ShiftModifier);
-    QVERIFY(bench.menu());
-    // The row it is about can be seen.
-    QVERIFY(bench.list->viewport()->rect().contains(bench.centre(25)));
-    QTest::keyClick(bench.menu(), Qt::Key_Down);
-    QTest::keyClick(bench.menu(), Qt::Key_Return);
-    QCOMPARE(bench.names().size(), 25);
-    QCOMPARE(bench.names().last(), QStringLiteral("Y"));
-
-    bench.state.select(std::nullopt);
-    QTest::keyClick(bench.list.get(), Qt::Key_F10);
-    QVERIFY(!bench.menu());
-}
-
-void TestFolderList::theMenuOfAFolderThatIsGoneDoesNothing()
-{
-    ListBench bench;
-    bench.rightClick(2);
-    bench.state.deleteFolder(bench.folder(2).id);
-    QCOMPARE(bench.restarts(), 1);
-    bench.menu()->actions().first()->trigger();
-    QCOMPARE(bench.names().size(), 2);
-    QCOMPARE(bench.restarts(), 0);
-}
-
-void TestFolderList::anotherMouseButtonSelectsNothing()
-{
-    ListBench bench;
-    for (const auto button : {Qt::RightButton, Qt::MiddleButton, Qt::BackButton}) {
-        QTest::mouseClick(bench.list->viewport(), button, {}, bench.centre(2));
-        QTest::mouseDClick(bench.list->viewport(), button, {}, bench.centre(2));
-        QCOMPARE(bench.selected(), QStringLiteral("A"));
-    }
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestFolderList::theDeleteKeyDoesNothing()
-{
-    ListBench bench;
-    for (const auto key : {Qt::Key_Delete, Qt::Key_Backspace}) {
-        QTest::keyClick(bench.list.get(), key);
-        QTest::keyClick(bench.list.get(), key, Qt::ControlModifier);
-    }
-    QCOMPARE(bench.names().size(), 3);
-    QCOMPARE(bench.restarts(), 0);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestFolderList::rowsCanBeNeitherRenamedNorMoved()
-{
-    ListBench bench;
-    QTest::keyClick(bench.list.get(), Qt::Key_F2);
-    QTest::mouseDClick(bench.list->viewport(), Qt::LeftButton, {}, bench.centre(0));
-    QVERIFY(bench.list->findChildren<QWidget*>(QStringLiteral("qt_editing_widget")).isEmpty());
-    QVERIFY(!bench.list->isPersistentEditorOpen(bench.list->item(0)));
-    QCOMPARE(bench.list->editTriggers(), QAbstractItemView::NoEditTriggers);
-    QCOMPARE(bench.list->dragDropMode(), QAbstractItemView::NoDragDrop);
-    QVERIFY(!bench.list->dragEnabled());
-    QVERIFY(!bench.list->viewport()->acceptDrops());
-}
-
-HARBEX_WINDOW_TEST_MAIN(TestFolderList)
+HARBEX_WINDOW_TEST(TestFolderList)
 #include "tst_FolderList.moc"

@@ -18,23 +18,22 @@ using namespace harbex::test;
 namespace
 {
 
-/// What a command prints.
-QString outputOf(const QString& program, const QStringList& arguments)
+/// Returns the output of a command.
+QByteArray run(const char* program, const QStringList& arguments)
 {
     QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForFinished()) return QStringLiteral("%1 did not run").arg(program);
-    return QString::fromUtf8(process.readAllStandardOutput());
+    process.start(QString::fromLatin1(program), arguments);
+    if (!process.waitForFinished()) return QByteArray(program) + " did not run";
+    return process.readAllStandardOutput();
 }
 
-/// The states that the window manager knows of a window.
-QString statesOf(const QWidget& window)
+/// Runs xdotool with words separated by spaces.
+void xdotool(const char* words)
 {
-    return outputOf(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(window.winId()),
-                                              QStringLiteral("_NET_WM_STATE")});
+    run("xdotool", QString::fromLatin1(words).split(u' '));
 }
 
-/// What programs tell the desktop about starts.
+/// The startup notifications that programs send to the desktop.
 class StartupMessages
 {
 public:
@@ -43,7 +42,7 @@ public:
         const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
         const uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
         xcb_change_window_attributes(m_connection, root, XCB_CW_EVENT_MASK, &mask);
-        // Their answers come when that has taken effect.
+        // The replies come after the mask has taken effect.
         m_begin = atom("_NET_STARTUP_INFO_BEGIN");
         m_more = atom("_NET_STARTUP_INFO");
     }
@@ -51,7 +50,7 @@ public:
     StartupMessages(const StartupMessages&) = delete;
     StartupMessages& operator=(const StartupMessages&) = delete;
 
-    /// What has come since the last time this was asked: '>' where a message begins, '|' where it ends.
+    /// Returns what has arrived since the last call: '>' begins a message, '|' ends it.
     [[nodiscard]] QByteArray take() const
     {
         QByteArray received;
@@ -84,16 +83,32 @@ private:
     xcb_atom_t m_more = XCB_ATOM_NONE;
 };
 
-struct WindowBench : ContentStateFixture {
-    WindowBench()
+struct WindowFixture : ContentStateFixture {
+    WindowFixture()
     {
         const auto folder = makeFolder(QStringLiteral("A"));
         store.saveState({{folder}, folder.id});
         window = std::make_unique<MainWindow>(state);
-        window->open();
-        QVERIFY(QTest::qWaitForWindowActive(window.get()));
+        open();
         (void)takeSaved();
         loads = std::make_unique<QSignalSpy>(&state, &ContentState::foldersChanged);
+    }
+
+    void open() const
+    {
+        window->open();
+        QVERIFY(QTest::qWaitForWindowActive(window.get()));
+    }
+
+    /// Returns whether the store was read or written since the window opened first.
+    [[nodiscard]] bool wasTouched() { return loads->count() > 0 || wasSaved(); }
+
+    /// Returns whether the window manager has set this state of the window.
+    [[nodiscard]] bool has(const char* name) const
+    {
+        return run("xprop",
+                   {QStringLiteral("-id"), QString::number(window->winId()), QStringLiteral("_NET_WM_STATE")})
+            .contains(QByteArray("_NET_WM_STATE_") + name);
     }
 
     std::unique_ptr<MainWindow> window;
@@ -102,7 +117,7 @@ struct WindowBench : ContentStateFixture {
 
 } // namespace
 
-/// What a window manager does with the window. Needs a desktop of its own.
+/// The window with a window manager. Needs a desktop of its own.
 class TestMainWindowOnX11 : public QObject
 {
     Q_OBJECT
@@ -110,130 +125,90 @@ class TestMainWindowOnX11 : public QObject
 private Q_SLOTS:
     void initTestCase() { QCOMPARE(QGuiApplication::platformName(), QStringLiteral("xcb")); }
 
-    void itIsLeftOutOfTaskbarAndPagerAtEveryOpening();
-    void itIsLeftOutStillAfterItWasMinimised();
-    void minimisedByTheWindowManagerItNeitherLoadsNorSavesAndIsRestored();
-    void anotherWorkspaceNeitherLoadsNorSaves();
-    void openingBringsItInFrontOfOtherWindows();
-    void openingItForAnotherStartEndsThatStart();
-    void closedByTheWindowManagerItSaves();
-    void itIsOnTheScreenAtItsFirstSize();
+    void everyOpeningIsLeftOutOfTaskbarAndPager()
+    {
+        const WindowFixture fixture;
+        for (int opening = 0; opening < 3; ++opening) {
+            QTRY_VERIFY(fixture.has("SKIP_TASKBAR"));
+            QVERIFY(fixture.has("SKIP_PAGER"));
+            fixture.window->close();
+            // The window manager removes the states when the window is unmapped.
+            QTRY_VERIFY(!fixture.has("SKIP_TASKBAR"));
+            fixture.open();
+        }
+    }
+
+    void minimisingNeitherLoadsNorSavesAndIsUndone()
+    {
+        WindowFixture fixture;
+        fixture.state.setValue(fixture.rule(0).id, QStringLiteral("not saved yet"));
+        run("xdotool", {QStringLiteral("windowminimize"), QString::number(fixture.window->winId())});
+        QTRY_VERIFY(fixture.window->isMinimized());
+        QTRY_VERIFY(fixture.has("HIDDEN"));
+        QVERIFY(fixture.has("SKIP_TASKBAR"));
+        fixture.open();
+        QTRY_VERIFY(!fixture.window->isMinimized());
+        QTRY_VERIFY(!fixture.has("HIDDEN"));
+        QVERIFY(fixture.has("SKIP_TASKBAR"));
+        QVERIFY(!fixture.wasTouched());
+    }
+
+    void anotherWorkspaceNeitherLoadsNorSaves()
+    {
+        WindowFixture fixture;
+        xdotool("set_desktop 1");
+        QTRY_VERIFY(!fixture.window->isActiveWindow());
+        fixture.settle();
+        QVERIFY(!fixture.wasTouched());
+        xdotool("set_desktop 0");
+        fixture.open();
+        QVERIFY(!fixture.wasTouched());
+    }
+
+    void openingBringsItInFrontOfOtherWindows()
+    {
+        const WindowFixture fixture;
+        QWidget other;
+        other.resize(1200, 700);
+        other.show();
+        other.activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&other));
+        fixture.open();
+        const QByteArray last = QByteArray::number(fixture.window->winId(), 16);
+        QTRY_VERIFY(run("xprop", {QStringLiteral("-root"), QStringLiteral("_NET_CLIENT_LIST_STACKING")})
+                        .trimmed()
+                        .endsWith(last));
+    }
+
+    void openingItForAnotherStartEndsThatStart()
+    {
+        WindowFixture fixture;
+        const StartupMessages messages;
+        fixture.window->open();
+        fixture.window->open(QStringLiteral("panel/some \"program\"/1-0_TIME7"));
+        fixture.window->open(QStringLiteral("0123456"));
+        // The second fills a piece, so its end needs another one.
+        QByteArray expected = ">remove: ID=\"panel/some \\\"program\\\"/1-0_TIME7\"|>remove: ID=\"0123456\"|";
+        auto received = [&messages, all = QByteArray()]() mutable { return all += messages.take(); };
+        QTRY_COMPARE(received(), expected);
+        fixture.window->close();
+        fixture.window->open(QStringLiteral("of a closed window"));
+        expected += ">remove: ID=\"of a closed window\"|";
+        QTRY_COMPARE(received(), expected);
+    }
+
+    void itsFirstSizeIsOnTheScreen()
+    {
+        const WindowFixture fixture;
+        const QRect screen = fixture.window->screen()->availableGeometry();
+        QTRY_VERIFY(screen.contains(fixture.window->frameGeometry()));
+    }
 };
 
-void TestMainWindowOnX11::itIsLeftOutOfTaskbarAndPagerAtEveryOpening()
+HARBEX_MAIN(TestMainWindowOnX11)
 {
-    WindowBench bench;
-    for (int opening = 0; opening < 3; ++opening) {
-        QTRY_VERIFY(statesOf(*bench.window).contains(QStringLiteral("_NET_WM_STATE_SKIP_TASKBAR")));
-        QVERIFY(statesOf(*bench.window).contains(QStringLiteral("_NET_WM_STATE_SKIP_PAGER")));
-        bench.window->close();
-        // The window manager takes the states away from a window that is withdrawn.
-        QTRY_VERIFY(!statesOf(*bench.window).contains(QStringLiteral("SKIP_TASKBAR")));
-        bench.window->open();
-        QVERIFY(QTest::qWaitForWindowActive(bench.window.get()));
-    }
-}
-
-void TestMainWindowOnX11::itIsLeftOutStillAfterItWasMinimised()
-{
-    WindowBench bench;
-    bench.window->showMinimized();
-    QTRY_VERIFY(statesOf(*bench.window).contains(QStringLiteral("HIDDEN")));
-    QVERIFY(statesOf(*bench.window).contains(QStringLiteral("SKIP_TASKBAR")));
-    bench.window->open();
-    QTRY_VERIFY(!statesOf(*bench.window).contains(QStringLiteral("HIDDEN")));
-    QVERIFY(statesOf(*bench.window).contains(QStringLiteral("SKIP_TASKBAR")));
-}
-
-void TestMainWindowOnX11::minimisedByTheWindowManagerItNeitherLoadsNorSavesAndIsRestored()
-{
-    WindowBench bench;
-    bench.state.setValue(bench.rule(0).id, QStringLiteral("not saved yet"));
-    outputOf(QStringLiteral("xdotool"),
-             {QStringLiteral("windowminimize"), QString::number(bench.window->winId())});
-    QTRY_VERIFY(bench.window->isMinimized());
-    bench.window->open();
-    QTRY_VERIFY(!bench.window->isMinimized());
-    QVERIFY(QTest::qWaitForWindowActive(bench.window.get()));
-    QCOMPARE(bench.loads->count(), 0);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestMainWindowOnX11::anotherWorkspaceNeitherLoadsNorSaves()
-{
-    WindowBench bench;
-    const auto go = [](const char* workspace) {
-        outputOf(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QString::fromLatin1(workspace)});
-    };
-    go("1");
-    QTRY_VERIFY(!bench.window->isActiveWindow());
-    bench.settle();
-    QCOMPARE(bench.loads->count(), 0);
-    QVERIFY(!bench.wasSaved());
-    go("0");
-    bench.window->open();
-    QVERIFY(QTest::qWaitForWindowActive(bench.window.get()));
-    QCOMPARE(bench.loads->count(), 0);
-    QVERIFY(!bench.wasSaved());
-}
-
-void TestMainWindowOnX11::openingBringsItInFrontOfOtherWindows()
-{
-    WindowBench bench;
-    QWidget other;
-    other.resize(1200, 700);
-    other.show();
-    other.activateWindow();
-    QVERIFY(QTest::qWaitForWindowActive(&other));
-    bench.window->open();
-    QVERIFY(QTest::qWaitForWindowActive(bench.window.get()));
-    QTRY_VERIFY(outputOf(QStringLiteral("xprop"),
-                         {QStringLiteral("-root"), QStringLiteral("_NET_CLIENT_LIST_STACKING")})
-                    .trimmed()
-                    .endsWith(QString::number(bench.window->winId(), 16)));
-}
-
-void TestMainWindowOnX11::openingItForAnotherStartEndsThatStart()
-{
-    WindowBench bench;
-    const StartupMessages messages;
-    bench.window->open();
-    bench.window->open(QStringLiteral("panel/some \"program\"/1-0_TIME7"));
-    bench.window->open(QStringLiteral("0123456"));
-    // The second fills a piece, so that its end comes in one more.
-    QByteArray expected = R"(>remove: ID="panel/some \"program\"/1-0_TIME7"|>remove: ID="0123456"|)";
-    auto received = [&messages, all = QByteArray()]() mutable { return all += messages.take(); };
-    QTRY_COMPARE(received(), expected);
-    bench.window->close();
-    bench.window->open(QStringLiteral("of a closed window"));
-    expected += R"(>remove: ID="of a closed window"|)";
-    QTRY_COMPARE(received(), expected);
-}
-
-void TestMainWindowOnX11::closedByTheWindowManagerItSaves()
-{
-    WindowBench bench;
-    // As its close button does. Openbox now and then handles one key only when the next one comes.
-    const auto isClosed = [&bench] { return !bench.window->isVisible(); };
-    for (int press = 0; press < 5 && !isClosed(); ++press) {
-        outputOf(QStringLiteral("xdotool"),
-                 {QStringLiteral("key"), QStringLiteral("--clearmodifiers"), QStringLiteral("alt+F4")});
-        (void)QTest::qWaitFor(isClosed, 1000);
-    }
-    QVERIFY(isClosed());
-    QVERIFY(bench.wasSaved());
-}
-
-void TestMainWindowOnX11::itIsOnTheScreenAtItsFirstSize()
-{
-    const WindowBench bench;
-    const QRect screen = bench.window->screen()->availableGeometry();
-    QTRY_VERIFY(screen.contains(bench.window->frameGeometry()));
-}
-
-int main(int argc, char** argv)
-{
-    // The display is that of the desktop around it; the rest is the own home of the test.
+    // Unlike HARBEX_WINDOW_TEST, this uses the display of the surrounding desktop.
     return runTest<QApplication, TestMainWindowOnX11>(argc, argv);
 }
+
 #include "tst_MainWindowOnX11.moc"

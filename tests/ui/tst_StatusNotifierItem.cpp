@@ -25,6 +25,11 @@ QIcon coloredIcon()
     return {pixmap};
 }
 
+QString nameOfThisProcess()
+{
+    return QStringLiteral("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid());
+}
+
 } // namespace
 
 /// The status item as a panel finds it on the bus.
@@ -33,40 +38,201 @@ class TestStatusNotifierItem : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init()
+    {
+        m_bus = std::make_unique<SessionBus>();
+        m_menu = std::make_unique<QMenu>();
+        m_menu->addAction(QStringLiteral("Entry"));
+    }
 
-    void registersWithAPanelThatIsThere();
-    void registersWithAPanelThatStartsLater();
-    void registersAgainWhenThePanelRestarts();
-    void registersAgainWhenAnotherPanelTakesOver();
-    void isReachedUnderTheNameItRegisters();
-    void ownsANameOfItsProcess();
-    void registersUnderTheConnectionWhereTheNameIsTaken();
+    void cleanup()
+    {
+        m_shown.reset();
+        m_item.reset();
+        m_menu.reset();
+        m_panel.reset();
+        m_bus.reset();
+    }
 
-    void isShownWhereAPanelHasAHost();
-    void isNotShownWithoutAPanel();
-    void isNotShownByAWatcherWithoutHost();
-    void noticesAHostThatComesAndGoes();
-    void noticesAPanelThatComesAndGoes();
-    void tellsOfChangesOnly();
-    void isNotShownWithoutABus();
+    // Registration.
+    void isShownByAPanelThatIsThere()
+    {
+        QVERIFY(makeItemInPanel());
+        QTRY_COMPARE(m_shown->count(), 1);
+        QVERIFY(isShown());
+    }
 
-    void propertiesAreAsStated();
-    void clickOpensTheMenu();
-    void menuIsFoundWhereThePropertySays();
-    void iconIsSentInSeveralSizes();
-    void pixelsAreInNetworkByteOrder();
-    void iconThatCannotBeDrawnIsLeftOut();
+    void isShownByEveryPanelThatStartsLater()
+    {
+        makeItem();
+        QTRY_COMPARE(m_shown->count(), 1);
+        QVERIFY(!isShown());
+        for (int time = 0; time < 3; ++time) {
+            m_panel = std::make_unique<FakePanel>(*m_bus);
+            QTRY_COMPARE(m_panel->items(), QStringList(nameOfThisProcess()));
+            QTRY_VERIFY(isShown());
+            m_panel.reset();
+            QTRY_VERIFY(!isShown());
+        }
+    }
 
-    void activateAsksForTheMenuAtThePosition();
-    void contextMenuAsksForTheMenuAtThePosition();
-    void middleButtonAndWheelDoNothing();
+    void registersWithAPanelWithoutAHostAndWithTheNextOne()
+    {
+        const FakePanel first(*m_bus, false);
+        makeItem();
+        QTRY_COMPARE(m_shown->count(), 1);
+        QVERIFY(!isShown());
+        QCOMPARE(first.items().size(), 1);
+        // The name of the watcher changes its owner without a pause.
+        const FakePanel second(*m_bus);
+        QTRY_COMPARE(second.items().size(), 1);
+        QTRY_VERIFY(isShown());
+    }
 
-    void tokenServesOneClick();
-    void tokenOfAnImpossibleLengthIsNone();
-    void wrongCallsAreErrors_data();
-    void wrongCallsAreErrors();
+    void noticesEachChangeOfTheHostOnce()
+    {
+        FakePanel panel(*m_bus, false);
+        makeItem();
+        QTRY_COMPARE(m_shown->count(), 1);
+        for (const bool isThere : {true, false, true}) {
+            panel.setHost(isThere);
+            QTRY_COMPARE(isShown(), isThere);
+        }
+        panel.setHost(true); // a second host
+        panel.setHost(true);
+        panel.setHost(false);
+        QTRY_VERIFY(!isShown());
+        // The second reply comes after the item has handled all replies of the panel.
+        for (int call = 0; call < 2; ++call)
+            QVERIFY(panel.item().property("Id").isValid());
+        QCOMPARE(m_shown->count(), 5);
+    }
+
+    void isNotShownWithoutABus()
+    {
+        makeItem(QDBusConnection(QStringLiteral("no such connection")));
+        QTRY_COMPARE(m_shown->count(), 1);
+        QVERIFY(!isShown());
+    }
+
+    void registersUnderANameOfItsProcess()
+    {
+        const QDBusConnection connection = m_bus->connect();
+        QVERIFY(makeItemInPanel(connection));
+        QCOMPARE(m_panel->items(), QStringList(nameOfThisProcess()));
+        QCOMPARE(connection.interface()->serviceOwner(nameOfThisProcess()).value(), connection.baseService());
+    }
+
+    void registersUnderTheConnectionIfTheNameIsTaken()
+    {
+        QVERIFY(m_bus->connect().registerService(nameOfThisProcess()));
+        const QDBusConnection connection = m_bus->connect();
+        QVERIFY(makeItemInPanel(connection));
+        QCOMPARE(m_panel->items(), QStringList(connection.baseService()));
+        QCOMPARE(text("Id"), "harbex");
+    }
+
+    // Properties.
+    void propertiesDescribeTheItemAndItsMenu()
+    {
+        QVERIFY(makeItemInPanel());
+        QCOMPARE(text("Category"), "ApplicationStatus");
+        QCOMPARE(text("Id"), "harbex");
+        QCOMPARE(text("Title"), "Title");
+        QCOMPARE(text("Status"), "Active");
+        QCOMPARE(text("IconName"), "folder");
+        QCOMPARE(text("OverlayIconName"), "");
+        QCOMPARE(text("AttentionIconName"), "");
+        // A click opens the menu.
+        QCOMPARE(m_panel->item().property("ItemIsMenu"), QVariant(true));
+
+        const auto toolTip = qdbus_cast<StatusNotifierToolTip>(m_panel->item().property("ToolTip"));
+        QCOMPARE(toolTip.title, QStringLiteral("Title"));
+        QCOMPARE(toolTip.iconName + toolTip.text, QString());
+        QVERIFY(toolTip.iconPixmap.isEmpty());
+
+        const QDBusMessage label = m_panel->menu().call("GetProperty", {1, QStringLiteral("label")});
+        QCOMPARE(label.arguments().value(0).value<QDBusVariant>().variant(), QStringLiteral("Entry"));
+    }
+
+    void iconIsSentInTheSizesOfPanels()
+    {
+        QVERIFY(makeItemInPanel());
+        const auto pixmaps = qdbus_cast<QList<StatusNotifierPixmap>>(m_panel->item().property("IconPixmap"));
+        QList<int> widths;
+        for (const StatusNotifierPixmap& pixmap : pixmaps) {
+            QCOMPARE(pixmap.height, pixmap.width);
+            QCOMPARE(pixmap.pixels.size(), pixmap.width * pixmap.height * 4);
+            widths.append(pixmap.width);
+            // In network byte order, not multiplied with the transparency. A pixmap loses the last bit.
+            const auto channel = [&](int i) { return int(quint8(pixmap.pixels[i])); };
+            QCOMPARE(channel(0), color.alpha());
+            QVERIFY(qAbs(channel(1) - color.red()) <= 1);
+            QVERIFY(qAbs(channel(2) - color.green()) <= 1);
+            QVERIFY(qAbs(channel(3) - color.blue()) <= 1);
+        }
+        QCOMPARE(widths, QList<int>({16, 22, 24, 32, 48, 64}));
+    }
+
+    void iconThatCannotBeDrawnIsLeftOut()
+    {
+        makeItem(m_bus->connect(), QIcon(QStringLiteral(":/no/such/icon.svg")));
+        QVERIFY(m_item->iconPixmap().isEmpty());
+    }
+
+    // Calls of the panel.
+    void leftAndRightClickAskForTheMenuOtherButtonsDoNothing()
+    {
+        QVERIFY(makeItemInPanel());
+        QSignalSpy requested(m_item.get(), &StatusNotifierItem::menuRequested);
+        QVERIFY(m_panel->item().accepts("Activate", {12, 345}));
+        QCOMPARE(requested.takeFirst(), QVariantList({QPoint(12, 345)}));
+        QVERIFY(m_panel->item().accepts("ContextMenu", {-1, INT_MAX}));
+        QCOMPARE(requested.takeFirst(), QVariantList({QPoint(-1, INT_MAX)}));
+        QVERIFY(m_panel->item().accepts("SecondaryActivate", {1, 2}));
+        QVERIFY(m_panel->item().accepts("Scroll", {1, QStringLiteral("vertical")}));
+        QCOMPARE(requested.count(), 0);
+    }
+
+    void latestTokenServesOneClick()
+    {
+        QVERIFY(makeItemInPanel());
+        QCOMPARE(m_item->takeActivationToken(), QString());
+        for (const QString& token : {QStringLiteral("early"), QStringLiteral("late")})
+            QVERIFY(m_panel->item().accepts("ProvideXdgActivationToken", {token}));
+        QCOMPARE(m_item->takeActivationToken(), QStringLiteral("late"));
+        QCOMPARE(m_item->takeActivationToken(), QString());
+    }
+
+    void tokenOfMoreThan1024BytesIsDropped()
+    {
+        makeItem();
+        m_item->ProvideXdgActivationToken(QString(1024, u'x'));
+        QCOMPARE(m_item->takeActivationToken().size(), 1024);
+        for (const QString& token : {QString(1025, u'x'), QString(1000, u'\u00e9')}) {
+            m_item->ProvideXdgActivationToken(token);
+            QCOMPARE(m_item->takeActivationToken(), QString());
+        }
+    }
+
+    void wrongCallsAreErrors()
+    {
+        const NamedCall calls[] = {
+            {"no position", "Activate", {}},
+            {"half a position", "ContextMenu", {1}},
+            {"a position of strings", "Activate", {QStringLiteral("1"), QStringLiteral("2")}},
+            {"a token that is none", "ProvideXdgActivationToken", {1}},
+            {"an unknown method", "Quit", {}},
+            {"a slot of QObject", "deleteLater", {}},
+            {"a function for the program only", "takeActivationToken", {}},
+        };
+        QVERIFY(makeItemInPanel());
+        const QSignalSpy requested(m_item.get(), &StatusNotifierItem::menuRequested);
+        for (const NamedCall& call : calls)
+            QVERIFY2(!m_panel->item().accepts(call.method, call.arguments), call.name);
+        QCOMPARE(text("Id"), "harbex");
+        QCOMPARE(requested.count(), 0);
+    }
 
 private:
     void makeItem(const QDBusConnection& connection, const QIcon& icon = coloredIcon())
@@ -76,334 +242,29 @@ private:
         m_shown.emplace(m_item.get(), &StatusNotifierItem::shownChanged);
     }
     void makeItem() { makeItem(m_bus->connect()); }
-    [[nodiscard]] bool wasLastShown() const { return m_shown->last().at(0).toBool(); }
+
+    /// Starts a panel and creates the item. Returns whether the item registers.
+    [[nodiscard]] bool makeItemInPanel(const QDBusConnection& connection)
+    {
+        m_panel = std::make_unique<FakePanel>(*m_bus);
+        makeItem(connection);
+        return m_panel->waitForItem();
+    }
+    [[nodiscard]] bool makeItemInPanel() { return makeItemInPanel(m_bus->connect()); }
+
+    [[nodiscard]] bool isShown() const { return m_shown->last().at(0).toBool(); }
+    /// Returns a property as the panel reads it.
+    [[nodiscard]] QByteArray text(const char* property) const
+    {
+        return m_panel->item().property(property).toString().toUtf8();
+    }
 
     std::unique_ptr<SessionBus> m_bus;
+    std::unique_ptr<FakePanel> m_panel;
     std::unique_ptr<QMenu> m_menu;
     std::unique_ptr<StatusNotifierItem> m_item;
     std::optional<QSignalSpy> m_shown;
 };
 
-void TestStatusNotifierItem::init()
-{
-    m_bus = std::make_unique<SessionBus>();
-    m_menu = std::make_unique<QMenu>();
-    m_menu->addAction(QStringLiteral("Entry"));
-}
-
-void TestStatusNotifierItem::cleanup()
-{
-    m_shown.reset();
-    m_item.reset();
-    m_menu.reset();
-    m_bus.reset();
-}
-
-void TestStatusNotifierItem::registersWithAPanelThatIsThere()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-}
-
-void TestStatusNotifierItem::registersWithAPanelThatStartsLater()
-{
-    makeItem();
-    QTRY_COMPARE(m_shown->count(), 1);
-    const FakePanel panel(*m_bus);
-    QTRY_COMPARE(panel.items().size(), 1);
-    QTRY_VERIFY(wasLastShown());
-}
-
-void TestStatusNotifierItem::registersAgainWhenThePanelRestarts()
-{
-    auto panel = std::make_unique<FakePanel>(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel->items().size(), 1);
-    const QStringList items = panel->items();
-    for (int restart = 0; restart < 3; ++restart) {
-        panel.reset();
-        panel = std::make_unique<FakePanel>(*m_bus);
-        QTRY_COMPARE(panel->items(), items);
-    }
-}
-
-void TestStatusNotifierItem::registersAgainWhenAnotherPanelTakesOver()
-{
-    // The watcher's name passes from one to the other without a moment in between.
-    const FakePanel first(*m_bus, false);
-    makeItem();
-    QTRY_COMPARE(m_shown->count(), 1);
-    QVERIFY(!wasLastShown());
-    const FakePanel second(*m_bus);
-    QTRY_COMPARE(second.items().size(), 1);
-    QTRY_VERIFY(wasLastShown());
-}
-
-void TestStatusNotifierItem::isReachedUnderTheNameItRegisters()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    QCOMPARE(panel.item().property(QStringLiteral("Id")), QVariant(QStringLiteral("harbex")));
-}
-
-void TestStatusNotifierItem::ownsANameOfItsProcess()
-{
-    const FakePanel panel(*m_bus);
-    const QDBusConnection connection = m_bus->connect();
-    makeItem(connection);
-    QTRY_COMPARE(panel.items().size(), 1);
-    const QString name = panel.items().first();
-    QCOMPARE(name, QStringLiteral("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid()));
-    QCOMPARE(connection.interface()->serviceOwner(name).value(), connection.baseService());
-}
-
-void TestStatusNotifierItem::registersUnderTheConnectionWhereTheNameIsTaken()
-{
-    QDBusConnection other = m_bus->connect();
-    QVERIFY(other.registerService(
-        QStringLiteral("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid())));
-    const FakePanel panel(*m_bus);
-    const QDBusConnection connection = m_bus->connect();
-    makeItem(connection);
-    QTRY_COMPARE(panel.items(), QStringList(connection.baseService()));
-    QCOMPARE(panel.item().property(QStringLiteral("Id")), QVariant(QStringLiteral("harbex")));
-}
-
-void TestStatusNotifierItem::isShownWhereAPanelHasAHost()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(m_shown->count(), 1);
-    QVERIFY(wasLastShown());
-}
-
-void TestStatusNotifierItem::isNotShownWithoutAPanel()
-{
-    makeItem();
-    QTRY_COMPARE(m_shown->count(), 1);
-    QVERIFY(!wasLastShown());
-}
-
-void TestStatusNotifierItem::isNotShownByAWatcherWithoutHost()
-{
-    const FakePanel panel(*m_bus, false);
-    makeItem();
-    QTRY_COMPARE(m_shown->count(), 1);
-    QVERIFY(!wasLastShown());
-    // It registers all the same: the host that comes finds it.
-    QCOMPARE(panel.items().size(), 1);
-}
-
-void TestStatusNotifierItem::noticesAHostThatComesAndGoes()
-{
-    FakePanel panel(*m_bus, false);
-    makeItem();
-    QTRY_COMPARE(m_shown->count(), 1);
-    panel.setHost(true);
-    QTRY_VERIFY(wasLastShown());
-    panel.setHost(false);
-    QTRY_VERIFY(!wasLastShown());
-}
-
-void TestStatusNotifierItem::noticesAPanelThatComesAndGoes()
-{
-    makeItem();
-    QTRY_COMPARE(m_shown->count(), 1);
-    for (int time = 0; time < 3; ++time) {
-        auto panel = std::make_unique<FakePanel>(*m_bus);
-        QTRY_VERIFY(wasLastShown());
-        panel.reset();
-        QTRY_VERIFY(!wasLastShown());
-    }
-}
-
-void TestStatusNotifierItem::tellsOfChangesOnly()
-{
-    FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(m_shown->count(), 1);
-    panel.setHost(true); // a second host
-    panel.setHost(true);
-    panel.setHost(false);
-    QTRY_COMPARE(m_shown->count(), 2);
-    QVERIFY(!wasLastShown());
-}
-
-void TestStatusNotifierItem::isNotShownWithoutABus()
-{
-    makeItem(QDBusConnection(QStringLiteral("no such connection")));
-    QTRY_COMPARE(m_shown->count(), 1);
-    QVERIFY(!wasLastShown());
-}
-
-void TestStatusNotifierItem::propertiesAreAsStated()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    const RemoteObject item = panel.item();
-    const auto text = [&](const char* name) { return item.property(QLatin1String(name)).toString(); };
-    QCOMPARE(text("Category"), QStringLiteral("ApplicationStatus"));
-    QCOMPARE(text("Id"), QStringLiteral("harbex"));
-    QCOMPARE(text("Title"), QStringLiteral("Title"));
-    QCOMPARE(text("Status"), QStringLiteral("Active"));
-    QCOMPARE(text("IconName"), QStringLiteral("folder"));
-    QCOMPARE(text("OverlayIconName"), QString());
-    QCOMPARE(text("AttentionIconName"), QString());
-
-    const auto toolTip = qdbus_cast<StatusNotifierToolTip>(item.property(QStringLiteral("ToolTip")));
-    QCOMPARE(toolTip.title, QStringLiteral("Title"));
-    QCOMPARE(toolTip.iconName + toolTip.text, QString());
-    QVERIFY(toolTip.iconPixmap.isEmpty());
-}
-
-void TestStatusNotifierItem::clickOpensTheMenu()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    QCOMPARE(panel.item().property(QStringLiteral("ItemIsMenu")), QVariant(true));
-}
-
-void TestStatusNotifierItem::menuIsFoundWhereThePropertySays()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    const QDBusMessage answer =
-        panel.menu().call(QStringLiteral("GetProperty"), {1, QStringLiteral("label")});
-    QCOMPARE(answer.arguments().value(0).value<QDBusVariant>().variant(), QStringLiteral("Entry"));
-}
-
-void TestStatusNotifierItem::iconIsSentInSeveralSizes()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    const auto pixmaps =
-        qdbus_cast<QList<StatusNotifierPixmap>>(panel.item().property(QStringLiteral("IconPixmap")));
-    QList<int> widths;
-    for (const StatusNotifierPixmap& pixmap : pixmaps) {
-        QCOMPARE(pixmap.height, pixmap.width);
-        QCOMPARE(pixmap.pixels.size(), pixmap.width * pixmap.height * 4);
-        widths.append(pixmap.width);
-    }
-    // Those of panels, once and twice as dense.
-    QCOMPARE(widths, QList<int>({16, 22, 24, 32, 48, 64}));
-}
-
-void TestStatusNotifierItem::pixelsAreInNetworkByteOrder()
-{
-    makeItem();
-    const QList<StatusNotifierPixmap> pixmaps = m_item->iconPixmap();
-    QVERIFY(!pixmaps.isEmpty());
-    for (const StatusNotifierPixmap& pixmap : pixmaps) {
-        const auto channel = [&](int i) { return int(quint8(pixmap.pixels[i])); };
-        QCOMPARE(channel(0), color.alpha());
-        // Not multiplied with the transparency, give or take what the picture's own form loses.
-        QVERIFY(qAbs(channel(1) - color.red()) <= 1);
-        QVERIFY(qAbs(channel(2) - color.green()) <= 1);
-        QVERIFY(qAbs(channel(3) - color.blue()) <= 1);
-    }
-}
-
-void TestStatusNotifierItem::iconThatCannotBeDrawnIsLeftOut()
-{
-    makeItem(m_bus->connect(), QIcon(QStringLiteral(":/no/such/icon.svg")));
-    QVERIFY(m_item->iconPixmap().isEmpty());
-}
-
-void TestStatusNotifierItem::activateAsksForTheMenuAtThePosition()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    QSignalSpy requested(m_item.get(), &StatusNotifierItem::menuRequested);
-    QCOMPARE(panel.item().call(QStringLiteral("Activate"), {12, 345}).type(), QDBusMessage::ReplyMessage);
-    QCOMPARE(requested.takeFirst(), QVariantList({QPoint(12, 345)}));
-}
-
-void TestStatusNotifierItem::contextMenuAsksForTheMenuAtThePosition()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    QSignalSpy requested(m_item.get(), &StatusNotifierItem::menuRequested);
-    QCOMPARE(panel.item().call(QStringLiteral("ContextMenu"), {-1, INT_MAX}).type(),
-             QDBusMessage::ReplyMessage);
-    QCOMPARE(requested.takeFirst(), QVariantList({QPoint(-1, INT_MAX)}));
-}
-
-void TestStatusNotifierItem::middleButtonAndWheelDoNothing()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    const QSignalSpy requested(m_item.get(), &StatusNotifierItem::menuRequested);
-    QCOMPARE(panel.item().call(QStringLiteral("SecondaryActivate"), {1, 2}).type(),
-             QDBusMessage::ReplyMessage);
-    QCOMPARE(panel.item().call(QStringLiteral("Scroll"), {1, QStringLiteral("vertical")}).type(),
-             QDBusMessage::ReplyMessage);
-    QCOMPARE(requested.count(), 0);
-}
-
-void TestStatusNotifierItem::tokenServesOneClick()
-{
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    QCOMPARE(m_item->takeActivationToken(), QString());
-    for (const char* token : {"early", "late"}) {
-        QCOMPARE(panel.item()
-                     .call(QStringLiteral("ProvideXdgActivationToken"), {QString::fromLatin1(token)})
-                     .type(),
-                 QDBusMessage::ReplyMessage);
-    }
-    QCOMPARE(m_item->takeActivationToken(), QStringLiteral("late"));
-    QCOMPARE(m_item->takeActivationToken(), QString());
-}
-
-void TestStatusNotifierItem::tokenOfAnImpossibleLengthIsNone()
-{
-    makeItem();
-    m_item->ProvideXdgActivationToken(QString(1024, u'x'));
-    QCOMPARE(m_item->takeActivationToken().size(), 1024);
-    m_item->ProvideXdgActivationToken(QString(1025, u'x'));
-    QCOMPARE(m_item->takeActivationToken(), QString());
-    m_item->ProvideXdgActivationToken(QString(1000, u'\u00e9'));
-    QCOMPARE(m_item->takeActivationToken(), QString());
-}
-
-void TestStatusNotifierItem::wrongCallsAreErrors_data()
-{
-    QTest::addColumn<QString>("method");
-    QTest::addColumn<QVariantList>("arguments");
-    const auto row = [](const char* name, const char* method, const QVariantList& arguments) {
-        QTest::newRow(name) << QString::fromLatin1(method) << arguments;
-    };
-    row("no position", "Activate", {});
-    row("half a position", "ContextMenu", {1});
-    row("a position of strings", "Activate", {QStringLiteral("1"), QStringLiteral("2")});
-    row("a token that is none", "ProvideXdgActivationToken", {1});
-    row("an unknown method", "Quit", {});
-    row("what QObject has", "deleteLater", {});
-    row("what only the program may do", "takeActivationToken", {});
-}
-
-void TestStatusNotifierItem::wrongCallsAreErrors()
-{
-    QFETCH(QString, method);
-    QFETCH(QVariantList, arguments);
-    const FakePanel panel(*m_bus);
-    makeItem();
-    QTRY_COMPARE(panel.items().size(), 1);
-    const QSignalSpy requested(m_item.get(), &StatusNotifierItem::menuRequested);
-    QCOMPARE(panel.item().call(method, arguments).type(), QDBusMessage::ErrorMessage);
-    QCOMPARE(panel.item().property(QStringLiteral("Id")), QVariant(QStringLiteral("harbex")));
-    QCOMPARE(requested.count(), 0);
-}
-
-HARBEX_WINDOW_TEST_MAIN(TestStatusNotifierItem)
+HARBEX_WINDOW_TEST(TestStatusNotifierItem)
 #include "tst_StatusNotifierItem.moc"

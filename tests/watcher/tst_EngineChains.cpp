@@ -1,252 +1,192 @@
-#include "support/EngineOutput.h"
-#include "support/EngineProbe.h"
-
-#include <QRegularExpression>
-
-#include <memory>
+#include "support/EngineTest.h"
 
 using namespace harbex;
 using namespace harbex::test;
 
+namespace
+{
+
+/// Folders of which each has a rule for the next one, and the last has a rule for the first.
+struct Ring {
+    std::string name;
+    bool isNameTaken = false;
+    std::vector<Inbox> folders = {};
+};
+
+} // namespace
+
 /// Rules that lead from one watched folder into another, and rules of several records.
-class TestEngineChains : public QObject
+class TestEngineChains : public EngineTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-
-    void anEntryThatReturnsByRulesStays_data();
-    void anEntryThatReturnsByRulesStays();
-    void whatAPersonBringsBackIsNew();
-    void whatAPersonBringsBackGoesRoundAgain();
-    void aChainOfFoldersLeadsToItsEnd_data();
-    void aChainOfFoldersLeadsToItsEnd();
-
-    void twoRecordsOfOneFolderAreOneList_data();
-    void twoRecordsOfOneFolderAreOneList();
-    void aBusyFileOfTwoRecordsIsMovedOnceAndSkippedOnce();
-
-private:
-    /// A folder on this volume or on another one.
-    [[nodiscard]] std::string makeFolder(const char* name, bool isFar) const
+    void anEntryThatReturnsByRulesStays()
     {
-        return (isFar ? *m_far : *m_scratch).makeFolder(name);
-    }
-
-    std::unique_ptr<ScratchFolder> m_scratch;
-    std::unique_ptr<ScratchFolder> m_far;
-    std::unique_ptr<EngineOutput> m_output;
-};
-
-void TestEngineChains::init()
-{
-    m_scratch = std::make_unique<ScratchFolder>();
-    m_far = std::make_unique<ScratchFolder>(folderOnAnotherVolume());
-    m_output = std::make_unique<EngineOutput>();
-}
-
-void TestEngineChains::cleanup()
-{
-    m_output.reset();
-}
-
-void TestEngineChains::anEntryThatReturnsByRulesStays_data()
-{
-    QTest::addColumn<int>("folders");
-    QTest::addColumn<bool>("isFar");
-    QTest::addColumn<bool>("isNameTaken");
-    for (const int folders : {2, 3}) {
-        for (const bool isFar : {false, true}) {
-            for (const bool isNameTaken : {false, true})
-                QTest::addRow("%d folders on %s%s", folders, isFar ? "two volumes" : "one volume",
-                              isNameTaken ? ", its name is taken" : "")
-                    << folders << isFar << isNameTaken;
+        const ScratchFolder far(folderOnAnotherVolume());
+        std::vector<Ring> rings;
+        for (const int count : {2, 3}) {
+            for (const bool isFar : {false, true}) {
+                for (const bool isNameTaken : {false, true}) {
+                    Ring& ring = rings.emplace_back("ring" + std::to_string(rings.size()), isNameTaken);
+                    for (int i = 0; i < count; ++i) {
+                        ring.folders.emplace_back(isFar && i == 1 ? far : *m_scratch,
+                                                  ring.name + " folder " + std::to_string(i));
+                        // The entry gets another name there.
+                        if (isNameTaken && i > 0)
+                            writeFile(ring.folders.back().path + '/' + ring.name + ".jpg", "old");
+                    }
+                }
+            }
+        }
+        std::vector<WatchedFolder> records;
+        std::vector<Inbox> inboxes;
+        for (const Ring& ring : rings) {
+            for (size_t i = 0; i < ring.folders.size(); ++i) {
+                const std::string& next = ring.folders[(i + 1) % ring.folders.size()].path;
+                records.push_back(ring.folders[i].with({takeAll(next)}));
+                inboxes.push_back(ring.folders[i]);
+            }
+        }
+        QVERIFY(start(records));
+        for (const Ring& ring : rings) {
+            m_scratch->arrive(ring.folders[0].path + '/' + ring.name + ".jpg", "photo");
+            makeFolder(ring.folders[0].path + '/' + ring.name + " notes");
+        }
+        const auto countMoves = [this](const Ring& ring) {
+            return log(("Moved " + ring.name).c_str()).size();
+        };
+        for (const Ring& ring : rings)
+            QVERIFY(waitFor([&] { return countMoves(ring) == qsizetype(2 * ring.folders.size()); }));
+        // An entry that goes round again leaves the first folder before the sentinels have passed twice.
+        QVERIFY(sentinelsPass(inboxes));
+        QVERIFY(sentinelsPass(inboxes));
+        for (const Ring& ring : rings) {
+            QCOMPARE(countMoves(ring), qsizetype(2 * ring.folders.size()));
+            const std::string& first = ring.folders[0].path;
+            const std::string photo = ring.name + (ring.isNameTaken ? "-1.jpg" : ".jpg");
+            QCOMPARE(namesIn(first), QByteArrayList({QByteArray::fromStdString(ring.name + " notes"),
+                                                     QByteArray::fromStdString(photo)}));
+            QCOMPARE(contents(first + '/' + photo), QByteArray("photo"));
+            for (size_t i = 1; i < ring.folders.size(); ++i)
+                QCOMPARE(namesIn(ring.folders[i].path).size(), ring.isNameTaken ? 1 : 0);
         }
     }
-}
 
-/// Each folder's rule names the next one, and that of the last the first.
-void TestEngineChains::anEntryThatReturnsByRulesStays()
-{
-    QFETCH(const int, folders);
-    QFETCH(const bool, isFar);
-    QFETCH(const bool, isNameTaken);
-    std::vector<std::string> paths;
-    for (int i = 0; i < folders; ++i) {
-        paths.push_back(makeFolder(("folder" + std::to_string(i)).c_str(), isFar && i % 2 == 1));
-        // It has another name from there on.
-        if (isNameTaken && i != 0) writeFile(paths.back() + "/photo.jpg", "old");
+    void anEntryThatAPersonBringsBackIsNew()
+    {
+        const Inbox second(*m_scratch, "second");
+        const std::string third = newFolder("third");
+        const std::string notes = second.path + "/Notes";
+        // The second folder has no rule for the entry, but it is watched.
+        QVERIFY(start(
+            {watched(m_inbox, {takeAll(second.path)}), second.with({}), watched(third, {takeAll(m_inbox)})}));
+        arriveFolder("Notes");
+        for (int times = 1; times <= 4; ++times) {
+            QVERIFY(waitFor([&] { return exists(notes); }));
+            QVERIFY(second.sentinel.foldersPass(engine()));
+            QCOMPARE(namesIn(second.path), QByteArrayList{"Notes"});
+            QCOMPARE(log("Moved Notes").size(), times);
+            if (times < 4) renameEntry(notes, m_inbox + "/Notes");
+        }
+        // From the third folder a rule moves it to the first one, where it has not been by a rule.
+        renameEntry(notes, third + "/Notes");
+        QVERIFY(waitFor([&] { return log("Moved Notes").size() == 6; }));
+        QCOMPARE(namesIn(second.path), QByteArrayList{"Notes"});
+
+        // Another entry of that name is new, too.
+        const std::string another = newFolder("another");
+        writeFile(another + "/note.txt", "another");
+        renameEntry(another, m_inbox + "/Notes");
+        QVERIFY(waitFor([&] { return contents(second.path + "/Notes-1/note.txt") == "another"; }));
     }
-    std::vector<std::unique_ptr<Sentinel>> sentinels;
-    std::vector<WatchedFolder> records;
-    for (size_t i = 0; i < paths.size(); ++i) {
-        sentinels.push_back(std::make_unique<Sentinel>(i % 2 == 1 && isFar ? *m_far : *m_scratch, paths[i]));
-        records.push_back(
-            watched(paths[i], {sentinels.back()->rule(), takeAll(paths[(i + 1) % paths.size()])}));
+
+    void anEntryThatAPersonBringsBackGoesRoundAgain()
+    {
+        const std::string second = newFolder("second");
+        const std::string away = at("photo.jpg");
+        writeFile(away, "photo");
+        QVERIFY(start({inboxWith({takeAll(second)}), watched(second, {takeAll(m_inbox)})}));
+        for (int times = 1; times <= 3; ++times) {
+            renameEntry(away, m_inbox + "/photo.jpg");
+            QVERIFY(waitFor([&] { return log("Moved photo").size() == 2 * times; }));
+            QVERIFY(sentinelPasses());
+            QCOMPARE(namesIn(m_inbox), QByteArrayList{"photo.jpg"});
+            renameEntry(m_inbox + "/photo.jpg", away);
+            // After this the engine has noticed the removal.
+            QVERIFY(sentinelPasses());
+        }
+        QCOMPARE(log("Moved photo").size(), 6);
     }
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, records));
-    m_scratch->arrive(paths[0] + "/photo.jpg", "photo");
-    m_scratch->makeFolder("Notes");
-    renameEntry(m_scratch->path() + "/Notes", paths[0] + "/Notes");
-    const QRegularExpression either(QStringLiteral("^Moved (photo|Notes)"));
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(either).size(), 2 * folders, patience);
-    // Would it go round again, it would have left the first folder by the time that each has sent something.
-    for (int round = 0; round < 2; ++round)
-        for (const auto& sentinel : sentinels)
-            QVERIFY(sentinel->passes(engine));
-    QCOMPARE(messages(engine).filter(either).size(), 2 * folders);
-    const QByteArray name = isNameTaken ? "photo-1.jpg" : "photo.jpg";
-    QCOMPARE(namesIn(paths[0]), QByteArrayList({"Notes", name}));
-    QCOMPARE(contents(paths[0] + '/' + name.toStdString()), QByteArray("photo"));
-    for (size_t i = 1; i < paths.size(); ++i)
-        QCOMPARE(namesIn(paths[i]), isNameTaken ? QByteArrayList{"photo.jpg"} : QByteArrayList());
-}
 
-void TestEngineChains::whatAPersonBringsBackIsNew()
-{
-    const std::string first = m_scratch->makeFolder("first");
-    const std::string second = m_scratch->makeFolder("second");
-    const std::string third = m_scratch->makeFolder("third");
-    Sentinel inSecond(*m_scratch, second);
-    DownloadImageRedirector engine;
-    // The second one moves nothing but is watched all the same.
-    QVERIFY(startAndWait(engine, {watched(first, {takeAll(second)}), watched(second, {inSecond.rule()}),
-                                  watched(third, {takeAll(first)})}));
-    m_scratch->arrive(first + "/photo.jpg", "photo");
-    for (int times = 1; times <= 3; ++times) {
-        QTRY_VERIFY_WITH_TIMEOUT(exists(second + "/photo.jpg"), patience);
-        QVERIFY(inSecond.passes(engine));
-        QCOMPARE(namesIn(second), QByteArrayList{"photo.jpg"});
-        QCOMPARE(messages(engine).filter(QStringLiteral("Moved photo")).size(), times);
-        renameEntry(second + "/photo.jpg", first + "/photo.jpg");
+    void aChainOfFoldersLeadsToItsEnd()
+    {
+        constexpr int count = 20;
+        const ScratchFolder far(folderOnAnotherVolume());
+        std::vector<std::vector<std::string>> chains;
+        std::vector<WatchedFolder> records;
+        for (const bool isFar : {false, true}) {
+            std::vector<std::string> chain;
+            for (int i = 0; i < 4; ++i)
+                chain.push_back((isFar && i % 2 == 1 ? far : *m_scratch)
+                                    .makeFolder((isFar ? "far " : "near ") + std::to_string(i)));
+            for (size_t i = 0; i < 3; ++i)
+                records.push_back(watched(chain[i], {takeAll(chain[i + 1])}));
+            records.push_back(watched(chain[3], {}));
+            chains.push_back(chain);
+        }
+        QVERIFY(start(records));
+        for (int i = 0; i < count; ++i)
+            for (const auto& chain : chains)
+                m_scratch->arrive(chain[0] + '/' + std::to_string(i), std::to_string(i));
+        QVERIFY(waitFor([&] { return log("Moved ").size() == qsizetype(chains.size()) * 3 * count; }));
+        for (const auto& chain : chains) {
+            for (int i = 0; i < count; ++i)
+                QCOMPARE(contents(chain[3] + '/' + std::to_string(i)), QByteArray::number(i));
+            for (size_t i = 0; i < 3; ++i)
+                QCOMPARE(namesIn(chain[i]), QByteArrayList());
+        }
+        QCOMPARE(log("failed"), QStringList());
     }
-    QTRY_VERIFY_WITH_TIMEOUT(exists(second + "/photo.jpg"), patience);
-    QVERIFY(inSecond.passes(engine));
 
-    // By a rule it gets there for the first time, and from there on.
-    renameEntry(second + "/photo.jpg", third + "/photo.jpg");
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(QStringLiteral("Moved photo")).size(), 6, patience);
-    QCOMPARE(namesIn(second), QByteArrayList{"photo.jpg"});
-
-    // And another entry of that name is another entry.
-    m_scratch->arrive(first + "/photo.jpg", "another");
-    QTRY_COMPARE_WITH_TIMEOUT(contents(second + "/photo-1.jpg"), QByteArray("another"), patience);
-}
-
-void TestEngineChains::whatAPersonBringsBackGoesRoundAgain()
-{
-    const std::string first = m_scratch->makeFolder("first");
-    const std::string second = m_scratch->makeFolder("second");
-    const std::string away = m_scratch->path() + "/photo.jpg";
-    Sentinel sentinel(*m_scratch, first);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(
-        engine, {watched(first, {sentinel.rule(), takeAll(second)}), watched(second, {takeAll(first)})}));
-    writeFile(away, "photo");
-    for (int times = 1; times <= 3; ++times) {
-        renameEntry(away, first + "/photo.jpg");
-        QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(QStringLiteral("Moved photo")).size(), 2 * times,
-                                  patience);
-        QVERIFY(sentinel.passes(engine));
-        QCOMPARE(namesIn(first), QByteArrayList{"photo.jpg"});
-        renameEntry(first + "/photo.jpg", away);
-        // The engine has seen that it is gone.
-        QVERIFY(sentinel.passes(engine));
+    void twoRecordsOfOneFolderAreOneList()
+    {
+        const auto take = [this](RuleKind kind, const char* folder) {
+            return takeKind(kind, newFolder(folder));
+        };
+        const std::string wrong = newFolder("wrong");
+        QVERIFY(start(
+            {inboxWith({take(RuleKind::audio, "songs"), take(RuleKind::video, "films"),
+                        takeKind(RuleKind::image, at("missing")), takeKind(RuleKind::application, m_inbox)}),
+             watched(newFolder("other"), {}),
+             watched(m_inbox, {take(RuleKind::document, "letters"), take(RuleKind::image, "photos"),
+                               takeKind(RuleKind::video, wrong), takeKind(RuleKind::application, wrong)})}));
+        QCOMPARE(engine().activeFDs().size(), 3U);
+        struct {
+            const char* description;
+            std::string name;
+            std::string folder;
+        } const cases[] = {
+            {"only the first record takes it", "song.mp3", "songs"},
+            {"only the second record takes it", "letter.pdf", "letters"},
+            {"both take it", "film.mp4", "films"},
+            {"the first record's folder is missing", "photo.jpg", "photos"},
+            {"the first record says that it stays", "game.exe", "inbox"},
+            {"none takes it", "README", "inbox"},
+        };
+        for (const auto& each : cases)
+            arrive(each.name, "content");
+        QVERIFY(isLogged(moved("photo.jpg")));
+        QVERIFY(sentinelPasses());
+        for (const auto& each : cases) {
+            QVERIFY2(contents(at(each.folder) + '/' + each.name) == "content", each.description);
+            const QByteArray pieces = QByteArray::fromStdString(each.name).replace(".", "\", \"");
+            QCOMPARE(countPrinted("[\"" + pieces + "\"]"), 1);
+        }
+        QCOMPARE(namesIn(wrong), QByteArrayList());
     }
-    QCOMPARE(messages(engine).filter(QStringLiteral("Moved photo")).size(), 6);
-}
+};
 
-void TestEngineChains::aChainOfFoldersLeadsToItsEnd_data()
-{
-    QTest::addColumn<bool>("isFar");
-    QTest::newRow("one volume") << false;
-    QTest::newRow("two volumes") << true;
-}
-
-void TestEngineChains::aChainOfFoldersLeadsToItsEnd()
-{
-    QFETCH(const bool, isFar);
-    constexpr int count = 20;
-    const std::string first = makeFolder("first", false);
-    const std::string second = makeFolder("second", isFar);
-    const std::string third = makeFolder("third", false);
-    const std::string end = makeFolder("end", isFar);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(first, {takeAll(second)}), watched(second, {takeAll(third)}),
-                                  watched(third, {takeAll(end)}), watched(end, {})}));
-    for (int i = 0; i < count; ++i)
-        m_scratch->arrive(first + '/' + std::to_string(i), std::to_string(i));
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(QStringLiteral("Moved ")).size(), 3 * count, patience);
-    for (int i = 0; i < count; ++i)
-        QCOMPARE(contents(end + '/' + std::to_string(i)), QByteArray::number(i));
-    for (const std::string& passed : {first, second, third})
-        QCOMPARE(namesIn(passed), QByteArrayList());
-    QCOMPARE(messages(engine).filter(QStringLiteral("failed")), QStringList());
-}
-
-void TestEngineChains::twoRecordsOfOneFolderAreOneList_data()
-{
-    QTest::addColumn<QByteArray>("name");
-    QTest::addColumn<QByteArray>("destination");
-    QTest::newRow("only the first record takes it") << QByteArray("song.mp3") << QByteArray("songs");
-    QTest::newRow("only the second record takes it") << QByteArray("letter.pdf") << QByteArray("letters");
-    QTest::newRow("both take it") << QByteArray("film.mp4") << QByteArray("films");
-    QTest::newRow("the first record's folder is missing") << QByteArray("photo.jpg") << QByteArray("photos");
-    QTest::newRow("the first record says that it stays") << QByteArray("game.exe") << QByteArray("inbox");
-    QTest::newRow("none takes it") << QByteArray("README") << QByteArray("inbox");
-}
-
-void TestEngineChains::twoRecordsOfOneFolderAreOneList()
-{
-    QFETCH(const QByteArray, name);
-    QFETCH(const QByteArray, destination);
-    const std::string inbox = m_scratch->makeFolder("inbox");
-    const auto make = [this](const char* folder) { return m_scratch->makeFolder(folder); };
-    Sentinel sentinel(*m_scratch, inbox);
-    const std::string wrong = make("wrong");
-    const std::vector<FilterRule> first = {
-        sentinel.rule(), takeKind(RuleKind::audio, make("songs")), takeKind(RuleKind::video, make("films")),
-        takeKind(RuleKind::image, m_scratch->path() + "/missing"), takeKind(RuleKind::application, inbox)};
-    const std::vector<FilterRule> second = {
-        takeKind(RuleKind::document, make("letters")), takeKind(RuleKind::image, make("photos")),
-        takeKind(RuleKind::video, wrong), takeKind(RuleKind::application, wrong)};
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(inbox, first), watched(m_scratch->makeFolder("other"), {}),
-                                  watched(inbox, second)}));
-    QCOMPARE(engine.activeFDs().size(), 3U);
-    m_scratch->arrive(inbox + '/' + name.toStdString(), "content");
-    QVERIFY(sentinel.passes(engine));
-    const std::string target = m_scratch->path() + '/' + destination.toStdString() + '/' + name.toStdString();
-    QTRY_COMPARE_WITH_TIMEOUT(contents(target), QByteArray("content"), patience);
-    QVERIFY(sentinel.passes(engine));
-    QCOMPARE(contents(target), QByteArray("content"));
-    QCOMPARE(m_output->lines().count("[\"" + QByteArray(name).replace(".", "\", \"") + "\"]"), 1);
-}
-
-void TestEngineChains::aBusyFileOfTwoRecordsIsMovedOnceAndSkippedOnce()
-{
-    const std::string inbox = m_scratch->makeFolder("inbox");
-    const std::string first = m_scratch->makeFolder("first");
-    const std::string second = m_scratch->makeFolder("second");
-    Sentinel sentinel(*m_scratch, inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(
-        engine, {watched(inbox, {sentinel.rule(), takeAll(first)}), watched(inbox, {takeAll(second)})}));
-    GrowingFiles download({inbox + "/film.mp4"});
-    // It arrived later, so that its two tests end after the first of both rules.
-    QVERIFY(sentinel.passes(engine));
-    QVERIFY(sentinel.passes(engine));
-    download.stop();
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(QStringLiteral("film")).size(), 2, patience);
-    QCOMPARE(countMessages(engine, QStringLiteral("Moved film.mp4 -> film.mp4")), 1);
-    QCOMPARE(countMessages(engine, QStringLiteral("Skipped busy file: film.mp4")), 1);
-    QCOMPARE(namesIn(first).size() + namesIn(second).size(), 1);
-    QCOMPARE(namesIn(inbox), QByteArrayList());
-}
-
-HARBEX_ENGINE_TEST_MAIN(TestEngineChains)
+HARBEX_ENGINE_TEST(TestEngineChains)
 
 #include "tst_EngineChains.moc"

@@ -1,622 +1,421 @@
-#include "support/EngineOutput.h"
-#include "support/EngineProbe.h"
 #include "support/EngineResources.h"
-#include "support/SyscallInterceptor.h"
+#include "support/EngineTest.h"
 
 #include <QElapsedTimer>
-#include <QRegularExpression>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
-#include <iterator>
-#include <memory>
+#include <filesystem>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace harbex;
 using namespace harbex::test;
 
-namespace
-{
-
-QString moved(const char* name, const char* target = nullptr)
-{
-    return QStringLiteral("Moved ") + QString::fromUtf8(name) + QStringLiteral(" -> ") +
-           QString::fromUtf8(target ? target : name);
-}
-
-QString skipped(const char* name)
-{
-    return QStringLiteral("Skipped busy file: ") + QString::fromUtf8(name);
-}
-
-} // namespace
-
-/// What becomes of an entry once a rule has matched it: the tests whether it has stopped growing, and the
-/// move.
-class TestEngineMoves : public QObject
+/// An entry after a rule has matched it: the tests whether it has stopped growing, and the move.
+class TestEngineMoves : public EngineTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void aFileIsMovedAfterTwoTests()
+    {
+        QVERIFY(start({takeAll(m_out)}));
+        QElapsedTimer timer;
+        timer.start();
+        arrive("photo.jpg", "content");
+        arrive("empty");
+        std::FILE* download = std::fopen((m_inbox + "/pauses.mp4").c_str(), "wx");
+        QVERIFY(download);
+        QVERIFY(waitFor([&] { return log().size() > 1; }));
+        static_assert(EntryPipeline::samplingInterval == std::chrono::milliseconds(150));
+        QVERIFY2(timer.elapsed() >= 300, qPrintable(QString::number(timer.elapsed())));
 
-    // Waiting for an entry to settle.
-    void aStableEntryIsSampledTwice();
-    void anEmptyFileIsStable();
-    void aDownloadThatPausesIsMovedEarly();
-    void aDownloadThatGrowsAtItsFirstTestIsTriedOnceMoreASecondLater();
-    void aDownloadThatStillGrowsASecondLaterIsSkippedForGood();
-    void anEntryThatGrowsBetweenItsTwoTestsIsSkippedForGood();
-    void anEntrySkippedAtItsSecondTestIsTakenByTheNextRule();
-    void aBusyEntryOfTwoRulesIsMovedOnceAndSkippedOnce();
-    void aBusyEntryThatIsGoneASecondLaterIsSkipped();
-    void aFolderIsMovedHoweverBusyItsContents();
-    void aFolderAndALinkToOneWaitForNoSampling();
+        QVERIFY(hasNames(m_out, {"empty", "pauses.mp4", "photo.jpg"}));
+        std::fputs("the rest", download);
+        std::fclose(download);
+        QCOMPARE(contents(m_out + "/photo.jpg"), QByteArray("content"));
+        QCOMPARE(contents(m_out + "/empty"), QByteArray());
+        QCOMPARE(contents(m_out + "/pauses.mp4"), QByteArray("the rest"));
+        QCOMPARE(namesIn(m_inbox), QByteArrayList());
+        for (const char* name : {"photo.jpg", "empty", "pauses.mp4"})
+            QVERIFY(isLogged(moved(name)));
+    }
 
-    // Where it goes.
-    void aTakenNameGetsANumber();
-    void whateverStandsAtTheDestinationKeepsItsPlace();
-    void entriesOfOneNameFromTwoFoldersAreBothKept();
-    void aRuleWhoseMoveFailsLeavesTheEntryToTheNext();
-    void aDestinationThatCannotTakeItIsLogged_data();
-    void aDestinationThatCannotTakeItIsLogged();
-    void aDestinationThatVanishesIsLogged();
-    void aNameThatIsTakenAtTheLastMomentIsLogged();
-    void anEntryOfAnotherFolderInThePlaceOfItsOwnStays();
-    void anEntryWhoseDestinationIsItsOwnFolderStays_data();
-    void anEntryWhoseDestinationIsItsOwnFolderStays();
+    void aFileThatGrowsAtItsFirstTestIsTriedOnceMoreASecondLater()
+    {
+        QVERIFY(start({takeAll(m_out)}));
+        QElapsedTimer timer;
+        timer.start();
+        GrowingFiles stops({m_inbox + "/stops.mp4"});
+        GrowingFiles vanishes({m_inbox + "/vanishes.mp4"});
+        GrowingFiles grows({m_inbox + "/grows.mp4"});
+        // The sentinel arrived later: its two tests end after the first test of these files.
+        QVERIFY(sentinelPasses());
+        stops.stop();
+        removeEntry(m_inbox + "/vanishes.mp4");
+        QVERIFY(isLogged(moved("stops.mp4")));
+        // The first test, a second, and the second test.
+        QVERIFY2(timer.elapsed() >= 150 + 1000 + 150, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY(isLogged(skipped("vanishes.mp4")));
+        QVERIFY(isLogged(skipped("grows.mp4")));
+        grows.stop();
 
-    void anEntryMovesToAnotherVolume();
-    void aBusyEntryOfTwoRulesGoesToAnotherVolumeOnce();
+        // A later file that gets its second attempt shows that the earlier ones get no third attempt.
+        GrowingFiles other({m_inbox + "/other.mp4"});
+        QVERIFY(sentinelPasses());
+        other.stop();
+        QVERIFY(isLogged(moved("other.mp4")));
+        QCOMPARE(namesIn(m_inbox), QByteArrayList{"grows.mp4"});
+        QCOMPARE(namesIn(m_out), QByteArrayList({"other.mp4", "stops.mp4"}));
+        QCOMPARE(log(".mp4").size(), 4);
+        QCOMPARE(countPrinted("Moving stops.mp4 to out..."), 1);
+        QCOMPARE(countPrinted("Moving grows.mp4 to out..."), 0);
+    }
 
-    void aStandardOutputThatNobodyReadsDisturbsNothing();
-    void aClosedStandardOutputDisturbsNothing();
+    /// The samples are: the first, its confirmation, the ends of both tests, and one right before the move.
+    void aFileThatGrowsBeforeASampleIsMovedOrSkipped()
+    {
+        struct {
+            std::string name;
+            int sample;
+            QStringList log;
+            std::string folder;
+        } const cases[] = {
+            {"one-1", 1, {moved("one-1")}, "out"},
+            {"one-2", 2, {moved("one-2")}, "out"},
+            {"one-3", 3, {moved("one-3")}, "out"},
+            {"one-4", 4, {skipped("one-4")}, "inbox"},
+            {"one-5", 5, {moved("one-5")}, "out"},
+            {"two-1", 1, {moved("two-1")}, "out"},
+            {"two-2", 2, {moved("two-2")}, "out"},
+            // The first rule tries again after a second and does not find the file.
+            {"two-3", 3, {moved("two-3"), skipped("two-3")}, "next"},
+            {"two-4", 4, {skipped("two-4"), moved("two-4")}, "next"},
+            {"two-5", 5, {moved("two-5")}, "out"},
+            {"two-empty-1", 1, {moved("two-empty-1")}, "out"},
+            {"two-empty-2", 2, {moved("two-empty-2")}, "out"},
+            {"two-empty-3", 3, {moved("two-empty-3"), skipped("two-empty-3")}, "next"},
+        };
+        const std::string next = newFolder("next");
+        const auto work = [&] {
+            if (!start({takeAll(m_out), takeNamed(RuleOperator::contains, "two", next)})) return false;
+            for (const auto& each : cases)
+                arrive(each.name, each.name.starts_with("two-empty") ? "" : "begin");
+            return waitFor([&] { return log("one-").size() == 5 && log("two-").size() == 11; }) &&
+                   sentinelPasses();
+        };
+        std::vector<SampleAction> actions;
+        for (const auto& each : cases) {
+            const std::string path = m_inbox + '/' + each.name;
+            actions.push_back({path, each.sample, [path] { appendToFile(path, " and end"); }});
+        }
+        const InterceptedRun run = runInChild(actions, work);
+        QVERIFY(run.succeeded());
+        for (const auto& each : cases) {
+            QCOMPARE(childLog().filter(QString::fromStdString(each.name)), each.log);
+            const QByteArray content = each.name.starts_with("two-empty") ? " and end" : "begin and end";
+            QCOMPARE(contents(at(each.folder) + '/' + each.name), content);
+        }
+    }
 
-private:
-    std::unique_ptr<ScratchFolder> m_scratch;
-    std::unique_ptr<EngineOutput> m_output;
-    std::string m_inbox;
-    std::string m_out;
+    /// The large file is copied to another volume, which takes until after the second attempt is due.
+    void aBusyFileOfTwoRulesIsMovedOnceAndSkippedOnce()
+    {
+        constexpr qint64 largeSize = 64 << 20;
+        const std::string other = newFolder("other");
+        const ScratchFolder far(folderOnAnotherVolume());
+        const Inbox farInbox(far, "inbox");
+        const std::vector<FilterRule> rules = {takeKind(RuleKind::video, m_out), takeAll(other)};
+        QVERIFY(start({inboxWith(rules), farInbox.with(rules)}));
+        GrowingFiles films({m_inbox + "/film-0.mp4", m_inbox + "/film-1.mp4", far.path() + "/large.mp4"});
+        appendToFile(far.path() + "/large.mp4", std::string(largeSize, 'x'));
+        renameEntry(far.path() + "/large.mp4", farInbox.path + "/large.mp4");
+        // The sentinels arrived later: their two tests end after the first tests for both rules.
+        QVERIFY(Sentinel::allPass(engine(), {m_sentinel.get(), &farInbox.sentinel}));
+        films.stop();
+        QVERIFY(waitFor([&] { return log(".mp4").size() == 6; }));
+        for (const char* name : {"film-0.mp4", "film-1.mp4", "large.mp4"}) {
+            QCOMPARE(countMessages(engine(), moved(name)), 1);
+            QCOMPARE(countMessages(engine(), skipped(name)), 1);
+        }
+        QCOMPARE(namesIn(m_inbox) + namesIn(farInbox.path), QByteArrayList());
+        QCOMPARE(namesIn(m_out).size() + namesIn(other).size(), 3);
+        const std::string copy = (exists(m_out + "/large.mp4") ? m_out : other) + "/large.mp4";
+        QVERIFY(std::filesystem::file_size(copy) > largeSize);
+    }
+
+    void aFolderIsMovedWhileItsContentsGrow()
+    {
+        const std::string app = newFolder("Tool.app");
+        const std::string notes = newFolder("Notes");
+        const GrowingFiles contents({app + "/log", notes + "/log"});
+        QVERIFY(start({takeAll(m_out)}));
+        renameEntry(app, m_inbox + "/Tool.app");
+        renameEntry(notes, m_inbox + "/Notes");
+        QVERIFY(isLogged(moved("Tool.app")));
+        QVERIFY(isLogged(moved("Notes")));
+        QCOMPARE(namesIn(m_out), QByteArrayList({"Notes", "Tool.app"}));
+        QCOMPARE(log().size(), 3);
+    }
+
+    /// They arrive after a file and are moved before it.
+    void aFolderAndALinkToOneAreNotSampled()
+    {
+        QVERIFY(start({takeAll(m_out)}));
+        bool isFileLast = false;
+        // On a busy machine the file can be moved before the folder exists.
+        for (int i = 0; i < 20 && !isFileLast; ++i) {
+            const std::string number = std::to_string(i);
+            arrive("file" + number);
+            const QByteArray found = "Processing: file" + QByteArray::number(i);
+            QVERIFY(waitFor([&] { return countPrinted(found) > 0; }));
+            arriveFolder("folder" + number);
+            makeLink(m_inbox + "/link" + number, m_out);
+            QVERIFY(waitFor([&] { return log().size() == 1 + 3 * (i + 1); }));
+            QCOMPARE(namesIn(m_inbox), QByteArrayList());
+            isFileLast = log().last() == moved("file" + number);
+        }
+        QVERIFY(isFileLast);
+    }
+
+    void aTakenNameGetsANumber()
+    {
+        const std::vector<std::string> old = {"report.pdf",     "photo.jpg", "photo-1.jpg", "gap.jpg",
+                                              "gap-2.jpg",      "README",    ".env",        "Photo.JPG",
+                                              "archive.tar.gz", "Tool.app",  "original.txt"};
+        for (const std::string& name : old)
+            writeFile(m_out + '/' + name, "old");
+        makeLink(m_out + "/dangling.txt", "nowhere");
+        makeLink(m_out + "/link.txt", "original.txt");
+        makeFolder(m_out + "/folder.txt");
+        makeFolder(m_out + "/Notes");
+
+        const std::vector<std::pair<std::string, std::string>> targets = {
+            {"free.txt", "free.txt"},
+            {"report.pdf", "report-1.pdf"},
+            {"photo.jpg", "photo-2.jpg"},
+            {"gap.jpg", "gap-1.jpg"},
+            {"archive.tar.gz", "archive.tar-1.gz"},
+            {"README", "README-1"},
+            {".env", ".env-1"},
+            {"Photo.JPG", "Photo-1.JPG"},
+            {"dangling.txt", "dangling-1.txt"},
+            {"link.txt", "link-1.txt"},
+            {"folder.txt", "folder-1.txt"},
+        };
+        QVERIFY(start({takeAll(m_out)}));
+        for (const auto& [name, target] : targets)
+            arrive(name, "new");
+        arriveFolder("Notes");
+        arriveFolder("Tool.app");
+        for (const auto& [name, target] : targets) {
+            QVERIFY(isLogged(moved(name, target)));
+            QVERIFY2(contents(m_out + '/' + target) == "new", target.c_str());
+        }
+        QVERIFY(isLogged(moved("Notes", "Notes-1")));
+        QVERIFY(isLogged(moved("Tool.app", "Tool-1.app")));
+
+        for (const std::string& name : old)
+            QVERIFY2(contents(m_out + '/' + name) == "old", name.c_str());
+        QVERIFY(!exists(m_out + "/nowhere"));
+        QVERIFY(namesIn(m_out + "/Notes").isEmpty() && namesIn(m_out + "/folder.txt").isEmpty());
+        QCOMPARE(namesIn(m_out).size(), qsizetype(old.size() + 4 + targets.size() + 2));
+    }
+
+    void filesOfOneNameFromTwoFoldersAreBothKept()
+    {
+        constexpr int count = 50;
+        const std::string second = newFolder("second");
+        QVERIFY(start({watched(m_inbox, {takeAll(m_out)}), watched(second, {takeAll(m_out)})}));
+        for (int i = 0; i < count; ++i) {
+            const std::string number = std::to_string(i);
+            arrive("photo" + number, "first" + number);
+            m_scratch->arrive(second + "/photo" + number, "second" + number);
+        }
+        QVERIFY(waitFor([&] { return log().size() == 1 + 2 * count; }));
+        QByteArrayList found;
+        for (const std::string& folder : {m_inbox, second, m_out})
+            for (const QByteArray& name : namesIn(folder))
+                found << contents(folder + '/' + name.toStdString());
+        QCOMPARE(found.size(), 2 * count);
+        for (int i = 0; i < count; ++i) {
+            QVERIFY(found.contains("first" + QByteArray::number(i)));
+            QVERIFY(found.contains("second" + QByteArray::number(i)));
+        }
+        // The two folders can choose the same free name. Then one move fails, and its file stays.
+        for (const QString& failure : log("Move failed"))
+            QVERIFY(failure.endsWith(QStringLiteral("File exists")));
+        QCOMPARE(namesIn(m_inbox).size() + namesIn(second).size(), log("Move failed").size());
+    }
+
+    void aFailedMoveIsLoggedAndTheNextRuleIsTried()
+    {
+        struct {
+            /// Matches by this name before the dot.
+            std::string destination;
+            const char* reason;
+        } const cases[] = {
+            {"missing", "No such file or directory"},  {"file", "Not a directory"},
+            {"forbidden", "Permission denied"},        {"dangling", "No such file or directory"},
+            {"computer", "No such file or directory"},
+        };
+        const WithoutPrivileges withoutPrivileges;
+        writeFile(at("file"), "");
+        makeLink(at("dangling"), "nowhere");
+        QCOMPARE(::chmod(newFolder("forbidden").c_str(), 0555), 0);
+        std::vector<FilterRule> rules;
+        for (const auto& each : cases)
+            rules.push_back(takeNamed(RuleOperator::isEqual, each.destination.c_str(), at(each.destination)));
+        rules.back().destination = FileUrl::fromString(QStringLiteral("https://example.org/folder"));
+        rules.push_back(takeExtension(RuleOperator::isEqual, "jpg", m_out));
+        QVERIFY(start(rules));
+        for (const auto& each : cases) {
+            arrive(each.destination, "content");
+            arrive(each.destination + ".jpg", "content");
+        }
+        for (const auto& each : cases) {
+            const std::string photo = each.destination + ".jpg";
+            QVERIFY(isLogged(moveFailed(each.destination, each.reason)));
+            QVERIFY(isLogged(moved(photo)));
+            QCOMPARE(log(photo.c_str()), QStringList({moveFailed(photo, each.reason), moved(photo)}));
+            QCOMPARE(countPrinted("Processing: " + QByteArray::fromStdString(photo)), 2);
+            QCOMPARE(contents(m_inbox + '/' + each.destination), QByteArray("content"));
+            QCOMPARE(contents(m_out + '/' + photo), QByteArray("content"));
+        }
+        QVERIFY(namesIn(at("forbidden")).isEmpty());
+        QVERIFY(!exists(at("missing")));
+    }
+
+    void aDestinationThatVanishesIsUsedAgainWhenItReturns()
+    {
+        QVERIFY(start({takeAll(m_out)}));
+        arriveFolder("a");
+        QVERIFY(isLogged(moved("a")));
+        removeEntry(m_out + "/a");
+        removeEntry(m_out);
+        arriveFolder("b");
+        QVERIFY(isLogged(moveFailed("b", "No such file or directory")));
+        makeFolder(m_out);
+        arriveFolder("c");
+        QVERIFY(isLogged(moved("c")));
+        QCOMPARE(namesIn(m_inbox), QByteArrayList{"b"});
+    }
+
+    void aNameThatIsTakenAtTheLastMomentIsLogged()
+    {
+        const auto work = [this] {
+            if (!start({takeAll(m_out)})) return false;
+            arrive("photo.jpg", "photo");
+            return isLogged(moveFailed("photo.jpg", "File exists"));
+        };
+        const InterceptedRun run = runInChild({"renameat2"}, work, [this](const InterceptedCall& call) {
+            if (call.ordinal == 1) writeFile(m_out + "/photo.jpg", "obstacle");
+            return Answer::proceed();
+        });
+        QVERIFY(run.succeeded());
+        QCOMPARE(run.calls, std::vector<std::string>{"renameat2 #1"});
+        QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("photo"));
+        QCOMPARE(contents(m_out + "/photo.jpg"), QByteArray("obstacle"));
+        QCOMPARE(namesIn(m_out), QByteArrayList{"photo.jpg"});
+    }
+
+    void anEntryOfAnotherFolderThatReplacedTheWatchedOneStays()
+    {
+        const std::string other = newFolder("other");
+        const QByteArray ofSameSize = "of another";
+        writeFile(other + "/photo.jpg", ofSameSize.toStdString());
+        const auto work = [this] {
+            if (!start({takeAll(m_out)})) return false;
+            arrive("photo.jpg", "of its own");
+            return isLogged(skipped("photo.jpg"));
+        };
+        // The fifth sample comes right before the move.
+        const SampleAction replace{m_inbox + "/photo.jpg", 5, [&] {
+                                       renameEntry(m_inbox, at("elsewhere"));
+                                       renameEntry(other, m_inbox);
+                                   }};
+        const InterceptedRun run = runInChild({replace}, work);
+        QVERIFY(run.succeeded());
+        QCOMPARE(childLog().size(), 2);
+        QCOMPARE(contents(m_inbox + "/photo.jpg"), ofSameSize);
+        QCOMPARE(namesIn(m_out), QByteArrayList());
+    }
+
+    void anEntryWhoseDestinationIsItsOwnFolderStays()
+    {
+        makeLink(at("link"), m_inbox);
+        const std::vector<std::pair<const char*, const char*>> paths = {
+            {"same", "/inbox"}, {"slash", "/inbox/"}, {"link", "/link"}, {"roundabout", "/out/../inbox/."}};
+        const QString base = FileUrl::fromPath(m_scratch->path()).absoluteString();
+        std::vector<FilterRule> rules;
+        for (const auto& [name, path] : paths) {
+            rules.push_back(takeNamed(RuleOperator::isEqual, name, m_inbox));
+            rules.back().destination = FileUrl::fromString(base + QString::fromUtf8(path));
+        }
+        rules.push_back(takeAll(m_out));
+        QVERIFY(start(rules));
+        for (const auto& [name, path] : paths)
+            arrive(std::string(name) + ".jpg");
+        arrive("letter.pdf");
+        QVERIFY(sentinelPasses());
+        QCOMPARE(namesIn(m_inbox), QByteArrayList({"link.jpg", "roundabout.jpg", "same.jpg", "slash.jpg"}));
+        QCOMPARE(namesIn(m_out), QByteArrayList{"letter.pdf"});
+        QCOMPARE(log(".jpg"), QStringList());
+        for (const auto& [name, path] : paths)
+            QCOMPARE(countPrinted(QByteArray("[\"") + name + "\", \"jpg\"]"), 1);
+    }
+
+    void entriesAreMovedToAnotherVolume()
+    {
+        const ScratchFolder far(folderOnAnotherVolume());
+        writeFile(far.path() + "/photo.jpg", "old");
+        const std::string notes = newFolder("Notes");
+        writeFile(notes + "/note.txt", "note");
+        writeFile(at("original.txt"), "original");
+        QVERIFY(start({takeAll(far.path())}));
+        arrive("photo.jpg", "new");
+        renameEntry(notes, m_inbox + "/Notes");
+        makeLink(m_inbox + "/link.txt", at("original.txt"));
+        QVERIFY(isLogged(moved("photo.jpg", "photo-1.jpg")));
+        QVERIFY(isLogged(moved("Notes")));
+        QVERIFY(isLogged(moved("link.txt")));
+        QCOMPARE(log().size(), 4);
+        QCOMPARE(namesIn(m_inbox), QByteArrayList());
+        QCOMPARE(namesIn(far.path()), QByteArrayList({"Notes", "link.txt", "photo-1.jpg", "photo.jpg"}));
+        QCOMPARE(contents(far.path() + "/photo.jpg"), QByteArray("old"));
+        QCOMPARE(contents(far.path() + "/photo-1.jpg"), QByteArray("new"));
+        QCOMPARE(contents(far.path() + "/Notes/note.txt"), QByteArray("note"));
+        QVERIFY(std::filesystem::is_symlink(far.path() + "/link.txt"));
+        QCOMPARE(contents(far.path() + "/link.txt"), QByteArray("original"));
+    }
+
+    void anUnusableStandardOutputStopsNoMove_data()
+    {
+        QTest::addColumn<bool>("isPipe");
+        QTest::newRow("nobody reads it") << true;
+        QTest::newRow("it cannot be written") << false;
+    }
+
+    void anUnusableStandardOutputStopsNoMove()
+    {
+        QFETCH(const bool, isPipe);
+        // As main() does. Qt Test replaces it by a handler that ends the test.
+        std::signal(SIGPIPE, SIG_IGN);
+        int ends[2];
+        QCOMPARE(::pipe2(ends, O_CLOEXEC), 0);
+        const FileDescriptor writing(ends[1]);
+        ::close(ends[0]);
+        const FileDescriptor readOnly(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const RedirectedOutput redirected((isPipe ? writing : readOnly).get());
+        QVERIFY(start({takeAll(m_out)}));
+        arriveFolder("Notes");
+        QVERIFY(isLogged(moved("Notes")));
+    }
 };
 
-void TestEngineMoves::init()
-{
-    m_scratch = std::make_unique<ScratchFolder>();
-    m_inbox = m_scratch->makeFolder("inbox");
-    m_out = m_scratch->makeFolder("out");
-    m_output = std::make_unique<EngineOutput>();
-}
-
-void TestEngineMoves::cleanup()
-{
-    m_output.reset();
-}
-
-void TestEngineMoves::aStableEntryIsSampledTwice()
-{
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    QElapsedTimer timer;
-    timer.start();
-    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("photo.jpg"), patience);
-    static_assert(EntryPipeline::samplingInterval == std::chrono::milliseconds(150));
-    QVERIFY2(timer.elapsed() >= 300, qPrintable(QString::number(timer.elapsed())));
-    QCOMPARE(contents(m_out + "/photo.jpg"), QByteArray("content"));
-    QVERIFY(!exists(m_inbox + "/photo.jpg"));
-}
-
-void TestEngineMoves::anEmptyFileIsStable()
-{
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    m_scratch->arrive(m_inbox + "/empty", "");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("empty"), patience);
-    QCOMPARE(contents(m_out + "/empty"), QByteArray(""));
-}
-
-void TestEngineMoves::aDownloadThatPausesIsMovedEarly()
-{
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    std::FILE* download = std::fopen((m_inbox + "/film.mp4").c_str(), "wx");
-    QVERIFY(download);
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("film.mp4"), patience);
-    std::fputs("the rest", download);
-    std::fclose(download);
-    QCOMPARE(contents(m_out + "/film.mp4"), QByteArray("the rest"));
-}
-
-void TestEngineMoves::aDownloadThatGrowsAtItsFirstTestIsTriedOnceMoreASecondLater()
-{
-    Sentinel sentinel(*m_scratch, m_inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {sentinel.rule(), takeAll(m_out)})}));
-    QElapsedTimer timer;
-    timer.start();
-    GrowingFiles download({m_inbox + "/film.mp4"});
-    // It arrived later, so that its two tests end after the first of the download.
-    QVERIFY(sentinel.passes(engine));
-    download.stop();
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("film.mp4"), patience);
-    // First test, a second, second test.
-    QVERIFY2(timer.elapsed() >= 150 + 1000 + 150, qPrintable(QString::number(timer.elapsed())));
-    QCOMPARE(m_output->lines().count("Moving film.mp4 to out..."), 1);
-    QCOMPARE(messages(engine).filter(QStringLiteral("film")).size(), 1);
-}
-
-void TestEngineMoves::aDownloadThatStillGrowsASecondLaterIsSkippedForGood()
-{
-    Sentinel sentinel(*m_scratch, m_inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {sentinel.rule(), takeAll(m_out)})}));
-    GrowingFiles download({m_inbox + "/film.mp4"});
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), skipped("film.mp4"), patience);
-    download.stop();
-
-    // Another one that gets its second chance shows that the first gets no third.
-    GrowingFiles other({m_inbox + "/other.mp4"});
-    QVERIFY(sentinel.passes(engine));
-    other.stop();
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("other.mp4"), patience);
-    QCOMPARE(namesIn(m_inbox), QByteArrayList{"film.mp4"});
-    QCOMPARE(messages(engine).filter(QStringLiteral("film")), QStringList{skipped("film.mp4")});
-    QVERIFY(!m_output->lines().contains("Moving film.mp4 to out..."));
-}
-
-/// Nothing shows from outside when the first test ends, so each of these files grows at another moment: the
-/// first during their first test, the last when they have been moved, some in between.
-void TestEngineMoves::anEntryThatGrowsBetweenItsTwoTestsIsSkippedForGood()
-{
-    constexpr int count = 24;
-    const auto nameOf = [](int i) { return "film-" + std::to_string(i) + ".mp4"; };
-    Sentinel sentinel(*m_scratch, m_inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {sentinel.rule(), takeAll(m_out)})}));
-
-    for (int i = 0; i < count; ++i)
-        m_scratch->arrive(m_inbox + '/' + nameOf(i), "begin");
-    for (int i = 0; i < count; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        const std::string path = m_inbox + '/' + nameOf(i);
-        if (std::FILE* file = std::fopen(path.c_str(), "r+")) {
-            std::fputs("begin and end", file);
-            std::fclose(file);
-        }
-    }
-    // Each has its one line, those that were busy at their first test a second later than the others.
-    const QRegularExpression film(QStringLiteral("film-"));
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(film).size(), count, patience);
-    QVERIFY(sentinel.passes(engine));
-    QCOMPARE(messages(engine).filter(film).size(), count);
-    int left = 0;
-    for (int i = 0; i < count; ++i) {
-        const QByteArray name = QByteArray::fromStdString(nameOf(i));
-        const bool isLeft = messages(engine).contains(skipped(name.constData()));
-        QVERIFY(isLeft != messages(engine).contains(moved(name.constData())));
-        QCOMPARE(exists(m_inbox + '/' + nameOf(i)), isLeft);
-        QCOMPARE(exists(m_out + '/' + nameOf(i)), !isLeft);
-        left += isLeft;
-    }
-    QVERIFY(left > 0);
-    QVERIFY(left < count);
-}
-
-void TestEngineMoves::anEntrySkippedAtItsSecondTestIsTakenByTheNextRule()
-{
-    constexpr int count = 24;
-    const std::string other = m_scratch->makeFolder("other");
-    std::vector<std::string> names;
-    for (int i = 0; i < count; ++i)
-        names.push_back("film-" + std::to_string(i) + ".mp4");
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out), takeAll(other)})}));
-    for (const std::string& name : names)
-        m_scratch->arrive(m_inbox + '/' + name, "begin");
-    for (const std::string& name : names) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        if (exists(m_inbox + '/' + name)) appendToFile(m_inbox + '/' + name, " and end");
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out).size() + namesIn(other).size(), count, patience);
-    // The line of one that the first rule moved at its delayed attempt, or found gone there, comes later.
-    int taken = 0;
-    const QStringList told = messages(engine);
-    for (const std::string& name : names) {
-        const qsizetype skip = told.indexOf(skipped(name.c_str()));
-        const qsizetype move = told.indexOf(moved(name.c_str()));
-        taken += skip >= 0 && skip < move && exists(other + '/' + name);
-    }
-    QVERIFY(taken > 0);
-}
-
-void TestEngineMoves::aBusyEntryOfTwoRulesIsMovedOnceAndSkippedOnce()
-{
-    constexpr int count = 20;
-    const std::string other = m_scratch->makeFolder("other");
-    std::vector<std::string> paths;
-    for (int i = 0; i < count; ++i)
-        paths.push_back(m_inbox + "/film-" + std::to_string(i) + ".mp4");
-    Sentinel sentinel(*m_scratch, m_inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(
-        engine, {watched(m_inbox, {sentinel.rule(), takeKind(RuleKind::video, m_out), takeAll(other)})}));
-    GrowingFiles downloads(paths);
-    // It arrived later, so that its two tests end after the first of both rules.
-    QVERIFY(sentinel.passes(engine));
-    downloads.stop();
-    const QRegularExpression film(QStringLiteral("film-"));
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(film).size(), 2 * count, patience);
-    QCOMPARE(namesIn(m_out).size() + namesIn(other).size(), count);
-    QVERIFY(namesIn(m_inbox).isEmpty());
-    for (int i = 0; i < count; ++i) {
-        const QByteArray name = "film-" + QByteArray::number(i) + ".mp4";
-        QCOMPARE(countMessages(engine, moved(name.constData())), 1);
-        QCOMPARE(countMessages(engine, skipped(name.constData())), 1);
-    }
-}
-
-void TestEngineMoves::aBusyEntryThatIsGoneASecondLaterIsSkipped()
-{
-    Sentinel sentinel(*m_scratch, m_inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {sentinel.rule(), takeAll(m_out)})}));
-    GrowingFiles download({m_inbox + "/film.mp4"});
-    QVERIFY(sentinel.passes(engine));
-    removeEntry(m_inbox + "/film.mp4");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), skipped("film.mp4"), patience);
-    QVERIFY(namesIn(m_out).isEmpty());
-}
-
-void TestEngineMoves::aFolderIsMovedHoweverBusyItsContents()
-{
-    const std::string prepared = m_scratch->makeFolder("Tool.app");
-    const std::string notes = m_scratch->makeFolder("Notes");
-    GrowingFiles contents({prepared + "/log", notes + "/log"});
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    renameEntry(prepared, m_inbox + "/Tool.app");
-    renameEntry(notes, m_inbox + "/Notes");
-    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList({"Notes", "Tool.app"}), patience);
-    contents.stop();
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).size(), 3, patience);
-    QCOMPARE(messages(engine).filter(QStringLiteral("Moved ")).size(), 2);
-}
-
-/// A file arrives first, and what comes after it is moved before it.
-void TestEngineMoves::aFolderAndALinkToOneWaitForNoSampling()
-{
-    const std::string folder = m_scratch->makeFolder("folder");
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    // On a busy machine the file can be moved before the folder has even been made.
-    bool wasFirst[] = {false, false};
-    for (int i = 0; i < 20 && !(wasFirst[0] && wasFirst[1]); ++i) {
-        const std::string number = std::to_string(i);
-        m_scratch->arrive(m_inbox + "/file" + number, "");
-        const QByteArray sampled = "Processing: file" + QByteArray::fromStdString(number);
-        QTRY_VERIFY_WITH_TIMEOUT(m_output->lines().contains(sampled), patience);
-        if (i % 2 == 0)
-            makeFolder(m_inbox + "/late" + number);
-        else
-            makeLink(m_inbox + "/late" + number, folder);
-        QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out).size(), 2 * (i + 1), patience);
-        QTRY_COMPARE_WITH_TIMEOUT(messages(engine).size(), 1 + 2 * (i + 1), patience);
-        if (lastMessage(engine) == moved(("file" + number).c_str())) wasFirst[i % 2] = true;
-    }
-    QVERIFY(wasFirst[0]);
-    QVERIFY(wasFirst[1]);
-}
-
-void TestEngineMoves::aTakenNameGetsANumber()
-{
-    struct {
-        QByteArray name;
-        QByteArrayList taken;
-        QByteArray target;
-    } const cases[] = {
-        {"free.txt", {}, "free.txt"},
-        {"report.pdf", {"report.pdf"}, "report-1.pdf"},
-        {"photo.jpg", {"photo.jpg", "photo-1.jpg"}, "photo-2.jpg"},
-        {"gap.jpg", {"gap.jpg", "gap-2.jpg"}, "gap-1.jpg"},
-        {"archive.tar.gz", {"archive.tar.gz"}, "archive.tar-1.gz"},
-        {"README", {"README"}, "README-1"},
-        {".env", {".env"}, ".env-1"},
-        {"Photo.JPG", {"Photo.JPG"}, "Photo-1.JPG"},
-    };
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    for (const auto& each : cases) {
-        for (const QByteArray& name : each.taken)
-            writeFile(m_out + '/' + name.toStdString(), "old");
-        m_scratch->arrive(m_inbox + '/' + each.name.toStdString(), "new");
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(static_cast<size_t>(messages(engine).size()), 1 + std::size(cases), patience);
-    for (const auto& each : cases) {
-        QVERIFY2(messages(engine).contains(moved(each.name.constData(), each.target.constData())),
-                 each.name.constData());
-        QCOMPARE(contents(m_out + '/' + each.target.toStdString()), QByteArray("new"));
-        for (const QByteArray& name : each.taken)
-            QCOMPARE(contents(m_out + '/' + name.toStdString()), QByteArray("old"));
-    }
-}
-
-void TestEngineMoves::whateverStandsAtTheDestinationKeepsItsPlace()
-{
-    makeLink(m_out + "/dangling.txt", "nowhere");
-    makeLink(m_out + "/link.txt", "original.txt");
-    writeFile(m_out + "/original.txt", "original");
-    makeFolder(m_out + "/folder.txt");
-    makeFolder(m_out + "/Notes");
-    writeFile(m_out + "/Tool.app", "a file");
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    for (const char* name : {"/dangling.txt", "/link.txt", "/folder.txt"})
-        m_scratch->arrive(m_inbox + name, "new");
-    makeFolder(m_inbox + "/Notes");
-    makeFolder(m_inbox + "/Tool.app");
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).size(), 6, patience);
-    QCOMPARE(namesIn(m_out),
-             QByteArrayList({"Notes", "Notes-1", "Tool-1.app", "Tool.app", "dangling-1.txt", "dangling.txt",
-                             "folder-1.txt", "folder.txt", "link-1.txt", "link.txt", "original.txt"}));
-    QCOMPARE(contents(m_out + "/original.txt"), QByteArray("original"));
-    QCOMPARE(contents(m_out + "/Tool.app"), QByteArray("a file"));
-    QVERIFY(!exists(m_out + "/nowhere"));
-}
-
-void TestEngineMoves::entriesOfOneNameFromTwoFoldersAreBothKept()
-{
-    constexpr int count = 50;
-    const std::string second = m_scratch->makeFolder("second");
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)}), watched(second, {takeAll(m_out)})}));
-    for (int i = 0; i < count; ++i) {
-        const std::string name = "/photo" + std::to_string(i) + ".jpg";
-        m_scratch->arrive(m_inbox + name, "first" + std::to_string(i));
-        m_scratch->arrive(second + name, "second" + std::to_string(i));
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).size(), 1 + 2 * count, patience);
-    // Two folders can choose the same name in the same moment. Then one of the moves fails, and its entry
-    // stays.
-    QByteArrayList found;
-    for (const std::string& folder : {m_inbox, second, m_out})
-        for (const QByteArray& name : namesIn(folder))
-            found << contents(folder + '/' + name.toStdString());
-    QCOMPARE(found.size(), 2 * count);
-    for (int i = 0; i < count; ++i) {
-        QVERIFY(found.contains("first" + QByteArray::number(i)));
-        QVERIFY(found.contains("second" + QByteArray::number(i)));
-    }
-    const QStringList failures = messages(engine).filter(QStringLiteral("Move failed"));
-    for (const QString& failure : failures)
-        QVERIFY(failure.endsWith(QStringLiteral("File exists")));
-    QCOMPARE(namesIn(m_inbox).size() + namesIn(second).size(), failures.size());
-}
-
-void TestEngineMoves::aRuleWhoseMoveFailsLeavesTheEntryToTheNext()
-{
-    DownloadImageRedirector engine;
-    QVERIFY(
-        startAndWait(engine, {watched(m_inbox, {takeAll(m_scratch->path() + "/missing"), takeAll(m_out)})}));
-    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("photo.jpg"), patience);
-    QCOMPARE(messages(engine)[1], QStringLiteral("Move failed for photo.jpg: No such file or directory"));
-    QCOMPARE(m_output->lines().count("Processing: photo.jpg"), 2);
-    QVERIFY(!exists(m_scratch->path() + "/missing"));
-}
-
-void TestEngineMoves::aDestinationThatCannotTakeItIsLogged_data()
-{
-    QTest::addColumn<QString>("url");
-    QTest::addColumn<QString>("reason");
-    const auto url = [](const std::string& path) { return FileUrl::fromPath(path).absoluteString(); };
-    QTest::newRow("missing") << url("/SCRATCH/missing") << QStringLiteral("No such file or directory");
-    QTest::newRow("a file") << url("/SCRATCH/file") << QStringLiteral("Not a directory");
-    QTest::newRow("forbidden") << url("/SCRATCH/forbidden") << QStringLiteral("Permission denied");
-    QTest::newRow("a dangling link") << url("/SCRATCH/dangling")
-                                     << QStringLiteral("No such file or directory");
-    QTest::newRow("on another computer")
-        << QStringLiteral("https://example.org/folder") << QStringLiteral("No such file or directory");
-}
-
-void TestEngineMoves::aDestinationThatCannotTakeItIsLogged()
-{
-    QFETCH(QString, url);
-    QFETCH(const QString, reason);
-    url.replace(QStringLiteral("/SCRATCH"), QString::fromStdString(m_scratch->path()));
-    const WithoutPrivileges withoutPrivileges;
-    writeFile(m_scratch->path() + "/file", "");
-    makeLink(m_scratch->path() + "/dangling", "nowhere");
-    const std::string forbidden = m_scratch->makeFolder("forbidden");
-    QCOMPARE(::chmod(forbidden.c_str(), 0555), 0);
-
-    WatchedFolder folder = watched(m_inbox, {takeAll(m_out)});
-    folder.rules[0].destination = FileUrl::fromString(url).value();
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {folder}));
-    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), QStringLiteral("Move failed for photo.jpg: ") + reason,
-                              patience);
-    QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("content"));
-    QVERIFY(namesIn(forbidden).isEmpty());
-}
-
-void TestEngineMoves::aDestinationThatVanishesIsLogged()
-{
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    m_scratch->arrive(m_inbox + "/a.jpg", "");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("a.jpg"), patience);
-    removeEntry(m_out + "/a.jpg");
-    removeEntry(m_out);
-    m_scratch->arrive(m_inbox + "/b.jpg", "");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine),
-                              QStringLiteral("Move failed for b.jpg: No such file or directory"), patience);
-    makeFolder(m_out);
-    m_scratch->arrive(m_inbox + "/c.jpg", "");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("c.jpg"), patience);
-    QCOMPARE(namesIn(m_inbox), QByteArrayList{"b.jpg"});
-}
-
-void TestEngineMoves::aNameThatIsTakenAtTheLastMomentIsLogged()
-{
-    const auto work = [this]() -> Outcome<void> {
-        DownloadImageRedirector engine;
-        if (!startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})})) return SystemError{ETIME};
-        m_scratch->arrive(m_inbox + "/photo.jpg", "photo");
-        const auto isTold = [&engine] {
-            return lastMessage(engine) == QStringLiteral("Move failed for photo.jpg: File exists");
-        };
-        if (!QTest::qWaitFor(isTold, patience)) return SystemError{ETIME};
-        return {};
-    };
-    const InterceptedRun run = runIntercepted({"renameat2"}, work, [this](const InterceptedCall& call) {
-        if (call.ordinal == 1) writeFile(m_out + "/photo.jpg", "victim");
-        return Answer::proceed();
-    });
-    QVERIFY(run.succeeded());
-    QCOMPARE(run.calls, std::vector<std::string>{"renameat2 #1"});
-    QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("photo"));
-    QCOMPARE(contents(m_out + "/photo.jpg"), QByteArray("victim"));
-    QCOMPARE(namesIn(m_out), QByteArrayList{"photo.jpg"});
-}
-
-void TestEngineMoves::anEntryOfAnotherFolderInThePlaceOfItsOwnStays()
-{
-    const std::string other = m_scratch->makeFolder("other");
-    // Of the same size.
-    writeFile(other + "/photo.jpg", "of another");
-    const auto work = [&]() -> Outcome<void> {
-        DownloadImageRedirector engine;
-        if (!startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})})) return SystemError{ETIME};
-        m_scratch->arrive(m_inbox + "/photo.jpg", "of its own");
-        const auto isTold = [&engine] { return test::messages(engine).size() > 1; };
-        if (!QTest::qWaitFor(isTold, patience)) return SystemError{ETIME};
-        return lastMessage(engine) == QStringLiteral("Skipped busy file: photo.jpg") ? Outcome<void>()
-                                                                                     : SystemError{EINVAL};
-    };
-    // When its size is read for the last time.
-    int looks = 0;
-    const InterceptedRun run = runIntercepted({"statx"}, work, [&](const InterceptedCall& call) {
-        if (call.text(1) == m_inbox + "/photo.jpg" && ++looks == 5) {
-            renameEntry(m_inbox, m_scratch->path() + "/elsewhere");
-            renameEntry(other, m_inbox);
-        }
-        return Answer::proceed();
-    });
-    QCOMPARE(run.error, 0);
-    QCOMPARE(looks, 5);
-    QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("of another"));
-    QCOMPARE(namesIn(m_out), QByteArrayList());
-}
-
-void TestEngineMoves::anEntryWhoseDestinationIsItsOwnFolderStays_data()
-{
-    QTest::addColumn<QString>("path");
-    QTest::newRow("the same path") << QStringLiteral("/inbox");
-    QTest::newRow("a trailing slash") << QStringLiteral("/inbox/");
-    QTest::newRow("through a link") << QStringLiteral("/link");
-    QTest::newRow("a roundabout path") << QStringLiteral("/out/../inbox/.");
-}
-
-void TestEngineMoves::anEntryWhoseDestinationIsItsOwnFolderStays()
-{
-    QFETCH(const QString, path);
-    makeLink(m_scratch->path() + "/link", m_inbox);
-    FilterRule stay = takeKind(RuleKind::image, m_inbox);
-    stay.destination =
-        FileUrl::fromString(FileUrl::fromPath(m_scratch->path()).absoluteString() + path).value();
-    Sentinel sentinel(*m_scratch, m_inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {sentinel.rule(), stay, takeAll(m_out)})}));
-    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
-    m_scratch->arrive(m_inbox + "/letter.pdf", "");
-    QVERIFY(sentinel.passes(engine));
-    QCOMPARE(namesIn(m_inbox), QByteArrayList{"photo.jpg"});
-    QCOMPARE(namesIn(m_out), QByteArrayList{"letter.pdf"});
-    QCOMPARE(messages(engine).filter(QStringLiteral("photo")), QStringList{});
-    QCOMPARE(m_output->lines().count("[\"photo\", \"jpg\"]"), 1);
-}
-
-void TestEngineMoves::anEntryMovesToAnotherVolume()
-{
-    const ScratchFolder far(folderOnAnotherVolume());
-    writeFile(far.path() + "/photo.jpg", "old");
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(far.path())})}));
-    m_scratch->arrive(m_inbox + "/photo.jpg", "new");
-    const std::string prepared = m_scratch->makeFolder("Notes");
-    writeFile(prepared + "/note.txt", "note");
-    renameEntry(prepared, m_inbox + "/Notes");
-    makeLink(m_inbox + "/link.txt", m_scratch->path() + "/original.txt");
-    writeFile(m_scratch->path() + "/original.txt", "original");
-    renameEntry(m_inbox + "/link.txt", m_inbox + "/link too.txt");
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).size(), 4, patience);
-    QVERIFY(messages(engine).contains(moved("photo.jpg", "photo-1.jpg")));
-    QVERIFY(messages(engine).contains(moved("Notes")));
-    QVERIFY(messages(engine).contains(moved("link too.txt")));
-    QCOMPARE(namesIn(m_inbox), QByteArrayList{});
-    QCOMPARE(contents(far.path() + "/photo.jpg"), QByteArray("old"));
-    QCOMPARE(contents(far.path() + "/photo-1.jpg"), QByteArray("new"));
-    QCOMPARE(contents(far.path() + "/Notes/note.txt"), QByteArray("note"));
-    QCOMPARE(contents(far.path() + "/link too.txt"), QByteArray("original"));
-    QCOMPARE(namesIn(far.path()), QByteArrayList({"Notes", "link too.txt", "photo-1.jpg", "photo.jpg"}));
-}
-
-/// A copy takes time, in which the attempt for the second rule still sees the entry.
-void TestEngineMoves::aBusyEntryOfTwoRulesGoesToAnotherVolumeOnce()
-{
-    const ScratchFolder far(folderOnAnotherVolume());
-    const std::string inbox = far.makeFolder("inbox");
-    const std::string other = m_scratch->makeFolder("other");
-    Sentinel sentinel(far, inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(
-        engine, {watched(inbox, {sentinel.rule(), takeKind(RuleKind::video, m_out), takeAll(other)})}));
-    GrowingFiles download({far.path() + "/film.mp4"});
-    appendToFile(far.path() + "/film.mp4", std::string(256 << 20, 'x'));
-    renameEntry(far.path() + "/film.mp4", inbox + "/film.mp4");
-    QVERIFY(sentinel.passes(engine));
-    download.stop();
-    QTRY_COMPARE_WITH_TIMEOUT(messages(engine).filter(QStringLiteral("film")).size(), 2, patience);
-    QCOMPARE(countMessages(engine, moved("film.mp4")), 1);
-    QCOMPARE(countMessages(engine, skipped("film.mp4")), 1);
-    QCOMPARE(namesIn(m_out).size() + namesIn(other).size(), 1);
-    QVERIFY(contents((namesIn(m_out).isEmpty() ? other : m_out) + "/film.mp4").size() > (256 << 20));
-    QVERIFY(!exists(inbox + "/film.mp4"));
-}
-
-void TestEngineMoves::aStandardOutputThatNobodyReadsDisturbsNothing()
-{
-    int ends[2];
-    QCOMPARE(::pipe2(ends, O_CLOEXEC), 0);
-    const FileDescriptor writing(ends[1]);
-    ::close(ends[0]);
-    // As the program does; Qt Test has it end the test.
-    std::signal(SIGPIPE, SIG_IGN);
-    const RedirectedOutput redirected(writing.get());
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("photo.jpg"), patience);
-}
-
-void TestEngineMoves::aClosedStandardOutputDisturbsNothing()
-{
-    // Something that cannot be written to holds the place, or the next file that is opened would take it.
-    const FileDescriptor closed(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const RedirectedOutput redirected(closed.get());
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(m_inbox, {takeAll(m_out)})}));
-    m_scratch->arrive(m_inbox + "/photo.jpg", "content");
-    QTRY_COMPARE_WITH_TIMEOUT(lastMessage(engine), moved("photo.jpg"), patience);
-}
-
-HARBEX_ENGINE_TEST_MAIN(TestEngineMoves)
+HARBEX_ENGINE_TEST(TestEngineMoves)
 
 #include "tst_EngineMoves.moc"

@@ -1,171 +1,133 @@
-#include "support/EngineOutput.h"
-#include "support/EngineProbe.h"
+#include "support/EngineTest.h"
 #include "support/PrivateMounts.h"
-
-#include <memory>
 
 using namespace harbex;
 using namespace harbex::test;
 
-/// Watched folders on volumes that come and go, and on an overlay file system. All of it in a namespace of
-/// the test's own.
-class TestEngineVolumes : public QObject
+/// Watched folders on volumes that come and go, and on an overlay file system. The process has its own mount
+/// namespace.
+class TestEngineVolumes : public EngineTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void aFolderIsWatchedOnEachVolumeThatIsMountedThere()
+    {
+        makeFolder(m_inbox + "/beneath");
+        QVERIFY(start({takeAll(m_out)}));
+        QVERIFY(sentinelFoldersPass());
+        for (int i = 0; i < 3; ++i) {
+            const std::string number = std::to_string(i);
+            // The volume has its content before it is mounted at the inbox.
+            const std::string aside = newFolder("aside" + number);
+            const Mount volume = Mount::memory(aside);
+            makeFolder(aside + "/old");
+            std::vector<int> before = engine().activeFDs();
+            Mount mounted = Mount::again(aside, m_inbox);
+            QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
+            arriveFolder("late" + number);
+            QVERIFY(isLogged(moved("late" + number)));
+            QVERIFY(sentinelFoldersPass());
+            QCOMPARE(namesIn(m_inbox), QByteArrayList{"old"});
 
-    void aFolderIsWatchedOnWhateverVolumeIsMounted();
-    void aFolderIsWatchedOnceItsVolumeIsMounted();
-    void aLinkIsFollowedToAVolumeThatIsMountedLater();
-    void aFolderIsWatchedOnWhenAnOverlayCopiesItUp();
-    void aFolderThatReplacesAnotherOnAnOverlayIsAnotherOne();
+            before = engine().activeFDs();
+            QVERIFY(waitFor([&] { return mounted.unmount(); }));
+            QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
+            QVERIFY(sentinelFoldersPass());
+            QCOMPARE(namesIn(m_inbox), QByteArrayList{"beneath"});
+        }
+        QCOMPARE(namesIn(m_out), QByteArrayList({"late0", "late1", "late2"}));
+    }
+
+    void aFolderIsWatchedOnceItsVolumeIsMounted()
+    {
+        const std::string place = newFolder("place");
+        const std::string inbox = place + "/deep/inbox";
+        const std::string aside = newFolder("aside");
+        const Mount volume = Mount::memory(aside);
+        for (const char* name : {"/deep", "/deep/inbox", "/deep/inbox/old"})
+            makeFolder(aside + name);
+        QVERIFY(start({watched(inbox, {takeAll(m_out)})}));
+        QVERIFY(engine().activeFDs().empty());
+        for (const char* name : {"first", "second"}) {
+            Mount mounted = Mount::again(aside, place);
+            QVERIFY(waitFor([this] { return engine().activeFDs().size() == 1; }));
+            makeFolder(inbox + '/' + name);
+            QVERIFY(isLogged(moved(name)));
+            QVERIFY(hasNames(inbox, {"old"}));
+            QVERIFY(waitFor([&] { return mounted.unmount(); }));
+            QVERIFY(waitFor([this] { return engine().activeFDs().empty(); }));
+        }
+    }
+
+    void aLinkIsFollowedToAVolumeThatIsMountedLater()
+    {
+        const std::string place = newFolder("place");
+        makeLink(at("link"), "place/inbox");
+        QVERIFY(start({watched(at("link"), {takeAll(m_out)})}));
+        QVERIFY(engine().activeFDs().empty());
+        const Mount mounted = Mount::memory(place);
+        makeFolder(place + "/inbox");
+        QVERIFY(waitFor([this] { return engine().activeFDs().size() == 1; }));
+        makeFolder(place + "/inbox/Notes");
+        QVERIFY(isLogged(moved("Notes")));
+    }
+
+    /// The folder keeps its inode and gets another birth time.
+    void aFolderIsStillWatchedAfterAnOverlayHasCopiedItUp()
+    {
+        const Mount volume = Mount::memory(newFolder("volume"));
+        const Mount overlay = mountOverlay();
+        QVERIFY(start({watched(m_merged, {takeAll(m_out)})}));
+        const std::vector<int> before = engine().activeFDs();
+        QCOMPARE(before.size(), 1U);
+        QVERIFY(!exists(at("volume/upper/inbox")));
+        for (const char* name : {"first", "second"}) {
+            makeFolder(m_merged + '/' + name);
+            QVERIFY(isLogged(moved(name)));
+            QVERIFY(exists(at("volume/upper/inbox")));
+        }
+        QCOMPARE(engine().activeFDs(), before);
+        QCOMPARE(namesIn(m_out), QByteArrayList({"first", "second"}));
+        QVERIFY(hasNames(m_merged, {"old"}));
+    }
+
+    void aFolderThatReplacesAnotherOnAnOverlayIsWatched()
+    {
+        const Mount volume = Mount::memory(newFolder("volume"));
+        const Mount overlay = mountOverlay();
+        const std::string spare = at("volume/merged/spare");
+        QVERIFY(start({watched(m_merged, {takeAll(m_out)})}));
+        for (const char* name : {"first", "second"}) {
+            const std::vector<int> before = engine().activeFDs();
+            makeFolder(spare);
+            makeFolder(spare + "/old");
+            removeEntry(m_merged + "/old");
+            removeEntry(m_merged);
+            renameEntry(spare, m_merged);
+            QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
+            makeFolder(m_merged + '/' + name);
+            QVERIFY(isLogged(moved(name)));
+            QVERIFY(hasNames(m_merged, {"old"}));
+        }
+        QCOMPARE(namesIn(m_out), QByteArrayList({"first", "second"}));
+    }
 
 private:
-    std::unique_ptr<ScratchFolder> m_scratch;
-    std::unique_ptr<EngineOutput> m_output;
-    std::string m_out;
+    /// Mounts an overlay on the volume. Its folder "inbox" with the entry "old" is in the lower layer.
+    [[nodiscard]] Mount mountOverlay()
+    {
+        const std::string volume = at("volume");
+        for (const char* name : {"/lower", "/lower/inbox", "/lower/inbox/old", "/upper", "/work", "/merged"})
+            makeFolder(volume + name);
+        m_merged = volume + "/merged/inbox";
+        return Mount::overlay(volume + "/lower", volume + "/upper", volume + "/work", volume + "/merged");
+    }
+
+    std::string m_merged;
 };
 
-void TestEngineVolumes::init()
-{
-    m_scratch = std::make_unique<ScratchFolder>();
-    m_out = m_scratch->makeFolder("out");
-    m_output = std::make_unique<EngineOutput>();
-}
-
-void TestEngineVolumes::cleanup()
-{
-    m_output.reset();
-}
-
-void TestEngineVolumes::aFolderIsWatchedOnWhateverVolumeIsMounted()
-{
-    const std::string inbox = m_scratch->makeFolder("inbox");
-    writeFile(inbox + "/beneath.jpg", "");
-    Sentinel sentinel(*m_scratch, inbox);
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(inbox, {sentinel.rule(), takeAll(m_out)})}));
-    QVERIFY(sentinel.passes(engine));
-    std::vector<int> before = engine.activeFDs();
-    const auto isAnotherWatched = [&] {
-        return QTest::qWaitFor([&] { return engine.activeFDs().size() == 1 && engine.activeFDs() != before; },
-                               patience);
-    };
-    for (int i = 0; i < 3; ++i) {
-        const std::string late = "/late" + std::to_string(i) + ".jpg";
-        {
-            // What it holds is there before anybody sees it at the folder.
-            const std::string aside = m_scratch->makeFolder("aside" + std::to_string(i));
-            const Mount volume = Mount::memory(aside);
-            writeFile(aside + "/old.jpg", "");
-            Mount mounted = Mount::again(aside, inbox);
-            QVERIFY(isAnotherWatched());
-            writeFile(inbox + late, "");
-            QTRY_VERIFY_WITH_TIMEOUT(exists(m_out + late), patience);
-            QTRY_COMPARE_WITH_TIMEOUT(namesIn(inbox), QByteArrayList{"old.jpg"}, patience);
-            before = engine.activeFDs();
-            QTRY_VERIFY_WITH_TIMEOUT(mounted.unmount(), patience);
-        }
-        QVERIFY(isAnotherWatched());
-        QVERIFY(sentinel.passes(engine));
-        QCOMPARE(namesIn(inbox), QByteArrayList{"beneath.jpg"});
-        before = engine.activeFDs();
-    }
-    QCOMPARE(namesIn(m_out).size(), 3);
-}
-
-void TestEngineVolumes::aFolderIsWatchedOnceItsVolumeIsMounted()
-{
-    const std::string place = m_scratch->makeFolder("place");
-    const std::string inbox = place + "/deep/inbox";
-    const std::string aside = m_scratch->makeFolder("aside");
-    const Mount volume = Mount::memory(aside);
-    makeFolder(aside + "/deep");
-    makeFolder(aside + "/deep/inbox");
-    writeFile(aside + "/deep/inbox/old.jpg", "");
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(inbox, {takeAll(m_out)})}));
-    QVERIFY(engine.activeFDs().empty());
-    for (const char* name : {"first.jpg", "second.jpg"}) {
-        Mount mounted = Mount::again(aside, place);
-        QTRY_COMPARE_WITH_TIMEOUT(engine.activeFDs().size(), 1U, patience);
-        writeFile(inbox + '/' + name, "");
-        QTRY_VERIFY_WITH_TIMEOUT(exists(m_out + '/' + name), patience);
-        QTRY_COMPARE_WITH_TIMEOUT(namesIn(inbox), QByteArrayList{"old.jpg"}, patience);
-        QTRY_VERIFY_WITH_TIMEOUT(mounted.unmount(), patience);
-        QTRY_VERIFY_WITH_TIMEOUT(engine.activeFDs().empty(), patience);
-    }
-}
-
-void TestEngineVolumes::aLinkIsFollowedToAVolumeThatIsMountedLater()
-{
-    const std::string place = m_scratch->makeFolder("place");
-    const std::string link = m_scratch->path() + "/link";
-    makeLink(link, "place/inbox");
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(link, {takeAll(m_out)})}));
-    QVERIFY(engine.activeFDs().empty());
-    const Mount mounted = Mount::memory(place);
-    makeFolder(place + "/inbox");
-    QTRY_COMPARE_WITH_TIMEOUT(engine.activeFDs().size(), 1U, patience);
-    writeFile(place + "/inbox/photo.jpg", "");
-    QTRY_COMPARE_WITH_TIMEOUT(namesIn(m_out), QByteArrayList{"photo.jpg"}, patience);
-}
-
-/// It keeps its inode and gets another time of birth.
-void TestEngineVolumes::aFolderIsWatchedOnWhenAnOverlayCopiesItUp()
-{
-    const Mount volume = Mount::memory(m_scratch->makeFolder("volume"));
-    const std::string base = m_scratch->path() + "/volume";
-    for (const char* name : {"/lower", "/lower/inbox", "/upper", "/work", "/merged"})
-        makeFolder(base + name);
-    writeFile(base + "/lower/inbox/old.jpg", "");
-    const Mount overlay = Mount::overlay(base + "/lower", base + "/upper", base + "/work", base + "/merged");
-    const std::string inbox = base + "/merged/inbox";
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(inbox, {takeAll(m_out)})}));
-    const std::vector<int> before = engine.activeFDs();
-    QCOMPARE(before.size(), 1U);
-    QVERIFY(!exists(base + "/upper/inbox"));
-    for (const char* name : {"first.jpg", "second.jpg"}) {
-        writeFile(inbox + '/' + name, name);
-        QTRY_COMPARE_WITH_TIMEOUT(contents(m_out + '/' + name), QByteArray(name), patience);
-        QVERIFY(exists(base + "/upper/inbox"));
-    }
-    QCOMPARE(engine.activeFDs(), before);
-    QTRY_COMPARE_WITH_TIMEOUT(namesIn(inbox), QByteArrayList{"old.jpg"}, patience);
-}
-
-void TestEngineVolumes::aFolderThatReplacesAnotherOnAnOverlayIsAnotherOne()
-{
-    const Mount volume = Mount::memory(m_scratch->makeFolder("volume"));
-    const std::string base = m_scratch->path() + "/volume";
-    for (const char* name : {"/lower", "/lower/inbox", "/upper", "/work", "/merged"})
-        makeFolder(base + name);
-    const Mount overlay = Mount::overlay(base + "/lower", base + "/upper", base + "/work", base + "/merged");
-    const std::string inbox = base + "/merged/inbox";
-    const std::string spare = base + "/merged/spare";
-    DownloadImageRedirector engine;
-    QVERIFY(startAndWait(engine, {watched(inbox, {takeAll(m_out)})}));
-    for (const char* name : {"first.jpg", "second.jpg"}) {
-        const std::vector<int> before = engine.activeFDs();
-        makeFolder(spare);
-        writeFile(spare + "/old.jpg", "");
-        if (exists(inbox + "/old.jpg")) removeEntry(inbox + "/old.jpg");
-        removeEntry(inbox);
-        renameEntry(spare, inbox);
-        QTRY_VERIFY_WITH_TIMEOUT(engine.activeFDs().size() == 1 && engine.activeFDs() != before, patience);
-        writeFile(inbox + '/' + name, "");
-        QTRY_VERIFY_WITH_TIMEOUT(exists(m_out + '/' + name), patience);
-        QTRY_COMPARE_WITH_TIMEOUT(namesIn(inbox), QByteArrayList{"old.jpg"}, patience);
-    }
-    QCOMPARE(namesIn(m_out), QByteArrayList({"first.jpg", "second.jpg"}));
-}
-
-int main(int argc, char** argv)
+HARBEX_MAIN(TestEngineVolumes)
 {
     enterPrivateNamespace();
     reportApartFromStandardOutput();

@@ -13,7 +13,7 @@ using Trail = MoveHistory::Trail;
 
 constexpr FolderKey first{1, 10};
 constexpr FolderKey second{1, 20};
-/// The same number on another volume.
+/// The same inode number on another volume.
 constexpr FolderKey elsewhere{2, 10};
 
 } // namespace
@@ -23,77 +23,64 @@ class TestMoveHistory : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void folderIsWatchedAsOftenAsItIsAdded();
-    void arrivalIsExpectedOnce();
-    void laterExpectationReplacesTheEarlier();
-    void trailLeadsOutOfItsFolders_data();
-    void trailLeadsOutOfItsFolders();
+    void aFolderIsWatchedUntilItIsRemovedAsOftenAsAdded()
+    {
+        MoveHistory history;
+        QVERIFY(!history.isWatched(first));
+        for (int times = 0; times < 2; ++times) {
+            history.addWatched(first);
+            history.addWatched(first);
+            QVERIFY(history.isWatched(first));
+            QVERIFY(!history.isWatched(second));
+            QVERIFY(!history.isWatched(elsewhere));
+            history.removeWatched(first);
+            QVERIFY(history.isWatched(first));
+            history.removeWatched(first);
+            QVERIFY(!history.isWatched(first));
+        }
+    }
+
+    void aTrailIsTakenOnce()
+    {
+        MoveHistory history;
+        const Trail trail{{first, Clock::now() - 1s}, {elsewhere, Clock::now()}};
+        history.expect(second, "name \xff", {{first, Clock::now()}});
+        // The later one replaces the earlier one.
+        history.expect(second, "name \xff", trail);
+        history.expect(second, "other", {});
+        QCOMPARE(history.take(first, "name \xff"), Trail());
+        QCOMPARE(history.take(elsewhere, "name \xff"), Trail());
+        QCOMPARE(history.take(second, "name"), Trail());
+        QCOMPARE(history.take(second, "name \xff"), trail);
+        QCOMPARE(history.take(second, "name \xff"), Trail());
+    }
+
+    void aTrailLeadsOutOfItsFolders_data()
+    {
+        QTest::addColumn<Trail>("trail");
+        QTest::addColumn<bool>("leadsOutOfFirst");
+        const Clock::time_point now = Clock::now();
+        const auto row = [](const char* what, const Trail& trail, bool leadsOutOfFirst) {
+            QTest::newRow(what) << trail << leadsOutOfFirst;
+        };
+        row("none", {}, false);
+        row("just now", {{first, now}}, true);
+        row("half a minute ago", {{first, now - 30s}}, true);
+        row("more than a minute ago", {{first, now - 61s}}, false);
+        row("another folder", {{second, now}}, false);
+        row("same inode number on another volume", {{elsewhere, now}}, false);
+        row("at the beginning of a chain", {{first, now - 2s}, {second, now - 1s}, {elsewhere, now}}, true);
+        row("long ago, and again", {{first, now - 61s}, {second, now - 2s}, {first, now - 1s}}, true);
+    }
+
+    void aTrailLeadsOutOfItsFolders()
+    {
+        QFETCH(const Trail, trail);
+        QFETCH(const bool, leadsOutOfFirst);
+        QCOMPARE(MoveHistory::leadsOutOf(first, trail), leadsOutOfFirst);
+    }
 };
 
-void TestMoveHistory::folderIsWatchedAsOftenAsItIsAdded()
-{
-    MoveHistory history;
-    QVERIFY(!history.isWatched(first));
-    history.addWatched(first);
-    history.addWatched(first);
-    QVERIFY(history.isWatched(first));
-    QVERIFY(!history.isWatched(second));
-    QVERIFY(!history.isWatched(elsewhere));
-    history.removeWatched(first);
-    QVERIFY(history.isWatched(first));
-    history.removeWatched(first);
-    QVERIFY(!history.isWatched(first));
-    history.addWatched(first);
-    QVERIFY(history.isWatched(first));
-}
-
-void TestMoveHistory::arrivalIsExpectedOnce()
-{
-    MoveHistory history;
-    const Trail trail{{first, Clock::now() - 1s}, {elsewhere, Clock::now()}};
-    history.expect(second, "name \xff", trail);
-    history.expect(second, "other", {});
-    QCOMPARE(history.take(first, "name \xff"), Trail());
-    QCOMPARE(history.take(elsewhere, "name \xff"), Trail());
-    QCOMPARE(history.take(second, "name"), Trail());
-    QCOMPARE(history.take(second, "name \xff"), trail);
-    QCOMPARE(history.take(second, "name \xff"), Trail());
-}
-
-void TestMoveHistory::laterExpectationReplacesTheEarlier()
-{
-    MoveHistory history;
-    const Trail trail{{elsewhere, Clock::now()}};
-    history.expect(second, "name", {{first, Clock::now()}});
-    history.expect(second, "name", trail);
-    QCOMPARE(history.take(second, "name"), trail);
-}
-
-void TestMoveHistory::trailLeadsOutOfItsFolders_data()
-{
-    QTest::addColumn<Trail>("trail");
-    QTest::addColumn<bool>("leadsOutOfFirst");
-    const Clock::time_point now = Clock::now();
-    const auto row = [](const char* what, const Trail& trail, bool leadsOutOfFirst) {
-        QTest::newRow(what) << trail << leadsOutOfFirst;
-    };
-    row("none", {}, false);
-    row("just now", {{first, now}}, true);
-    row("half a minute ago", {{first, now - 30s}}, true);
-    row("more than a minute ago", {{first, now - 61s}}, false);
-    row("another folder", {{second, now}}, false);
-    row("same number on another volume", {{elsewhere, now}}, false);
-    row("at the beginning of a chain", {{first, now - 2s}, {second, now - 1s}, {elsewhere, now}}, true);
-    row("long ago, and again", {{first, now - 61s}, {second, now - 2s}, {first, now - 1s}}, true);
-}
-
-void TestMoveHistory::trailLeadsOutOfItsFolders()
-{
-    QFETCH(const Trail, trail);
-    QFETCH(const bool, leadsOutOfFirst);
-    QCOMPARE(MoveHistory::leadsOutOf(first, trail), leadsOutOfFirst);
-}
-
-HARBEX_TEST_MAIN(TestMoveHistory)
+HARBEX_TEST(TestMoveHistory)
 
 #include "tst_MoveHistory.moc"
