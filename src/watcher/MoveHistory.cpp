@@ -45,6 +45,16 @@ MoveHistory::Trail MoveHistory::take(const FolderKey& folder, const std::string&
     return trail;
 }
 
+std::vector<std::string> MoveHistory::expectedBefore(const FolderKey& folder, Clock::time_point time)
+{
+    const MutexLock lock(m_mutex);
+    std::vector<std::string> names;
+    for (auto entry = m_expected.lower_bound({folder, {}});
+         entry != m_expected.end() && entry->first.first == folder; ++entry)
+        if (entry->second.second < time) names.push_back(entry->first.second);
+    return names;
+}
+
 bool MoveHistory::leadsOutOf(const FolderKey& folder, const Trail& trail)
 {
     const Clock::time_point now = Clock::now();

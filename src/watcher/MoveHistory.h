@@ -45,6 +45,9 @@ public:
     /// move.
     [[nodiscard]] Trail take(const FolderKey& folder, const std::string& name);
 
+    /// Returns the names that were recorded for this folder before `time` and not taken since.
+    [[nodiscard]] std::vector<std::string> expectedBefore(const FolderKey& folder, Clock::time_point time);
+
     /// Returns whether the trail contains a recent move out of this folder.
     [[nodiscard]] static bool leadsOutOf(const FolderKey& folder, const Trail& trail);
 

@@ -30,12 +30,18 @@ size_t commonSuffix(std::string_view a, std::string_view b)
 
 void NameSnapshot::remove(std::string_view name)
 {
+    const size_t at = find(name);
+    if (at != std::string::npos) m_names.erase(at, name.size() + 1);
+}
+
+size_t NameSnapshot::find(std::string_view name) const
+{
     const std::string record = std::string(name) + '\0';
     size_t at = m_names.find(record);
     // Skip matches at the end of a longer name.
     while (at != std::string::npos && at != 0 && m_names[at - 1] != '\0')
         at = m_names.find(record, at + 1);
-    if (at != std::string::npos) m_names.erase(at, record.size());
+    return at;
 }
 
 void NameSnapshot::Update::beginCopy()

@@ -28,6 +28,8 @@ public:
         forEachNameIn(m_names, each);
     }
 
+    [[nodiscard]] bool contains(std::string_view name) const { return find(name) != std::string::npos; }
+
     /// Removes a name. Does nothing if the name is not in the set.
     void remove(std::string_view name);
 
@@ -41,6 +43,9 @@ private:
             each(name);
         }
     }
+
+    /// Returns the offset of the name in m_names; npos if the name is not in the set.
+    [[nodiscard]] size_t find(std::string_view name) const;
 
     std::string m_names;
 };

@@ -4,6 +4,7 @@
 #include "fs/DirectoryListing.h"
 #include "watcher/RuleMatching.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -67,6 +68,7 @@ std::string WatchedDirectory::pathOf(const std::string& name) const
 
 Outcome<std::vector<std::string>> WatchedDirectory::takeNewNames(Token)
 {
+    const auto begin = MoveHistory::Clock::now();
     Outcome<DirectoryListing> listing = DirectoryListing::open(m_path);
     if (!listing) return listing.error();
     // Do not compare the birth time: an overlay file system changes it when it copies a directory up.
@@ -77,10 +79,22 @@ Outcome<std::vector<std::string>> WatchedDirectory::takeNewNames(Token)
     NameSnapshot::Update update(m_names);
     const Outcome<void> listed = listing->forEachName([&](auto name) { update.add(name); });
     if (!listed) return listed.error();
-    if (update.isUnchanged()) return std::vector<std::string>();
-    std::vector<std::string> names = update.newNames();
-    m_names = update.takeCurrent();
+    std::vector<std::string> names;
+    if (!update.isUnchanged()) {
+        names = update.newNames();
+        m_names = update.takeCurrent();
+    }
+    dropExpectationsOfKnownNames(begin, names);
     return names;
+}
+
+void WatchedDirectory::dropExpectationsOfKnownNames(MoveHistory::Clock::time_point listed,
+                                                    const std::vector<std::string>& newNames)
+{
+    const MoveHistory::FolderKey folder = MoveHistory::keyOf(m_identity);
+    for (const std::string& name : m_history.expectedBefore(folder, listed))
+        if (m_names.contains(name) && std::ranges::find(newNames, name) == newNames.end())
+            static_cast<void>(m_history.take(folder, name));
 }
 
 bool WatchedDirectory::isAtPath() const

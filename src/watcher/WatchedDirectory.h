@@ -73,6 +73,12 @@ private:
     /// Removes the browsers' placeholders from the snapshot.
     void forgetPlaceholders();
 
+    /// An entry that leaves and returns between two listings is not a new name. Drops the record of its
+    /// return, which would otherwise count for the next entry of that name. `listed` is the start of the
+    /// listing.
+    void dropExpectationsOfKnownNames(MoveHistory::Clock::time_point listed,
+                                      const std::vector<std::string>& newNames);
+
     MoveHistory& m_history;
     const std::string m_path;
     const std::shared_ptr<DirectoryEvents::Source> m_source;

@@ -104,19 +104,25 @@ private Q_SLOTS:
     void anEntryThatAPersonBringsBackGoesRoundAgain()
     {
         const std::string second = newFolder("second");
-        const std::string away = at("photo.jpg");
-        writeFile(away, "photo");
+        const std::string away = newFolder("away");
+        makeFolder(away + "/Notes");
+        writeFile(away + "/photo.jpg", "photo");
         QVERIFY(start({inboxWith({takeAll(second)}), watched(second, {takeAll(m_inbox)})}));
-        for (int times = 1; times <= 3; ++times) {
-            renameEntry(away, m_inbox + "/photo.jpg");
-            QVERIFY(waitFor([&] { return log("Moved photo").size() == 2 * times; }));
-            QVERIFY(sentinelPasses());
-            QCOMPARE(namesIn(m_inbox), QByteArrayList{"photo.jpg"});
-            renameEntry(m_inbox + "/photo.jpg", away);
-            // After this the engine has noticed the removal.
-            QVERIFY(sentinelPasses());
+        // A file is sampled before it is moved, a folder is not. So a folder often returns before the engine
+        // has noticed that it left.
+        for (const char* name : {"/Notes", "/photo.jpg"}) {
+            for (int times = 1; times <= 5; ++times) {
+                renameEntry(away + name, m_inbox + name);
+                QVERIFY(waitFor(
+                    [&] { return log(name + 1).filter(QStringLiteral("Moved ")).size() == 2 * times; }));
+                QVERIFY(sentinelPasses());
+                QCOMPARE(namesIn(m_inbox), QByteArrayList{name + 1});
+                renameEntry(m_inbox + name, away + name);
+                // After this the engine has noticed the removal.
+                QVERIFY(sentinelPasses());
+            }
+            QCOMPARE(log(name + 1).filter(QStringLiteral("Moved ")).size(), 10);
         }
-        QCOMPARE(log("Moved photo").size(), 6);
     }
 
     void aChainOfFoldersLeadsToItsEnd()

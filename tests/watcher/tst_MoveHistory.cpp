@@ -1,7 +1,11 @@
-#include "support/TestMain.h"
 #include "watcher/MoveHistory.h"
 
+#include "support/EngineFiles.h"
+#include "support/TestMain.h"
+#include "watcher/WatchedDirectory.h"
+
 using namespace harbex;
+using namespace harbex::test;
 using namespace std::chrono_literals;
 
 namespace
@@ -78,6 +82,56 @@ private Q_SLOTS:
         QFETCH(const Trail, trail);
         QFETCH(const bool, leadsOutOfFirst);
         QCOMPARE(MoveHistory::leadsOutOf(first, trail), leadsOutOfFirst);
+    }
+
+    void namesAreExpectedInTheirFolderFromTheirTimeOn()
+    {
+        MoveHistory history;
+        const Clock::time_point before = Clock::now();
+        history.expect(first, "a", {});
+        history.expect(first, "b", {});
+        history.expect(second, "c", {});
+        history.expect(elsewhere, "d", {});
+        const Clock::time_point after = Clock::now() + 1ns;
+        QCOMPARE(history.expectedBefore(first, before), std::vector<std::string>());
+        QCOMPARE(history.expectedBefore(first, after), (std::vector<std::string>{"a", "b"}));
+        QCOMPARE(history.expectedBefore(second, after), std::vector<std::string>{"c"});
+        static_cast<void>(history.take(first, "a"));
+        QCOMPARE(history.expectedBefore(first, after), std::vector<std::string>{"b"});
+    }
+
+    void anEntryThatReturnsBetweenTwoListingsLeavesNoTrail()
+    {
+        const ScratchFolder scratch;
+        const std::string inbox = scratch.makeFolder("inbox");
+        writeFile(inbox + "/returned", {});
+        DirectoryEvents events;
+        MoveHistory history;
+        WorkerPool pool;
+        const auto handler = std::make_shared<const std::function<void()>>([] {});
+        const auto directory = WatchedDirectory::open(events, history, inbox, handler);
+        QVERIFY(directory);
+        const FolderKey folder = MoveHistory::keyOf((*directory)->identity());
+        const Trail trail{{second, Clock::now()}};
+        for (const char* name : {"returned", "new", "not there yet"})
+            history.expect(folder, name, trail);
+        writeFile(inbox + "/new", {});
+
+        Outcome<std::vector<std::string>> names = SystemError{EBUSY};
+        const auto queue = pool.makeQueue("test");
+        queue->runHere([&](SerialQueue::Token token) { names = (*directory)->takeNewNames(token); });
+        QVERIFY(names);
+        QCOMPARE(*names, std::vector<std::string>{"new"});
+        QCOMPARE(history.take(folder, "returned"), Trail());
+        QCOMPARE(history.take(folder, "new"), trail);
+        QCOMPARE(history.take(folder, "not there yet"), trail);
+
+        // The same in a folder without a change.
+        history.expect(folder, "returned", trail);
+        queue->runHere([&](SerialQueue::Token token) { names = (*directory)->takeNewNames(token); });
+        QVERIFY(names && names->empty());
+        QCOMPARE(history.take(folder, "returned"), Trail());
+        pool.stop();
     }
 };
 
