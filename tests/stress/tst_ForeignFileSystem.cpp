@@ -150,6 +150,7 @@ private Q_SLOTS:
         m_mount.reset();
         m_mount = std::make_unique<FuseMount>(m_real, m_mounted);
         QVERIFY(restartAndWait(engine, folders));
+        QVERIFY(watchesAll(engine, folders));
         m_here->arrive(m_real + "/inbox/film.mp4", "film");
         QTRY_COMPARE_WITH_TIMEOUT(contents(out + "/film.mp4"), QByteArray("film"), patience);
         m_here->arrive(local + "/other.jpg", "other");
@@ -175,8 +176,13 @@ private:
     [[nodiscard]] static bool startAndWatch(DownloadImageRedirector& engine,
                                             const std::vector<WatchedFolder>& folders)
     {
-        return startAndWait(engine, folders) &&
-               QTest::qWaitFor([&] { return engine.activeFDs().size() == folders.size(); }, patience);
+        return startAndWait(engine, folders) && watchesAll(engine, folders);
+    }
+
+    [[nodiscard]] static bool watchesAll(const DownloadImageRedirector& engine,
+                                         const std::vector<WatchedFolder>& folders)
+    {
+        return QTest::qWaitFor([&] { return engine.activeFDs().size() == folders.size(); }, patience);
     }
 
     std::unique_ptr<ScratchFolder> m_here;

@@ -11,8 +11,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <future>
 #include <memory>
+#include <poll.h>
 #include <set>
 #include <sys/stat.h>
 #include <thread>
@@ -85,6 +88,27 @@ std::string folderOf(const InterceptedCall& call)
     return call.pathOfOpen(static_cast<int>(call.arguments[0]));
 }
 
+/// Runs the work without changes of the mount table. Otherwise a mount that another program makes meanwhile
+/// would cause listings.
+InterceptedRun runWithoutMounts(std::vector<std::string> names, const std::function<Outcome<void>()>& work,
+                                const Interceptor& interceptor)
+{
+    names.insert(names.end(), {"poll", "ppoll"});
+    return runIntercepted(names, work, [&](const InterceptedCall& call) {
+        if (call.name != "poll" && call.name != "ppoll") return interceptor(call);
+        for (uint64_t i = 0; i < call.arguments[1]; ++i) {
+            const uint64_t address = call.arguments[0] + i * sizeof(pollfd) + offsetof(pollfd, fd);
+            int fd = -1;
+            std::memcpy(&fd, call.readMemory(address, sizeof fd).data(), sizeof fd);
+            const int ignored = -1;
+            if (call.pathOfOpen(fd).ends_with("/mountinfo"))
+                call.writeMemory(address,
+                                 std::string(reinterpret_cast<const char*>(&ignored), sizeof ignored));
+        }
+        return Answer::proceed();
+    });
+}
+
 /// Gives a poll this modification time.
 Answer giveTime(const InterceptedCall& call, int64_t seconds)
 {
@@ -133,7 +157,7 @@ Polls pollServedFolders()
         return watches.waitForMoved("timeless");
     };
     const InterceptedRun run =
-        runIntercepted({"getdents64", "statx"}, work, [&](const InterceptedCall& call) {
+        runWithoutMounts({"getdents64", "statx"}, work, [&](const InterceptedCall& call) {
             const std::string folder = folderOf(call);
             if (call.name == "getdents64") {
                 if (folder == coarse && polls.ofCoarse >= 3 && polls.beforeListing == 0)
@@ -192,7 +216,7 @@ private Q_SLOTS:
         int calls = 0;
         // Each listing consists of two calls.
         const auto begin = Clock::now();
-        const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
+        const InterceptedRun run = runWithoutMounts({"getdents64"}, work, [&](const InterceptedCall& call) {
             if (folderOf(call) != m_inbox) return Answer::proceed();
             ++calls;
             std::this_thread::sleep_for(listing / 2);
@@ -221,7 +245,7 @@ private Q_SLOTS:
         Clock::duration cooldown{};
         int calls = 0;
         // The first two calls are the listing of the start, the next two are the slow one.
-        const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
+        const InterceptedRun run = runWithoutMounts({"getdents64"}, work, [&](const InterceptedCall& call) {
             if (folderOf(call) != m_inbox) return Answer::proceed();
             if (++calls == 4) {
                 // The kernel has already listed the names.
@@ -258,7 +282,7 @@ private Q_SLOTS:
             return watches.waitForMoved("third");
         };
         int calls = 0;
-        const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
+        const InterceptedRun run = runWithoutMounts({"getdents64"}, work, [&](const InterceptedCall& call) {
             if (folderOf(call) != m_inbox || ++calls != 4) return Answer::proceed();
             writeFile(listing, {});
             return eventually([&] { return exists(cancelled); }) ? Answer::proceed() : Answer::fail(EIO);
@@ -285,7 +309,7 @@ private Q_SLOTS:
             return {};
         };
         bool isFirst = true;
-        const InterceptedRun run = runIntercepted({"read"}, work, [&](const InterceptedCall& call) {
+        const InterceptedRun run = runWithoutMounts({"read"}, work, [&](const InterceptedCall& call) {
             if (folderOf(call) != "anon_inode:inotify" || !std::exchange(isFirst, false))
                 return Answer::proceed();
             const int queueLength = contents("/proc/sys/fs/inotify/max_queued_events").toInt();
