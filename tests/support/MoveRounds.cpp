@@ -8,7 +8,7 @@ namespace harbex::test
 
 std::string subjectOf(const InterceptedCall& call)
 {
-    const std::string folder = call.pathOfOpen(static_cast<int>(call.arguments[0]));
+    std::string folder = call.pathOfOpen(static_cast<int>(call.arguments[0]));
     static const std::array named = {"faccessat2", "mkdirat", "newfstatat", "openat",
                                      "readlinkat", "statx",   "unlinkat"};
     if (std::ranges::find(named, call.name) == named.end()) return folder;

@@ -28,7 +28,9 @@ private Q_SLOTS:
         for (const int count : {2, 3}) {
             for (const bool isFar : {false, true}) {
                 for (const bool isNameTaken : {false, true}) {
-                    Ring& ring = rings.emplace_back("ring" + std::to_string(rings.size()), isNameTaken);
+                    rings.push_back(
+                        {.name = "ring" + std::to_string(rings.size()), .isNameTaken = isNameTaken});
+                    Ring& ring = rings.back();
                     for (int i = 0; i < count; ++i) {
                         ring.folders.emplace_back(isFar && i == 1 ? far : *m_scratch,
                                                   ring.name + " folder " + std::to_string(i));
