@@ -7,6 +7,7 @@
 
 #include <QLocale>
 
+#include <iterator>
 #include <span>
 
 using namespace harbex;
@@ -134,7 +135,7 @@ private:
     template <class Values>
     typename Values::value_type oneOf(const Values& values)
     {
-        return values[below(size_t(values.size()))];
+        return *std::next(values.begin(), static_cast<std::ptrdiff_t>(below(size_t(values.size()))));
     }
 
     std::string piece()
