@@ -10,6 +10,9 @@
 #include <QSvgRenderer>
 #include <QVersionNumber>
 
+#include <algorithm>
+#include <array>
+
 // Without this call the linker drops the resources of a static library. Q_INIT_RESOURCE must be outside of
 // all namespaces.
 static void initResources()
@@ -24,7 +27,7 @@ namespace
 {
 
 struct IconSource {
-    /// The name in the desktop's theme; empty if themes define none.
+    /// The name in the desktop's theme.
     QString themeName;
     QString resource;
 };
@@ -39,9 +42,16 @@ IconSource iconSourceOf(Symbol symbol)
     case Symbol::trash:
         return {QStringLiteral("user-trash-symbolic"), QStringLiteral(":/icons/trash.svg")};
     case Symbol::minusCircle:
-        return {{}, QStringLiteral(":/icons/minus-circle.svg")};
+        return {QStringLiteral("list-remove-symbolic"), QStringLiteral(":/icons/minus-circle.svg")};
     }
     Q_UNREACHABLE();
+}
+
+/// Returns whether the desktop's theme has all symbols. Symbols of two sets side by side look careless.
+bool hasThemeAllSymbols()
+{
+    return std::ranges::all_of(std::array{Symbol::folder, Symbol::plus, Symbol::trash, Symbol::minusCircle},
+                               [](Symbol each) { return QIcon::hasThemeIcon(iconSourceOf(each).themeName); });
 }
 
 /// Draws the shape of a symbol in one colour of the current palette. A symbolic icon is black, and Qt does
@@ -127,7 +137,7 @@ private:
         QPainter painter(&image);
         const QRectF area(QPointF(), QSizeF(size) / scale);
         const IconSource source = iconSourceOf(m_symbol);
-        if (!source.themeName.isEmpty() && QIcon::hasThemeIcon(source.themeName))
+        if (hasThemeAllSymbols())
             QIcon::fromTheme(source.themeName).paint(&painter, area.toRect());
         else
             QSvgRenderer(source.resource).render(&painter, area);

@@ -107,7 +107,7 @@ private Q_SLOTS:
         }
     }
 
-    void theSymbolOfTheThemeIsPreferredAndColoured()
+    void theSymbolsOfTheThemeArePreferredIfItHasAllOfThem()
     {
         const QString theme = QDir::homePath() + QStringLiteral("/icons/desk");
         QVERIFY(QDir().mkpath(theme + QStringLiteral("/symbolic")));
@@ -119,19 +119,30 @@ private Q_SLOTS:
         write("index.theme",
               "[Icon Theme]\nName=Desk\nDirectories=symbolic\n[symbolic]\nSize=16\nType=Scalable\n"
               "MinSize=8\nMaxSize=512\n");
-        write("symbolic/folder-symbolic.svg", "<svg xmlns='http://www.w3.org/2000/svg' width='16' "
-                                              "height='16'><rect width='16' height='16'/></svg>");
-        QIcon::setThemeSearchPaths({QDir::homePath() + QStringLiteral("/icons")});
-        QIcon::setThemeName(QStringLiteral("desk"));
-
+        const auto addSymbol = [&](const char* name) {
+            write(qPrintable(QStringLiteral("symbolic/%1-symbolic.svg").arg(QLatin1String(name))),
+                  "<svg xmlns='http://www.w3.org/2000/svg' width='16' height='16'><rect width='16' "
+                  "height='16'/></svg>");
+            // Qt reads a theme once.
+            QIcon::setThemeName({});
+            QPixmapCache::clear();
+            QIcon::setThemeSearchPaths({QDir::homePath() + QStringLiteral("/icons")});
+            QIcon::setThemeName(QStringLiteral("desk"));
+        };
         QPalette palette;
         palette.setColor(QPalette::WindowText, Qt::magenta);
         QApplication::setPalette(palette);
-        const QImage folder = drawn(symbolIcon(Symbol::folder));
-        QCOMPARE(paintedPixels(folder), 256);
-        QCOMPARE(inkOf(folder), QColor(Qt::magenta));
-        // The theme has no such symbol.
-        QVERIFY(paintedPixels(drawn(symbolIcon(Symbol::plus))) < 150);
+        for (const char* name : {"folder", "list-add", "user-trash"}) {
+            addSymbol(name);
+            // Symbols of two sets do not stand side by side.
+            QVERIFY(paintedPixels(drawn(symbolIcon(Symbol::folder))) < 150);
+        }
+        addSymbol("list-remove");
+        for (const Symbol symbol : {Symbol::folder, Symbol::plus, Symbol::trash, Symbol::minusCircle}) {
+            const QImage image = drawn(symbolIcon(symbol));
+            QCOMPARE(paintedPixels(image), 256);
+            QCOMPARE(inkOf(image), QColor(Qt::magenta));
+        }
     }
 };
 
