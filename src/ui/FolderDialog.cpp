@@ -1,10 +1,13 @@
 #include "ui/FolderDialog.h"
 
+#include "fs/MountTable.h"
 #include "store/Bookmark.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QPointer>
 #include <QTimer>
 #include <QUrl>
@@ -14,15 +17,32 @@
 namespace harbex
 {
 
-std::optional<ChosenFolder> askForFolder(const QWidget& asker)
+namespace
 {
+
+/// Returns the text of the path, if a dialog can begin in this folder.
+std::optional<QString> startPath(const std::optional<FileUrl>& folder)
+{
+    if (!folder || MountTable::read().remoteMount(folder->path())) return std::nullopt;
+    // A path that is not UTF-8 has no text.
+    const QString path = QFile::decodeName(QByteArray::fromStdString(folder->path()));
+    if (path.isEmpty() || !QFileInfo(path).isDir()) return std::nullopt;
+    return path;
+}
+
+} // namespace
+
+std::optional<ChosenFolder> askForFolder(const QWidget& asker, const std::optional<FileUrl>& present)
+{
+    static std::optional<FileUrl> chosenLast;
     static bool isOpen = false;
     if (isOpen) return std::nullopt;
     isOpen = true;
 
     const QString prompt = QCoreApplication::translate("harbex::FolderDialog", "Select Focus Folder");
     QWidget* const window = asker.window();
-    const QPointer dialog = new QFileDialog(window, prompt, QDir::homePath());
+    const QPointer dialog = new QFileDialog(
+        window, prompt, startPath(present).value_or(startPath(chosenLast).value_or(QDir::homePath())));
     dialog->setFileMode(QFileDialog::Directory);
     dialog->setOption(QFileDialog::ShowDirsOnly);
     dialog->setLabelText(QFileDialog::Accept, prompt);
@@ -40,6 +60,7 @@ std::optional<ChosenFolder> askForFolder(const QWidget& asker)
 
     const auto url = answers.isEmpty() ? std::nullopt : folderOfAnswer(answers.first());
     if (!url) return std::nullopt;
+    chosenLast = url;
     // The bookmark is optional: without it the folder works until it is renamed.
     const auto bookmark = createBookmark(url->path());
     return ChosenFolder{*url, bookmark ? std::optional(*bookmark) : std::nullopt};

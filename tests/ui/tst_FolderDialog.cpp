@@ -24,11 +24,12 @@ namespace
 {
 
 /// Opens the dialog over a window and calls `answer` with it. Returns the chosen folder.
-std::optional<ChosenFolder> ask(const std::function<void(QFileDialog&)>& answer)
+std::optional<ChosenFolder> ask(const std::function<void(QFileDialog&)>& answer,
+                                const std::optional<FileUrl>& present = {})
 {
     const QWidget window;
     const FolderDialogUser user(answer);
-    auto folder = askForFolder(window);
+    auto folder = askForFolder(window, present);
     QCoreApplication::processEvents();
     if (user.dialogs() != 1) qFatal("%d dialogs were shown", user.dialogs());
     return folder;
@@ -68,6 +69,34 @@ private Q_SLOTS:
             QCOMPARE(dialog.directory().path(), QDir::homePath());
         });
         QVERIFY(!folder);
+    }
+
+    void itBeginsInThePresentFolderOrElseInTheLastOne()
+    {
+        const FileUrl present = FileUrl::fromPath(makeFolder("present"));
+        const FileUrl last = FileUrl::fromPath(makeFolder("last"));
+        QVERIFY(ask(FolderDialogUser::chooser(last)));
+        const FileUrl file = FileUrl::fromPath(last.path() + "/file");
+        QVERIFY(QFile(QString::fromStdString(file.path())).open(QIODevice::WriteOnly));
+
+        const auto startFor = [](const std::optional<FileUrl>& folder) {
+            std::string start;
+            (void)ask(
+                [&](QFileDialog& dialog) {
+                    start = dialog.directory().path().toStdString();
+                    dialog.reject();
+                },
+                folder);
+            return start;
+        };
+        QCOMPARE(startFor(present), present.path());
+        for (const auto& unusable :
+             {std::optional<FileUrl>(), std::optional(FileUrl::fromPath(present.path() + "/missing")),
+              std::optional(file), FileUrl::fromString(QStringLiteral("https://example.org/a")),
+              std::optional(FileUrl::fromPath(makeFolder("no \xff text")))})
+            QCOMPARE(startFor(unusable), last.path());
+        // A cancelled dialog chooses nothing.
+        QCOMPARE(startFor(std::nullopt), last.path());
     }
 
     void aChosenFolderHasABookmark()
