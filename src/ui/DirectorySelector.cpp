@@ -1,40 +1,23 @@
 #include "ui/DirectorySelector.h"
 
-#include "base/ReadableText.h"
+#include "ui/DimmedInk.h"
 #include "ui/Icons.h"
+#include "ui/Metrics.h"
+#include "ui/PathText.h"
 
-#include <QDir>
+#include <QEvent>
 #include <QHBoxLayout>
-#include <QHelpEvent>
 #include <QLabel>
 #include <QPainter>
 #include <QPointer>
 #include <QStyle>
-#include <QTextBoundaryFinder>
-#include <QTextDocument>
 #include <QToolButton>
-#include <QToolTip>
 
 namespace harbex
 {
 
-namespace
-{
-
-constexpr int longestPath = 40;
-
-bool hasMoreCharactersThan(int limit, const QString& text)
-{
-    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
-    int count = 0;
-    while (count <= limit && finder.toNextBoundary() != -1)
-        ++count;
-    return count > limit;
-}
-
-} // namespace
-
-/// One line of text on a rounded background. Elided in the middle, because the end of a path says most.
+/// One line on a rounded background: a path, or a prompt in its place. Elided in the middle, because the end
+/// of a path says most.
 class PathLabel : public QLabel
 {
 public:
@@ -44,19 +27,21 @@ public:
         setContentsMargins(7, 3, 7, 3);
     }
 
+    void showPath(const QString& path)
+    {
+        m_isPath = true;
+        setText(path);
+    }
+
+    void showPrompt(const QString& prompt)
+    {
+        m_isPath = false;
+        setText(prompt);
+    }
+
     [[nodiscard]] QSize minimumSizeHint() const override { return {0, sizeHint().height()}; }
 
 protected:
-    bool event(QEvent* event) override
-    {
-        if (event->type() != QEvent::ToolTip) return QLabel::event(event);
-        const QPoint position = static_cast<QHelpEvent*>(event)->globalPos();
-        // QToolTip would interpret markup in the path.
-        QToolTip::showText(position, shownText() == text() ? QString() : Qt::convertFromPlainText(text()),
-                           this);
-        return true;
-    }
-
     void paintEvent(QPaintEvent* /*event*/) override
     {
         QPainter painter(this);
@@ -66,28 +51,19 @@ protected:
         painter.setPen(Qt::NoPen);
         painter.setBrush(background);
         painter.drawRoundedRect(rect(), 5, 5);
-        style()->drawItemText(
-            &painter, contentsRect(),
-            static_cast<int>(QStyle::visualAlignment(layoutDirection(), Qt::AlignLeading | Qt::AlignVCenter)),
-            palette(), isEnabled(), shownText(), QPalette::WindowText);
+        painter.setPen(m_isPath ? palette().color(QPalette::WindowText)
+                                : dimmedInk(palette(), QPalette::WindowText, QPalette::Window));
+        int flags =
+            static_cast<int>(QStyle::visualAlignment(layoutDirection(), Qt::AlignLeading | Qt::AlignVCenter));
+        // A path reads from left to right in every language.
+        if (m_isPath) flags |= Qt::TextForceLeftToRight;
+        painter.drawText(contentsRect(), flags | Qt::TextSingleLine,
+                         fontMetrics().elidedText(text(), Qt::ElideMiddle, contentsRect().width()));
     }
 
 private:
-    [[nodiscard]] QString shownText() const
-    {
-        return fontMetrics().elidedText(text(), Qt::ElideMiddle, contentsRect().width());
-    }
+    bool m_isPath = false;
 };
-
-QString folderLabel(const FileUrl& url)
-{
-    const std::string& bytes = url.path();
-    const QString path = QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size()));
-    if (path.isEmpty() || hasMoreCharactersThan(longestPath, path))
-        return readableName(url.lastPathComponent());
-    const QString home = QDir::homePath();
-    return readableText(home == QLatin1String("/") ? path : QString(path).replace(home, QStringLiteral("~")));
-}
 
 DirectorySelector::DirectorySelector(QWidget* parent)
     : QWidget(parent), m_label(new PathLabel(this)), m_button(new QToolButton(this))
@@ -106,12 +82,34 @@ DirectorySelector::DirectorySelector(QWidget* parent)
     layout->addWidget(m_label);
     layout->addWidget(m_button);
     showUrl(std::nullopt);
+    followFont();
+}
+
+void DirectorySelector::changeEvent(QEvent* event)
+{
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange) followFont();
+}
+
+void DirectorySelector::followFont()
+{
+    m_button->setIconSize(iconSizeFor(*this));
+    // The prompt is never elided.
+    const QMargins margins = m_label->contentsMargins();
+    m_label->setMinimumWidth(fontMetrics().horizontalAdvance(tr("Select destination...")) + margins.left() +
+                             margins.right());
 }
 
 void DirectorySelector::showUrl(const std::optional<FileUrl>& url)
 {
-    m_label->setText(url ? folderLabel(*url) : tr("Select destination..."));
-    m_button->setAccessibleDescription(m_label->text());
+    m_url = url;
+    if (url)
+        m_label->showPath(folderLabel(*url));
+    else
+        m_label->showPrompt(tr("Select destination..."));
+    m_label->setToolTip(url ? pathToolTip(*url) : QString());
+    m_button->setToolTip(m_label->toolTip());
+    m_button->setAccessibleDescription(url ? fullPath(*url) : QString());
 }
 
 QString DirectorySelector::text() const
@@ -128,7 +126,7 @@ void DirectorySelector::choose()
 {
     // The rule may be deleted while the dialog is open, and this widget with it.
     const QPointer self(this);
-    const auto folder = askForFolder(*this);
+    const auto folder = askForFolder(*this, m_url);
     if (!self || !folder) return;
     const auto report = [this, folder = *folder] { Q_EMIT chosen(folder); };
     QMetaObject::invokeMethod(this, report, Qt::QueuedConnection);

@@ -15,7 +15,8 @@ namespace harbex
 
 class PathLabel;
 
-/// Shows the chosen folder in one line, with a button to choose another one. Main thread only.
+/// Shows the chosen folder in one line, with a button to choose another one. The whole path is its tooltip
+/// and the accessible description of the button. Main thread only.
 class DirectorySelector : public QWidget
 {
     Q_OBJECT
@@ -36,15 +37,16 @@ Q_SIGNALS:
     /// The user chose a folder. Emitted through the event queue, after the dialog has ended.
     void chosen(const harbex::ChosenFolder& folder);
 
+protected:
+    void changeEvent(QEvent* event) override;
+
 private:
     void choose();
+    void followFont();
 
+    std::optional<FileUrl> m_url;
     PathLabel* m_label;
     QToolButton* m_button;
 };
-
-/// Returns the label of a folder: its path, with each occurrence of the home path replaced by "~". A path of
-/// more than 40 characters (grapheme clusters) gives only its last component. Escaped by readableText().
-[[nodiscard]] QString folderLabel(const FileUrl& url);
 
 } // namespace harbex

@@ -1,7 +1,9 @@
 #include "support/FolderDialogUser.h"
 #include "support/WindowTestMain.h"
+#include "ui/DimmedInk.h"
 #include "ui/DirectorySelector.h"
 #include "ui/Icons.h"
+#include "ui/PathText.h"
 
 #include <QAccessible>
 #include <QDir>
@@ -9,6 +11,7 @@
 #include <QHelpEvent>
 #include <QLabel>
 #include <QPointer>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTextDocument>
 #include <QToolButton>
@@ -159,24 +162,59 @@ private Q_SLOTS:
         QCOMPARE(selector.text(), QStringLiteral("Select destination..."));
     }
 
-    void anElidedLabelHasATooltip()
+    void aLabelIsElidedAndHasTheWholePathAsItsTooltip()
     {
-        const char* path = "/srv/0123456789/0123456789/0123456789";
-        SelectorFixture fixture(path, 120);
-        QLabel* label = fixture.label();
-        QVERIFY(label->width() < label->sizeHint().width());
-        QVERIFY(label->geometry().right() < fixture.selector.button()->geometry().left());
-        QCOMPARE(fixture.selector.text(), QString::fromLatin1(path));
-        QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(label);
-        QCOMPARE(accessible->text(QAccessible::Name), fixture.selector.text());
-        fixture.hover();
-        QCOMPARE(shownToolTip(), fixture.selector.text());
+        // The first path is elided, the second one is too long for the label.
+        for (const QByteArray& path : {pathOf(40, "x"), pathOf(60, "x")}) {
+            SelectorFixture fixture(path.constData(), 120);
+            QLabel* label = fixture.label();
+            QVERIFY(label->geometry().right() < fixture.selector.button()->geometry().left());
+            QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(label);
+            QCOMPARE(accessible->text(QAccessible::Name), fixture.selector.text());
+            fixture.hover();
+            QCOMPARE(shownToolTip(), QString::fromLatin1(path));
+            fixture.selector.showUrl(std::nullopt);
+            QCOMPARE(label->toolTip(), QString());
+        }
+    }
 
-        fixture.selector.resize(600, fixture.selector.height());
-        QToolTip::hideText();
-        fixture.hover();
-        QCOMPARE(label->toolTip(), QString());
-        QTRY_VERIFY(!QToolTip::isVisible());
+    void thePromptIsDimmed()
+    {
+        QPalette palette(QColor(0x1b1e20));
+        SelectorFixture fixture("/srv/Pictures", 400);
+        fixture.selector.setPalette(palette);
+        const auto brightest = [&] {
+            const QImage image = fixture.label()->grab().toImage();
+            int value = 0;
+            for (int y = 0; y < image.height(); ++y)
+                for (int x = 0; x < image.width(); ++x)
+                    value = std::max(value, qGray(image.pixel(x, y)));
+            return value;
+        };
+        const int path = brightest();
+        fixture.selector.showUrl(std::nullopt);
+        const QColor dimmed = dimmedInk(palette, QPalette::WindowText, QPalette::Window);
+        QVERIFY(brightest() <= qGray(dimmed.rgb()));
+        QVERIFY(path > qGray(dimmed.rgb()));
+    }
+
+    void aPathReadsFromLeftToRightInAMirroredLayout()
+    {
+        // In text that reads from right to left the letters would come first, at the left end.
+        SelectorFixture fixture("/. . . . . . . MMMM", 400);
+        const auto restore = qScopeGuard([] { QGuiApplication::setLayoutDirection(Qt::LeftToRight); });
+        for (const auto direction : {Qt::LeftToRight, Qt::RightToLeft}) {
+            QGuiApplication::setLayoutDirection(direction);
+            const QImage image = fixture.label()->grab().toImage().convertToFormat(QImage::Format_RGB32);
+            const QRgb ground = image.pixel(image.width() / 2, image.height() / 2);
+            std::vector<int> ink;
+            for (int x = 6; x < image.width() - 6; ++x)
+                for (int y = 6; y < image.height() - 6; ++y)
+                    if (image.pixel(x, y) != ground) ink.push_back(x);
+            QCOMPARE(ink.front() > 200, direction == Qt::RightToLeft);
+            // Most of the ink is that of the letters.
+            QVERIFY(ink.at(ink.size() / 2) > (ink.front() + ink.back()) / 2);
+        }
     }
 
     void labelAndTooltipArePlainText()
@@ -223,6 +261,21 @@ private Q_SLOTS:
         QCOMPARE(user.dialogs(), 1);
         QCOMPARE(reports.front().url, url);
         QCOMPARE(folderOf(reports.front().bookmarkData), url);
+    }
+
+    void theDialogBeginsInThePresentFolder()
+    {
+        const QTemporaryDir folder;
+        DirectorySelector selector;
+        selector.showUrl(FileUrl::fromPath(folder.path().toStdString()));
+        selector.show();
+        QString start;
+        const FolderDialogUser user([&](QFileDialog& dialog) {
+            start = dialog.directory().path();
+            dialog.reject();
+        });
+        press(selector);
+        QTRY_COMPARE(start, folder.path());
     }
 
     void aCancelledDialogReportsNothing()
