@@ -4,11 +4,14 @@
 #include "ui/ContentState.h"
 #include "ui/FocusRing.h"
 #include "ui/Icons.h"
+#include "ui/Metrics.h"
+#include "ui/PathText.h"
 
 #include <QContextMenuEvent>
 #include <QKeyEvent>
 #include <QMenu>
 #include <QMouseEvent>
+#include <QPersistentModelIndex>
 #include <QScopedValueRollback>
 #include <QStyle>
 #include <QStyledItemDelegate>
@@ -22,8 +25,11 @@ namespace
 {
 
 constexpr int idRole = Qt::UserRole;
+/// True while the row's menu is open.
+constexpr int menuRole = Qt::UserRole + 1;
 
-/// Makes rows as high as the style's list icons and draws a focus ring.
+/// Makes rows as high as the style's list icons. Draws a ring around the row with the focus and around the
+/// row whose menu is open.
 class RowDelegate : public QStyledItemDelegate
 {
 public:
@@ -41,10 +47,12 @@ public:
         QStyleOptionViewItem unfocused = option;
         unfocused.state.setFlag(QStyle::State_HasFocus, false);
         QStyledItemDelegate::paint(painter, unfocused, index);
-        if (!option.state.testFlag(QStyle::State_HasFocus)) return;
         const bool isSelected = option.state.testFlag(QStyle::State_Selected);
         const auto ink = isSelected ? QPalette::HighlightedText : QPalette::Highlight;
-        drawFocusRing(*painter, *option.widget, option.rect, ink);
+        if (index.data(menuRole).toBool())
+            drawRing(*painter, option.rect, option.widget->palette().color(ink));
+        else if (option.state.testFlag(QStyle::State_HasFocus))
+            drawFocusRing(*painter, *option.widget, option.rect, ink);
     }
 
 protected:
@@ -72,8 +80,7 @@ FolderList::FolderList(ContentState& state, QWidget* parent) : QListWidget(paren
     setEditTriggers(NoEditTriggers);
     setDragDropMode(NoDragDrop);
     setUniformItemSizes(true);
-    const int iconSize = style()->pixelMetric(QStyle::PM_SmallIconSize, nullptr, this);
-    setIconSize({iconSize, iconSize});
+    setIconSize(iconSizeFor(*this));
     setItemDelegate(new RowDelegate(this));
     setTextElideMode(Qt::ElideMiddle);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
@@ -83,6 +90,13 @@ FolderList::FolderList(ContentState& state, QWidget* parent) : QListWidget(paren
     connect(&m_state, &ContentState::foldersChanged, this, &FolderList::showFolders);
     connect(&m_state, &ContentState::selectionChanged, this, &FolderList::showSelection);
     showFolders();
+}
+
+void FolderList::changeEvent(QEvent* event)
+{
+    QListWidget::changeEvent(event);
+    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange)
+        setIconSize(iconSizeFor(*this));
 }
 
 // Ignores the other buttons, which would select the row.
@@ -146,8 +160,12 @@ void FolderList::showFolders()
         added->setData(idRole, folders[static_cast<std::size_t>(row)].id);
         insertItem(row, added);
     }
-    for (int row = 0; row < after; ++row)
-        item(row)->setText(readableName(folders[static_cast<std::size_t>(row)].url.lastPathComponent()));
+    for (int row = 0; row < after; ++row) {
+        const FileUrl& url = folders[static_cast<std::size_t>(row)].url;
+        item(row)->setText(readableName(url.lastPathComponent()));
+        item(row)->setToolTip(pathToolTip(url));
+        item(row)->setData(Qt::AccessibleDescriptionRole, fullPath(url));
+    }
     showSelection();
 
     // The focus is invisible and useless in an empty list.
@@ -184,6 +202,11 @@ void FolderList::openMenu(const QListWidgetItem& row, const QPoint& position)
 {
     auto* menu = new QMenu(this);
     menu->setAttribute(Qt::WA_DeleteOnClose);
+    const auto mark = [this, index = QPersistentModelIndex(indexFromItem(&row))](bool isOpen) {
+        model()->setData(index, isOpen, menuRole);
+    };
+    mark(true);
+    connect(menu, &QMenu::aboutToHide, this, [mark] { mark(false); });
     const QIcon trash = symbolIcon(Symbol::trash, QPalette::HighlightedText);
     QAction* deleteAction = menu->addAction(trash, tr("Delete"));
     deleteAction->setIconVisibleInMenu(true);

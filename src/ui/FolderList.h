@@ -7,8 +7,8 @@ namespace harbex
 
 class ContentState;
 
-/// Lists the watched folders by name, in their order. The selected row is the selected folder. Main thread
-/// only. `state` must live longer.
+/// Lists the watched folders by name, in their order. The selected row is the selected folder. The whole path
+/// is a row's tooltip and its accessible description. Main thread only. `state` must live longer.
 class FolderList : public QListWidget
 {
     Q_OBJECT
@@ -17,6 +17,7 @@ public:
     explicit FolderList(ContentState& state, QWidget* parent = nullptr);
 
 protected:
+    void changeEvent(QEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
     void contextMenuEvent(QContextMenuEvent* event) override;

@@ -8,6 +8,7 @@
 #include <QMenu>
 #include <QScrollBar>
 #include <QSignalSpy>
+#include <QTextDocument>
 
 #include <memory>
 #include <utility>
@@ -146,6 +147,22 @@ private Q_SLOTS:
         QCOMPARE(fixture.names(), "Downloads,My Scans,caf\xef\xbf\xbd\\n");
         QCOMPARE(fixture.list->item(0)->icon().pixmap(16).toImage(),
                  symbolIcon(Symbol::folder).pixmap(16).toImage());
+    }
+
+    void aRowTellsTheWholePath()
+    {
+        const ListFixture fixture(
+            {folderAt("file:///srv/a/Inbox"), folderAt("file:///srv/%3Cb%3E%26/Inbox")});
+        QCOMPARE(fixture.names(), "Inbox,Inbox");
+        const QAccessibleInterface* list = QAccessible::queryAccessibleInterface(fixture.list.get());
+        int row = 0;
+        for (const char* path : {"/srv/a/Inbox", "/srv/<b>&/Inbox"}) {
+            QTextDocument shown;
+            shown.setHtml(fixture.list->item(row)->toolTip());
+            QCOMPARE(shown.toPlainText(), QString::fromLatin1(path));
+            QCOMPARE(list->child(row)->text(QAccessible::Description), QString::fromLatin1(path));
+            ++row;
+        }
     }
 
     void aScreenReaderGetsTheNames()
@@ -338,6 +355,29 @@ private Q_SLOTS:
         QCOMPARE(fixture.selected(), "A");
         QCOMPARE(fixture.restarts(), 1);
         QVERIFY(!fixture.wasSaved());
+    }
+
+    void theRowOfAnOpenMenuIsOutlined()
+    {
+        ListFixture fixture;
+        const auto imageOf = [&](int row) {
+            const QRect place = fixture.list->visualItemRect(fixture.list->item(row));
+            return fixture.list->viewport()->grab(place).toImage();
+        };
+        for (const int meant : {0, 2}) {
+            const std::vector<QImage> before = {imageOf(0), imageOf(1), imageOf(2)};
+            fixture.rightClick(fixture.centre(meant));
+            for (int row = 0; row < 3; ++row)
+                QCOMPARE(imageOf(row) != before.at(static_cast<std::size_t>(row)), row == meant);
+            QCOMPARE(fixture.selected(), "A");
+            fixture.menu()->close();
+            QCOMPARE(imageOf(meant), before.at(static_cast<std::size_t>(meant)));
+        }
+        // The row can be deleted while the menu is open.
+        fixture.rightClick(fixture.centre(2));
+        fixture.state.deleteFolder(fixture.folder(2).id);
+        fixture.menu()->close();
+        QCOMPARE(fixture.names(), "A,B");
     }
 
     void aClosedMenuDeletesNothing()
