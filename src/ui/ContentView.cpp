@@ -1,11 +1,13 @@
 #include "ui/ContentView.h"
 
 #include "ui/ContentState.h"
+#include "ui/DimmedInk.h"
 #include "ui/FlatButton.h"
 #include "ui/FolderDialog.h"
 #include "ui/FolderList.h"
 #include "ui/HeadingLabel.h"
 #include "ui/Icons.h"
+#include "ui/Metrics.h"
 #include "ui/RuleList.h"
 
 #include <QEvent>
@@ -15,30 +17,31 @@
 #include <QSplitter>
 #include <QStackedWidget>
 #include <QStyle>
-#include <QToolBar>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 namespace harbex
 {
 
-ContentView::ContentView(ContentState& state, QWidget* parent) : QWidget(parent), m_state(state)
+ContentView::ContentView(ContentState& state, QWidget* parent)
+    : QWidget(parent), m_state(state), m_columns(new QSplitter(this))
 {
-    auto* columns = new QSplitter(this);
-    columns->setMinimumSize(700, 400);
-    columns->setChildrenCollapsible(false);
-    columns->setHandleWidth(1);
-    columns->addWidget(sidebar());
-    columns->addWidget(detailView());
-    columns->setStretchFactor(1, 1);
-    columns->setSizes({220, 780});
+    m_columns->setChildrenCollapsible(false);
+    m_columns->setHandleWidth(1);
+    m_sidebar = sidebar();
+    m_columns->addWidget(m_sidebar);
+    m_columns->addWidget(detailView());
+    m_columns->setStretchFactor(1, 1);
+    m_columns->setSizes({scaledToFont(*this, 220), scaledToFont(*this, 780)});
     // Draws the handle as a line.
-    columns->handle(1)->setBackgroundRole(QPalette::Mid);
-    columns->handle(1)->setAutoFillBackground(true);
+    m_columns->handle(1)->setBackgroundRole(QPalette::Mid);
+    m_columns->handle(1)->setAutoFillBackground(true);
 
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins({});
-    layout->addWidget(columns);
-    setMinimumSize(1000, 400);
+    layout->addWidget(m_columns);
+    followFont();
 
     connect(&m_state, &ContentState::foldersChanged, this, &ContentView::showDetail);
     connect(&m_state, &ContentState::selectionChanged, this, &ContentView::showDetail);
@@ -59,33 +62,61 @@ void ContentView::changeEvent(QEvent* event)
 {
     QWidget::changeEvent(event);
     if (event->type() == QEvent::PaletteChange) dimEmptyText();
+    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange) followFont();
+}
+
+QByteArray ContentView::columnWidths() const
+{
+    return m_columns->saveState();
+}
+
+void ContentView::setColumnWidths(const QByteArray& widths)
+{
+    m_columns->restoreState(widths);
+}
+
+/// Sets the minimum sizes. They hold every text. On a screen that is too small for them the rules scroll
+/// sideways.
+void ContentView::followFont()
+{
+    m_addFolder->setIconSize(iconSizeFor(*this));
+
+    constexpr QSize least(1000, 400);
+    const QSize room = availableSizeFor(*this).expandedTo(least);
+    const auto minimum = [&](int width, int height) {
+        return QSize(scaledToFont(*this, width), scaledToFont(*this, height)).boundedTo(room);
+    };
+    setMinimumSize(minimum(least.width(), least.height()));
+    m_columns->setMinimumSize(minimum(700, 400));
+    const int sidebarWidth = std::max(scaledToFont(*this, 200), m_sidebar->layout()->minimumSize().width());
+    m_sidebar->setMinimumWidth(sidebarWidth);
+    const QMargins margins = m_ruleView->layout()->contentsMargins();
+    const int rest =
+        room.width() - sidebarWidth - m_columns->handleWidth() - margins.left() - margins.right();
+    m_ruleList->setMinimumWidth(std::min(m_ruleList->minimumSizeHint().width(), rest));
 }
 
 QWidget* ContentView::sidebar()
 {
     auto* sidebar = new QWidget(this);
-    sidebar->setMinimumWidth(200);
     sidebar->setBackgroundRole(QPalette::AlternateBase);
     sidebar->setAutoFillBackground(true);
 
-    // A button that QToolBar creates itself takes no keyboard focus.
     m_addFolder = new FlatButton(sidebar);
+    m_addFolder->setObjectName(QStringLiteral("addFolder"));
     m_addFolder->setText(tr("Add Folder"));
     m_addFolder->setIcon(symbolIcon(Symbol::plus));
+    // Before the splitter measures the sidebar: layouts ignore changes of hidden widgets.
+    m_addFolder->setIconSize(iconSizeFor(*this));
     m_addFolder->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
     // Queued, because assistive technology waits until the press is handled.
     connect(m_addFolder, &FlatButton::clicked, this, &ContentView::addFolder, Qt::QueuedConnection);
-    auto* toolBar = new QToolBar(sidebar);
-    toolBar->setMovable(false);
-    const int iconSize = style()->pixelMetric(QStyle::PM_SmallIconSize);
-    toolBar->setIconSize({iconSize, iconSize});
-    toolBar->addWidget(m_addFolder);
 
     auto* top = new QHBoxLayout;
     top->setContentsMargins(4, 4, 0, 4);
     top->addWidget(new HeadingLabel(tr("Folders"), 1.0, sidebar));
     top->addStretch();
-    top->addWidget(toolBar);
+    top->addWidget(m_addFolder);
 
     m_folderList = new FolderList(m_state, sidebar);
 
@@ -101,6 +132,7 @@ QWidget* ContentView::detailView()
 {
     m_emptyText = new QLabel(tr("Select a folder from the sidebar"), this);
     m_emptyText->setAlignment(Qt::AlignCenter);
+    m_emptyText->setWordWrap(true);
     dimEmptyText();
     m_ruleView = ruleView();
 
@@ -121,7 +153,7 @@ QWidget* ContentView::ruleView()
 
     auto* layout = new QVBoxLayout(view);
     layout->setSpacing(16);
-    layout->addWidget(new HeadingLabel(tr("Rules"), 1.3, view));
+    layout->addWidget(new HeadingLabel(tr("Rules"), 1.3, view), 0, Qt::AlignLeading);
     layout->addWidget(m_ruleList, 1);
     layout->addWidget(addRuleButton, 0, Qt::AlignLeading);
     layout->addWidget(divider);
@@ -135,10 +167,8 @@ void ContentView::showDetail()
 
 void ContentView::dimEmptyText()
 {
-    QPalette dimmed = palette();
-    QColor ink = dimmed.color(QPalette::WindowText);
-    ink.setAlphaF(0.65F);
-    dimmed.setColor(QPalette::WindowText, ink);
+    QPalette dimmed;
+    dimmed.setColor(QPalette::WindowText, dimmedInk(palette(), QPalette::WindowText, QPalette::Window));
     if (m_emptyText) m_emptyText->setPalette(dimmed);
 }
 

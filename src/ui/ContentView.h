@@ -1,8 +1,10 @@
 #pragma once
 
+#include <QByteArray>
 #include <QWidget>
 
 class QLabel;
+class QSplitter;
 class QStackedWidget;
 
 namespace harbex
@@ -22,11 +24,17 @@ class ContentView : public QWidget
 public:
     explicit ContentView(ContentState& state, QWidget* parent = nullptr);
 
+    /// Returns the widths of the two columns for setColumnWidths(), in an opaque format. The user can change
+    /// them.
+    [[nodiscard]] QByteArray columnWidths() const;
+    void setColumnWidths(const QByteArray& widths);
+
 protected:
     void showEvent(QShowEvent* event) override;
     void changeEvent(QEvent* event) override;
 
 private:
+    void followFont();
     QWidget* sidebar();
     QWidget* detailView();
     QWidget* ruleView();
@@ -36,6 +44,8 @@ private:
     void addRule();
 
     ContentState& m_state;
+    QSplitter* m_columns;
+    QWidget* m_sidebar = nullptr;
     FlatButton* m_addFolder = nullptr;
     FolderList* m_folderList = nullptr;
     QStackedWidget* m_detail = nullptr;

@@ -1,15 +1,20 @@
 #include "ui/RuleRow.h"
 
 #include "ui/ContentState.h"
+#include "ui/DimmedInk.h"
 #include "ui/DirectorySelector.h"
 #include "ui/FlatButton.h"
 #include "ui/Icons.h"
+#include "ui/Metrics.h"
 #include "ui/Picker.h"
 
+#include <QEvent>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QSignalBlocker>
+#include <QStyle>
+#include <QStyleOptionFrame>
 
 #include <algorithm>
 #include <array>
@@ -36,7 +41,7 @@ template <class Cases>
 Picker* makePicker(const Cases& cases, const QString& title, QWidget* parent)
 {
     auto* picker = new Picker(title, parent);
-    picker->setFixedWidth(120);
+    picker->setSizeAdjustPolicy(QComboBox::AdjustToContents);
     for (const auto value : cases)
         picker->addItem(RuleRow::tr(rawValue(value).toUtf8().constData()));
     return picker;
@@ -65,7 +70,6 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
       m_operator(makePicker(allRuleOperators, tr("Operator"), this)), m_value(new QLineEdit(this)),
       m_kind(makePicker(allRuleKinds, tr("Kind"), this)), m_destination(nullptr), m_delete(nullptr)
 {
-    m_value->setFixedWidth(180);
     m_value->setPlaceholderText(tr("Default: All Files"));
     m_value->setAccessibleName(tr("Value"));
     // QLineEdit would cut a longer value from the store, and the next edit would change the rule.
@@ -77,7 +81,6 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
 
     auto* moveTo = new QLabel(tr("move to"), this);
     m_destination = new DirectorySelector(this);
-    m_destination->setMinimumWidth(220);
     m_delete = new FlatButton(this);
     m_delete->setIcon(symbolIcon(Symbol::minusCircle));
     m_delete->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Ignored);
@@ -92,6 +95,8 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
     layout->addWidget(moveTo);
     layout->addWidget(m_destination, 1);
     layout->addWidget(m_delete);
+    followFont();
+    followPalette();
     showRule(rule);
 
     setOnChoice(m_field, allRuleFields, state, &ContentState::setField, m_ruleID);
@@ -106,6 +111,44 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
                 state.setDestination(id, folder.url, folder.bookmarkData);
             });
     connect(m_delete, &FlatButton::clicked, &state, [&state, id = m_ruleID] { state.deleteRule(id); });
+}
+
+void RuleRow::changeEvent(QEvent* event)
+{
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange) followFont();
+    if (event->type() == QEvent::PaletteChange) followPalette();
+}
+
+/// Sets the widths. The pickers have one width, so that the controls after them are aligned in all rows.
+void RuleRow::followFont()
+{
+    int pickerWidth = scaledToFont(*this, 120);
+    for (const Picker* picker : {m_field, m_operator, m_kind})
+        pickerWidth = std::max(pickerWidth, picker->sizeHint().width());
+    for (Picker* picker : {m_field, m_operator, m_kind})
+        picker->setFixedWidth(pickerWidth);
+
+    QStyleOptionFrame frame;
+    frame.initFrom(m_value);
+    frame.lineWidth = style()->pixelMetric(QStyle::PM_DefaultFrameWidth, &frame, m_value);
+    // Room for the cursor and for the padding of QLineEdit.
+    constexpr int padding = 6;
+    const QSize text(m_value->fontMetrics().horizontalAdvance(m_value->placeholderText()) + padding,
+                     m_value->fontMetrics().height());
+    const int textWidth = style()->sizeFromContents(QStyle::CT_LineEdit, &frame, text, m_value).width();
+    m_value->setFixedWidth(std::max(scaledToFont(*this, 180), textWidth));
+
+    m_destination->setMinimumWidth(
+        std::max(scaledToFont(*this, 220), m_destination->layout()->minimumSize().width()));
+    m_delete->setIconSize(iconSizeFor(*this));
+}
+
+void RuleRow::followPalette()
+{
+    QPalette placeholder;
+    placeholder.setColor(QPalette::PlaceholderText, dimmedInk(palette(), QPalette::Text, QPalette::Base));
+    m_value->setPalette(placeholder);
 }
 
 void RuleRow::showRule(const FilterRule& rule)

@@ -37,7 +37,13 @@ public:
 
     void focusDeleteButton();
 
+protected:
+    void changeEvent(QEvent* event) override;
+
 private:
+    void followFont();
+    void followPalette();
+
     const QUuid m_ruleID;
     Picker* m_field;
     Picker* m_operator;

@@ -14,7 +14,6 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QTimer>
-#include <QToolBar>
 #include <QTranslator>
 
 #include <utility>
@@ -146,7 +145,7 @@ private Q_SLOTS:
             texts += dialog.labelText(QFileDialog::Accept);
             dialog.reject();
         });
-        window()->findChild<QToolBar*>()->findChild<FlatButton*>()->click();
+        window()->findChild<FlatButton*>(QStringLiteral("addFolder"))->click();
         const QString prompt = QStringLiteral("[Select Focus Folder]");
         QTRY_COMPARE(texts.count(prompt), 2);
 

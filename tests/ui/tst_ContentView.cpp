@@ -2,6 +2,7 @@
 #include "support/FolderDialogUser.h"
 #include "support/WindowTestMain.h"
 #include "ui/ContentView.h"
+#include "ui/DimmedInk.h"
 #include "ui/DirectorySelector.h"
 #include "ui/FlatButton.h"
 #include "ui/FolderList.h"
@@ -19,7 +20,6 @@
 #include <QScrollBar>
 #include <QSplitter>
 #include <QStyle>
-#include <QToolBar>
 #include <QToolButton>
 
 #include <cstdlib>
@@ -68,8 +68,7 @@ struct ViewFixture : ContentStateFixture {
     }
 
     [[nodiscard]] QSplitter* columns() const { return view->findChild<QSplitter*>(); }
-    [[nodiscard]] QToolBar* toolBar() const { return view->findChild<QToolBar*>(); }
-    [[nodiscard]] QToolButton* addFolder() const { return toolBar()->findChild<FlatButton*>(); }
+    [[nodiscard]] QToolButton* addFolder() const { return shown<FlatButton>("Add Folder"); }
     [[nodiscard]] QPushButton* addRule() const { return shown<QPushButton>("Add Rule"); }
     [[nodiscard]] FolderList* folderList() const { return view->findChild<FolderList*>(); }
     [[nodiscard]] RuleList* ruleList() const { return view->findChild<RuleList*>(); }
@@ -140,22 +139,37 @@ private Q_SLOTS:
         QVERIFY(columns->widget(1)->isVisible());
     }
 
-    void theSidebarHasATitleOneToolBarItemAndTheFolders()
+    void theSidebarHasATitleAButtonAndTheFolders()
     {
         const ViewFixture fixture;
         const auto* title = fixture.shown<HeadingLabel>("Folders");
         QVERIFY(title);
-        QCOMPARE(fixture.view->findChildren<QToolBar*>().size(), 1);
-        const auto* toolBar = fixture.toolBar();
-        QCOMPARE(toolBar->actions().size(), 1);
-        QCOMPARE(toolBar->widgetForAction(toolBar->actions().first()), fixture.addFolder());
-        QCOMPARE(fixture.addFolder()->text(), QStringLiteral("Add Folder"));
-        QCOMPARE(fixture.addFolder()->icon().pixmap(16).toImage(),
-                 symbolIcon(Symbol::plus).pixmap(16).toImage());
-        QVERIFY(!toolBar->isMovable());
-        // Both are children of the sidebar.
-        QVERIFY(toolBar->x() > title->geometry().right());
-        QVERIFY(toolBar->geometry().bottom() < fixture.folderList()->y());
+        const QToolButton* button = fixture.addFolder();
+        QVERIFY(button);
+        QCOMPARE(button->icon().pixmap(16).toImage(), symbolIcon(Symbol::plus).pixmap(16).toImage());
+        // All are children of the sidebar.
+        QVERIFY(button->x() > title->geometry().right());
+        QVERIFY(button->geometry().bottom() < fixture.folderList()->y());
+        QCOMPARE(button->geometry().right(), fixture.folderList()->geometry().right());
+    }
+
+    void addFolderIsInTheMiddleOfItsButton()
+    {
+        const ViewFixture fixture;
+        fixture.view->activateWindow();
+        for (const auto direction : {Qt::LeftToRight, Qt::RightToLeft}) {
+            fixture.view->setLayoutDirection(direction);
+            QCoreApplication::processEvents();
+            const QImage image = fixture.addFolder()->grab().toImage().convertToFormat(QImage::Format_RGB32);
+            QRect ink;
+            for (int y = 0; y < image.height(); ++y)
+                for (int x = 0; x < image.width(); ++x)
+                    if (qGray(image.pixel(x, y)) < 100) ink |= QRect(x, y, 1, 1);
+            QVERIFY(ink.width() > 50);
+            // The icon has a margin.
+            QVERIFY(std::abs(ink.center().x() - image.rect().center().x()) <= 2);
+            QVERIFY(std::abs(ink.center().y() - image.rect().center().y()) <= 2);
+        }
     }
 
     void theRuleViewHasATitleTheRulesAddRuleAndADivider()
@@ -219,6 +233,24 @@ private Q_SLOTS:
         QVERIFY(title->font().bold());
     }
 
+    void headingsAndButtonsAreOnTheLeadingSide()
+    {
+        const ViewFixture fixture;
+        for (const auto direction : {Qt::LeftToRight, Qt::RightToLeft}) {
+            fixture.view->setLayoutDirection(direction);
+            QCoreApplication::processEvents();
+            for (const char* title : {"Folders", "Rules"}) {
+                const auto* label = fixture.shown<HeadingLabel>(title);
+                // The label is as wide as its text.
+                QCOMPARE(label->width(), label->sizeHint().width());
+                QCOMPARE(label->geometry().center().x() > label->parentWidget()->rect().center().x(),
+                         direction == Qt::RightToLeft);
+            }
+            QCOMPARE(fixture.addRule()->x() > fixture.addRule()->parentWidget()->rect().center().x(),
+                     direction == Qt::RightToLeft);
+        }
+    }
+
     // What is shown.
     void theDetailViewShowsTheseTextsOnly_data()
     {
@@ -256,7 +288,8 @@ private Q_SLOTS:
             if (!each->isVisible()) continue;
             if (const auto* label = qobject_cast<const QLabel*>(each)) shown += label->text();
             if (const auto* button = qobject_cast<const QAbstractButton*>(each)) shown += button->text();
-            shown += each->toolTip();
+            // Only a path has a tooltip.
+            QVERIFY(each->toolTip().isEmpty() || each->toolTip().contains(QLatin1Char('/')));
         }
         shown.removeAll(QString());
         shown.sort();
@@ -273,17 +306,16 @@ private Q_SLOTS:
         QVERIFY(text);
         QCOMPARE(text->alignment(), Qt::AlignCenter);
         QCOMPARE(text->size(), fixture.columns()->widget(1)->size());
-        const auto ink = [text] { return text->palette().color(QPalette::WindowText); };
-        QVERIFY(ink().alphaF() < 0.9F);
-        QVERIFY(ink().alphaF() > 0.5F);
-
-        QApplication::setPalette(QPalette(Qt::black));
-        QCoreApplication::processEvents();
-        const int lightness = ink().lightness();
-        QApplication::setPalette(QPalette());
-        QCoreApplication::processEvents();
-        QVERIFY(lightness > 200);
-        QVERIFY(ink().lightness() < 50);
+        const auto isDimmed = [&] {
+            return text->palette().color(QPalette::WindowText) ==
+                   dimmedInk(fixture.view->palette(), QPalette::WindowText, QPalette::Window);
+        };
+        QVERIFY(isDimmed());
+        for (const QPalette& palette : {QPalette(Qt::black), QPalette()}) {
+            QApplication::setPalette(palette);
+            QCoreApplication::processEvents();
+            QVERIFY(isDimmed());
+        }
     }
 
     void selectingAFolderShowsItsRules()
@@ -334,7 +366,7 @@ private Q_SLOTS:
             delete view;
             FolderDialogUser::choose(dialog, QDir::homePath());
         });
-        view->findChild<QToolBar*>()->findChild<FlatButton*>()->click();
+        view->findChild<FlatButton*>(QStringLiteral("addFolder"))->click();
         QTRY_VERIFY(!view);
         QCOMPARE(fixture.restarts(), 0);
         QVERIFY(fixture.state.folders().empty());

@@ -1,6 +1,7 @@
 #include "support/ContentStateFixture.h"
 #include "support/FolderDialogUser.h"
 #include "support/WindowTestMain.h"
+#include "ui/DimmedInk.h"
 #include "ui/DirectorySelector.h"
 #include "ui/Icons.h"
 #include "ui/RuleRow.h"
@@ -166,6 +167,42 @@ private Q_SLOTS:
         QCOMPARE(fixture.selector()->width(), selector.width() + 100);
         fixture.row->resize(fixture.row->minimumSizeHint());
         QCOMPARE(fixture.selector()->width(), 220);
+    }
+
+    void widthsAndIconsGrowWithTheFont()
+    {
+        RowFixture fixture;
+        const QSize icon = fixture.deletion()->iconSize();
+        QFont font = fixture.row->font();
+        font.setPixelSize(24);
+        fixture.row->setFont(font);
+        fixture.row->resize(fixture.row->minimumSizeHint());
+        QCOMPARE(fixture.picker("Field")->width(), 240);
+        QCOMPARE(fixture.picker("Operator")->width(), 240);
+        QCOMPARE(fixture.picker("Kind")->width(), 240);
+        QCOMPARE(fixture.value()->width(), 360);
+        QCOMPARE(fixture.selector()->width(), 440);
+        QCOMPARE(fixture.deletion()->iconSize(), icon * 2);
+        QCOMPARE(fixture.control<QToolButton>("Select destination...")->iconSize(), icon * 2);
+        // They do not become smaller than at the normal size.
+        font.setPixelSize(9);
+        fixture.row->setFont(font);
+        QCOMPARE(fixture.picker("Field")->width(), 120);
+        QCOMPARE(fixture.deletion()->iconSize(), icon);
+    }
+
+    void thePlaceholderIsDimmedOnEveryPalette()
+    {
+        const RowFixture fixture;
+        for (const QPalette& palette : {QPalette(QColor(0x1b1e20)), QPalette(Qt::white)}) {
+            QApplication::setPalette(palette);
+            QCoreApplication::processEvents();
+            const QPalette& shown = fixture.value()->palette();
+            QCOMPARE(shown.color(QPalette::PlaceholderText),
+                     dimmedInk(shown, QPalette::Text, QPalette::Base));
+            QCOMPARE(shown.color(QPalette::Base), palette.color(QPalette::Base));
+        }
+        QApplication::setPalette(QPalette());
     }
 
     // Editing.
