@@ -3,11 +3,12 @@
 #include "ui/ContentState.h"
 #include "ui/ContentView.h"
 #include "ui/IdleMemory.h"
+#include "ui/Metrics.h"
 
 #include <QApplication>
 #include <QCloseEvent>
 #include <QIcon>
-#include <QScreen>
+#include <QShortcut>
 
 #include <algorithm>
 #include <array>
@@ -79,6 +80,7 @@ void endStartup(WId window, QByteArray id)
 MainWindow::MainWindow(ContentState& state) : m_state(state)
 {
     setWindowTitle(tr("Harbex"));
+    connect(new QShortcut(QKeySequence::Close, this), &QShortcut::activated, this, &MainWindow::close);
     // The theme contains the icon if the program is installed.
     setWindowIcon(QIcon::fromTheme(QStringLiteral("org.harbex.Harbex"),
                                    QIcon(QStringLiteral(":/icons/application.svg"))));
@@ -89,9 +91,7 @@ void MainWindow::open(const QString& activationToken)
     if (!m_isOpen) {
         m_isOpen = true;
         m_state.appear();
-        if (!centralWidget()) setCentralWidget(new ContentView(m_state, this));
-        setWindowState(Qt::WindowNoState);
-        resize(QSize(1100, 640).boundedTo(screen()->availableSize()));
+        if (!centralWidget()) makeContent();
     }
     // Qt's Wayland plugin reads the token from there.
     if (!activationToken.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
@@ -100,6 +100,16 @@ void MainWindow::open(const QString& activationToken)
     raise();
     activateWindow();
     if (!activationToken.isEmpty()) endStartup(winId(), activationToken.toUtf8());
+}
+
+void MainWindow::makeContent()
+{
+    m_content = new ContentView(m_state, this);
+    setCentralWidget(m_content);
+    const bool isFirst = m_columnWidths.isEmpty();
+    const QSize wanted = isFirst ? QSize(scaledToFont(*this, 1100), scaledToFont(*this, 640)) : size();
+    if (!isMaximized()) resize(wanted.boundedTo(availableSizeFor(*this)));
+    if (!isFirst) m_content->setColumnWidths(m_columnWidths);
 }
 
 void MainWindow::closeEvent(QCloseEvent* event)
@@ -116,6 +126,7 @@ void MainWindow::releaseContent()
 {
     // An open dialog still needs the content.
     if (m_isOpen || QApplication::activeModalWidget()) return;
+    m_columnWidths = m_content->columnWidths();
     delete takeCentralWidget();
     destroy();
     releaseIdleMemory();

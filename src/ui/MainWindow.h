@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QMainWindow>
 #include <QString>
 
@@ -7,10 +8,11 @@ namespace harbex
 {
 
 class ContentState;
+class ContentView;
 
 /// The only main window. Opening it calls ContentState::appear(), closing it ContentState::disappear().
-/// Minimising, switching the desktop, locking the screen and quitting call neither. Each opening starts with
-/// the same size. Main thread only. `state` must live longer.
+/// Minimising, switching the desktop, locking the screen and quitting call neither. The size of the window
+/// and the widths of its columns are kept until the process ends. Main thread only. `state` must live longer.
 class MainWindow : public QMainWindow
 {
     Q_OBJECT
@@ -27,11 +29,17 @@ protected:
     void showEvent(QShowEvent* event) override;
 
 private:
+    void makeContent();
+
     /// Releases the content, the native window and idle memory, because the window may stay closed for weeks.
     void releaseContent();
 
     ContentState& m_state;
     bool m_isOpen = false;
+    /// Null while the content is released.
+    ContentView* m_content = nullptr;
+    /// Empty before the first closing.
+    QByteArray m_columnWidths;
 };
 
 } // namespace harbex

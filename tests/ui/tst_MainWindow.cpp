@@ -10,7 +10,9 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QPointer>
+#include <QScreen>
 #include <QSignalSpy>
+#include <QSplitter>
 #include <QTimer>
 #include <QWindow>
 
@@ -144,25 +146,50 @@ private Q_SLOTS:
         QCOMPARE(fixture.window->centralWidget()->size(), QSize(1500, 900));
     }
 
-    void everyOpeningBeginsWithTheSameSize()
+    void sizeColumnsAndStateAreKeptFromClosingToOpening()
     {
         WindowFixture fixture;
         fixture.open();
-        const QSize size = fixture.window->size();
-        fixture.window->resize(1250, 777);
-        fixture.window->close();
-        fixture.window->open();
-        QCOMPARE(fixture.window->size(), size);
+        const auto reopen = [&] {
+            fixture.window->close();
+            fixture.settle();
+            QVERIFY(!fixture.window->centralWidget());
+            fixture.window->open();
+        };
+        const auto columns = [&] { return fixture.window->findChild<QSplitter*>(); };
+        fixture.window->resize(1000, 510);
+        const QList<int> firstWidths = columns()->sizes();
+        columns()->setSizes({202, 797});
+        const QList<int> widths = columns()->sizes();
+        QVERIFY(widths != firstWidths);
+        for (int times = 0; times < 2; ++times) {
+            reopen();
+            QCOMPARE(fixture.window->size(), QSize(1000, 510));
+            QCOMPARE(columns()->sizes(), widths);
+        }
+        // The screen may have become smaller.
+        fixture.window->resize(1000, 2000);
+        reopen();
+        QVERIFY(fixture.window->height() < fixture.window->screen()->availableSize().height());
+
         fixture.window->showMaximized();
-        QTRY_VERIFY(fixture.window->size() != size);
-        fixture.window->close();
-        fixture.window->open();
-        QVERIFY(!fixture.window->isMaximized());
-        QCOMPARE(fixture.window->size(), size);
-        // An open window keeps its size.
-        fixture.window->resize(1250, 777);
-        fixture.window->open();
-        QCOMPARE(fixture.window->size(), QSize(1250, 777));
+        reopen();
+        QVERIFY(fixture.window->isMaximized());
+        // Another process begins anew.
+        WindowFixture other;
+        other.open();
+        QVERIFY(!other.window->isMaximized());
+        QCOMPARE(other.window->findChild<QSplitter*>()->sizes(), firstWidths);
+    }
+
+    void controlWClosesTheWindow()
+    {
+        WindowFixture fixture;
+        fixture.open();
+        QTest::keyClick(fixture.window.get(), Qt::Key_W, Qt::ControlModifier);
+        QVERIFY(!fixture.window->isVisible());
+        fixture.settle();
+        QVERIFY(!fixture.window->centralWidget());
     }
 
     // Appearing.
