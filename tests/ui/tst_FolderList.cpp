@@ -339,10 +339,10 @@ private Q_SLOTS:
         QSignalSpy rowSelections(fixture.list.get(), &FolderList::itemSelectionChanged);
         QSignalSpy currents(fixture.list.get(), &FolderList::currentRowChanged);
         fixture.rightClick(fixture.centre(2));
-        QVERIFY(fixture.menu());
+        QVERIFY(ListFixture::menu());
         QCOMPARE(selections.count() + rowSelections.count() + currents.count(), 0);
 
-        const auto actions = fixture.menu()->actions();
+        const auto actions = ListFixture::menu()->actions();
         QCOMPARE(actions.size(), 1);
         QCOMPARE(actions.first()->text(), QStringLiteral("Delete"));
         QCOMPARE(actions.first()->icon().pixmap(16).toImage(),
@@ -350,7 +350,7 @@ private Q_SLOTS:
         QVERIFY(actions.first()->isIconVisibleInMenu());
         QVERIFY(actions.first()->shortcut().isEmpty());
 
-        fixture.chooseFirstMenuItem();
+        ListFixture::chooseFirstMenuItem();
         QCOMPARE(fixture.names(), "A,B");
         QCOMPARE(fixture.selected(), "A");
         QCOMPARE(fixture.restarts(), 1);
@@ -370,13 +370,13 @@ private Q_SLOTS:
             for (int row = 0; row < 3; ++row)
                 QCOMPARE(imageOf(row) != before.at(static_cast<std::size_t>(row)), row == meant);
             QCOMPARE(fixture.selected(), "A");
-            fixture.menu()->close();
+            ListFixture::menu()->close();
             QCOMPARE(imageOf(meant), before.at(static_cast<std::size_t>(meant)));
         }
         // The row can be deleted while the menu is open.
         fixture.rightClick(fixture.centre(2));
         fixture.state.deleteFolder(fixture.folder(2).id);
-        fixture.menu()->close();
+        ListFixture::menu()->close();
         QCOMPARE(fixture.names(), "A,B");
     }
 
@@ -384,10 +384,10 @@ private Q_SLOTS:
     {
         ListFixture fixture;
         fixture.rightClick(belowTheRows);
-        QVERIFY2(!fixture.menu(), "no row, no menu");
+        QVERIFY2(!ListFixture::menu(), "no row, no menu");
         fixture.rightClick(fixture.centre(1));
-        QTest::keyClick(fixture.menu(), Qt::Key_Escape);
-        QVERIFY(!fixture.menu());
+        QTest::keyClick(ListFixture::menu(), Qt::Key_Escape);
+        QVERIFY(!ListFixture::menu());
         QCOMPARE(fixture.names(), "A,B,C");
         QCOMPARE(fixture.restarts(), 0);
     }
@@ -399,7 +399,7 @@ private Q_SLOTS:
         fixture.requestMenu(QContextMenuEvent::Keyboard, fixture.centre(1));
         fixture.pressKey(Qt::Key_Menu);
         QCOMPARE(fixture.list->findChildren<QMenu*>().size(), 1);
-        fixture.chooseFirstMenuItem();
+        ListFixture::chooseFirstMenuItem();
         QCOMPARE(fixture.names(), "A,C");
     }
 
@@ -408,18 +408,18 @@ private Q_SLOTS:
         ListFixture fixture(26, 25);
         fixture.list->scrollToTop();
         fixture.pressKey(Qt::Key_F10, Qt::ShiftModifier);
-        QVERIFY(fixture.menu());
+        QVERIFY(ListFixture::menu());
         QVERIFY(fixture.list->viewport()->rect().contains(fixture.centre(25)));
-        fixture.chooseFirstMenuItem();
+        ListFixture::chooseFirstMenuItem();
         QCOMPARE(fixture.list->count(), 25);
         QVERIFY(fixture.names().endsWith(",Y"));
 
         fixture.state.select(fixture.folder(0).id);
         fixture.pressKey(Qt::Key_F10);
-        QVERIFY2(!fixture.menu(), "F10 without Shift");
+        QVERIFY2(!ListFixture::menu(), "F10 without Shift");
         fixture.state.select(std::nullopt);
         fixture.pressKey(Qt::Key_F10, Qt::ShiftModifier);
-        QVERIFY2(!fixture.menu(), "no current row");
+        QVERIFY2(!ListFixture::menu(), "no current row");
     }
 
     void otherButtonsAndKeysNeitherSelectNorEditNorDelete()

@@ -145,7 +145,7 @@ private Q_SLOTS:
             // The focus enters through these two.
             QVERIFY(fixture.row(0) && fixture.row(999));
         }
-        fixture.processDeferredDeletes();
+        ListFixture::processDeferredDeletes();
         QVERIFY(!former);
         QVERIFY(!fixture.row(5));
     }
@@ -268,7 +268,7 @@ private Q_SLOTS:
         fixture.state.select(fixture.other);
         QCOMPARE(fixture.bar->value(), 0);
         QVERIFY(fixture.isSeen(0));
-        fixture.processDeferredDeletes();
+        ListFixture::processDeferredDeletes();
         QVERIFY(!former);
         for (const RuleRow* row : fixture.rows())
             QVERIFY(std::ranges::any_of(fixture.folder(1).rules,
@@ -307,7 +307,7 @@ private Q_SLOTS:
         const QPointer<RuleRow> deleted = fixture.row(1);
         QTest::mouseClick(fixture.deletion(1), Qt::LeftButton);
         QVERIFY2(deleted && deleted->isHidden(), "the row still handles the click");
-        fixture.processDeferredDeletes();
+        ListFixture::processDeferredDeletes();
         QVERIFY(!deleted);
         QCOMPARE(fixture.folder(0).rules.size(), 2U);
         QCOMPARE(fixture.rule(1).id, third);
