@@ -1,7 +1,6 @@
 #include "ui/ActivationToken.h"
 #include "ui/ApplicationService.h"
 #include "ui/ApplicationShell.h"
-#include "ui/ColorScheme.h"
 #include "ui/TerminationSignals.h"
 
 #include <QApplication>
@@ -66,7 +65,6 @@ int main(int argc, char** argv)
         translator.load(QLocale(), QStringLiteral("harbex"), QStringLiteral("_"), translations))
         QApplication::installTranslator(&translator);
 
-    const harbex::ColorScheme colorScheme;
     harbex::ApplicationShell shell(bus, service);
     const harbex::TerminationSignals signals;
     QObject::connect(&signals, &harbex::TerminationSignals::received, &shell,

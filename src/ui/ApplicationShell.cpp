@@ -10,7 +10,7 @@ namespace harbex
 {
 
 ApplicationShell::ApplicationShell(const QDBusConnection& bus, const ApplicationService& service)
-    : m_state(m_watcher, m_store), m_mainWindow(m_state), m_statusItem(bus)
+    : m_colorScheme(bus), m_state(m_watcher, m_store), m_mainWindow(m_state), m_statusItem(bus)
 {
     connect(&m_statusItem, &StatusItem::openRequested, &m_mainWindow, &MainWindow::open);
     connect(&service, &ApplicationService::openRequested, &m_mainWindow, &MainWindow::open);
@@ -21,6 +21,7 @@ ApplicationShell::ApplicationShell(const QDBusConnection& bus, const Application
 
 void ApplicationShell::applicationDidFinishLaunching()
 {
+    m_colorScheme.waitForAnswer();
     m_mainWindow.open();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "store/FolderStore.h"
+#include "ui/ColorScheme.h"
 #include "ui/ContentState.h"
 #include "ui/MainWindow.h"
 #include "ui/StatusItem.h"
@@ -14,8 +15,8 @@ namespace harbex
 
 class ApplicationService;
 
-/// Owns the engine, the store, the main window and the status item. The engine outlives every window. Main
-/// thread only.
+/// Owns the engine, the store, the main window, the status item and the colours. The engine outlives every
+/// window. Main thread only.
 class ApplicationShell : public QObject
 {
     Q_OBJECT
@@ -24,7 +25,8 @@ public:
     /// Publishes the status item on `bus` and handles the requests of `service`, which must live longer.
     ApplicationShell(const QDBusConnection& bus, const ApplicationService& service);
 
-    /// Opens the main window, which starts the engine. Call once, before the main loop.
+    /// Opens the main window, which starts the engine, in the colours of the desktop. Waits for these up to
+    /// 100 ms. Call once, before the main loop.
     void applicationDidFinishLaunching();
 
     /// Ends the main loop and rejects an open folder dialog. Saves nothing: changes since the last save are
@@ -35,6 +37,8 @@ protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
+    // First, so that the desktop is asked for the colours early.
+    ColorScheme m_colorScheme;
     DownloadImageRedirector m_watcher;
     FolderStore m_store;
     ContentState m_state;

@@ -1,10 +1,14 @@
 #include "ui/ColorScheme.h"
 
 #include <QApplication>
+#include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QStyle>
+#include <QStyleHints>
+
+#include <utility>
 
 namespace harbex
 {
@@ -21,6 +25,9 @@ constexpr QLatin1String colorScheme("color-scheme");
 /// The portal's value for "prefers dark".
 constexpr uint preferDark = 1;
 
+constexpr int firstTimeoutMilliseconds = 100;
+constexpr int standardTimeout = -1;
+
 bool isDark(const QPalette& palette)
 {
     return palette.color(QPalette::Window).lightness() < palette.color(QPalette::WindowText).lightness();
@@ -35,32 +42,60 @@ bool hasLightStylePalette()
     return !isDark(fallback) && isSame(QPalette::Window) && isSame(QPalette::Base) && isSame(QPalette::Text);
 }
 
+/// Returns whether Qt's platform theme follows the desktop itself, maybe later than the portal reports a
+/// change.
+bool isPlatformThemeLive()
+{
+#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
+    if (QGuiApplication::styleHints()->colorScheme() != Qt::ColorScheme::Unknown) return true;
+#endif
+    const QString chosen = qEnvironmentVariable("QT_QPA_PLATFORMTHEME");
+    if (!chosen.isEmpty()) return chosen == QLatin1String("kde");
+    return qEnvironmentVariable("XDG_CURRENT_DESKTOP").split(u':').contains(QLatin1String("KDE"));
+}
+
 } // namespace
 
-ColorScheme::ColorScheme(QDBusConnection bus, QObject* parent) : QObject(parent)
+ColorScheme::ColorScheme(const QDBusConnection& bus, QObject* parent) : QObject(parent), m_bus(bus)
 {
-    if (!hasLightStylePalette()) return;
     // Qt 6.4 connects a signal only if the types of its arguments are registered.
     qRegisterMetaType<QDBusVariant>();
     // The service name is empty, because Qt would block to look up the owner of a named service.
-    bus.connect({}, path, interface, QStringLiteral("SettingChanged"), this,
-                // clang-format off
-                SLOT(settingChanged(QString,QString,QDBusVariant)));
+    m_bus.connect({}, path, interface, QStringLiteral("SettingChanged"), this,
+                  // clang-format off
+                  SLOT(settingChanged(QString,QString,QDBusVariant)));
     // clang-format on
+#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
+    connect(QGuiApplication::styleHints(), &QStyleHints::colorSchemeChanged, this, &ColorScheme::update);
+#endif
+    ask(firstTimeoutMilliseconds);
+}
 
-    auto readCall = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Read"));
-    readCall << appearance << colorScheme;
-    const auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(readCall), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [](QDBusPendingCallWatcher* answered) {
-        const QDBusPendingReply<QDBusVariant> reply = *answered;
-        if (!reply.isError()) apply(reply.value().variant());
-        answered->deleteLater();
-    });
+void ColorScheme::waitForAnswer()
+{
+    if (m_firstAnswer) m_firstAnswer->waitForFinished();
 }
 
 void ColorScheme::settingChanged(const QString& group, const QString& key, const QDBusVariant& value)
 {
     if (group == appearance && key == colorScheme) apply(value.variant());
+}
+
+void ColorScheme::ask(int timeoutMilliseconds)
+{
+    auto readCall = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Read"));
+    readCall << appearance << colorScheme;
+    auto* const watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(readCall, timeoutMilliseconds), this);
+    if (timeoutMilliseconds != standardTimeout) m_firstAnswer = watcher;
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher, timeoutMilliseconds] {
+        const QDBusPendingReply<QDBusVariant> reply = *watcher;
+        if (!reply.isError())
+            apply(reply.value().variant());
+        else if (reply.error().type() == QDBusError::NoReply && timeoutMilliseconds != standardTimeout)
+            // The portal may still be starting.
+            ask(standardTimeout);
+        watcher->deleteLater();
+    });
 }
 
 void ColorScheme::apply(const QVariant& scheme)
@@ -69,8 +104,17 @@ void ColorScheme::apply(const QVariant& scheme)
     // A reply to "Read" has one more QDBusVariant around the value than the signal.
     while (value.canConvert<QDBusVariant>())
         value = value.value<QDBusVariant>().variant();
-    // A default-constructed palette selects the style's own palette.
-    QApplication::setPalette(value.toUInt() == preferDark ? darkPalette() : QPalette());
+    m_prefersDark = value.toUInt() == preferDark;
+    update();
+}
+
+void ColorScheme::update()
+{
+    // A default-constructed palette selects that of the platform theme or the style.
+    if (std::exchange(m_isPaletteOurs, false)) QApplication::setPalette(QPalette());
+    if (!m_prefersDark || isPlatformThemeLive() || !hasLightStylePalette()) return;
+    QApplication::setPalette(darkPalette());
+    m_isPaletteOurs = true;
 }
 
 QPalette ColorScheme::darkPalette()

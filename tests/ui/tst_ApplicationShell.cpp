@@ -2,9 +2,11 @@
 #include "support/FakePanel.h"
 #include "support/FolderDialogUser.h"
 #include "support/SessionBus.h"
+#include "support/SettingsPortal.h"
 #include "support/WindowTestMain.h"
 #include "ui/ApplicationService.h"
 #include "ui/ApplicationShell.h"
+#include "ui/ColorScheme.h"
 #include "ui/FlatButton.h"
 #include "ui/FolderList.h"
 
@@ -40,6 +42,26 @@ public:
     }
 };
 
+/// The colour that the program has when it first shows a window.
+class FirstShow : public QObject
+{
+public:
+    FirstShow() { qApp->installEventFilter(this); }
+
+    [[nodiscard]] QColor colour() const { return m_colour; }
+
+protected:
+    bool eventFilter(QObject* /*watched*/, QEvent* event) override
+    {
+        if (event->type() == QEvent::Show && !m_colour.isValid())
+            m_colour = QApplication::palette().color(QPalette::Window);
+        return false;
+    }
+
+private:
+    QColor m_colour;
+};
+
 } // namespace
 
 /// The parts together: the window, the status item and the service.
@@ -68,6 +90,16 @@ private Q_SLOTS:
         QVERIFY(window()->isVisible());
         QCOMPARE(window()->windowTitle(), QStringLiteral("Harbex"));
         QCOMPARE(m_panel->item().property("IconName"), QVariant(QStringLiteral("folder")));
+    }
+
+    void theFirstFrameHasTheColoursOfTheDesktop()
+    {
+        SettingsPortal portal(*m_bus);
+        portal.set(QStringLiteral("org.freedesktop.appearance"), QStringLiteral("color-scheme"), 1U);
+        const FirstShow first;
+        launch();
+        QCOMPARE(first.colour(), ColorScheme::darkPalette().color(QPalette::Window));
+        QApplication::setPalette(QPalette());
     }
 
     void theMenuAndASecondStartOpenTheClosedWindow()

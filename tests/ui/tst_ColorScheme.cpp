@@ -1,4 +1,5 @@
 #include "support/SessionBus.h"
+#include "support/SettingsPortal.h"
 #include "support/WindowTestMain.h"
 #include "ui/ColorScheme.h"
 
@@ -16,69 +17,37 @@ namespace
 {
 
 const QString portalService = QStringLiteral("org.freedesktop.portal.Desktop");
-const QString portalInterface = QStringLiteral("org.freedesktop.portal.Settings");
 const QString portalPath = QStringLiteral("/org/freedesktop/portal/desktop");
 const QString appearance = QStringLiteral("org.freedesktop.appearance");
 const QString colorScheme = QStringLiteral("color-scheme");
 
-/// The settings part of the desktop portal. It replies in the main loop of the test, so code that blocks
-/// until the reply would block for ever.
-class Portal : public QObject
-{
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Settings")
-
-public:
-    Portal(SessionBus& bus, const QVariant& scheme) : m_connection(bus.connect()), m_scheme(scheme)
-    {
-        m_connection.registerObject(portalPath, this, QDBusConnection::ExportAllSlots);
-        m_connection.registerService(portalService);
-    }
-    ~Portal() override { m_connection.unregisterService(portalService); }
-
-    void change(const QString& group, const QString& key, const QVariant& value) const
-    {
-        auto signal =
-            QDBusMessage::createSignal(portalPath, portalInterface, QStringLiteral("SettingChanged"));
-        signal << group << key << QVariant::fromValue(QDBusVariant(value));
-        m_connection.send(signal);
-    }
-
-    int questions = 0;
-
-public Q_SLOTS:
-    QDBusVariant Read(const QString& group, const QString& key)
-    {
-        if (group == appearance && key == colorScheme) ++questions;
-        return QDBusVariant(QVariant::fromValue(QDBusVariant(m_scheme)));
-    }
-
-private:
-    QDBusConnection m_connection;
-    QVariant m_scheme;
-};
-
-/// A portal that never replies.
-class SilentPortal : public QDBusVirtualObject
+/// A portal in this process. It replies only when the test says so.
+class SlowPortal : public QDBusVirtualObject
 {
 public:
-    explicit SilentPortal(SessionBus& bus) : m_connection(bus.connect())
+    explicit SlowPortal(SessionBus& bus) : m_connection(bus.connect())
     {
         m_connection.registerVirtualObject(portalPath, this);
         m_connection.registerService(portalService);
     }
 
     [[nodiscard]] QString introspect(const QString& /*path*/) const override { return {}; }
-    bool handleMessage(const QDBusMessage& /*message*/, const QDBusConnection& /*connection*/) override
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& /*connection*/) override
     {
-        ++questions;
+        m_questions.append(message);
         return true;
     }
 
-    int questions = 0;
+    [[nodiscard]] int questions() const { return int(m_questions.size()); }
+    /// Replies to the latest question.
+    void reply(uint scheme) const
+    {
+        m_connection.send(m_questions.last().createReply(asVariant(asVariant(scheme))));
+    }
 
 private:
     QDBusConnection m_connection;
+    QList<QDBusMessage> m_questions;
 };
 
 bool isDark()
@@ -99,14 +68,6 @@ double contrast(const QColor& text, const QColor& ground)
     const double a = luminance(text);
     const double b = luminance(ground);
     return (std::max(a, b) + 0.05) / (std::min(a, b) + 0.05);
-}
-
-/// Reads the setting from the portal. A bus keeps the order of messages from one sender to one receiver, so
-/// afterwards all earlier signals and replies of the portal to this connection have been handled.
-bool isReplyReceived(const QDBusConnection& connection)
-{
-    const RemoteObject settings{connection, portalService, portalPath, portalInterface};
-    return settings.accepts("Read", {appearance, colorScheme});
 }
 
 constexpr uint noPreference = 0;
@@ -134,9 +95,26 @@ private Q_SLOTS:
         QApplication::setPalette(QPalette());
     }
 
+    // First, because Qt 6.4 can connect a QDBusVariant after anything in the process has used that type.
+    void everyChangeOfTheDesktopIsFollowed()
+    {
+        const QPalette before = QApplication::palette();
+        SettingsPortal portal(*m_bus);
+        const ColorScheme scheme(*m_connection);
+        QVERIFY(SettingsPortal::replies(*m_connection));
+        for (const uint other : {light, noPreference, light}) {
+            portal.set(appearance, colorScheme, dark);
+            QTRY_VERIFY(isDark());
+            portal.set(appearance, colorScheme, other);
+            QTRY_VERIFY(!isDark());
+            QCOMPARE(QApplication::palette(), before);
+        }
+    }
+
     void aDarkDesktopMakesTheProgramDarkWithoutBlocking()
     {
-        const Portal portal(*m_bus, dark);
+        SettingsPortal portal(*m_bus);
+        portal.set(appearance, colorScheme, dark);
         QWidget window;
         const ColorScheme scheme(*m_connection);
         QVERIFY(!isDark());
@@ -161,38 +139,25 @@ private Q_SLOTS:
     {
         QFETCH(const QVariant, answer);
         const QPalette before = QApplication::palette();
-        const Portal portal(*m_bus, answer);
+        SettingsPortal portal(*m_bus);
+        portal.set(appearance, colorScheme, answer);
         const ColorScheme scheme(*m_connection);
-        QVERIFY(isReplyReceived(*m_connection));
-        QCOMPARE(portal.questions, 2);
+        QVERIFY(SettingsPortal::replies(*m_connection));
+        QCOMPARE(portal.questions(), 1);
         QCOMPARE(QApplication::palette(), before);
-    }
-
-    void aChangeOfTheDesktopIsFollowed()
-    {
-        const QPalette before = QApplication::palette();
-        const Portal portal(*m_bus, light);
-        const ColorScheme scheme(*m_connection);
-        QVERIFY(isReplyReceived(*m_connection));
-        for (const uint other : {light, noPreference}) {
-            portal.change(appearance, colorScheme, dark);
-            QTRY_VERIFY(isDark());
-            portal.change(appearance, colorScheme, other);
-            QTRY_VERIFY(!isDark());
-            QCOMPARE(QApplication::palette(), before);
-        }
     }
 
     void changesOfOtherSettingsAreIgnored()
     {
-        const Portal portal(*m_bus, dark);
+        SettingsPortal portal(*m_bus);
+        portal.set(appearance, colorScheme, dark);
         const ColorScheme scheme(*m_connection);
         QTRY_VERIFY(isDark());
-        portal.change(appearance, QStringLiteral("contrast"), light);
-        QVERIFY(isReplyReceived(*m_connection));
+        portal.set(appearance, QStringLiteral("contrast"), light);
+        QVERIFY(SettingsPortal::replies(*m_connection));
         QVERIFY2(isDark(), "another key");
-        portal.change(QStringLiteral("org.gnome.desktop.interface"), colorScheme, light);
-        QVERIFY(isReplyReceived(*m_connection));
+        portal.set(QStringLiteral("org.gnome.desktop.interface"), colorScheme, light);
+        QVERIFY(SettingsPortal::replies(*m_connection));
         QVERIFY2(isDark(), "another group");
     }
 
@@ -200,10 +165,10 @@ private Q_SLOTS:
     {
         const QPalette before = QApplication::palette();
         const ColorScheme scheme(*m_connection);
-        QVERIFY2(!isReplyReceived(*m_connection), "the bus replies with an error");
+        QVERIFY2(!SettingsPortal::replies(*m_connection), "the bus replies with an error");
         QCOMPARE(QApplication::palette(), before);
-        const Portal portal(*m_bus, light);
-        portal.change(appearance, colorScheme, dark);
+        SettingsPortal portal(*m_bus);
+        portal.set(appearance, colorScheme, dark);
         QTRY_VERIFY(isDark());
     }
 
@@ -212,38 +177,90 @@ private Q_SLOTS:
         const QPalette before = QApplication::palette();
         const auto noBus =
             QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent"), QStringLiteral("none"));
-        const ColorScheme scheme(noBus);
+        ColorScheme scheme(noBus);
+        scheme.waitForAnswer();
         QCoreApplication::processEvents();
         QCOMPARE(QApplication::palette(), before);
     }
 
-    void aPortalThatDoesNotReplyDelaysNothing()
+    void thePaletteIsRightBeforeTheFirstWindow()
     {
-        const SilentPortal portal(*m_bus);
+        SettingsPortal portal(*m_bus);
+        portal.set(appearance, colorScheme, dark);
+        ColorScheme scheme(*m_connection);
+        scheme.waitForAnswer();
+        QVERIFY(isDark());
+        QCOMPARE(portal.questions(), 1);
+    }
+
+    void aPortalThatDoesNotReplyDelaysTheFirstWindowBriefly()
+    {
+        const SlowPortal portal(*m_bus);
         QElapsedTimer timer;
         timer.start();
-        {
-            const ColorScheme scheme(*m_connection);
-            QVERIFY(timer.elapsed() < 5000);
-            QTRY_COMPARE(portal.questions, 1);
-            timer.restart();
-        }
-        QVERIFY(timer.elapsed() < 5000);
+        ColorScheme scheme(*m_connection);
+        scheme.waitForAnswer();
+        QVERIFY2(timer.elapsed() < 2000, "Qt's own limit is 25 seconds");
+        timer.restart();
+        scheme.waitForAnswer();
+        QVERIFY2(timer.elapsed() < 50, "it waits only once");
         QVERIFY(!isDark());
+
+        QTRY_COMPARE(portal.questions(), 2);
+        portal.reply(dark);
+        QTRY_VERIFY(isDark());
+    }
+
+    void anAnswerBeforeThePaletteOfThePlatformThemeIsIgnored_data()
+    {
+        QTest::addColumn<QByteArray>("theme");
+        QTest::addColumn<bool>("isOurs");
+        QTest::newRow("of the desktop") << QByteArray() << false;
+        QTest::newRow("chosen") << QByteArray("kde") << false;
+        QTest::newRow("another") << QByteArray("none") << true;
+    }
+
+    void anAnswerBeforeThePaletteOfThePlatformThemeIsIgnored()
+    {
+        QFETCH(const QByteArray, theme);
+        QFETCH(const bool, isOurs);
+        qputenv("XDG_CURRENT_DESKTOP", "ubuntu:KDE");
+        qputenv("QT_QPA_PLATFORMTHEME", theme);
+        SettingsPortal portal(*m_bus);
+        portal.set(appearance, colorScheme, dark);
+        // The style has a light palette, like that of Plasma before its platform theme changes it.
+        ColorScheme scheme(*m_connection);
+        scheme.waitForAnswer();
+        qunsetenv("XDG_CURRENT_DESKTOP");
+        qunsetenv("QT_QPA_PLATFORMTHEME");
+        QCOMPARE(isDark(), isOurs);
+    }
+
+    void aPaletteOfTheDesktopIsLeftAlone_data()
+    {
+        QTest::addColumn<QColor>("window");
+        QTest::addColumn<QColor>("text");
+        QTest::newRow("light") << QColor(0xf6, 0xf0, 0xe0) << QColor(Qt::black);
+        QTest::newRow("dark") << QColor(0x20, 0x23, 0x26) << QColor(0xfc, 0xfc, 0xfc);
     }
 
     void aPaletteOfTheDesktopIsLeftAlone()
     {
-        // As the desktop's plugin of Qt sets it.
-        QPalette own = QApplication::palette();
-        own.setColor(QPalette::Window, QColor(0xf6, 0xf0, 0xe0));
-        QApplication::setPalette(own);
-        const Portal portal(*m_bus, dark);
+        QFETCH(const QColor, window);
+        QFETCH(const QColor, text);
+        SettingsPortal portal(*m_bus);
         const ColorScheme scheme(*m_connection);
-        portal.change(appearance, colorScheme, dark);
-        QVERIFY(isReplyReceived(*m_connection));
-        QCOMPARE(portal.questions, 1);
-        QCOMPARE(QApplication::palette(), own);
+        QVERIFY(SettingsPortal::replies(*m_connection));
+        // As the desktop's plugin of Qt sets it, before the portal reports the change.
+        QPalette own = QApplication::palette();
+        own.setColor(QPalette::Window, window);
+        own.setColor(QPalette::WindowText, text);
+        QApplication::setPalette(own);
+        for (const uint preference : {dark, light, dark}) {
+            portal.set(appearance, colorScheme, preference);
+            QVERIFY(SettingsPortal::replies(*m_connection));
+            QCOMPARE(QApplication::palette(), own);
+        }
     }
 
     void everyTextOfTheDarkPaletteIsReadable()
