@@ -13,6 +13,8 @@ ApplicationShell::ApplicationShell(const QDBusConnection& bus, const Application
     : m_colorScheme(bus), m_state(m_watcher, m_store), m_mainWindow(m_state), m_statusItem(bus)
 {
     connect(&m_statusItem, &StatusItem::openRequested, &m_mainWindow, &MainWindow::open);
+    // Without the item, the taskbar is the only place where the user finds a covered window.
+    connect(&m_statusItem, &StatusItem::shownChanged, &m_mainWindow, &MainWindow::setLeftOutOfTaskbar);
     connect(&service, &ApplicationService::openRequested, &m_mainWindow, &MainWindow::open);
     connect(&m_statusItem, &StatusItem::quitRequested, this, &ApplicationShell::quit);
     connect(&service, &ApplicationService::quitRequested, this, &ApplicationShell::quit);

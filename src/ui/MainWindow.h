@@ -20,9 +20,14 @@ class MainWindow : public QMainWindow
 public:
     explicit MainWindow(ContentState& state);
 
-    /// Opens the window, or brings an open one to the front. Wayland needs the token to allow this. On X11
-    /// the token is the startup id, whose startup notification is ended. The token may be empty.
+    /// Opens the window, or brings an open one to the front, on X11 also from another virtual desktop.
+    /// Wayland needs the token to allow this. On X11 the token is the startup id, whose startup notification
+    /// is ended. The token may be empty.
     void open(const QString& activationToken = {});
+
+    /// On X11, leaves the window out of taskbars and pagers, or shows it there (the default). Lasts for all
+    /// openings.
+    void setLeftOutOfTaskbar(bool isLeftOut);
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -40,6 +45,7 @@ private:
     ContentView* m_content = nullptr;
     /// Empty before the first closing.
     QByteArray m_columnWidths;
+    bool m_isLeftOutOfTaskbar = false;
 };
 
 } // namespace harbex

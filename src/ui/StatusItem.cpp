@@ -4,6 +4,8 @@
 #include <QGuiApplication>
 #include <QSystemTrayIcon>
 
+#include <utility>
+
 namespace harbex
 {
 
@@ -29,8 +31,12 @@ StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
 
     m_notifierItem = std::make_unique<StatusNotifierItem>(bus, tr("Harbex"), iconName, m_icon, m_menu);
     connect(m_notifierItem.get(), &StatusNotifierItem::menuRequested, this, &StatusItem::popUp);
-    connect(m_notifierItem.get(), &StatusNotifierItem::shownChanged, this,
-            [this](bool isShown) { showInXEmbedTray(!isShown); });
+    connect(m_notifierItem.get(), &StatusNotifierItem::shownChanged, this, [this](bool isShown) {
+        m_isInPanel = isShown;
+        showInXEmbedTray(!isShown);
+        update();
+    });
+    connect(&m_xembedTray, &XEmbedTray::changed, this, &StatusItem::update);
 }
 
 void StatusItem::popUp(const QPoint& position)
@@ -59,6 +65,13 @@ void StatusItem::showInXEmbedTray(bool isShown)
                 });
     }
     if (m_trayIcon) m_trayIcon->setVisible(isShown);
+}
+
+void StatusItem::update()
+{
+    const bool isDocked = m_trayIcon && m_trayIcon->isVisible() && m_xembedTray.isThere();
+    const bool isShown = m_isInPanel || isDocked;
+    if (std::exchange(m_isShown, isShown) != isShown) Q_EMIT shownChanged(isShown);
 }
 
 } // namespace harbex

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ui/StatusNotifierItem.h"
+#include "ui/XEmbedTray.h"
 
 #include <QDBusConnection>
 #include <QIcon>
@@ -31,15 +32,21 @@ Q_SIGNALS:
     void openRequested(const QString& activationToken);
     /// The user chose "Quit".
     void quitRequested();
+    /// A tray shows the item, or none does. None does until the signal says otherwise.
+    void shownChanged(bool isShown);
 
 private:
     void popUp(const QPoint& position);
     void showInXEmbedTray(bool isShown);
+    void update();
 
     QIcon m_icon;
     QMenu m_menu;
     std::unique_ptr<StatusNotifierItem> m_notifierItem;
     QSystemTrayIcon* m_trayIcon = nullptr;
+    XEmbedTray m_xembedTray;
+    bool m_isInPanel = false;
+    bool m_isShown = false;
 };
 
 } // namespace harbex

@@ -57,6 +57,12 @@ Accessible HarbexRun::window() const
     return m_session.window("frame", "Harbex");
 }
 
+std::optional<bool> HarbexRun::isLeftOutOfTaskbar() const
+{
+    const auto state = m_session.run("xprop", words("-name Harbex _NET_WM_STATE"));
+    return state ? std::optional(state->contains("_NET_WM_STATE_SKIP_TASKBAR")) : std::nullopt;
+}
+
 QList<Accessible> HarbexRun::controls(const char* role, const char* name) const
 {
     return window().all(role, name);

@@ -37,6 +37,8 @@ public:
     [[nodiscard]] Accessible window() const;
     /// Returns whether the main window is open and in front of the other windows.
     [[nodiscard]] bool isInFront() const { return window().has(Accessible::State::active); }
+    /// Returns whether the main window is left out of the taskbar. Empty while it is closed. X11 only.
+    [[nodiscard]] std::optional<bool> isLeftOutOfTaskbar() const;
     /// Returns the visible controls of the main window with this role and name, or the first of them.
     [[nodiscard]] QList<Accessible> controls(const char* role, const char* name) const;
     [[nodiscard]] Accessible control(const char* role, const char* name) const;

@@ -58,7 +58,7 @@ private:
 };
 
 /// Starts Xfce's panel, which draws the menu for both mouse buttons.
-void startXfcePanel(DesktopSession& desktop)
+QProcess& startXfcePanel(DesktopSession& desktop)
 {
     writeConfiguration(QStringLiteral("xfce4/xfconf/xfce-perchannel-xml/xfce4-panel.xml"),
                        R"(<?xml version="1.0" encoding="UTF-8"?>
@@ -81,7 +81,7 @@ void startXfcePanel(DesktopSession& desktop)
           </property>
         </channel>)");
     desktop.startService("org.xfce.Xfconf");
-    desktop.start("xfce4-panel");
+    return desktop.start("xfce4-panel");
 }
 
 } // namespace
@@ -199,13 +199,20 @@ private Q_SLOTS:
         STEP("the window opens without a panel", harbex.isInFront());
         QVERIFY2(harbex.closeWindow(), "the window closes");
 
-        startXfcePanel(desktop);
+        QProcess& panel = startXfcePanel(desktop);
         // In this panel the icons have their own window.
         const auto icon = [&] { return desktop.windows("wrapper-2.0").value(0); };
         STEP("the panel draws the icon", desktop.countColours(icon()) > 4);
         QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::open),
                  "a click on the icon opens the menu");
         STEP("\"Open Harbex\" opens the window, in front", harbex.isInFront());
+        STEP("the window is not in the taskbar", harbex.isLeftOutOfTaskbar() == true);
+
+        panel.terminate();
+        STEP("without a panel it is", harbex.isLeftOutOfTaskbar() == false);
+        desktop.start("xfce4-panel");
+        STEP("another panel draws the icon", desktop.countColours(icon()) > 4);
+        STEP("the window leaves the taskbar", harbex.isLeftOutOfTaskbar() == true);
         QVERIFY2(harbex.chooseFromMenu(icon(), HarbexRun::MenuItem::quit), "\"Quit\" is in the menu");
         STEP("the program ends with status 0", harbex.exitStatus() == 0);
     }

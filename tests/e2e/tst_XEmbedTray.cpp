@@ -9,7 +9,7 @@ using namespace harbex::test;
 namespace
 {
 
-void startPanel(DesktopSession& desktop)
+QProcess& startPanel(DesktopSession& desktop)
 {
     const QString path = qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/tint2rc");
     QFile configuration(path);
@@ -20,7 +20,7 @@ void startPanel(DesktopSession& desktop)
                                                "systray_icon_size = 24\n") > 0;
     if (!isWritten) qFatal("no configuration of the panel");
     configuration.close();
-    desktop.start("tint2", {QStringLiteral("-c"), path});
+    return desktop.start("tint2", {QStringLiteral("-c"), path});
 }
 
 /// Returns the rectangle of the program's window that is on the panel.
@@ -71,6 +71,14 @@ private Q_SLOTS:
         HarbexRun harbex(desktop);
         harbex.start();
         STEP("the window opens without a panel", harbex.isInFront());
+        STEP("the taskbar shows the window", harbex.isLeftOutOfTaskbar() == false);
+        for (int time = 0; time < 2; ++time) {
+            QProcess& panel = startPanel(desktop);
+            STEP("the icon is docked and drawn", desktop.countColours(iconIn(desktop)) > 4);
+            STEP("the window leaves the taskbar", harbex.isLeftOutOfTaskbar() == true);
+            panel.terminate();
+            STEP("without a tray it is back", harbex.isLeftOutOfTaskbar() == false);
+        }
         startPanel(desktop);
         STEP("the icon is docked and drawn", desktop.countColours(iconIn(desktop)) > 4);
         QVERIFY2(harbex.chooseFromMenu(iconIn(desktop), HarbexRun::MenuItem::quit), "a click opens the menu");

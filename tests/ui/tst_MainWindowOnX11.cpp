@@ -28,7 +28,7 @@ QByteArray run(const char* program, const QStringList& arguments)
 }
 
 /// Runs xdotool with words separated by spaces.
-void xdotool(const char* words)
+void xdotool(const QByteArray& words)
 {
     run("xdotool", QString::fromLatin1(words).split(u' '));
 }
@@ -125,9 +125,26 @@ class TestMainWindowOnX11 : public QObject
 private Q_SLOTS:
     void initTestCase() { QCOMPARE(QGuiApplication::platformName(), QStringLiteral("xcb")); }
 
+    void itIsInTaskbarAndPagerUnlessItIsLeftOut()
+    {
+        const WindowFixture fixture;
+        for (const bool isLeftOut : {true, false, true, false}) {
+            fixture.window->setLeftOutOfTaskbar(isLeftOut);
+            QTRY_COMPARE(fixture.has("SKIP_TASKBAR"), isLeftOut);
+            QTRY_COMPARE(fixture.has("SKIP_PAGER"), isLeftOut);
+        }
+        fixture.window->setLeftOutOfTaskbar(true);
+        QTRY_VERIFY(fixture.has("SKIP_TASKBAR"));
+        fixture.window->close();
+        fixture.window->setLeftOutOfTaskbar(false);
+        fixture.open();
+        QVERIFY(!fixture.has("SKIP"));
+    }
+
     void everyOpeningIsLeftOutOfTaskbarAndPager()
     {
         const WindowFixture fixture;
+        fixture.window->setLeftOutOfTaskbar(true);
         for (int opening = 0; opening < 3; ++opening) {
             QTRY_VERIFY(fixture.has("SKIP_TASKBAR"));
             QVERIFY(fixture.has("SKIP_PAGER"));
@@ -141,6 +158,7 @@ private Q_SLOTS:
     void minimisingNeitherLoadsNorSavesAndIsUndone()
     {
         WindowFixture fixture;
+        fixture.window->setLeftOutOfTaskbar(true);
         fixture.state.setValue(fixture.rule(0).id, QStringLiteral("not saved yet"));
         run("xdotool", {QStringLiteral("windowminimize"), QString::number(fixture.window->winId())});
         QTRY_VERIFY(fixture.window->isMinimized());
@@ -163,6 +181,50 @@ private Q_SLOTS:
         xdotool("set_desktop 0");
         fixture.open();
         QVERIFY(!fixture.wasTouched());
+    }
+
+    void openingBringsItToTheWorkspaceInFront_data()
+    {
+        QTest::addColumn<bool>("isMinimised");
+        QTest::newRow("shown") << false;
+        QTest::newRow("minimised") << true;
+    }
+
+    void openingBringsItToTheWorkspaceInFront()
+    {
+        QFETCH(const bool, isMinimised);
+        WindowFixture fixture;
+        const QString id = QString::number(fixture.window->winId());
+        if (isMinimised) {
+            run("xdotool", {QStringLiteral("windowminimize"), id});
+            QTRY_VERIFY(fixture.has("HIDDEN"));
+        }
+        for (const QByteArray& desktop : {QByteArray("2"), QByteArray("1"), QByteArray("0")}) {
+            xdotool("set_desktop " + desktop);
+            QTRY_COMPARE(run("xdotool", {QStringLiteral("get_desktop")}).trimmed(), desktop);
+            QTRY_VERIFY(!fixture.window->isActiveWindow());
+            fixture.window->open();
+            QTRY_COMPARE(run("xdotool", {QStringLiteral("get_desktop_for_window"), id}).trimmed(), desktop);
+            QTRY_COMPARE(run("xdotool", {QStringLiteral("getactivewindow")}).trimmed(), id.toUtf8());
+            QTRY_VERIFY(fixture.window->isActiveWindow());
+            QCOMPARE(run("xdotool", {QStringLiteral("get_desktop")}).trimmed(), desktop);
+        }
+        QVERIFY(!fixture.wasTouched());
+    }
+
+    void aWindowOnAllWorkspacesStaysOnThem()
+    {
+        const WindowFixture fixture;
+        const QString id = QString::number(fixture.window->winId());
+        const auto desktop = [&] {
+            return run("xdotool", {QStringLiteral("get_desktop_for_window"), id}).trimmed();
+        };
+        run("xdotool", {QStringLiteral("set_desktop_for_window"), id, QStringLiteral("-1")});
+        QTRY_COMPARE(desktop(), QByteArray("-1"));
+        xdotool("set_desktop 1");
+        fixture.open();
+        xdotool("set_desktop 0");
+        QCOMPARE(desktop(), QByteArray("-1"));
     }
 
     void openingBringsItInFrontOfOtherWindows()

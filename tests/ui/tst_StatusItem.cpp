@@ -108,6 +108,22 @@ private Q_SLOTS:
         QCOMPARE(m_quit->count(), 0);
     }
 
+    void itIsShownWhileAPanelHasAHost()
+    {
+        FakePanel panel(*m_bus, false);
+        makeItem(m_bus->connect());
+        const QSignalSpy shown(m_item.get(), &StatusItem::shownChanged);
+        QTRY_VERIFY(isInXEmbedTray());
+        QVERIFY2(shown.isEmpty(), "there is no tray yet, neither of this kind nor of the other");
+        qsizetype changes = 0;
+        for (const bool isThere : {true, false, true}) {
+            panel.setHost(isThere);
+            ++changes;
+            QTRY_COMPARE(shown.size(), changes);
+            QCOMPARE(shown.last(), QVariantList({isThere}));
+        }
+    }
+
     void xembedTrayIsUsedOnlyAfterThePanelIsGone()
     {
         QVERIFY(makeItemInPanel());

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QByteArray>
+#include <QtGui/qwindowdefs.h>
+
+namespace harbex
+{
+
+// What Qt cannot do with a window on X11. On other platforms these functions do nothing. Main thread only.
+
+/// Leaves a window out of taskbars and pagers, or shows it there. `isManaged` says whether the window manager
+/// knows the window: it reads the state when it maps a window, and later takes requests only.
+void leaveOutOfTaskbar(WId window, bool isLeftOut, bool isManaged);
+
+/// Brings an open window to the virtual desktop in front, above the other windows, and gives it the focus.
+void bringToFront(WId window);
+
+/// Ends the startup notification with this id. Qt ends only that of its own process.
+void endStartup(WId window, QByteArray id);
+
+} // namespace harbex
