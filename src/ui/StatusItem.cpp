@@ -30,6 +30,7 @@ StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
     connect(m_menu.addAction(tr("Quit")), &QAction::triggered, this, &StatusItem::quitRequested);
 
     m_notifierItem = std::make_unique<StatusNotifierItem>(bus, tr("Harbex"), iconName, m_icon, m_menu);
+    m_notifierItem->setMenuOfPanelOnly(isWayland());
     connect(m_notifierItem.get(), &StatusNotifierItem::menuRequested, this, &StatusItem::popUp);
     connect(m_notifierItem.get(), &StatusNotifierItem::shownChanged, this, [this](bool isShown) {
         m_isInPanel = isShown;
@@ -42,7 +43,7 @@ StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
 void StatusItem::popUp(const QPoint& position)
 {
     // On Wayland a menu without a parent window would cover the screen. Panels there draw the menu
-    // themselves. If a panel cannot, open the window instead.
+    // themselves. If a panel cannot draw the context menu, open the window instead.
     if (isWayland())
         Q_EMIT openRequested(m_notifierItem->takeActivationToken());
     else

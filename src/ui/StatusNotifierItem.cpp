@@ -117,6 +117,10 @@ QDBusObjectPath StatusNotifierItem::menu() const
 
 void StatusNotifierItem::Activate(int x, int y)
 {
+    if (m_isMenuOfPanelOnly) {
+        sendErrorReply(QDBusError::UnknownMethod, QStringLiteral("The item is a menu"));
+        return;
+    }
     Q_EMIT menuRequested({x, y});
 }
 

@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QDBusArgument>
 #include <QDBusConnection>
+#include <QDBusContext>
 #include <QDBusObjectPath>
 #include <QDBusServiceWatcher>
 #include <QIcon>
@@ -41,7 +42,7 @@ const QDBusArgument& operator>>(const QDBusArgument& argument, StatusNotifierToo
 
 /// Exports the status item as org.kde.StatusNotifierItem on a bus. Left and right click open the menu.
 /// Registers with every StatusNotifierWatcher that appears. Main thread only.
-class StatusNotifierItem : public QObject
+class StatusNotifierItem : public QObject, protected QDBusContext
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierItem")
@@ -66,6 +67,10 @@ public:
     /// must be complete and live longer.
     StatusNotifierItem(const QDBusConnection& bus, const QString& title, const QString& iconName,
                        const QIcon& icon, const QMenu& menu, QObject* parent = nullptr);
+
+    /// Leaves the menu to the panel (false at first): a panel that asks for it with a left click gets an
+    /// error. Some panels then open the menu themselves.
+    void setMenuOfPanelOnly(bool isOnly) { m_isMenuOfPanelOnly = isOnly; }
 
     /// Returns the activation token of the latest click and clears it. May be empty.
     [[nodiscard]] QString takeActivationToken();
@@ -113,6 +118,7 @@ private:
     QDBusServiceWatcher m_watcherOwner;
     QString m_activationToken;
     std::optional<bool> m_isShown;
+    bool m_isMenuOfPanelOnly = false;
 };
 
 } // namespace harbex

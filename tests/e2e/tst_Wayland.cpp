@@ -25,6 +25,14 @@ private Q_SLOTS:
         STEP("the folder is watched", harbex.watches(HarbexRun::inbox()));
         QVERIFY2(harbex.drop("photo.jpg"), "a file arrives");
         STEP("it is moved", harbex.wasMoved("photo.jpg"));
+        QVERIFY2(!desktop.run("dbus-send", words("--session --print-reply --dest=org.harbex.Harbex "
+                                                 "/StatusNotifierItem org.kde.StatusNotifierItem.Activate "
+                                                 "int32:1 int32:1")),
+                 "a left click on the icon is left to the panel");
+        QVERIFY2(desktop.run("dbus-send", words("--session --print-reply --dest=org.harbex.Harbex "
+                                                "/StatusNotifierItem org.kde.StatusNotifierItem.ContextMenu "
+                                                "int32:1 int32:1")),
+                 "a panel without a menu of its own gets the window for a right click");
         harbex.signal(SIGTERM);
         STEP("the program ends with status 0", harbex.exitStatus() == 0);
     }

@@ -194,6 +194,18 @@ private Q_SLOTS:
         QCOMPARE(requested.count(), 0);
     }
 
+    void aLeftClickIsAnErrorIfOnlyThePanelCanOpenTheMenu()
+    {
+        QVERIFY(makeItemInPanel());
+        m_item->setMenuOfPanelOnly(true);
+        QSignalSpy requested(m_item.get(), &StatusNotifierItem::menuRequested);
+        const QDBusMessage answer = m_panel->item().call("Activate", {12, 345});
+        QCOMPARE(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod"));
+        QVERIFY(requested.isEmpty());
+        QVERIFY(m_panel->item().accepts("ContextMenu", {1, 2}));
+        QCOMPARE(requested.count(), 1);
+    }
+
     void latestTokenServesOneClick()
     {
         QVERIFY(makeItemInPanel());
