@@ -48,12 +48,14 @@ bool mayHaveEnded(const QDBusMessage& answer)
 ApplicationService::ApplicationService(const QDBusConnection& bus, QObject* parent)
     : QObject(parent), m_bus(bus)
 {
+    new QuitInterface(*this);
 }
 
 ApplicationService::Start ApplicationService::start(const QString& activationToken)
 {
     // Register first, so that the object exists as soon as the name does.
-    m_bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableInvokables);
+    m_bus.registerObject(objectPath, this,
+                         QDBusConnection::ExportScriptableInvokables | QDBusConnection::ExportAdaptors);
 
     QDBusMessage answer;
     const QDeadlineTimer deadline(replyTimeoutMilliseconds);

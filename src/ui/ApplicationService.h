@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QDBusAbstractAdaptor>
 #include <QDBusConnection>
 #include <QObject>
 #include <QString>
@@ -11,8 +12,9 @@ namespace harbex
 {
 
 /// Makes the program the only instance in the session: it owns the name org.harbex.Harbex on the session bus.
-/// Serves org.freedesktop.Application there. A second start, the desktop's menu and scripts use it to open
-/// the window of the running instance or to quit. Main thread only.
+/// Serves org.freedesktop.Application there, and org.harbex.Harbex through a QuitInterface. A second start,
+/// the desktop's menu and scripts use them to open the window of the running instance or to quit. Main thread
+/// only.
 class ApplicationService : public QObject
 {
     Q_OBJECT
@@ -48,6 +50,25 @@ private:
     [[nodiscard]] bool claimName();
 
     QDBusConnection m_bus;
+};
+
+/// The interface org.harbex.Harbex of a service. dbus-send, which every session bus comes with, cannot pass
+/// the arguments of ActivateAction().
+class QuitInterface : public QDBusAbstractAdaptor
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.harbex.Harbex")
+
+public:
+    explicit QuitInterface(ApplicationService& service) : QDBusAbstractAdaptor(&service), m_service(service)
+    {
+    }
+
+public Q_SLOTS:
+    void Quit() { Q_EMIT m_service.quitRequested(); }
+
+private:
+    ApplicationService& m_service;
 };
 
 } // namespace harbex

@@ -30,7 +30,7 @@ void MainWindow::open(const QString& activationToken)
     if (!m_isOpen) {
         m_isOpen = true;
         m_state.appear();
-        if (!centralWidget()) makeContent();
+        if (!m_content) makeContent();
     }
     // Qt's Wayland plugin reads the token from there.
     if (!activationToken.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
@@ -73,9 +73,10 @@ void MainWindow::closeEvent(QCloseEvent* event)
 void MainWindow::releaseContent()
 {
     // An open dialog still needs the content.
-    if (m_isOpen || QApplication::activeModalWidget()) return;
+    if (m_isOpen || !m_content || QApplication::activeModalWidget()) return;
     m_columnWidths = m_content->columnWidths();
-    delete takeCentralWidget();
+    takeCentralWidget();
+    delete std::exchange(m_content, nullptr);
     destroy();
     releaseIdleMemory();
 }

@@ -56,6 +56,12 @@ private Q_SLOTS:
         const QByteArray program = command.takeFirst().toUtf8();
         QVERIFY2(desktop.run(program, command), "the command of the action works");
         STEP("the action ends the program with status 0", harbex.exitStatus() == 0);
+        QVERIFY2(desktop.run(program, command), "without a running program it works too");
+        STEP("it starts none",
+             desktop.run("dbus-send", words("--session --print-reply --dest=org.freedesktop.DBus / "
+                                            "org.freedesktop.DBus.ListNames"))
+                     .value_or(QByteArray())
+                     .count("org.harbex") == 0);
     }
 };
 

@@ -167,6 +167,11 @@ private Q_SLOTS:
             QCOMPARE(fixture.window->size(), QSize(1000, 510));
             QCOMPARE(columns()->sizes(), widths);
         }
+        // Two closings in one turn of the main loop.
+        fixture.window->close();
+        fixture.window->open();
+        reopen();
+        QCOMPARE(columns()->sizes(), widths);
         // The screen may have become smaller.
         fixture.window->resize(1000, 2000);
         reopen();

@@ -179,6 +179,12 @@ private Q_SLOTS:
              [&](Program&) {
                  application.send("ActivateAction", {QStringLiteral("quit"), QVariantList(), QVariantMap()});
              }},
+            {"the interface without arguments",
+             [&](Program&) {
+                 RemoteObject quit = application;
+                 quit.interface = QStringLiteral("org.harbex.Harbex");
+                 quit.send("Quit");
+             }},
             {"SIGTERM", [](Program& program) { program.signal(SIGTERM); }},
             {"SIGINT", [](Program& program) { program.signal(SIGINT); }},
             {"SIGHUP", [](Program& program) { program.signal(SIGHUP); }},
