@@ -104,6 +104,7 @@ QWidget* ContentView::sidebar()
 
     m_addFolder = new FlatButton(sidebar);
     m_addFolder->setObjectName(QStringLiteral("addFolder"));
+    //: Button: adds a folder to those that Harbex watches.
     m_addFolder->setText(tr("Add Folder"));
     m_addFolder->setIcon(symbolIcon(Symbol::plus));
     // Before the splitter measures the sidebar: layouts ignore changes of hidden widgets.
@@ -114,6 +115,7 @@ QWidget* ContentView::sidebar()
 
     auto* top = new QHBoxLayout;
     top->setContentsMargins(4, 4, 0, 4);
+    //: Heading of the list of the folders that Harbex watches.
     top->addWidget(new HeadingLabel(tr("Folders"), 1.0, sidebar));
     top->addStretch();
     top->addWidget(m_addFolder);
@@ -130,6 +132,7 @@ QWidget* ContentView::sidebar()
 
 QWidget* ContentView::detailView()
 {
+    //: In place of the rules while no folder is selected.
     m_emptyText = new QLabel(tr("Select a folder from the sidebar"), this);
     m_emptyText->setAlignment(Qt::AlignCenter);
     m_emptyText->setWordWrap(true);
@@ -146,6 +149,7 @@ QWidget* ContentView::ruleView()
 {
     auto* view = new QWidget(this);
     m_ruleList = new RuleList(m_state, view);
+    //: Button: adds a rule to the selected folder.
     auto* addRuleButton = new QPushButton(tr("Add Rule"), view);
     connect(addRuleButton, &QPushButton::clicked, this, &ContentView::addRule);
     auto* divider = new QFrame(view);
@@ -153,6 +157,7 @@ QWidget* ContentView::ruleView()
 
     auto* layout = new QVBoxLayout(view);
     layout->setSpacing(16);
+    //: Heading of the list of the rules of a folder.
     layout->addWidget(new HeadingLabel(tr("Rules"), 1.3, view), 0, Qt::AlignLeading);
     layout->addWidget(m_ruleList, 1);
     layout->addWidget(addRuleButton, 0, Qt::AlignLeading);

@@ -71,6 +71,7 @@ DirectorySelector::DirectorySelector(QWidget* parent)
     m_label->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
     m_button->setIcon(symbolIcon(Symbol::folder));
     m_button->setFocusPolicy(Qt::StrongFocus);
+    //: Read by screen readers, and shown in place of the destination of a rule that has none yet.
     m_button->setAccessibleName(tr("Select destination..."));
     // Takes the height of the row.
     m_button->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Ignored);

@@ -39,6 +39,8 @@ std::optional<ChosenFolder> askForFolder(const QWidget& asker, const std::option
     if (isOpen) return std::nullopt;
     isOpen = true;
 
+    //: Title of the dialog that asks for a folder, and the button that accepts it. The folder is one to watch
+    //: or the destination of a rule.
     const QString prompt = QCoreApplication::translate("harbex::FolderDialog", "Select Focus Folder");
     QWidget* const window = asker.window();
     const QPointer dialog = new QFileDialog(

@@ -74,6 +74,7 @@ QUuid idOf(const QListWidgetItem& row)
 
 FolderList::FolderList(ContentState& state, QWidget* parent) : QListWidget(parent), m_state(state)
 {
+    //: Read by screen readers: the list of the folders that Harbex watches.
     setAccessibleName(tr("Folders"));
     setFrameShape(QFrame::NoFrame);
     setSelectionMode(SingleSelection);
@@ -208,6 +209,7 @@ void FolderList::openMenu(const QListWidgetItem& row, const QPoint& position)
     mark(true);
     connect(menu, &QMenu::aboutToHide, this, [mark] { mark(false); });
     const QIcon trash = symbolIcon(Symbol::trash, QPalette::HighlightedText);
+    //: Menu entry: Harbex no longer watches the folder. The folder itself stays on the disk.
     QAction* deleteAction = menu->addAction(trash, tr("Delete"));
     deleteAction->setIconVisibleInMenu(true);
     connect(deleteAction, &QAction::triggered, &m_state,

@@ -18,6 +18,7 @@ namespace harbex
 
 MainWindow::MainWindow(ContentState& state) : m_state(state)
 {
+    //: The name of the program. It stays in Latin letters.
     setWindowTitle(tr("Harbex"));
     connect(new QShortcut(QKeySequence::Close, this), &QShortcut::activated, this, &MainWindow::close);
     // The theme contains the icon if the program is installed.

@@ -29,12 +29,30 @@ namespace
 
 // Marks the raw values, which are also the labels, for lupdate. It cannot find them through the call in
 // makePicker(), so a raw value that is missing here has no translation.
+//
+// A row reads as a sentence, for example: [Name] [contains] [invoice] move to [~/Invoices].
 [[maybe_unused]] constexpr std::array labels{
-    QT_TRANSLATE_NOOP("harbex::RuleRow", "Name"),       QT_TRANSLATE_NOOP("harbex::RuleRow", "Extension"),
-    QT_TRANSLATE_NOOP("harbex::RuleRow", "Kind"),       QT_TRANSLATE_NOOP("harbex::RuleRow", "contains"),
-    QT_TRANSLATE_NOOP("harbex::RuleRow", "is"),         QT_TRANSLATE_NOOP("harbex::RuleRow", "Image"),
-    QT_TRANSLATE_NOOP("harbex::RuleRow", "Video"),      QT_TRANSLATE_NOOP("harbex::RuleRow", "Document"),
-    QT_TRANSLATE_NOOP("harbex::RuleRow", "Folder"),     QT_TRANSLATE_NOOP("harbex::RuleRow", "Audio"),
+    //: What a rule compares, at the start of its row: [Name] [contains] [value] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Name"),
+    //: What a rule compares, at the start of its row: [Extension] [is] [pdf] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Extension"),
+    //: What a rule compares, at the start of its row: [Kind] [Image] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Kind"),
+    //: Between two controls of a row, and part of its sentence: [Name] [contains] [value] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "contains"),
+    //: Between two controls of a row, and part of its sentence: [Extension] [is] [pdf] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "is"),
+    //: A kind of file: [Kind] [Image] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Image"),
+    //: A kind of file: [Kind] [Video] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Video"),
+    //: A kind of file: [Kind] [Document] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Document"),
+    //: A folder, as a kind of what a rule moves: [Kind] [Folder] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Folder"),
+    //: A kind of file: [Kind] [Audio] move to [folder].
+    QT_TRANSLATE_NOOP("harbex::RuleRow", "Audio"),
+    //: A program, as a kind of file: [Kind] [Application] move to [folder].
     QT_TRANSLATE_NOOP("harbex::RuleRow", "Application")};
 
 template <class Cases>
@@ -66,11 +84,16 @@ void setOnChoice(Picker* picker, const std::array<Case, Count>& cases, ContentSt
 } // namespace
 
 RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
-    : QWidget(parent), m_ruleID(rule.id), m_field(makePicker(allRuleFields, tr("Field"), this)),
+    : QWidget(parent), m_ruleID(rule.id),
+      //: Read by screen readers: the list with Name, Extension and Kind.
+      m_field(makePicker(allRuleFields, tr("Field"), this)),
+      //: Read by screen readers: the list with "contains" and "is".
       m_operator(makePicker(allRuleOperators, tr("Operator"), this)), m_value(new QLineEdit(this)),
       m_kind(makePicker(allRuleKinds, tr("Kind"), this)), m_destination(nullptr), m_delete(nullptr)
 {
+    //: Shown in the empty value field: without a value, a rule takes all files.
     m_value->setPlaceholderText(tr("Default: All Files"));
+    //: Read by screen readers: the field after "contains" or "is".
     m_value->setAccessibleName(tr("Value"));
     // QLineEdit would cut a longer value from the store, and the next edit would change the rule.
     m_value->setMaxLength(std::numeric_limits<int>::max());
@@ -79,11 +102,13 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
     policy.setRetainSizeWhenHidden(true);
     m_value->setSizePolicy(policy);
 
+    //: Between two controls of a row, and part of its sentence: [Name] [contains] [value] move to [folder].
     auto* moveTo = new QLabel(tr("move to"), this);
     m_destination = new DirectorySelector(this);
     m_delete = new FlatButton(this);
     m_delete->setIcon(symbolIcon(Symbol::minusCircle));
     m_delete->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Ignored);
+    //: Read by screen readers: the button that deletes a rule.
     m_delete->setAccessibleName(tr("Delete"));
 
     auto* layout = new QHBoxLayout(this);

@@ -24,11 +24,14 @@ bool isWayland()
 StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
     : QObject(parent), m_icon(QStringLiteral(":/icons/panel-folder.svg"))
 {
+    //: Entry of the menu in the tray. "Harbex" is the name of the program.
     connect(m_menu.addAction(tr("Open Harbex")), &QAction::triggered, this,
             [this] { Q_EMIT openRequested(m_notifierItem->takeActivationToken()); });
     m_menu.addSeparator();
+    //: Entry of the menu in the tray: ends the program.
     connect(m_menu.addAction(tr("Quit")), &QAction::triggered, this, &StatusItem::quitRequested);
 
+    //: The name of the program. It stays in Latin letters.
     m_notifierItem = std::make_unique<StatusNotifierItem>(bus, tr("Harbex"), iconName, m_icon, m_menu);
     m_notifierItem->setMenuOfPanelOnly(isWayland());
     connect(m_notifierItem.get(), &StatusNotifierItem::menuRequested, this, &StatusItem::popUp);
