@@ -2,11 +2,9 @@
 #include "ui/ApplicationService.h"
 #include "ui/ApplicationShell.h"
 #include "ui/TerminationSignals.h"
+#include "ui/Translation.h"
 
 #include <QApplication>
-#include <QLocale>
-#include <QStandardPaths>
-#include <QTranslator>
 
 #include <csignal>
 #include <cstdio>
@@ -56,15 +54,7 @@ int main(int argc, char** argv)
         return EXIT_FAILURE;
     }
 
-    QTranslator translator;
-    const QString translations =
-        QStandardPaths::locate(QStandardPaths::GenericDataLocation, QStringLiteral("harbex/translations"),
-                               QStandardPaths::LocateDirectory);
-    // With an empty directory QTranslator would search the current directory.
-    if (!translations.isEmpty() &&
-        translator.load(QLocale(), QStringLiteral("harbex"), QStringLiteral("_"), translations))
-        QApplication::installTranslator(&translator);
-
+    const harbex::Translation translation;
     harbex::ApplicationShell shell(bus, service);
     const harbex::TerminationSignals signals;
     QObject::connect(&signals, &harbex::TerminationSignals::received, &shell,
