@@ -1,6 +1,6 @@
 # Commands for everyday work. Each one installs missing Debian packages first.
 
-.PHONY: build run test check stress mutants clients bench format clean
+.PHONY: build run test check stress mutants clients bench format translations screenshots clean
 
 build: # build/release/harbex
 	@scripts/build
@@ -28,6 +28,13 @@ bench: # benchmarks beside a baseline; do not use the machine meanwhile
 
 format: # formats all sources with clang-format
 	@scripts/format
+
+translations: # updates translations/*.ts from the sources
+	@scripts/translations
+
+screenshots: # build/screenshots: the window in every language
+	@scripts/build
+	@scripts/screenshots
 
 clean:
 	@rm -rf build
