@@ -14,6 +14,7 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <sys/stat.h>
 
 namespace harbex
 {
@@ -176,6 +177,13 @@ std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark, const MountTa
     const auto renamed = findInside(parent, stored->folder);
     if (!renamed) return std::nullopt;
     return FileUrl::fromPath(*renamed);
+}
+
+bool isLocalFolder(const std::string& path)
+{
+    struct stat status = {};
+    return !MountTable::read().remoteMount(path) && ::stat(path.c_str(), &status) == 0 &&
+           S_ISDIR(status.st_mode);
 }
 
 } // namespace harbex

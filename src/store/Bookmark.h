@@ -26,4 +26,8 @@ namespace harbex
 /// its server may not answer. Lists the parent folder at most once. Thread-safe.
 [[nodiscard]] std::optional<FileUrl> resolveBookmark(const QByteArray& bookmark, const MountTable& mounts);
 
+/// Returns whether the path leads to a folder that no server holds. No system call touches a remote volume.
+/// Thread-safe.
+[[nodiscard]] bool isLocalFolder(const std::string& path);
+
 } // namespace harbex

@@ -1,13 +1,11 @@
 #include "ui/FolderDialog.h"
 
-#include "fs/MountTable.h"
 #include "store/Bookmark.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileDialog>
-#include <QFileInfo>
 #include <QPointer>
 #include <QTimer>
 #include <QUrl>
@@ -23,11 +21,10 @@ namespace
 /// Returns the text of the path, if a dialog can begin in this folder.
 std::optional<QString> startPath(const std::optional<FileUrl>& folder)
 {
-    if (!folder || MountTable::read().remoteMount(folder->path())) return std::nullopt;
-    // A path that is not UTF-8 has no text.
+    if (!folder || !isLocalFolder(folder->path())) return std::nullopt;
     const QString path = QFile::decodeName(QByteArray::fromStdString(folder->path()));
-    if (path.isEmpty() || !QFileInfo(path).isDir()) return std::nullopt;
-    return path;
+    // A path that is not UTF-8 has no text.
+    return QFile::encodeName(path).toStdString() == folder->path() ? std::optional(path) : std::nullopt;
 }
 
 } // namespace

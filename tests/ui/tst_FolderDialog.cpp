@@ -1,4 +1,5 @@
 #include "support/FolderDialogUser.h"
+#include "support/FuseMount.h"
 #include "support/SyscallInterceptor.h"
 #include "support/WindowTestMain.h"
 #include "ui/FolderDialog.h"
@@ -97,6 +98,14 @@ private Q_SLOTS:
             QCOMPARE(startFor(unusable), last.path());
         // A cancelled dialog chooses nothing.
         QCOMPARE(startFor(std::nullopt), last.path());
+
+        // A server may not answer.
+        if (const QString reason = FuseMount::reasonAgainst(); !reason.isEmpty()) QSKIP(qPrintable(reason));
+        const std::string remote = makeFolder("remote");
+        const FuseMount server(present.path(), remote);
+        const FuseMount::Silence silence(server);
+        QCOMPARE(startFor(FileUrl::fromPath(remote)), last.path());
+        QVERIFY(silence.holds());
     }
 
     void aChosenFolderHasABookmark()

@@ -2,6 +2,7 @@
 #include "support/WindowTestMain.h"
 #include "ui/MainWindow.h"
 #include "ui/RuleRow.h"
+#include "ui/Translation.h"
 
 #include <QAbstractButton>
 #include <QComboBox>
@@ -89,19 +90,22 @@ private Q_SLOTS:
     void noTextIsCut_data()
     {
         QTest::addColumn<int>("points");
-        QTest::addColumn<bool>("isLong");
+        QTest::addColumn<QString>("language");
         for (const int points : {9, 14, 22}) {
-            QTest::addRow("%d pt", points) << points << false;
-            QTest::addRow("%d pt, long texts", points) << points << true;
+            QTest::addRow("%d pt, long texts", points) << points << QString();
+            for (const char* language :
+                 {"en", "ar", "de", "es", "fr", "he", "it", "ja", "pt-BR", "ru", "zh-CN"})
+                QTest::addRow("%d pt, %s", points, language) << points << QString::fromLatin1(language);
         }
     }
 
     void noTextIsCut()
     {
         QFETCH(const int, points);
-        QFETCH(const bool, isLong);
-        LongTexts translator;
-        if (isLong) QCoreApplication::installTranslator(&translator);
+        QFETCH(const QString, language);
+        const Translation translation({language}, {});
+        LongTexts longTexts;
+        if (language.isEmpty()) QCoreApplication::installTranslator(&longTexts);
         const QFont former = QApplication::font();
         QFont font = former;
         font.setPointSize(points);
