@@ -119,7 +119,10 @@ void FolderWatch::update(Token token)
     if (Clock::now() < m_nextUpdate) return updateAt(m_nextUpdate);
     // Reset before the scan: the scan may miss a later change, which then needs another update.
     m_isUpdatePending = false;
-    if (m_state == State::watched) scanForNewFiles(token);
+    if (m_state == State::watched) {
+        if (m_mounts != m_services.events.mounts()) watchPath();
+        scanForNewFiles(token);
+    }
     if (m_state == State::waiting) open(token);
 }
 
@@ -139,19 +142,22 @@ void FolderWatch::open(Token)
             m_services.addLog(QStringLiteral("Failed to open folder: ") + readableName(m_name));
         if (isShortage(opened.error().error)) retryLater();
     }
-    if (m_isRemote && !std::exchange(m_isPolling, true)) pollLater();
+    // A change of the mount table before this folder had a source has called no handler.
+    if (m_mounts != m_services.events.mounts()) requestUpdate();
 }
 
 void FolderWatch::watchPath()
 {
+    m_mounts = m_services.events.mounts();
     std::vector<std::shared_ptr<DirectoryEvents::Source>> sources;
     const auto watchName = [&](const std::string& folder, const std::string& name) {
         // A failure is not an error: the engine then does not notice changes of this name.
         if (auto source = m_services.events.watch(folder, m_handler, name)) sources.push_back(*source);
         return m_services.events.isKnownFolder(folder == "/" ? folder + name : folder + '/' + name);
     };
-    m_isRemote = m_services.events.mounts()->follow(m_path, watchName).has_value();
+    m_isRemote = m_mounts->follow(m_path, watchName).has_value();
     m_queue->setMayBlock(m_isRemote);
+    if (m_isRemote && !std::exchange(m_isPolling, true)) pollLater();
     // Replace the old sources last: folders in both lists stay watched without a gap.
     m_pathSources.swap(sources);
 }

@@ -59,9 +59,9 @@ private:
     void updateAt(SerialQueue::Clock::time_point when);
     /// Scans the directory if it is watched; tries to open it if the state is `waiting`.
     void update(Token token);
-    /// Watches the path, then tries to open the directory. Starts polling if the path is remote.
+    /// Watches the path, then tries to open the directory.
     void open(Token token);
-    /// Watches each name on the path, and finds out whether the path is remote.
+    /// Watches each name on the path, and finds out whether the path is remote. Starts polling if it is.
     void watchPath();
     /// Lists the directory and passes its new names to the pipeline.
     void scanForNewFiles(Token token);
@@ -91,6 +91,8 @@ private:
     DirectoryEvents::Handler m_handler;
     /// The directory at the URL. Not null in the state `watched`.
     std::shared_ptr<WatchedDirectory> m_directory;
+    /// The mount table in which watchPath() looked.
+    std::shared_ptr<const MountTable> m_mounts;
     /// Report changes of each name on the path to the folder.
     std::vector<std::shared_ptr<DirectoryEvents::Source>> m_pathSources;
     /// End of the cooldown: the earliest time of the next update.

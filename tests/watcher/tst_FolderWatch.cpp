@@ -88,24 +88,46 @@ std::string folderOf(const InterceptedCall& call)
     return call.pathOfOpen(static_cast<int>(call.arguments[0]));
 }
 
+/// Hides changes of the mount table from calls of poll().
+class HiddenMounts
+{
+public:
+    Answer hide(const InterceptedCall& call)
+    {
+        for (uint64_t i = 0; i < call.arguments[1]; ++i) {
+            const uint64_t address = call.arguments[0] + i * sizeof(pollfd) + offsetof(pollfd, fd);
+            const std::string bytes = call.readMemory(address, sizeof(int));
+            int fd = -1;
+            std::memcpy(&fd, bytes.data(), sizeof fd);
+            if (!call.pathOfOpen(fd).ends_with("/mountinfo")) continue;
+            m_address = address;
+            m_bytes = bytes;
+            // poll() ignores the descriptor -1.
+            call.writeMemory(address, std::string(sizeof fd, '\xff'));
+        }
+        return Answer::proceed();
+    }
+
+    Answer show(const InterceptedCall& call)
+    {
+        if (!m_bytes.empty()) call.writeMemory(m_address, std::exchange(m_bytes, {}));
+        return Answer::proceed();
+    }
+
+private:
+    uint64_t m_address = 0;
+    std::string m_bytes;
+};
+
 /// Runs the work without changes of the mount table. Otherwise a mount that another program makes meanwhile
 /// would cause listings.
 InterceptedRun runWithoutMounts(std::vector<std::string> names, const std::function<Outcome<void>()>& work,
                                 const Interceptor& interceptor)
 {
+    HiddenMounts mounts;
     names.insert(names.end(), {"poll", "ppoll"});
     return runIntercepted(names, work, [&](const InterceptedCall& call) {
-        if (call.name != "poll" && call.name != "ppoll") return interceptor(call);
-        for (uint64_t i = 0; i < call.arguments[1]; ++i) {
-            const uint64_t address = call.arguments[0] + i * sizeof(pollfd) + offsetof(pollfd, fd);
-            int fd = -1;
-            std::memcpy(&fd, call.readMemory(address, sizeof fd).data(), sizeof fd);
-            const int ignored = -1;
-            if (call.pathOfOpen(fd).ends_with("/mountinfo"))
-                call.writeMemory(address,
-                                 std::string(reinterpret_cast<const char*>(&ignored), sizeof ignored));
-        }
-        return Answer::proceed();
+        return call.name == "poll" || call.name == "ppoll" ? mounts.hide(call) : interceptor(call);
     });
 }
 
@@ -324,6 +346,40 @@ private Q_SLOTS:
         });
         QVERIFY(run.succeeded());
         QVERIFY(!isFirst);
+    }
+
+    void aMountThatIsNoticedLateMakesTheFolderRemote()
+    {
+        const std::string real = m_scratch->makeFolder("real");
+        const std::string served = m_scratch->makeFolder("served");
+        makeFolder(real + "/inbox");
+        const std::string ready = m_scratch->path() + "/ready";
+        const std::string mounted = m_scratch->path() + "/mounted";
+        const std::string isWatched = m_scratch->path() + "/watched";
+        const auto work = [&]() -> Outcome<void> {
+            Watches watches(m_out);
+            if (Outcome<void> added = watches.add({m_inbox}); !added) return added;
+            writeFile(ready, {});
+            if (Outcome<void> waited = Watches::waitFor(mounted); !waited) return waited;
+            if (Outcome<void> added = watches.add({served + "/inbox"}); !added) return added;
+            writeFile(isWatched, {});
+            // Lets the reader of events call poll() again.
+            arrive(*m_scratch, m_inbox + "/local");
+            if (Outcome<void> moved = watches.waitForMoved("local"); !moved) return moved;
+            arrive(*m_scratch, real + "/inbox/remote");
+            return watches.waitForMoved("remote");
+        };
+        const auto mount = std::async(std::launch::async, [&] {
+            (void)Watches::waitFor(ready);
+            auto server = std::make_unique<FuseMount>(real, served);
+            writeFile(mounted, {});
+            return server;
+        });
+        HiddenMounts mounts;
+        const InterceptedRun run = runIntercepted({"poll", "ppoll"}, work, [&](const InterceptedCall& call) {
+            return exists(isWatched) ? mounts.show(call) : mounts.hide(call);
+        });
+        QVERIFY(run.succeeded());
     }
 
     void remoteFoldersWithoutExactTimesAreListed()
