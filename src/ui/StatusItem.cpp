@@ -12,7 +12,10 @@ namespace harbex
 namespace
 {
 
-constexpr QLatin1String iconName("folder");
+/// Panels draw a symbolic icon in their own ink. The coloured folder would look like a file manager.
+constexpr QLatin1String panelIconName("folder-symbolic");
+/// The ink of an XEmbed tray is not known.
+constexpr QLatin1String trayIconName("folder");
 
 bool isWayland()
 {
@@ -32,7 +35,7 @@ StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
     connect(m_menu.addAction(tr("Quit")), &QAction::triggered, this, &StatusItem::quitRequested);
 
     //: The name of the program. It stays in Latin letters.
-    m_notifierItem = std::make_unique<StatusNotifierItem>(bus, tr("Harbex"), iconName, m_icon, m_menu);
+    m_notifierItem = std::make_unique<StatusNotifierItem>(bus, tr("Harbex"), panelIconName, m_icon, m_menu);
     m_notifierItem->setMenuOfPanelOnly(isWayland());
     connect(m_notifierItem.get(), &StatusNotifierItem::menuRequested, this, &StatusItem::popUp);
     connect(m_notifierItem.get(), &StatusNotifierItem::shownChanged, this, [this](bool isShown) {
@@ -60,7 +63,7 @@ void StatusItem::showInXEmbedTray(bool isShown)
     // Qt chooses the tray protocol once per process, when the first icon is created. Without a panel that
     // supports the status-notifier protocol it chooses XEmbed, and then follows all XEmbed trays itself.
     if (isShown && !m_trayIcon) {
-        m_trayIcon = new QSystemTrayIcon(QIcon::fromTheme(iconName, m_icon), this);
+        m_trayIcon = new QSystemTrayIcon(QIcon::fromTheme(trayIconName, m_icon), this);
         m_trayIcon->setToolTip(tr("Harbex"));
         m_trayIcon->setContextMenu(&m_menu);
         connect(m_trayIcon, &QSystemTrayIcon::activated, this,

@@ -89,7 +89,7 @@ private Q_SLOTS:
         launch();
         QVERIFY(window()->isVisible());
         QCOMPARE(window()->windowTitle(), QStringLiteral("Harbex"));
-        QCOMPARE(m_panel->item().property("IconName"), QVariant(QStringLiteral("folder")));
+        QCOMPARE(m_panel->item().property("IconName"), QVariant(QStringLiteral("folder-symbolic")));
     }
 
     void theFirstFrameHasTheColoursOfTheDesktop()

@@ -33,7 +33,7 @@ private Q_SLOTS:
     {
         QVERIFY(makeItemInPanel());
         QCOMPARE(m_panel->item().property("Title"), QVariant(QStringLiteral("Harbex")));
-        QCOMPARE(m_panel->item().property("IconName"), QVariant(QStringLiteral("folder")));
+        QCOMPARE(m_panel->item().property("IconName"), QVariant(QStringLiteral("folder-symbolic")));
         const auto pixmaps = qdbus_cast<QList<StatusNotifierPixmap>>(m_panel->item().property("IconPixmap"));
         QVERIFY(!pixmaps.isEmpty());
         for (const StatusNotifierPixmap& pixmap : pixmaps) {
