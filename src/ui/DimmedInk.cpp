@@ -41,8 +41,9 @@ QColor dimmedInk(const QPalette& palette, QPalette::ColorRole ink, QPalette::Col
 
 qreal contrastOf(const QColor& a, const QColor& b)
 {
-    const auto [darker, lighter] = std::minmax(luminanceOf(a), luminanceOf(b));
-    return (lighter + 0.05) / (darker + 0.05);
+    const qreal first = luminanceOf(a) + 0.05;
+    const qreal second = luminanceOf(b) + 0.05;
+    return std::max(first, second) / std::min(first, second);
 }
 
 } // namespace harbex
