@@ -32,7 +32,7 @@ format: # formats all sources with clang-format
 translations: # updates translations/*.ts from the sources
 	@scripts/translations
 
-screenshots: # build/screenshots: the window in every language
+screenshots: # build/screenshots: the window in every language, light and dark
 	@scripts/build
 	@scripts/screenshots
 
