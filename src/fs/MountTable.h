@@ -42,6 +42,9 @@ public:
     /// Returns the mount point of the remote volume that `path` leads to, or nullopt for a local path.
     [[nodiscard]] std::optional<std::string> remoteMount(const std::string& path) const;
 
+    /// Returns whether all paths are as remote or local in one table as in the other.
+    friend bool operator==(const MountTable&, const MountTable&) = default;
+
 private:
     /// Mount points of remote volumes.
     std::set<std::string, std::less<>> m_remoteMounts;

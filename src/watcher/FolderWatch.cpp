@@ -120,7 +120,7 @@ void FolderWatch::update(Token token)
     // Reset before the scan: the scan may miss a later change, which then needs another update.
     m_isUpdatePending = false;
     if (m_state == State::watched) {
-        if (m_mounts != m_services.events.mounts()) watchPath();
+        if (*m_mounts != *m_services.events.mounts()) watchPath();
         scanForNewFiles(token);
     }
     if (m_state == State::waiting) open(token);
@@ -143,7 +143,7 @@ void FolderWatch::open(Token)
         if (isShortage(opened.error().error)) retryLater();
     }
     // A change of the mount table before this folder had a source has called no handler.
-    if (m_mounts != m_services.events.mounts()) requestUpdate();
+    if (*m_mounts != *m_services.events.mounts()) requestUpdate();
 }
 
 void FolderWatch::watchPath()
