@@ -120,7 +120,7 @@ private Q_SLOTS:
             panel.setHost(isThere);
             ++changes;
             QTRY_COMPARE(shown.size(), changes);
-            QCOMPARE(shown.last(), QVariantList({isThere}));
+            QCOMPARE(shown.last(), QVariantList() << isThere);
         }
     }
 

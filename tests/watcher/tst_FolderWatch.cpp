@@ -379,6 +379,7 @@ private Q_SLOTS:
         const InterceptedRun run = runIntercepted({"poll", "ppoll"}, work, [&](const InterceptedCall& call) {
             return exists(isWatched) ? mounts.show(call) : mounts.hide(call);
         });
+        mount.wait();
         QVERIFY(run.succeeded());
     }
 
