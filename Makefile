@@ -1,6 +1,6 @@
 # Commands for everyday work. Each one installs missing Debian packages first.
 
-.PHONY: build run test check stress mutants clients bench format translations screenshots clean
+.PHONY: build run test check stress mutants clients bench format translations screenshots package install clean
 
 build: # build/release/harbex
 	@scripts/build
@@ -35,6 +35,13 @@ translations: # updates translations/*.ts from the sources
 screenshots: # build/screenshots: the window in every language, light and dark
 	@scripts/build
 	@scripts/screenshots
+
+package: # build/package/*.deb: the Debian package
+	@scripts/package
+
+install: # installs the program: make install prefix=/usr DESTDIR=/tmp/system
+	@scripts/build
+	@DESTDIR=$(DESTDIR) cmake --install build/release --prefix $(or $(prefix),/usr/local)
 
 clean:
 	@rm -rf build
