@@ -36,11 +36,14 @@ void MainWindow::open(const QString& activationToken)
     // Qt's Wayland plugin reads the token from there.
     if (!activationToken.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
     const bool wasOpen = isVisible();
+    // On X11 Qt does nothing for a window on another virtual desktop. The move comes first: GNOME may switch
+    // to the desktop of the window when Qt activates it.
+    if (wasOpen) moveToDesktopInFront(winId());
     setWindowState(windowState() & ~Qt::WindowMinimized);
     show();
     raise();
     activateWindow();
-    // On X11 Qt does nothing for a window on another virtual desktop.
+    // Window managers may refuse Qt's request, which does not come from the user.
     if (wasOpen) bringToFront(winId());
     if (!activationToken.isEmpty()) endStartup(winId(), activationToken.toUtf8());
 }

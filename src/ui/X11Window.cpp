@@ -61,7 +61,7 @@ void leaveOutOfTaskbar(WId window, bool isLeftOut, bool isManaged)
                             XCB_ATOM_ATOM, 32, isLeftOut ? uint32_t{states.size()} : 0U, states.data());
 }
 
-void bringToFront(WId window)
+void moveToDesktopInFront(WId window)
 {
     if (!x11::connection()) return;
     const auto id = static_cast<xcb_window_t>(window);
@@ -69,6 +69,12 @@ void bringToFront(WId window)
     const auto own = numberOf(id, "_NET_WM_DESKTOP");
     if (current && own && own != current && own != allDesktops)
         request(id, "_NET_WM_DESKTOP", {*current, byUser, 0, 0, 0});
+}
+
+void bringToFront(WId window)
+{
+    if (!x11::connection()) return;
+    const auto id = static_cast<xcb_window_t>(window);
     request(id, "_NET_ACTIVE_WINDOW", {byUser, XCB_CURRENT_TIME, 0, 0, 0});
 }
 

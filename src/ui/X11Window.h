@@ -12,7 +12,10 @@ namespace harbex
 /// knows the window: it reads the state when it maps a window, and later takes requests only.
 void leaveOutOfTaskbar(WId window, bool isLeftOut, bool isManaged);
 
-/// Brings an open window to the virtual desktop in front, above the other windows, and gives it the focus.
+/// Moves an open window to the virtual desktop in front, if it is on another one.
+void moveToDesktopInFront(WId window);
+
+/// Raises an open window above the other windows, and gives it the focus.
 void bringToFront(WId window);
 
 /// Ends the startup notification with this id. Qt ends only that of its own process.
