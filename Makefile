@@ -1,6 +1,7 @@
 # Commands for everyday work. Each one installs missing Debian packages first.
 
-.PHONY: build run test check stress mutants clients bench format translations screenshots package install clean
+.PHONY: build run test check stress mutants clients desktops bench format translations screenshots package install \
+	clean
 
 build: # build/release/harbex
 	@scripts/build
@@ -22,6 +23,9 @@ mutants: # makes 100 small changes to the sources and lists those that no test d
 
 clients: # tests with real browsers and download programs; takes some minutes
 	@scripts/clients
+
+desktops: # tests on Plasma and GNOME of Debian 12 and 13; needs root, and installs them in systems of their own
+	@scripts/desktops
 
 bench: # benchmarks beside a baseline; do not use the machine meanwhile
 	@scripts/bench
