@@ -62,7 +62,7 @@ void ContentView::changeEvent(QEvent* event)
 {
     QWidget::changeEvent(event);
     if (event->type() == QEvent::PaletteChange) dimEmptyText();
-    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange) followFont();
+    if (changesMetrics(*event)) followFont();
 }
 
 QByteArray ContentView::columnWidths() const

@@ -89,7 +89,7 @@ DirectorySelector::DirectorySelector(QWidget* parent)
 void DirectorySelector::changeEvent(QEvent* event)
 {
     QWidget::changeEvent(event);
-    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange) followFont();
+    if (changesMetrics(*event)) followFont();
 }
 
 void DirectorySelector::followFont()

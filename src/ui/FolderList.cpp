@@ -96,8 +96,7 @@ FolderList::FolderList(ContentState& state, QWidget* parent) : QListWidget(paren
 void FolderList::changeEvent(QEvent* event)
 {
     QListWidget::changeEvent(event);
-    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange)
-        setIconSize(iconSizeFor(*this));
+    if (changesMetrics(*event)) setIconSize(iconSizeFor(*this));
 }
 
 // Ignores the other buttons, which would select the row.

@@ -1,5 +1,6 @@
 #include "ui/Metrics.h"
 
+#include <QEvent>
 #include <QFontInfo>
 #include <QScreen>
 #include <QStyle>
@@ -20,6 +21,11 @@ QSize iconSizeFor(const QWidget& widget)
 {
     const int edge = scaledToFont(widget, widget.style()->pixelMetric(QStyle::PM_SmallIconSize));
     return {edge, edge};
+}
+
+bool changesMetrics(const QEvent& event)
+{
+    return event.type() == QEvent::FontChange || event.type() == QEvent::StyleChange;
 }
 
 QSize availableSizeFor(const QWidget& widget)

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <QSize>
 #include <QWidget>
+
+class QEvent;
 
 namespace harbex
 {
@@ -12,6 +15,9 @@ namespace harbex
 
 /// Returns the edge of a small icon beside text in the widget's font. In device-independent pixels.
 [[nodiscard]] QSize iconSizeFor(const QWidget& widget);
+
+/// Returns whether lengths that depend on the font or the style must be measured again after this event.
+[[nodiscard]] bool changesMetrics(const QEvent& event);
 
 /// Returns the size that a window's content can have on the widget's screen, with room for desktop panels and
 /// for the window's frame. In device-independent pixels.

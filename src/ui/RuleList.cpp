@@ -1,6 +1,7 @@
 #include "ui/RuleList.h"
 
 #include "ui/ContentState.h"
+#include "ui/Metrics.h"
 #include "ui/RuleRow.h"
 
 #include <QApplication>
@@ -82,7 +83,7 @@ void RuleList::scrollContentsBy(int dx, int dy)
 void RuleList::changeEvent(QEvent* event)
 {
     QScrollArea::changeEvent(event);
-    if (event->type() != QEvent::StyleChange && event->type() != QEvent::FontChange) return;
+    if (!changesMetrics(*event)) return;
     measureRow();
     layOut();
 }

@@ -141,7 +141,7 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
 void RuleRow::changeEvent(QEvent* event)
 {
     QWidget::changeEvent(event);
-    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange) followFont();
+    if (changesMetrics(*event)) followFont();
     if (event->type() == QEvent::PaletteChange) followPalette();
 }
 

@@ -28,6 +28,7 @@ public:
         forEachNameIn(m_names, each);
     }
 
+    /// Returns whether the name is in the set. Takes time in proportion to the size of the set.
     [[nodiscard]] bool contains(std::string_view name) const { return find(name) != std::string::npos; }
 
     /// Removes a name. Does nothing if the name is not in the set.

@@ -4,8 +4,8 @@
 #include "fs/DirectoryListing.h"
 #include "watcher/RuleMatching.h"
 
-#include <algorithm>
 #include <cerrno>
+#include <unordered_set>
 #include <utility>
 
 namespace harbex
@@ -92,9 +92,13 @@ void WatchedDirectory::dropExpectationsOfKnownNames(MoveHistory::Clock::time_poi
                                                     const std::vector<std::string>& newNames)
 {
     const MoveHistory::FolderKey folder = MoveHistory::keyOf(m_identity);
-    for (const std::string& name : m_history.expectedBefore(folder, listed))
-        if (m_names.contains(name) && std::ranges::find(newNames, name) == newNames.end())
-            static_cast<void>(m_history.take(folder, name));
+    const std::vector<std::string> expected = m_history.expectedBefore(folder, listed);
+    if (expected.empty()) return;
+    // During a burst most of the expected names are new. NameSnapshot::contains() searches the whole
+    // snapshot.
+    const std::unordered_set<std::string_view> fresh(newNames.begin(), newNames.end());
+    for (const std::string& name : expected)
+        if (!fresh.contains(name) && m_names.contains(name)) static_cast<void>(m_history.take(folder, name));
 }
 
 bool WatchedDirectory::isAtPath() const
