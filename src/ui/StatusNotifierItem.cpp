@@ -2,7 +2,6 @@
 
 #include "ui/ActivationToken.h"
 
-#include <QCoreApplication>
 #include <QDBusMessage>
 #include <QDBusMetaType>
 #include <QDBusPendingCallWatcher>
@@ -78,10 +77,6 @@ StatusNotifierItem::StatusNotifierItem(const QDBusConnection& bus, const QString
     qDBusRegisterMetaType<StatusNotifierToolTip>();
     m_bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableContents);
 
-    m_busName = QStringLiteral("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid());
-    // The name is taken (same PID in a container) or refused (sandbox).
-    if (!m_bus.registerService(m_busName)) m_busName = m_bus.baseService();
-
     connect(&m_watcherOwner, &QDBusServiceWatcher::serviceOwnerChanged, this,
             [this](const QString&, const QString&, const QString& newOwner) {
                 if (newOwner.isEmpty())
@@ -142,7 +137,10 @@ void StatusNotifierItem::registerAtWatcher()
 {
     QDBusMessage call = QDBusMessage::createMethodCall(watcherName, watcherPath, watcherName,
                                                        QStringLiteral("RegisterStatusNotifierItem"));
-    call << m_busName;
+    // The path stands for this object on the connection of the sender. A bus name of its own would be refused
+    // by a sandbox and can be taken (same PID in a container), and AppIndicator 46 drops an item whose name
+    // it sees again.
+    call << QString(objectPath);
     // Fails if there is no watcher. serviceOwnerChanged then causes the next attempt.
     m_bus.send(call);
     askWhetherShown();

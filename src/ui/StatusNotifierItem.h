@@ -110,7 +110,6 @@ private:
     void setShown(bool isShown);
 
     QDBusConnection m_bus;
-    QString m_busName;
     QString m_title;
     QString m_iconName;
     QIcon m_icon;

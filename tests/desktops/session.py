@@ -89,8 +89,13 @@ class Bus:
         answer = self.call(service, path, "org.freedesktop.DBus.Properties.Get", "(ss)", *name.rsplit(".", 1))
         return answer and answer[0]
 
+    def owner(self, service):
+        """Returns the unique name of the connection that owns the name, or None."""
+        answer = self.call("org.freedesktop.DBus", "/", "org.freedesktop.DBus.GetNameOwner", "(s)", service)
+        return answer and answer[0]
+
     def has(self, service):
-        return self.call("org.freedesktop.DBus", "/", "org.freedesktop.DBus.NameHasOwner", "(s)", service)[0]
+        return self.owner(service) is not None
 
 
 class Accessible:

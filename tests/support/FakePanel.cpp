@@ -36,8 +36,9 @@ void FakePanel::setHost(bool isThere)
 
 RemoteObject FakePanel::item() const
 {
-    return {m_connection, m_items.value(m_items.size() - 1), QStringLiteral("/StatusNotifierItem"),
-            QStringLiteral("org.kde.StatusNotifierItem")};
+    const QString latest = m_items.value(m_items.size() - 1);
+    const qsizetype path = latest.indexOf(u'/');
+    return {m_connection, latest.left(path), latest.mid(path), QStringLiteral("org.kde.StatusNotifierItem")};
 }
 
 RemoteObject FakePanel::menu() const

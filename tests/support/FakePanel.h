@@ -2,6 +2,7 @@
 
 #include "support/SessionBus.h"
 
+#include <QDBusContext>
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -11,7 +12,7 @@ namespace harbex::test
 
 /// A fake panel: the watcher of the status-notifier protocol, with or without a host. It takes the watcher's
 /// name on its own connection, also from another panel. The destructor releases the name.
-class FakePanel : public QObject
+class FakePanel : public QObject, protected QDBusContext
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
@@ -25,7 +26,7 @@ public:
     [[nodiscard]] bool hasHost() const { return m_hasHost; }
     void setHost(bool isThere);
 
-    /// Returns the services of the registered items, in order of registration.
+    /// Returns the registered items, in order of registration: the connection and the path of each.
     [[nodiscard]] const QStringList& items() const { return m_items; }
 
     /// Waits until an item has registered. Returns false on timeout.
@@ -38,7 +39,10 @@ public:
     [[nodiscard]] RemoteObject item() const;
     [[nodiscard]] RemoteObject menu() const;
 
-    Q_SCRIPTABLE void RegisterStatusNotifierItem(const QString& service) { m_items.append(service); }
+    Q_SCRIPTABLE void RegisterStatusNotifierItem(const QString& path)
+    {
+        m_items.append(message().service() + path);
+    }
 
 Q_SIGNALS:
     Q_SCRIPTABLE void StatusNotifierHostRegistered();
