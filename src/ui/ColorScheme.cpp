@@ -1,5 +1,7 @@
 #include "ui/ColorScheme.h"
 
+#include "ui/Desktop.h"
+
 #include <QApplication>
 #include <QDBusError>
 #include <QDBusMessage>
@@ -51,7 +53,7 @@ bool isPlatformThemeLive()
 #endif
     const QString chosen = qEnvironmentVariable("QT_QPA_PLATFORMTHEME");
     if (!chosen.isEmpty()) return chosen == QLatin1String("kde");
-    return qEnvironmentVariable("XDG_CURRENT_DESKTOP").split(u':').contains(QLatin1String("KDE"));
+    return isPlasma();
 }
 
 } // namespace

@@ -1,7 +1,8 @@
 #include "ui/StatusItem.h"
 
+#include "ui/Desktop.h"
+
 #include <QCursor>
-#include <QGuiApplication>
 #include <QSystemTrayIcon>
 
 #include <utility>
@@ -17,11 +18,6 @@ constexpr QLatin1String panelIconName("folder-symbolic");
 /// The ink of an XEmbed tray is not known.
 constexpr QLatin1String trayIconName("folder");
 
-bool isWayland()
-{
-    return QGuiApplication::platformName().startsWith(QLatin1String("wayland"));
-}
-
 } // namespace
 
 StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
@@ -36,7 +32,9 @@ StatusItem::StatusItem(const QDBusConnection& bus, QObject* parent)
 
     //: The name of the program. It stays in Latin letters.
     m_notifierItem = std::make_unique<StatusNotifierItem>(bus, tr("Harbex"), panelIconName, m_icon, m_menu);
-    m_notifierItem->setMenuOfPanelOnly(isWayland());
+    // On Wayland a program cannot place a menu. Plasma 5 asks for it all the same, and opens the menu itself
+    // after an error. Other panels would then do nothing.
+    m_notifierItem->setMenuOfPanelOnly(isWayland() && isPlasma());
     connect(m_notifierItem.get(), &StatusNotifierItem::menuRequested, this, &StatusItem::popUp);
     connect(m_notifierItem.get(), &StatusNotifierItem::shownChanged, this, [this](bool isShown) {
         m_isInPanel = isShown;

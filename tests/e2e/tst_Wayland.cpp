@@ -11,11 +11,23 @@ class TestWayland : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    // A click that the program refuses is left to the panel, which matters only where the panel has an
+    // answer.
+    void itOpensItsWindowAndMovesAFile_data()
+    {
+        QTest::addColumn<QString>("currentDesktop");
+        QTest::addColumn<bool>("takesLeftClick");
+        QTest::newRow("Plasma opens the menu instead") << "KDE" << false;
+        QTest::newRow("LXQt does nothing instead") << "LXQt" << true;
+    }
     void itOpensItsWindowAndMovesAFile()
     {
+        QFETCH(QString, currentDesktop);
+        QFETCH(bool, takesLeftClick);
         DesktopSession desktop(DesktopSession::Kind::wayland);
         // Qt's Wayland plugin keeps memory until exit, which the sanitizer would report.
         desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+        desktop.set("XDG_CURRENT_DESKTOP", currentDesktop);
         HarbexRun harbex(desktop);
         harbex.storeRuleForAll();
         harbex.start();
@@ -25,14 +37,16 @@ private Q_SLOTS:
         STEP("the folder is watched", harbex.watches(HarbexRun::inbox()));
         QVERIFY2(harbex.drop("photo.jpg"), "a file arrives");
         STEP("it is moved", harbex.wasMoved("photo.jpg"));
-        QVERIFY2(!desktop.run("dbus-send", words("--session --print-reply --dest=org.harbex.Harbex "
-                                                 "/StatusNotifierItem org.kde.StatusNotifierItem.Activate "
-                                                 "int32:1 int32:1")),
-                 "a left click on the icon is left to the panel");
-        QVERIFY2(desktop.run("dbus-send", words("--session --print-reply --dest=org.harbex.Harbex "
-                                                "/StatusNotifierItem org.kde.StatusNotifierItem.ContextMenu "
-                                                "int32:1 int32:1")),
-                 "a panel without a menu of its own gets the window for a right click");
+        const auto click = [&](const char* method) {
+            return desktop
+                .run("dbus-send",
+                     words("--session --print-reply --dest=org.harbex.Harbex /StatusNotifierItem")
+                         << QLatin1String("org.kde.StatusNotifierItem.") + QLatin1String(method)
+                         << words("int32:1 int32:1"))
+                .has_value();
+        };
+        QCOMPARE(click("Activate"), takesLeftClick);
+        QVERIFY2(click("ContextMenu"), "a panel without a menu of its own gets the window for a right click");
         harbex.signal(SIGTERM);
         STEP("the program ends with status 0", harbex.exitStatus() == 0);
     }
