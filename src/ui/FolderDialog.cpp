@@ -40,8 +40,9 @@ std::optional<ChosenFolder> askForFolder(const QWidget& asker, const std::option
     //: or the destination of a rule.
     const QString prompt = QCoreApplication::translate("harbex::FolderDialog", "Select Focus Folder");
     QWidget* const window = asker.window();
-    const QPointer dialog = new QFileDialog(
-        window, prompt, startPath(present).value_or(startPath(chosenLast).value_or(QDir::homePath())));
+    std::optional<QString> start = startPath(present);
+    if (!start) start = startPath(chosenLast);
+    const QPointer dialog = new QFileDialog(window, prompt, start.value_or(QDir::homePath()));
     dialog->setFileMode(QFileDialog::Directory);
     dialog->setOption(QFileDialog::ShowDirsOnly);
     dialog->setLabelText(QFileDialog::Accept, prompt);

@@ -46,15 +46,22 @@ TerminationSignals::TerminationSignals(QObject* parent) : QObject(parent)
     struct sigaction action = {};
     action.sa_handler = wakeMainThread;
     action.sa_flags = SA_RESTART;
-    for (const int signal : signals)
-        ::sigaction(signal, &action, nullptr);
+    for (const int signal : signals) {
+        struct sigaction inherited = {};
+        ::sigaction(signal, nullptr, &inherited);
+        // nohup, and a shell that starts a program in the background, ask for this.
+        if (inherited.sa_handler != SIG_IGN) ::sigaction(signal, &action, nullptr);
+    }
 }
 
 TerminationSignals::~TerminationSignals()
 {
     if (!m_writeEnd) return;
-    for (const int signal : signals)
-        std::signal(signal, SIG_DFL);
+    for (const int signal : signals) {
+        struct sigaction present = {};
+        ::sigaction(signal, nullptr, &present);
+        if (present.sa_handler == wakeMainThread) std::signal(signal, SIG_DFL);
+    }
 }
 
 } // namespace harbex

@@ -11,7 +11,7 @@ namespace harbex
 {
 
 /// Turns SIGTERM, SIGINT and SIGHUP into a Qt signal, so that the program ends normally at logout and Ctrl+C.
-/// Create one per process. Main thread only.
+/// A signal that the process inherited as ignored stays ignored. Create one per process. Main thread only.
 class TerminationSignals : public QObject
 {
     Q_OBJECT

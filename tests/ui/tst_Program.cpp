@@ -147,6 +147,18 @@ private Q_SLOTS:
         QCOMPARE(program.exitStatus(), EXIT_SUCCESS);
     }
 
+    void aHangUpThatTheStarterIgnoresIsIgnored()
+    {
+        const auto before = std::signal(SIGHUP, SIG_IGN);
+        Program program(m_bus->address());
+        std::signal(SIGHUP, before);
+        QVERIFY(m_panel->waitForItem());
+        program.signal(SIGHUP);
+        // The second start takes longer than an end of the first, and would stay in its place.
+        QCOMPARE(Program(m_bus->address()).exitStatus(), EXIT_SUCCESS);
+        QVERIFY(program.isRunning());
+    }
+
     void everyOrderlyEndPrintsAndSavesNothing()
     {
         const RemoteObject application{m_bus->connect(), QStringLiteral("org.harbex.Harbex"),
