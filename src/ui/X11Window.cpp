@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <optional>
 
 namespace harbex
@@ -25,8 +23,8 @@ std::optional<uint32_t> numberOf(xcb_window_t window, std::string_view property)
 {
     const auto cookie =
         xcb_get_property(x11::connection(), 0, window, x11::atom(property), XCB_ATOM_CARDINAL, 0, 1);
-    const std::unique_ptr<xcb_get_property_reply_t, decltype(&std::free)> reply(
-        xcb_get_property_reply(x11::connection(), cookie, nullptr), &std::free);
+    const x11::Reply<xcb_get_property_reply_t> reply(
+        xcb_get_property_reply(x11::connection(), cookie, nullptr));
     if (!reply || reply->format != 32 || reply->value_len < 1) return std::nullopt;
     return *static_cast<const uint32_t*>(xcb_get_property_value(reply.get()));
 }

@@ -4,9 +4,6 @@
 
 #include <QCoreApplication>
 
-#include <cstdlib>
-#include <memory>
-
 namespace harbex
 {
 
@@ -40,10 +37,9 @@ bool XEmbedTray::nativeEventFilter(const QByteArray& type, void* message, qintpt
 
 void XEmbedTray::find()
 {
-    const std::unique_ptr<xcb_get_selection_owner_reply_t, decltype(&std::free)> reply(
-        xcb_get_selection_owner_reply(x11::connection(),
-                                      xcb_get_selection_owner(x11::connection(), m_selection), nullptr),
-        &std::free);
+    const auto cookie = xcb_get_selection_owner(x11::connection(), m_selection);
+    const x11::Reply<xcb_get_selection_owner_reply_t> reply(
+        xcb_get_selection_owner_reply(x11::connection(), cookie, nullptr));
     const xcb_window_t window = reply ? reply->owner : static_cast<xcb_window_t>(XCB_WINDOW_NONE);
     if (window == m_window) return;
     m_window = window;

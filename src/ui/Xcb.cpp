@@ -3,8 +3,6 @@
 #include <QGuiApplication>
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 
 namespace harbex::x11
 {
@@ -24,8 +22,7 @@ xcb_window_t root()
 xcb_atom_t atom(std::string_view name)
 {
     const auto cookie = xcb_intern_atom(connection(), 0, static_cast<uint16_t>(name.size()), name.data());
-    const std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> reply(
-        xcb_intern_atom_reply(connection(), cookie, nullptr), &std::free);
+    const Reply<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(connection(), cookie, nullptr));
     return reply ? reply->atom : static_cast<xcb_atom_t>(XCB_ATOM_NONE);
 }
 

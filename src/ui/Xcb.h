@@ -1,11 +1,20 @@
 #pragma once
 
+#include <cstdlib>
+#include <memory>
 #include <string_view>
 #include <xcb/xcb.h>
 
 /// The connection of Qt to the X11 server. Main thread only.
 namespace harbex::x11
 {
+
+struct FreeReply {
+    void operator()(void* reply) const { std::free(reply); }
+};
+/// A reply of the server. Null after an error.
+template <typename Type>
+using Reply = std::unique_ptr<Type, FreeReply>;
 
 /// Returns the connection; null on other platforms. The other functions need one.
 [[nodiscard]] xcb_connection_t* connection();
