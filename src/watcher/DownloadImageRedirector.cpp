@@ -21,6 +21,12 @@ constexpr std::chrono::milliseconds logDelay{20};
 DownloadImageRedirector::DownloadImageRedirector(QObject* parent)
     : QObject(parent), m_fileMove(m_pool.stopToken())
 {
+    const auto startDelay = [this] {
+        QTimer::singleShot(logDelay, this, &DownloadImageRedirector::runWaitingChanges);
+    };
+    // A signal, not a function object for each call: ThreadSanitizer cannot follow that through Qt to another
+    // thread.
+    connect(this, &DownloadImageRedirector::logLinesWait, this, startDelay, Qt::QueuedConnection);
 }
 
 DownloadImageRedirector::~DownloadImageRedirector()
@@ -111,10 +117,7 @@ void DownloadImageRedirector::addLog(const QString& message)
     const MutexLock lock(m_waitingMutex);
     m_waitingChanges.emplace_back([this, message] { appendLog(message); });
     // A burst logs thousands of lines. One wake-up per line would cost as much time as the moves.
-    if (m_waitingChanges.size() == 1)
-        QMetaObject::invokeMethod(
-            this, [this] { QTimer::singleShot(logDelay, this, &DownloadImageRedirector::runWaitingChanges); },
-            Qt::QueuedConnection);
+    if (m_waitingChanges.size() == 1) Q_EMIT logLinesWait(QPrivateSignal());
 }
 
 /// Runs `change` in a later iteration of the main loop, after the changes that wait already. Main thread

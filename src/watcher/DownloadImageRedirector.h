@@ -67,6 +67,8 @@ Q_SIGNALS:
     void objectWillChange();
     void isRunningChanged(bool isRunning);
     void logsChanged();
+    /// Emitted by the thread that adds the first line. For the engine itself.
+    void logLinesWait(QPrivateSignal);
 
 private:
     using Change = std::function<void()>;
