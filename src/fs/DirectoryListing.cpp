@@ -12,6 +12,11 @@ Outcome<DirectoryListing> DirectoryListing::open(const std::string& path)
 {
     FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return SystemError::last();
+    return of(std::move(directory));
+}
+
+Outcome<DirectoryListing> DirectoryListing::of(FileDescriptor directory)
+{
     const Outcome<FileIdentity> identity = identityOf(directory.get());
     if (!identity) return identity.error();
     return DirectoryListing(std::move(directory), *identity);
@@ -33,6 +38,9 @@ Outcome<timespec> DirectoryListing::modificationTime() const
 
 Outcome<size_t> DirectoryListing::readRecords(char* buffer, size_t size)
 {
+    static_assert(offsetof(dirent64, d_ino) == Record::inodeOffset);
+    static_assert(offsetof(dirent64, d_type) == Record::typeOffset);
+    static_assert(Record::unknownType == DT_UNKNOWN && Record::folderType == DT_DIR);
     static_assert(offsetof(dirent64, d_reclen) == Record::lengthOffset);
     static_assert(offsetof(dirent64, d_name) == Record::nameOffset);
     const ssize_t read = ::getdents64(m_directory.get(), buffer, size);

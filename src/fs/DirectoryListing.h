@@ -5,6 +5,7 @@
 #include "base/Outcome.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <string>
@@ -21,6 +22,9 @@ class DirectoryListing
 public:
     /// Opens the folder at `path` (raw bytes).
     [[nodiscard]] static Outcome<DirectoryListing> open(const std::string& path);
+
+    /// Lists the folder that is open for reading as `directory`.
+    [[nodiscard]] static Outcome<DirectoryListing> of(FileDescriptor directory);
 
     /// Opens the folder that is open as `folder` a second time. The read position of `folder` does not
     /// change.
@@ -45,11 +49,28 @@ public:
     template <class Name>
     [[nodiscard]] Outcome<void> forEachName(Name&& name);
 
+    /// What a listing tells about an entry.
+    struct Entry {
+        std::string_view name;
+        /// For a mount point, the number of the folder that the mount covers.
+        uint64_t inode = 0;
+        /// Not every file system tells the type.
+        bool canBeFolder = false;
+    };
+
+    /// Like forEachName(), with an Entry. Ends when `visit` returns false.
+    template <class Visit>
+    [[nodiscard]] Outcome<void> forEachEntry(Visit&& visit);
+
 private:
-    /// Field offsets in a record of getdents64(2).
+    /// Field offsets in a record of getdents64(2), and values of the type.
     struct Record {
+        static constexpr size_t inodeOffset = 0;
         static constexpr size_t lengthOffset = 16;
+        static constexpr size_t typeOffset = 18;
         static constexpr size_t nameOffset = 19;
+        static constexpr unsigned char unknownType = 0;
+        static constexpr unsigned char folderType = 4;
     };
 
     DirectoryListing(FileDescriptor directory, FileIdentity identity)
@@ -67,6 +88,15 @@ private:
 template <class Name>
 Outcome<void> DirectoryListing::forEachName(Name&& name)
 {
+    return forEachEntry([&name](const Entry& entry) {
+        name(entry.name);
+        return true;
+    });
+}
+
+template <class Visit>
+Outcome<void> DirectoryListing::forEachEntry(Visit&& visit)
+{
     // getdents64() instead of readdir(): no copy and no lock for each name.
     alignas(8) char buffer[64 * 1024];
     for (;;) {
@@ -76,8 +106,13 @@ Outcome<void> DirectoryListing::forEachName(Name&& name)
         for (size_t offset = 0; offset < *size;) {
             const char* record = buffer + offset;
             offset += *reinterpret_cast<const unsigned short*>(record + Record::lengthOffset);
-            const std::string_view entry(record + Record::nameOffset);
-            if (entry != "." && entry != "..") name(entry);
+            const std::string_view name(record + Record::nameOffset);
+            if (name == "." || name == "..") continue;
+            const auto type = static_cast<unsigned char>(record[Record::typeOffset]);
+            const Entry entry{.name = name,
+                              .inode = *reinterpret_cast<const uint64_t*>(record + Record::inodeOffset),
+                              .canBeFolder = type == Record::folderType || type == Record::unknownType};
+            if (!visit(entry)) return {};
         }
     }
 }

@@ -43,17 +43,23 @@ Outcome<QJsonObject, JsonError> parsePreferences(const QByteArray& content)
 }
 
 /// Replaces each URL whose bookmark resolves. The other URLs stay as stored.
-void resolveBookmarks(std::vector<WatchedFolder>& folders)
+void followBookmarks(std::vector<WatchedFolder>& folders)
 {
-    const MountTable mounts = MountTable::read();
+    std::vector<QByteArray> bookmarks;
+    for (const WatchedFolder& folder : folders) {
+        if (folder.bookmarkData) bookmarks.push_back(*folder.bookmarkData);
+        for (const FilterRule& rule : folder.rules)
+            if (rule.destinationBookmarkData) bookmarks.push_back(*rule.destinationBookmarkData);
+    }
+    const auto urls = resolveBookmarks(bookmarks, MountTable::read());
+    const auto follow = [&urls](const std::optional<QByteArray>& bookmark, auto& url) {
+        const auto found = bookmark ? urls.find(*bookmark) : urls.end();
+        if (found != urls.end()) url = found->second;
+    };
     for (WatchedFolder& folder : folders) {
-        if (folder.bookmarkData)
-            folder.url = resolveBookmark(*folder.bookmarkData, mounts).value_or(folder.url);
-        for (FilterRule& rule : folder.rules) {
-            if (!rule.destinationBookmarkData) continue;
-            if (auto destination = resolveBookmark(*rule.destinationBookmarkData, mounts))
-                rule.destination = std::move(destination);
-        }
+        follow(folder.bookmarkData, folder.url);
+        for (FilterRule& rule : folder.rules)
+            follow(rule.destinationBookmarkData, rule.destination);
     }
 }
 
@@ -87,7 +93,7 @@ FolderState FolderStore::loadState(FolderState current)
         auto folders = decodeFolderList(list);
         if (folders) {
             current.folders = *std::move(folders);
-            resolveBookmarks(current.folders);
+            followBookmarks(current.folders);
         } else {
             printText(QStringLiteral("Failed to load folders: ") + folders.error().description);
             current.folders.clear();

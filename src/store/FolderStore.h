@@ -35,8 +35,8 @@ class FolderStore
 public:
     /// Returns the stored configuration. Keeps the folders of `current` if nothing is stored or the
     /// preferences cannot be read. Returns no folders if the list cannot be decoded. Reads the file once.
-    /// Replaces the URL of each folder and destination whose bookmark resolves. Selects the stored folder, or
-    /// else the first one.
+    /// Replaces the URL of each folder and destination whose bookmark resolves; the file stays as it is.
+    /// Searches at most 0.1 second for moved folders. Selects the stored folder, or else the first one.
     [[nodiscard]] FolderState loadState(FolderState current);
 
     /// Writes the configuration before it returns. Keeps the values of other keys. If it cannot be encoded,

@@ -22,7 +22,9 @@ namespace harbex::test
 /// Returns the folder that a bookmark leads to. Nothing if there is no bookmark.
 inline std::optional<FileUrl> folderOf(const std::optional<QByteArray>& bookmark)
 {
-    return bookmark ? resolveBookmark(*bookmark, MountTable()) : std::nullopt;
+    if (!bookmark) return std::nullopt;
+    const auto urls = resolveBookmarks({*bookmark}, MountTable());
+    return urls.empty() ? std::nullopt : std::optional(urls.begin()->second);
 }
 
 /// Answers the folder dialogs that open while the object exists: calls `answer` for each dialog that is
