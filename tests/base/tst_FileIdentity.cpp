@@ -1,0 +1,86 @@
+#include "base/FileIdentity.h"
+#include "base/FileDescriptor.h"
+#include "support/EngineFiles.h"
+#include "support/TestMain.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <functional>
+#include <sys/stat.h>
+
+using namespace harbex;
+using namespace harbex::test;
+
+namespace
+{
+
+FileIdentity identityAt(const std::string& path)
+{
+    const auto identity = identityOf(path);
+    if (!identity) qFatal("no identity of %s", path.c_str());
+    return *identity;
+}
+
+} // namespace
+
+class TestFileIdentity : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void eachFieldIsCompared_data()
+    {
+        QTest::addColumn<std::function<void(FileIdentity&)>>("change");
+        const auto row = [](const char* name, std::function<void(FileIdentity&)> change) {
+            QTest::newRow(name) << std::move(change);
+        };
+        row("device", [](FileIdentity& identity) { ++identity.device; });
+        row("inode", [](FileIdentity& identity) { ++identity.inode; });
+        row("birthSeconds", [](FileIdentity& identity) { ++identity.birthSeconds; });
+        row("birthNanoseconds", [](FileIdentity& identity) { ++identity.birthNanoseconds; });
+    }
+
+    void eachFieldIsCompared()
+    {
+        QFETCH(const std::function<void(FileIdentity&)>, change);
+        const FileIdentity identity{1, 2, 3, 4};
+        FileIdentity other = identity;
+        QVERIFY(identity == other);
+        change(other);
+        QVERIFY(identity != other);
+    }
+
+    void theKernelGivesTheFields()
+    {
+        const ScratchFolder scratch("/dev/shm");
+        const std::string folder = scratch.makeFolder("folder");
+        struct stat status = {};
+        struct statx birth = {};
+        QCOMPARE(::stat(folder.c_str(), &status), 0);
+        QCOMPARE(::statx(AT_FDCWD, folder.c_str(), 0, STATX_BTIME, &birth), 0);
+        QVERIFY(birth.stx_btime.tv_sec != 0);
+        const FileIdentity expected{status.st_dev, status.st_ino, birth.stx_btime.tv_sec,
+                                    birth.stx_btime.tv_nsec};
+        QVERIFY(identityAt(folder) == expected);
+        // A link is followed, and the identity does not depend on the name.
+        makeLink(scratch.path() + "/link", folder);
+        QVERIFY(identityAt(scratch.path() + "/link") == expected);
+        const FileDescriptor open(::open(folder.c_str(), O_PATH | O_CLOEXEC));
+        renameEntry(folder, scratch.path() + "/renamed");
+        QVERIFY(identityAt(scratch.path() + "/renamed") == expected);
+        const auto ofOpen = identityOf(open.get());
+        QVERIFY(ofOpen && *ofOpen == expected);
+    }
+
+    void aMissingFileIsAnError()
+    {
+        const auto missing = identityOf("/missing/file");
+        QVERIFY(!missing && missing.error() == SystemError{ENOENT});
+        const auto closed = identityOf(-1);
+        QVERIFY(!closed && closed.error() == SystemError{EBADF});
+    }
+};
+
+HARBEX_TEST(TestFileIdentity)
+
+#include "tst_FileIdentity.moc"
