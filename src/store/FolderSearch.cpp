@@ -126,7 +126,7 @@ private:
         const FileDescriptor rootFolder = open(root);
         if (!rootFolder) return;
         std::deque<std::string> waiting{root};
-        for (; !waiting.empty() && !isOver(); waiting.pop_front()) {
+        for (; !waiting.empty() && m_bounds.folders > 0 && !isOver(); waiting.pop_front()) {
             --m_bounds.folders;
             const std::string& path = waiting.front();
             const char* relative = path == root ? "." : path.c_str() + root.size() + 1;
@@ -179,8 +179,7 @@ private:
 
     bool isOver() const
     {
-        return m_wanted.empty() || m_bounds.folders == 0 ||
-               std::chrono::steady_clock::now() >= m_bounds.deadline;
+        return m_wanted.empty() || std::chrono::steady_clock::now() >= m_bounds.deadline;
     }
 
     const MountTable& m_mounts;
