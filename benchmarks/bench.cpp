@@ -10,6 +10,7 @@
 #include "WindowRig.h"
 #include "fs/FileMove.h"
 #include "fs/FreeName.h"
+#include "store/Bookmark.h"
 #include "watcher/EntryPipeline.h"
 #include "watcher/NameSnapshot.h"
 
@@ -18,6 +19,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
@@ -272,6 +274,65 @@ void measureStart(Table& table)
     table.addRatio("start with 2,000 folders of 100 entries / listing them", "ms", pair, 1.6);
 }
 
+/// Lists every folder below `root`, breadth first. Returns the milliseconds and the number of folders.
+std::pair<double, size_t> bareWalk(const path& root)
+{
+    const auto begin = Clock::now();
+    std::deque<std::string> waiting{root.native()};
+    size_t count = 0;
+    for (; !waiting.empty(); waiting.pop_front(), ++count) {
+        const std::string& folder = waiting.front();
+        const FileDescriptor directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        alignas(8) static char buffer[64 * 1024];
+        for (ssize_t size; (size = ::getdents64(directory.get(), buffer, sizeof buffer)) > 0;) {
+            for (ssize_t offset = 0; offset < size;) {
+                const auto* record = reinterpret_cast<const dirent64*>(buffer + offset);
+                offset += record->d_reclen;
+                if (record->d_type == DT_DIR && record->d_name[0] != '.')
+                    waiting.push_back(folder + '/' + record->d_name);
+            }
+        }
+    }
+    return {secondsSince(begin) * 1000, count};
+}
+
+void measureBookmark(Table& table)
+{
+    // As many folders as a search lists, in three levels, with some files.
+    const SearchBounds usual;
+    const ScratchFolder scratch;
+    const path home = scratch.folder("home");
+    for (size_t i = 0; i + 1 < usual.folders;) {
+        const path outer = scratch.folder("home/" + std::to_string(i++));
+        for (int inner = 0; inner < 99 && i + 1 < usual.folders; ++inner, ++i)
+            std::filesystem::create_directory(outer / ("folder" + std::to_string(i)));
+        makeFiles(outer, "photo", 20);
+    }
+    if (bareWalk(home).second != usual.folders) std::abort();
+    const QByteArray usualHome = qgetenv("HOME");
+    qputenv("HOME", home.c_str());
+    const path lost = scratch.folder("home/lost");
+    const auto bookmark = createBookmark(lost.native());
+    if (!bookmark || !std::filesystem::remove(lost)) std::abort();
+
+    const auto milliseconds = [&](const SearchBounds& bounds) {
+        const auto begin = Clock::now();
+        if (!resolveBookmarks({*bookmark}, MountTable(), bounds).empty()) std::abort();
+        return secondsSince(begin) * 1000;
+    };
+    const Pair pair = inTurn(
+        9, [&] { return bareWalk(home).first; },
+        [&] {
+            return milliseconds({.deadline = Clock::time_point::max(), .folders = usual.folders});
+        });
+    table.addRatio("search of 20,000 folders for a lost one / a bare walk", "ms", pair, 1.5);
+    std::vector<double> times;
+    for (int i = 0; i < 9; ++i)
+        times.push_back(milliseconds({}));
+    table.addLimit("    with its deadline", "ms", median(times), 100);
+    qputenv("HOME", usualHome);
+}
+
 void measureFreeName(Table& table)
 {
     const ScratchFolder scratch;
@@ -394,6 +455,7 @@ int main(int argc, char** argv)
                                                                          {"folders", measureManyFolders},
                                                                          {"busy", measureBusy},
                                                                          {"start", measureStart},
+                                                                         {"bookmark", measureBookmark},
                                                                          {"name", measureFreeName},
                                                                          {"process", measureProcessStart},
                                                                          {"memory", measureMemory},

@@ -1,3 +1,4 @@
+#include "base/FileDescriptor.h"
 #include "support/ContentStateFixture.h"
 #include "support/FakePanel.h"
 #include "support/FolderDialogUser.h"
@@ -18,6 +19,8 @@
 #include <QTimer>
 #include <QTranslator>
 
+#include <sys/inotify.h>
+#include <unistd.h>
 #include <utility>
 
 using namespace harbex;
@@ -60,6 +63,30 @@ protected:
 
 private:
     QColor m_colour;
+};
+
+/// Counts how often a file is opened, one after another.
+class FileOpenings
+{
+public:
+    explicit FileOpenings(const QString& path) : m_inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+    {
+        // The kernel merges equal events. Closings separate the openings.
+        if (::inotify_add_watch(m_inotify.get(), QFile::encodeName(path).constData(), IN_OPEN | IN_CLOSE) < 0)
+            qFatal("cannot watch %s", qPrintable(path));
+    }
+
+    [[nodiscard]] int count() const
+    {
+        int openings = 0;
+        // Events of a file have no name.
+        for (inotify_event event; ::read(m_inotify.get(), &event, sizeof event) == sizeof event;)
+            if (event.mask & IN_OPEN) ++openings;
+        return openings;
+    }
+
+private:
+    FileDescriptor m_inotify;
 };
 
 } // namespace
@@ -115,6 +142,20 @@ private Q_SLOTS:
                                        QStringLiteral("org.freedesktop.Application")};
         QVERIFY(application.accepts("Activate", {QVariantMap()}));
         QVERIFY(window()->isVisible());
+    }
+
+    void openingTheWindowReadsTheStoreOnce()
+    {
+        store(makeFolder("A"));
+        const FileOpenings first(preferencesPath());
+        launch();
+        QVERIFY(window()->isVisible());
+        QCOMPARE(first.count(), 1);
+        // Closing replaces the file.
+        window()->close();
+        const FileOpenings second(preferencesPath());
+        window()->open();
+        QCOMPARE(second.count(), 1);
     }
 
     void theSessionManagerEndsTheProgramWithoutSaving()
