@@ -39,11 +39,6 @@ std::string join(const std::string& folder, std::string_view name)
     return path.append("/").append(name);
 }
 
-FileDescriptor open(const std::string& path)
-{
-    return FileDescriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-}
-
 /// Opens the folder at the relative `path`. Fails if a symbolic link or a mount point is on the way or at the
 /// end.
 FileDescriptor openBelow(int root, const char* path, int flags)
@@ -54,13 +49,22 @@ FileDescriptor openBelow(int root, const char* path, int flags)
     return FileDescriptor(static_cast<int>(::syscall(SYS_openat2, root, path, &how, sizeof how)));
 }
 
-/// Returns the path of an open folder without symbolic links. Empty on failure.
-std::string pathOfOpen(int folder)
+/// A folder that a search begins at.
+struct Root {
+    FileDescriptor folder;
+    /// Its path without symbolic links, as the mount table has it.
+    std::string place;
+};
+
+/// Opens the folder at `path`. Follows symbolic links. Returns nullopt on failure.
+std::optional<Root> openRoot(const std::string& path)
 {
-    std::array<char, PATH_MAX> path;
-    const std::string link = "/proc/self/fd/" + std::to_string(folder);
-    const ssize_t size = ::readlink(link.c_str(), path.data(), path.size());
-    return std::string(path.data(), size < 0 ? 0 : static_cast<size_t>(size));
+    FileDescriptor folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    std::array<char, PATH_MAX> place;
+    const std::string link = "/proc/self/fd/" + std::to_string(folder.get());
+    const ssize_t size = ::readlink(link.c_str(), place.data(), place.size());
+    if (!folder || size < 0) return std::nullopt;
+    return Root{std::move(folder), std::string(place.data(), static_cast<size_t>(size))};
 }
 
 /// Returns the number of the mount that the entry at `path` is on; nullopt if there is no entry.
@@ -93,8 +97,8 @@ public:
         for (const auto& [inode, folder] : m_wanted)
             parents.insert(parentOf(folder->path));
         for (const std::string& parent : parents) {
-            const FileDescriptor folder = open(parent);
-            if (folder) list(folder, ".", parent, [](const Entry&) {});
+            const std::optional<Root> root = openRoot(parent);
+            if (root) list(*root, ".", parent, [](const Entry&) {});
         }
     }
 
@@ -121,16 +125,16 @@ private:
         }
     }
 
-    void searchBelow(const std::string& root)
+    void searchBelow(const std::string& ancestor)
     {
-        const FileDescriptor rootFolder = open(root);
-        if (!rootFolder) return;
-        std::deque<std::string> waiting{root};
+        const std::optional<Root> root = openRoot(ancestor);
+        if (!root) return;
+        std::deque<std::string> waiting{ancestor};
         for (; !waiting.empty() && m_bounds.folders > 0 && !isOver(); waiting.pop_front()) {
             --m_bounds.folders;
             const std::string& path = waiting.front();
-            const char* relative = path == root ? "." : path.c_str() + root.size() + 1;
-            list(rootFolder, relative, path, [&](const Entry& entry) {
+            const char* relative = path == ancestor ? "." : path.c_str() + ancestor.size() + 1;
+            list(*root, relative, path, [&](const Entry& entry) {
                 if (!isSearched(entry.name) || waiting.size() > m_bounds.folders) return;
                 std::string inside = join(path, entry.name);
                 // An ancestor inside of this one was searched before.
@@ -141,15 +145,15 @@ private:
 
     /// Lists the folder `relative` below `root`, and records the wanted folders in it. `path` is its whole
     /// path. Calls `visit` for each entry that can be a folder.
-    void list(const FileDescriptor& root, const char* relative, const std::string& path,
+    void list(const Root& root, const char* relative, const std::string& path,
               const std::function<void(const Entry&)>& visit)
     {
-        FileDescriptor folder = openBelow(root.get(), relative, O_RDONLY);
+        FileDescriptor folder = openBelow(root.folder.get(), relative, O_RDONLY);
         if (!folder) return;
         const int descriptor = folder.get();
         auto listing = DirectoryListing::of(std::move(folder));
         if (!listing) return;
-        const std::string place = pathOfOpen(descriptor);
+        const std::string place = relative == std::string_view(".") ? root.place : join(root.place, relative);
         int entries = 0;
         // A listing that fails is searched as far as it goes.
         (void)listing->forEachEntry([&](const Entry& entry) {
