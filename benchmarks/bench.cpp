@@ -322,9 +322,7 @@ void measureBookmark(Table& table)
     };
     const Pair pair = inTurn(
         9, [&] { return bareWalk(home).first; },
-        [&] {
-            return milliseconds({.deadline = Clock::time_point::max(), .folders = usual.folders});
-        });
+        [&] { return milliseconds({.deadline = Clock::time_point::max(), .folders = usual.folders}); });
     table.addRatio("search of 20,000 folders for a lost one / a bare walk", "ms", pair, 1.5);
     std::vector<double> times;
     for (int i = 0; i < 9; ++i)

@@ -42,8 +42,8 @@ public:
     /// Returns the mount point of the remote volume that `path` leads to, or nullopt for a local path.
     [[nodiscard]] std::optional<std::string> remoteMount(const std::string& path) const;
 
-    /// Returns whether a remote volume is mounted at `path`, an absolute path without symbolic links. Makes no
-    /// system call.
+    /// Returns whether a remote volume is mounted at `path`, an absolute path without symbolic links. Makes
+    /// no system call.
     [[nodiscard]] bool isRemoteMount(const std::string& path) const { return m_remoteMounts.contains(path); }
 
     /// Returns whether all paths are as remote or local in one table as in the other.

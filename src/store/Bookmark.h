@@ -14,9 +14,9 @@
 namespace harbex
 {
 
-/// Returns a bookmark that finds a folder again after a rename or move: its path and its identity on the file system.
-/// `path` is absolute; a symbolic link to a folder is followed. Paths and names are raw bytes. Fails with the
-/// error of the system call if `path` is no folder. Thread-safe.
+/// Returns a bookmark that finds a folder again after a rename or move: its path and its identity on the file
+/// system. `path` is absolute; a symbolic link to a folder is followed. Paths and names are raw bytes. Fails
+/// with the error of the system call if `path` is no folder. Thread-safe.
 [[nodiscard]] Outcome<QByteArray> createBookmark(const std::string& path);
 
 /// Returns the current URLs of bookmarked folders by their bookmarks. A folder is found at its original path,

@@ -181,10 +181,7 @@ private:
         });
     }
 
-    bool isOver() const
-    {
-        return m_wanted.empty() || std::chrono::steady_clock::now() >= m_bounds.deadline;
-    }
+    bool isOver() const { return m_wanted.empty() || std::chrono::steady_clock::now() >= m_bounds.deadline; }
 
     const MountTable& m_mounts;
     const std::string m_home = FileUrl::fromPath(qgetenv("HOME").toStdString()).path();

@@ -43,8 +43,8 @@ struct LostFolder {
 ///
 /// Leaves out hidden folders, the trash, folders that cannot be read, and everything behind symbolic links
 /// and mount points: a renaming never leaves a mount. No system call touches the remote volumes in `mounts`.
-/// Mount points, and subvolumes of Btrfs, are not found themselves: a listing gives them other numbers. A slow
-/// disk can delay the end by one listing. Thread-safe.
+/// Mount points, and subvolumes of Btrfs, are not found themselves: a listing gives them other numbers. A
+/// slow disk can delay the end by one listing. Thread-safe.
 void findLostFolders(std::map<QByteArray, LostFolder>& lost, const MountTable& mounts,
                      const SearchBounds& bounds);
 

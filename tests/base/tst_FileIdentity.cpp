@@ -1,5 +1,5 @@
-#include "base/FileIdentity.h"
 #include "base/FileDescriptor.h"
+#include "base/FileIdentity.h"
 #include "support/EngineFiles.h"
 #include "support/TestMain.h"
 

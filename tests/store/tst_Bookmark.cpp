@@ -368,11 +368,12 @@ private Q_SLOTS:
             return {};
         };
         std::vector<std::string> opened;
-        const InterceptedRun run = runIntercepted({"openat", "openat2"}, work, [&](const InterceptedCall& call) {
-            const std::string name = fs::path(call.text(1)).filename();
-            if (name == "renamed" || name.starts_with("sibling")) opened.push_back(name);
-            return Answer::proceed();
-        });
+        const InterceptedRun run =
+            runIntercepted({"openat", "openat2"}, work, [&](const InterceptedCall& call) {
+                const std::string name = fs::path(call.text(1)).filename();
+                if (name == "renamed" || name.starts_with("sibling")) opened.push_back(name);
+                return Answer::proceed();
+            });
         QVERIFY(run.succeeded());
         QCOMPARE(opened, (std::vector<std::string>{"sibling0", "renamed"}));
     }

@@ -89,8 +89,7 @@ private Q_SLOTS:
         for (const char* name : {"lower/a/Lower", "upper", "work", "merged"})
             (void)make(name);
         const std::string merged = m_home + "/merged";
-        const Mount mount =
-            Mount::overlay(m_home + "/lower", m_home + "/upper", m_home + "/work", merged);
+        const Mount mount = Mount::overlay(m_home + "/lower", m_home + "/upper", m_home + "/work", merged);
         const std::string upper = make("merged/Upper");
         const std::string lower = merged + "/a/Lower";
         const QByteArray ofUpper = bookmarkOf(upper);

@@ -49,8 +49,9 @@ struct Listed {
 };
 
 /// Searches in a child process.
-Listed listedBy(Lost lost, const SearchBounds& bounds, const MountTable& mounts = {},
-                const BeforeListing& beforeListing = [](const std::string&) { return Answer::proceed(); })
+Listed listedBy(
+    Lost lost, const SearchBounds& bounds, const MountTable& mounts = {},
+    const BeforeListing& beforeListing = [](const std::string&) { return Answer::proceed(); })
 {
     Listed listed;
     const auto work = [&]() -> Outcome<void> {
@@ -98,9 +99,8 @@ private Q_SLOTS:
         makeLink(m_home + "/a/b/link", m_home + "/other");
         writeFile(m_home + "/a/b/file", "");
         makeFolder(m_scratch->path() + "/outside");
-        const Lost lost{{"1", takenAway("a/b/one")},
-                        {"2", takenAway("a/b/two")},
-                        {"3", takenAway("a/missing/three")}};
+        const Lost lost{
+            {"1", takenAway("a/b/one")}, {"2", takenAway("a/b/two")}, {"3", takenAway("a/missing/three")}};
         QCOMPARE(relative(listedBy(lost, boundsOf(1000))),
                  (QByteArrayList{"a/b", "a/b", "a/b/c", "a/b/c/d", "a", "", "other", "other/inner"}));
     }
@@ -215,10 +215,9 @@ private Q_SLOTS:
         fs::create_directories(m_home + "/open/y");
         const LostFolder lost = takenAway("Downloads");
         fs::rename(m_taken.back(), m_home + "/open/y/Downloads");
-        const Listed listed =
-            listedBy({{"1", lost}}, boundsOf(1000), {}, [this](const std::string& folder) {
-                return folder == m_home + "/closed" ? Answer::fail(EACCES) : Answer::proceed();
-            });
+        const Listed listed = listedBy({{"1", lost}}, boundsOf(1000), {}, [this](const std::string& folder) {
+            return folder == m_home + "/closed" ? Answer::fail(EACCES) : Answer::proceed();
+        });
         QVERIFY(listed.isEverythingFound);
         QVERIFY(!std::ranges::count(listed.folders, m_home + "/closed/x"));
     }
@@ -240,8 +239,7 @@ private Q_SLOTS:
         const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
             // Reads for the child and hides the types.
             std::string records(call.arguments[2], '\0');
-            const ssize_t size =
-                ::getdents64(call.descriptor(0).get(), records.data(), records.size());
+            const ssize_t size = ::getdents64(call.descriptor(0).get(), records.data(), records.size());
             if (size < 0) return Answer::fail(errno);
             records.resize(static_cast<size_t>(size));
             for (size_t offset = 0; offset < records.size(); ++changed) {
@@ -264,13 +262,11 @@ private Q_SLOTS:
         makeLink(m_scratch->path() + "/link", m_home);
         LostFolder lost = takenAway("Downloads");
         const MountTable mounts = MountTable::parse("36 35 0:40 / " + m_home + "/nas rw - autofs x rw");
-        QCOMPARE(relative(listedBy({{"1", lost}}, boundsOf(1000), mounts)),
-                 (QByteArrayList{"", "", "open"}));
+        QCOMPARE(relative(listedBy({{"1", lost}}, boundsOf(1000), mounts)), (QByteArrayList{"", "", "open"}));
         // The mount table has paths without links.
         lost.path = m_scratch->path() + "/link/Downloads";
         qputenv("HOME", QByteArray::fromStdString(m_scratch->path() + "/link"));
-        QCOMPARE(relative(listedBy({{"1", lost}}, boundsOf(1000), mounts)),
-                 (QByteArrayList{"", "", "open"}));
+        QCOMPARE(relative(listedBy({{"1", lost}}, boundsOf(1000), mounts)), (QByteArrayList{"", "", "open"}));
         // Not even to confirm that the mount point is the wanted folder.
         fs::rename(m_home + "/nas/inside", m_scratch->path() + "/inside");
         fs::remove(m_home + "/nas");
