@@ -46,7 +46,7 @@ struct FilterRule {
     RuleOperator operatorType = RuleOperator::contains;
     QString value;
     std::optional<FileUrl> destination;
-    /// Opaque bookmark, created when the user picks the destination. Finds it again after a rename.
+    /// Opaque bookmark, created when the user picks the destination. Finds it again after a rename or move.
     std::optional<QByteArray> destinationBookmarkData;
     RuleKind kind = RuleKind::image;
 

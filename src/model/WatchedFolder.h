@@ -17,7 +17,7 @@ namespace harbex
 struct WatchedFolder {
     QUuid id = QUuid::createUuid();
     FileUrl url;
-    /// Opaque bookmark, created when the user picks the folder. Finds it again after a rename.
+    /// Opaque bookmark, created when the user picks the folder. Finds it again after a rename or move.
     std::optional<QByteArray> bookmarkData;
     std::vector<FilterRule> rules;
 };
