@@ -31,8 +31,8 @@ private Q_SLOTS:
     void eachFieldIsCompared_data()
     {
         QTest::addColumn<std::function<void(FileIdentity&)>>("change");
-        const auto row = [](const char* name, std::function<void(FileIdentity&)> change) {
-            QTest::newRow(name) << std::move(change);
+        const auto row = [](const char* name, const std::function<void(FileIdentity&)>& change) {
+            QTest::newRow(name) << change;
         };
         row("device", [](FileIdentity& identity) { ++identity.device; });
         row("inode", [](FileIdentity& identity) { ++identity.inode; });

@@ -319,8 +319,8 @@ private Q_SLOTS:
     void eachPartOfTheIdentityCounts_data()
     {
         QTest::addColumn<std::function<void(Fields&)>>("change");
-        const auto row = [](const char* name, std::function<void(Fields&)> change) {
-            QTest::newRow(name) << std::move(change);
+        const auto row = [](const char* name, const std::function<void(Fields&)>& change) {
+            QTest::newRow(name) << change;
         };
         row("inode number", [](Fields& fields) { ++fields.inode; });
         row("seconds of the birth time", [](Fields& fields) { ++fields.birthSeconds; });
