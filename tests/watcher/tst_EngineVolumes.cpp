@@ -1,11 +1,15 @@
+#include "support/EngineResources.h"
 #include "support/EngineTest.h"
 #include "support/PrivateMounts.h"
+
+#include <algorithm>
+#include <filesystem>
 
 using namespace harbex;
 using namespace harbex::test;
 
-/// Watched folders on volumes that come and go, and on an overlay file system. The process has its own mount
-/// namespace.
+/// Watched folders on volumes that come and go, and on an overlay file system, and a limit of watches. The
+/// process has its own namespace.
 class TestEngineVolumes : public EngineTest
 {
     Q_OBJECT
@@ -13,6 +17,8 @@ class TestEngineVolumes : public EngineTest
 private Q_SLOTS:
     void aFolderIsWatchedOnEachVolumeThatIsMountedThere()
     {
+        const std::string behind = newFolder("behind");
+        const Mount again = Mount::again(m_inbox, behind);
         makeFolder(m_inbox + "/beneath");
         QVERIFY(start({takeAll(m_out)}));
         QVERIFY(sentinelFoldersPass());
@@ -25,6 +31,8 @@ private Q_SLOTS:
             std::vector<int> before = engine().activeFDs();
             Mount mounted = Mount::again(aside, m_inbox);
             QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
+            // The first folder is hidden, but still exists.
+            makeFolder(behind + "/hidden" + number);
             arriveFolder("late" + number);
             QVERIFY(isLogged(moved("late" + number)));
             QVERIFY(sentinelFoldersPass());
@@ -34,97 +42,114 @@ private Q_SLOTS:
             QVERIFY(waitFor([&] { return mounted.unmount(); }));
             QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
             QVERIFY(sentinelFoldersPass());
-            QCOMPARE(namesIn(m_inbox), QByteArrayList{"beneath"});
+            QVERIFY(exists(m_inbox + "/beneath") && exists(m_inbox + "/hidden" + number));
         }
+        QCOMPARE(namesIn(m_inbox), QByteArrayList({"beneath", "hidden0", "hidden1", "hidden2"}));
         QCOMPARE(namesIn(m_out), QByteArrayList({"late0", "late1", "late2"}));
     }
 
     void aFolderIsWatchedOnceItsVolumeIsMounted()
     {
         const std::string place = newFolder("place");
-        const std::string inbox = place + "/deep/inbox";
+        makeLink(at("link"), "place/deep/inbox");
         const std::string aside = newFolder("aside");
         const Mount volume = Mount::memory(aside);
         for (const char* name : {"/deep", "/deep/inbox", "/deep/inbox/old"})
             makeFolder(aside + name);
+        for (const std::string& inbox : {place + "/deep/inbox", at("link")}) {
+            QVERIFY(restartAndWait(engine(), {watched(inbox, {takeAll(m_out)})}));
+            QVERIFY(engine().activeFDs().empty());
+            for (const char* name : {"first", "second"}) {
+                Mount mounted = Mount::again(aside, place);
+                QVERIFY(waitFor([this] { return engine().activeFDs().size() == 1; }));
+                makeFolder(inbox + '/' + name);
+                QVERIFY(hasNames(m_out, {name}));
+                QVERIFY(hasNames(inbox, {"old"}));
+                removeEntry(m_out + '/' + name);
+                QVERIFY(waitFor([&] { return mounted.unmount(); }));
+                QVERIFY(waitFor([this] { return engine().activeFDs().empty(); }));
+            }
+        }
+    }
+
+    void anEngineAtRestHoldsNoVolume()
+    {
+        Mount inbox = Mount::memory(m_inbox);
+        Mount out = Mount::memory(m_out);
+        QVERIFY(start({takeAll(m_out)}));
+        writeFile(m_inbox + "/a.jpg", "content");
+        arriveFolder("b");
+        QVERIFY(hasNames(m_out, {"a.jpg", "b"}));
+        // The reader of events is left, and one worker.
+        QTRY_COMPARE_WITH_TIMEOUT(threadCount(), m_threads + 2, patience);
+        QVERIFY(inbox.unmount());
+        QVERIFY(out.unmount());
+    }
+
+    void aFolderOnAnOverlayIsWatched()
+    {
+        const std::string volume = newFolder("volume");
+        const Mount memory = Mount::memory(volume);
+        for (const char* name : {"/lower", "/lower/inbox", "/lower/inbox/old", "/upper", "/work", "/merged"})
+            makeFolder(volume + name);
+        const Mount overlay =
+            Mount::overlay(volume + "/lower", volume + "/upper", volume + "/work", volume + "/merged");
+        const std::string inbox = volume + "/merged/inbox";
         QVERIFY(start({watched(inbox, {takeAll(m_out)})}));
-        QVERIFY(engine().activeFDs().empty());
+        // The first change copies the folder up: it keeps its inode and gets another birth time.
+        const std::vector<int> begin = engine().activeFDs();
+        QCOMPARE(begin.size(), 1U);
+        QVERIFY(!exists(volume + "/upper/inbox"));
         for (const char* name : {"first", "second"}) {
-            Mount mounted = Mount::again(aside, place);
-            QVERIFY(waitFor([this] { return engine().activeFDs().size() == 1; }));
             makeFolder(inbox + '/' + name);
             QVERIFY(isLogged(moved(name)));
-            QVERIFY(hasNames(inbox, {"old"}));
-            QVERIFY(waitFor([&] { return mounted.unmount(); }));
-            QVERIFY(waitFor([this] { return engine().activeFDs().empty(); }));
+            QVERIFY(exists(volume + "/upper/inbox"));
         }
-    }
+        QCOMPARE(engine().activeFDs(), begin);
 
-    void aLinkIsFollowedToAVolumeThatIsMountedLater()
-    {
-        const std::string place = newFolder("place");
-        makeLink(at("link"), "place/inbox");
-        QVERIFY(start({watched(at("link"), {takeAll(m_out)})}));
-        QVERIFY(engine().activeFDs().empty());
-        const Mount mounted = Mount::memory(place);
-        makeFolder(place + "/inbox");
-        QVERIFY(waitFor([this] { return engine().activeFDs().size() == 1; }));
-        makeFolder(place + "/inbox/Notes");
-        QVERIFY(isLogged(moved("Notes")));
-    }
-
-    /// The folder keeps its inode and gets another birth time.
-    void aFolderIsStillWatchedAfterAnOverlayHasCopiedItUp()
-    {
-        const Mount volume = Mount::memory(newFolder("volume"));
-        const Mount overlay = mountOverlay();
-        QVERIFY(start({watched(m_merged, {takeAll(m_out)})}));
-        const std::vector<int> before = engine().activeFDs();
-        QCOMPARE(before.size(), 1U);
-        QVERIFY(!exists(at("volume/upper/inbox")));
-        for (const char* name : {"first", "second"}) {
-            makeFolder(m_merged + '/' + name);
-            QVERIFY(isLogged(moved(name)));
-            QVERIFY(exists(at("volume/upper/inbox")));
-        }
-        QCOMPARE(engine().activeFDs(), before);
-        QCOMPARE(namesIn(m_out), QByteArrayList({"first", "second"}));
-        QVERIFY(hasNames(m_merged, {"old"}));
-    }
-
-    void aFolderThatReplacesAnotherOnAnOverlayIsWatched()
-    {
-        const Mount volume = Mount::memory(newFolder("volume"));
-        const Mount overlay = mountOverlay();
-        const std::string spare = at("volume/merged/spare");
-        QVERIFY(start({watched(m_merged, {takeAll(m_out)})}));
-        for (const char* name : {"first", "second"}) {
+        // Another folder replaces it.
+        const std::string spare = volume + "/merged/spare";
+        for (const char* name : {"third", "fourth"}) {
             const std::vector<int> before = engine().activeFDs();
             makeFolder(spare);
             makeFolder(spare + "/old");
-            removeEntry(m_merged + "/old");
-            removeEntry(m_merged);
-            renameEntry(spare, m_merged);
+            std::filesystem::remove_all(inbox);
+            renameEntry(spare, inbox);
             QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
-            makeFolder(m_merged + '/' + name);
+            makeFolder(inbox + '/' + name);
             QVERIFY(isLogged(moved(name)));
-            QVERIFY(hasNames(m_merged, {"old"}));
         }
-        QCOMPARE(namesIn(m_out), QByteArrayList({"first", "second"}));
+        QCOMPARE(namesIn(m_out), QByteArrayList({"first", "fourth", "second", "third"}));
+        QVERIFY(hasNames(inbox, {"old"}));
     }
 
-private:
-    /// Mounts an overlay on the volume. Its folder "inbox" with the entry "old" is in the lower layer.
-    [[nodiscard]] Mount mountOverlay()
+    // The limit stays until the end of the process.
+    void aRefusedWatchIsLoggedOnceAndTriedAgainAtTheNextStart()
     {
-        const std::string volume = at("volume");
-        for (const char* name : {"/lower", "/lower/inbox", "/lower/inbox/old", "/upper", "/work", "/merged"})
-            makeFolder(volume + name);
-        m_merged = volume + "/merged/inbox";
-        return Mount::overlay(volume + "/lower", volume + "/upper", volume + "/work", volume + "/merged");
-    }
+        const std::string second = newFolder("two\nlines");
+        const QStringList expected{QStringLiteral("Failed to open folder: two\\nlines"),
+                                   QStringLiteral("Started watchers.")};
+        const std::vector<WatchedFolder> folders = {inboxWith({takeAll(m_out)}),
+                                                    watched(second, {takeAll(m_out)})};
+        // Enough for the folders above, and for one of the two.
+        const auto foldersAbove = int(std::ranges::count(m_inbox, '/'));
+        limitWatches(foldersAbove + 1);
+        QVERIFY(start(folders));
+        QTRY_COMPARE_WITH_TIMEOUT(log(), expected, patience);
+        QCOMPARE(engine().activeFDs().size(), 1U);
+        makeFolder(second + "/a");
+        arriveFolder("b");
+        QVERIFY(sentinelFoldersPass());
+        QCOMPARE(namesIn(m_out), QByteArrayList{"b"});
+        QCOMPARE(namesIn(second), QByteArrayList{"a"});
 
-    std::string m_merged;
+        limitWatches(foldersAbove + 2);
+        QVERIFY(restartAndWait(engine(), folders));
+        QCOMPARE(engine().activeFDs().size(), 2U);
+        makeFolder(second + "/c");
+        QVERIFY(hasNames(m_out, {"b", "c"}));
+        QCOMPARE(log("Failed to open folder").size(), 1);
+    }
 };
 
 HARBEX_MAIN(TestEngineVolumes)
