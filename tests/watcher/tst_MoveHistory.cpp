@@ -59,29 +59,25 @@ private Q_SLOTS:
         QCOMPARE(history.take(second, "name \xff"), Trail());
     }
 
-    void aTrailLeadsOutOfItsFolders_data()
+    void aTrailLeadsOutOfItsFoldersForAMinute()
     {
-        QTest::addColumn<Trail>("trail");
-        QTest::addColumn<bool>("leadsOutOfFirst");
         const Clock::time_point now = Clock::now();
-        const auto row = [](const char* what, const Trail& trail, bool leadsOutOfFirst) {
-            QTest::newRow(what) << trail << leadsOutOfFirst;
+        struct {
+            const char* description;
+            Trail trail;
+            bool leadsOutOfFirst;
+        } const cases[] = {
+            {"none", {}, false},
+            {"just now", {{first, now}}, true},
+            {"half a minute ago", {{first, now - 30s}}, true},
+            {"more than a minute ago", {{first, now - 61s}}, false},
+            {"another folder", {{second, now}}, false},
+            {"same inode number on another volume", {{elsewhere, now}}, false},
+            {"at the beginning of a chain", {{first, now - 2s}, {second, now - 1s}, {elsewhere, now}}, true},
+            {"long ago, and again", {{first, now - 61s}, {second, now - 2s}, {first, now - 1s}}, true},
         };
-        row("none", {}, false);
-        row("just now", {{first, now}}, true);
-        row("half a minute ago", {{first, now - 30s}}, true);
-        row("more than a minute ago", {{first, now - 61s}}, false);
-        row("another folder", {{second, now}}, false);
-        row("same inode number on another volume", {{elsewhere, now}}, false);
-        row("at the beginning of a chain", {{first, now - 2s}, {second, now - 1s}, {elsewhere, now}}, true);
-        row("long ago, and again", {{first, now - 61s}, {second, now - 2s}, {first, now - 1s}}, true);
-    }
-
-    void aTrailLeadsOutOfItsFolders()
-    {
-        QFETCH(const Trail, trail);
-        QFETCH(const bool, leadsOutOfFirst);
-        QCOMPARE(MoveHistory::leadsOutOf(first, trail), leadsOutOfFirst);
+        for (const auto& each : cases)
+            QVERIFY2(MoveHistory::leadsOutOf(first, each.trail) == each.leadsOutOfFirst, each.description);
     }
 
     void namesAreExpectedInTheirFolderFromTheirTimeOn()
@@ -117,19 +113,20 @@ private Q_SLOTS:
             history.expect(folder, name, trail);
         writeFile(inbox + "/new", {});
 
-        Outcome<std::vector<std::string>> names = SystemError{EBUSY};
         const auto queue = pool.makeQueue("test");
-        queue->runHere([&](SerialQueue::Token token) { names = (*directory)->takeNewNames(token); });
-        QVERIFY(names);
-        QCOMPARE(*names, std::vector<std::string>{"new"});
+        const auto takeNewNames = [&] {
+            Outcome<std::vector<std::string>> names = SystemError{EBUSY};
+            queue->runHere([&](SerialQueue::Token token) { names = (*directory)->takeNewNames(token); });
+            return names ? *names : std::vector<std::string>{"failed"};
+        };
+        QCOMPARE(takeNewNames(), std::vector<std::string>{"new"});
         QCOMPARE(history.take(folder, "returned"), Trail());
         QCOMPARE(history.take(folder, "new"), trail);
         QCOMPARE(history.take(folder, "not there yet"), trail);
 
         // The same in a folder without a change.
         history.expect(folder, "returned", trail);
-        queue->runHere([&](SerialQueue::Token token) { names = (*directory)->takeNewNames(token); });
-        QVERIFY(names && names->empty());
+        QCOMPARE(takeNewNames(), std::vector<std::string>());
         QCOMPARE(history.take(folder, "returned"), Trail());
         pool.stop();
     }
