@@ -4,12 +4,9 @@
 #include <QElapsedTimer>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
-#include <unistd.h>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -121,44 +118,26 @@ private Q_SLOTS:
         }
     }
 
-    /// The large file is copied to another volume, which takes until after the second attempt is due.
+    /// The file is copied to another volume, which takes until after the second attempt is due.
     void aBusyFileOfTwoRulesIsMovedOnceAndSkippedOnce()
     {
-        constexpr qint64 largeSize = 64 << 20;
+        constexpr qint64 size = 64 << 20;
         const std::string other = newFolder("other");
         const ScratchFolder far(folderOnAnotherVolume());
-        const Inbox farInbox(far, "inbox");
-        const std::vector<FilterRule> rules = {takeKind(RuleKind::video, m_out), takeAll(other)};
-        QVERIFY(start({inboxWith(rules), farInbox.with(rules)}));
-        GrowingFiles films({m_inbox + "/film-0.mp4", m_inbox + "/film-1.mp4", far.path() + "/large.mp4"});
-        appendToFile(far.path() + "/large.mp4", std::string(largeSize, 'x'));
-        renameEntry(far.path() + "/large.mp4", farInbox.path + "/large.mp4");
-        // The sentinels arrived later: their two tests end after the first tests for both rules.
-        QVERIFY(Sentinel::allPass(engine(), {m_sentinel.get(), &farInbox.sentinel}));
-        films.stop();
-        QVERIFY(waitFor([&] { return log(".mp4").size() == 6; }));
-        for (const char* name : {"film-0.mp4", "film-1.mp4", "large.mp4"}) {
-            QCOMPARE(countMessages(engine(), moved(name)), 1);
-            QCOMPARE(countMessages(engine(), skipped(name)), 1);
-        }
-        QCOMPARE(namesIn(m_inbox) + namesIn(farInbox.path), QByteArrayList());
-        QCOMPARE(namesIn(m_out).size() + namesIn(other).size(), 3);
-        const std::string copy = (exists(m_out + "/large.mp4") ? m_out : other) + "/large.mp4";
-        QVERIFY(std::filesystem::file_size(copy) > largeSize);
-    }
-
-    void aFolderIsMovedWhileItsContentsGrow()
-    {
-        const std::string app = newFolder("Tool.app");
-        const std::string notes = newFolder("Notes");
-        const GrowingFiles contents({app + "/log", notes + "/log"});
-        QVERIFY(start({takeAll(m_out)}));
-        renameEntry(app, m_inbox + "/Tool.app");
-        renameEntry(notes, m_inbox + "/Notes");
-        QVERIFY(isLogged(moved("Tool.app")));
-        QVERIFY(isLogged(moved("Notes")));
-        QCOMPARE(namesIn(m_out), QByteArrayList({"Notes", "Tool.app"}));
-        QCOMPARE(log().size(), 3);
+        const Inbox inbox(far, "inbox");
+        QVERIFY(start({inbox.with({takeKind(RuleKind::video, m_out), takeAll(other)})}));
+        GrowingFiles film({far.path() + "/film.mp4"});
+        appendToFile(far.path() + "/film.mp4", std::string(size, 'x'));
+        renameEntry(far.path() + "/film.mp4", inbox.path + "/film.mp4");
+        // The sentinel arrived later: its two tests end after the first tests for both rules.
+        QVERIFY(inbox.sentinel.passes(engine()));
+        film.stop();
+        QVERIFY(isLogged(moved("film.mp4")) && isLogged(skipped("film.mp4")));
+        QCOMPARE(log(".mp4").size(), 2);
+        QCOMPARE(namesIn(inbox.path), QByteArrayList());
+        QCOMPARE(namesIn(m_out).size() + namesIn(other).size(), 1);
+        const std::string copy = (exists(m_out + "/film.mp4") ? m_out : other) + "/film.mp4";
+        QVERIFY(std::filesystem::file_size(copy) > size);
     }
 
     /// They arrive after a file and are moved before it.
@@ -183,72 +162,28 @@ private Q_SLOTS:
 
     void aTakenNameGetsANumber()
     {
-        const std::vector<std::string> old = {"report.pdf",     "photo.jpg", "photo-1.jpg", "gap.jpg",
-                                              "gap-2.jpg",      "README",    ".env",        "Photo.JPG",
-                                              "archive.tar.gz", "Tool.app",  "original.txt"};
-        for (const std::string& name : old)
-            writeFile(m_out + '/' + name, "old");
+        for (const char* name : {"/photo.jpg", "/photo-1.jpg", "/README"})
+            writeFile(m_out + name, "old");
         makeLink(m_out + "/dangling.txt", "nowhere");
-        makeLink(m_out + "/link.txt", "original.txt");
-        makeFolder(m_out + "/folder.txt");
         makeFolder(m_out + "/Notes");
-
-        const std::vector<std::pair<std::string, std::string>> targets = {
-            {"free.txt", "free.txt"},
-            {"report.pdf", "report-1.pdf"},
-            {"photo.jpg", "photo-2.jpg"},
-            {"gap.jpg", "gap-1.jpg"},
-            {"archive.tar.gz", "archive.tar-1.gz"},
-            {"README", "README-1"},
-            {".env", ".env-1"},
-            {"Photo.JPG", "Photo-1.JPG"},
-            {"dangling.txt", "dangling-1.txt"},
-            {"link.txt", "link-1.txt"},
-            {"folder.txt", "folder-1.txt"},
-        };
+        const std::vector<std::pair<std::string, std::string>> targets = {{"photo.jpg", "photo-2.jpg"},
+                                                                          {"README", "README-1"},
+                                                                          {"dangling.txt", "dangling-1.txt"},
+                                                                          {"free.txt", ""}};
         QVERIFY(start({takeAll(m_out)}));
         for (const auto& [name, target] : targets)
-            arrive(name, "new");
+            arrive(name, name);
         arriveFolder("Notes");
-        arriveFolder("Tool.app");
         for (const auto& [name, target] : targets) {
             QVERIFY(isLogged(moved(name, target)));
-            QVERIFY2(contents(m_out + '/' + target) == "new", target.c_str());
+            const std::string path = m_out + '/' + (target.empty() ? name : target);
+            QCOMPARE(contents(path), QByteArray::fromStdString(name));
         }
         QVERIFY(isLogged(moved("Notes", "Notes-1")));
-        QVERIFY(isLogged(moved("Tool.app", "Tool-1.app")));
-
-        for (const std::string& name : old)
-            QVERIFY2(contents(m_out + '/' + name) == "old", name.c_str());
-        QVERIFY(!exists(m_out + "/nowhere"));
-        QVERIFY(namesIn(m_out + "/Notes").isEmpty() && namesIn(m_out + "/folder.txt").isEmpty());
-        QCOMPARE(namesIn(m_out).size(), qsizetype(old.size() + 4 + targets.size() + 2));
-    }
-
-    void filesOfOneNameFromTwoFoldersAreBothKept()
-    {
-        constexpr int count = 50;
-        const std::string second = newFolder("second");
-        QVERIFY(start({watched(m_inbox, {takeAll(m_out)}), watched(second, {takeAll(m_out)})}));
-        for (int i = 0; i < count; ++i) {
-            const std::string number = std::to_string(i);
-            arrive("photo" + number, "first" + number);
-            m_scratch->arrive(second + "/photo" + number, "second" + number);
-        }
-        QVERIFY(waitFor([&] { return log().size() == 1 + 2 * count; }));
-        QByteArrayList found;
-        for (const std::string& folder : {m_inbox, second, m_out})
-            for (const QByteArray& name : namesIn(folder))
-                found << contents(folder + '/' + name.toStdString());
-        QCOMPARE(found.size(), 2 * count);
-        for (int i = 0; i < count; ++i) {
-            QVERIFY(found.contains("first" + QByteArray::number(i)));
-            QVERIFY(found.contains("second" + QByteArray::number(i)));
-        }
-        // The two folders can choose the same free name. Then one move fails, and its file stays.
-        for (const QString& failure : log("Move failed"))
-            QVERIFY(failure.endsWith(QStringLiteral("File exists")));
-        QCOMPARE(namesIn(m_inbox).size() + namesIn(second).size(), log("Move failed").size());
+        for (const char* name : {"/photo.jpg", "/photo-1.jpg", "/README"})
+            QCOMPARE(contents(m_out + name), QByteArray("old"));
+        QVERIFY(namesIn(m_out + "/Notes").isEmpty() && !exists(m_out + "/nowhere"));
+        QCOMPARE(namesIn(m_out).size(), 5 + 5);
     }
 
     void aFailedMoveIsLoggedAndTheNextRuleIsTried()
@@ -287,21 +222,6 @@ private Q_SLOTS:
         }
         QVERIFY(namesIn(at("forbidden")).isEmpty());
         QVERIFY(!exists(at("missing")));
-    }
-
-    void aDestinationThatVanishesIsUsedAgainWhenItReturns()
-    {
-        QVERIFY(start({takeAll(m_out)}));
-        arriveFolder("a");
-        QVERIFY(isLogged(moved("a")));
-        removeEntry(m_out + "/a");
-        removeEntry(m_out);
-        arriveFolder("b");
-        QVERIFY(isLogged(moveFailed("b", "No such file or directory")));
-        makeFolder(m_out);
-        arriveFolder("c");
-        QVERIFY(isLogged(moved("c")));
-        QCOMPARE(namesIn(m_inbox), QByteArrayList{"b"});
     }
 
     void aNameThatIsTakenAtTheLastMomentIsLogged()
@@ -366,53 +286,6 @@ private Q_SLOTS:
         QCOMPARE(log(".jpg"), QStringList());
         for (const auto& [name, path] : paths)
             QCOMPARE(countPrinted(QByteArray("[\"") + name + "\", \"jpg\"]"), 1);
-    }
-
-    void entriesAreMovedToAnotherVolume()
-    {
-        const ScratchFolder far(folderOnAnotherVolume());
-        writeFile(far.path() + "/photo.jpg", "old");
-        const std::string notes = newFolder("Notes");
-        writeFile(notes + "/note.txt", "note");
-        writeFile(at("original.txt"), "original");
-        QVERIFY(start({takeAll(far.path())}));
-        arrive("photo.jpg", "new");
-        renameEntry(notes, m_inbox + "/Notes");
-        makeLink(m_inbox + "/link.txt", at("original.txt"));
-        QVERIFY(isLogged(moved("photo.jpg", "photo-1.jpg")));
-        QVERIFY(isLogged(moved("Notes")));
-        QVERIFY(isLogged(moved("link.txt")));
-        QCOMPARE(log().size(), 4);
-        QCOMPARE(namesIn(m_inbox), QByteArrayList());
-        QCOMPARE(namesIn(far.path()), QByteArrayList({"Notes", "link.txt", "photo-1.jpg", "photo.jpg"}));
-        QCOMPARE(contents(far.path() + "/photo.jpg"), QByteArray("old"));
-        QCOMPARE(contents(far.path() + "/photo-1.jpg"), QByteArray("new"));
-        QCOMPARE(contents(far.path() + "/Notes/note.txt"), QByteArray("note"));
-        QVERIFY(std::filesystem::is_symlink(far.path() + "/link.txt"));
-        QCOMPARE(contents(far.path() + "/link.txt"), QByteArray("original"));
-    }
-
-    void anUnusableStandardOutputStopsNoMove_data()
-    {
-        QTest::addColumn<bool>("isPipe");
-        QTest::newRow("nobody reads it") << true;
-        QTest::newRow("it cannot be written") << false;
-    }
-
-    void anUnusableStandardOutputStopsNoMove()
-    {
-        QFETCH(const bool, isPipe);
-        // As main() does. Qt Test replaces it by a handler that ends the test.
-        std::signal(SIGPIPE, SIG_IGN);
-        int ends[2];
-        QCOMPARE(::pipe2(ends, O_CLOEXEC), 0);
-        const FileDescriptor writing(ends[1]);
-        ::close(ends[0]);
-        const FileDescriptor readOnly(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-        const RedirectedOutput redirected((isPipe ? writing : readOnly).get());
-        QVERIFY(start({takeAll(m_out)}));
-        arriveFolder("Notes");
-        QVERIFY(isLogged(moved("Notes")));
     }
 };
 
