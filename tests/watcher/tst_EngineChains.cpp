@@ -1,4 +1,7 @@
+#include "support/EngineResources.h"
 #include "support/EngineTest.h"
+
+#include <algorithm>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -9,8 +12,9 @@ namespace
 /// Folders of which each has a rule for the next one, and the last has a rule for the first.
 struct Ring {
     std::string name;
-    bool isNameTaken = false;
-    std::vector<Inbox> folders = {};
+    bool isFar;
+    bool isNameTaken;
+    std::vector<Inbox> folders;
 };
 
 } // namespace
@@ -25,31 +29,27 @@ private Q_SLOTS:
     {
         const ScratchFolder far(folderOnAnotherVolume());
         std::vector<Ring> rings;
-        for (const int count : {2, 3}) {
-            for (const bool isFar : {false, true}) {
-                for (const bool isNameTaken : {false, true}) {
-                    rings.push_back(
-                        {.name = "ring" + std::to_string(rings.size()), .isNameTaken = isNameTaken});
-                    Ring& ring = rings.back();
-                    for (int i = 0; i < count; ++i) {
-                        ring.folders.emplace_back(isFar && i == 1 ? far : *m_scratch,
-                                                  ring.name + " folder " + std::to_string(i));
-                        // The entry gets another name there.
-                        if (isNameTaken && i > 0)
-                            writeFile(ring.folders.back().path + '/' + ring.name + ".jpg", "old");
-                    }
-                }
-            }
-        }
         std::vector<WatchedFolder> records;
         std::vector<Inbox> inboxes;
-        for (const Ring& ring : rings) {
-            for (size_t i = 0; i < ring.folders.size(); ++i) {
-                const std::string& next = ring.folders[(i + 1) % ring.folders.size()].path;
-                records.push_back(ring.folders[i].with({takeAll(next)}));
+        const auto addRing = [&](size_t count, bool isFar, bool isNameTaken) {
+            Ring ring{"ring" + std::to_string(rings.size()), isFar, isNameTaken, {}};
+            for (size_t i = 0; i < count; ++i) {
+                ring.folders.emplace_back(isFar && i == 1 ? far : *m_scratch,
+                                          ring.name + " folder " + std::to_string(i));
+                // The entry gets another name there.
+                if (isNameTaken && i > 0)
+                    writeFile(ring.folders.back().path + '/' + ring.name + ".jpg", "old");
+            }
+            for (size_t i = 0; i < count; ++i) {
+                records.push_back(ring.folders[i].with({takeAll(ring.folders[(i + 1) % count].path)}));
                 inboxes.push_back(ring.folders[i]);
             }
-        }
+            rings.push_back(ring);
+        };
+        for (const size_t count : {2U, 3U})
+            for (const bool isFar : {false, true})
+                for (const bool isNameTaken : {false, true})
+                    addRing(count, isFar, isNameTaken);
         QVERIFY(start(records));
         for (const Ring& ring : rings) {
             m_scratch->arrive(ring.folders[0].path + '/' + ring.name + ".jpg", "photo");
@@ -67,8 +67,10 @@ private Q_SLOTS:
             QCOMPARE(countMoves(ring), qsizetype(2 * ring.folders.size()));
             const std::string& first = ring.folders[0].path;
             const std::string photo = ring.name + (ring.isNameTaken ? "-1.jpg" : ".jpg");
-            QCOMPARE(namesIn(first), QByteArrayList({QByteArray::fromStdString(ring.name + " notes"),
-                                                     QByteArray::fromStdString(photo)}));
+            QCOMPARE(namesIn(first).size(), 2);
+            // A copied folder can return before the original is removed. Then it gets a number.
+            const std::string notes = first + '/' + ring.name + " notes";
+            QVERIFY(exists(notes) || (ring.isFar && exists(notes + "-1")));
             QCOMPARE(contents(first + '/' + photo), QByteArray("photo"));
             for (size_t i = 1; i < ring.folders.size(); ++i)
                 QCOMPARE(namesIn(ring.folders[i].path).size(), ring.isNameTaken ? 1 : 0);
@@ -127,36 +129,6 @@ private Q_SLOTS:
         }
     }
 
-    void aChainOfFoldersLeadsToItsEnd()
-    {
-        constexpr int count = 20;
-        const ScratchFolder far(folderOnAnotherVolume());
-        std::vector<std::vector<std::string>> chains;
-        std::vector<WatchedFolder> records;
-        for (const bool isFar : {false, true}) {
-            std::vector<std::string> chain;
-            for (int i = 0; i < 4; ++i)
-                chain.push_back((isFar && i % 2 == 1 ? far : *m_scratch)
-                                    .makeFolder((isFar ? "far " : "near ") + std::to_string(i)));
-            for (size_t i = 0; i < 3; ++i)
-                records.push_back(watched(chain[i], {takeAll(chain[i + 1])}));
-            records.push_back(watched(chain[3], {}));
-            chains.push_back(chain);
-        }
-        QVERIFY(start(records));
-        for (int i = 0; i < count; ++i)
-            for (const auto& chain : chains)
-                m_scratch->arrive(chain[0] + '/' + std::to_string(i), std::to_string(i));
-        QVERIFY(waitFor([&] { return log("Moved ").size() == qsizetype(chains.size()) * 3 * count; }));
-        for (const auto& chain : chains) {
-            for (int i = 0; i < count; ++i)
-                QCOMPARE(contents(chain[3] + '/' + std::to_string(i)), QByteArray::number(i));
-            for (size_t i = 0; i < 3; ++i)
-                QCOMPARE(namesIn(chain[i]), QByteArrayList());
-        }
-        QCOMPARE(log("failed"), QStringList());
-    }
-
     void twoRecordsOfOneFolderAreOneList()
     {
         const auto take = [this](RuleKind kind, const char* folder) {
@@ -169,7 +141,10 @@ private Q_SLOTS:
              watched(newFolder("other"), {}),
              watched(m_inbox, {take(RuleKind::document, "letters"), take(RuleKind::image, "photos"),
                                takeKind(RuleKind::video, wrong), takeKind(RuleKind::application, wrong)})}));
-        QCOMPARE(engine().activeFDs().size(), 3U);
+        const std::vector<int> descriptors = engine().activeFDs();
+        QCOMPARE(descriptors.size(), 3U);
+        QCOMPARE(descriptors[0], descriptors[2]);
+        QCOMPARE(kernelWatchCount(), size_t(std::ranges::count(m_inbox, '/')) + 2);
         struct {
             const char* description;
             std::string name;
