@@ -8,7 +8,6 @@
 #include <array>
 #include <atomic>
 #include <concepts>
-#include <functional>
 #include <latch>
 #include <memory>
 #include <numeric>
@@ -175,26 +174,6 @@ private Q_SLOTS:
             QCOMPARE(order, upTo(perCaller));
     }
 
-    void taskAddedByATaskRunsAfterIt()
-    {
-        constexpr int count = 1'000;
-        std::vector<int> order;
-        std::atomic<int> done = 0;
-        WorkerPool pool;
-        const QueuePointer queue = pool.makeQueue("queue");
-        const std::function<void(int)> add = [&](int number) {
-            queue->async([&, number](Token) {
-                if (number + 1 < count) add(number + 1);
-                order.push_back(number);
-                ++done;
-            });
-        };
-        add(0);
-        QVERIFY(reaches(done, count));
-        pool.stop();
-        QCOMPARE(order, upTo(count));
-    }
-
     void runHereComesFirst()
     {
         for (int round = 0; round < 50; ++round) {
@@ -271,26 +250,24 @@ private Q_SLOTS:
 
     void delayedTasksRunInTheOrderOfTheirTimes_data()
     {
-        QTest::addColumn<bool>("isQueueBusy");
-        QTest::addColumn<bool>("isPoolFull");
+        QTest::addColumn<size_t>("busy");
         QTest::addColumn<std::chrono::microseconds>("step");
-        QTest::newRow("in time") << false << false << 1'000us;
-        QTest::newRow("at one time, as they came") << false << false << 0us;
-        QTest::newRow("late, behind another task") << true << false << 200us;
-        QTest::newRow("late, without a free thread") << false << true << 200us;
+        QTest::newRow("in time") << size_t(0) << 1'000us;
+        QTest::newRow("at one time, as they came") << size_t(0) << 0us;
+        QTest::newRow("late, behind another task") << size_t(1) << 200us;
+        QTest::newRow("late, without a free thread") << WorkerPool::maximumThreads << 200us;
     }
 
     void delayedTasksRunInTheOrderOfTheirTimes()
     {
-        QFETCH(const bool, isQueueBusy);
-        QFETCH(const bool, isPoolFull);
+        QFETCH(const size_t, busy);
         QFETCH(const std::chrono::microseconds, step);
         std::vector<int> order;
         std::atomic<int> done = 0;
         WorkerPool pool;
-        Blockers blockers(pool, isPoolFull ? WorkerPool::maximumThreads : isQueueBusy ? 1 : 0);
+        Blockers blockers(pool, busy);
         QVERIFY(blockers.allBegan());
-        const QueuePointer queue = isQueueBusy ? blockers.first() : pool.makeQueue("queue");
+        const QueuePointer queue = busy == 1 ? blockers.first() : pool.makeQueue("queue");
         // All tasks are added before the first one is due. A task that is late when it is added has no order.
         const Clock::time_point start = Clock::now() + 300ms;
         for (int i = 0; i < 100; ++i) {
@@ -301,7 +278,7 @@ private Q_SLOTS:
             });
         }
         QVERIFY(Clock::now() < start);
-        if (isQueueBusy || isPoolFull) {
+        if (busy > 0) {
             QVERIFY(waitUntil(start + 100 * step));
             QCOMPARE(done, 0);
         }
