@@ -62,14 +62,6 @@ void addAll(NameSnapshot::Update& update, const Names& listing)
         update.add(name);
 }
 
-NameSnapshot snapshotOf(const Names& listing)
-{
-    const NameSnapshot nothing;
-    NameSnapshot::Update update(nothing);
-    addAll(update, listing);
-    return update.takeCurrent();
-}
-
 Names namesOf(const NameSnapshot& snapshot)
 {
     Names names;
@@ -196,7 +188,7 @@ private Q_SLOTS:
             return update.takeCurrent();
         };
 
-        const NameSnapshot first = snapshotOf(names);
+        const NameSnapshot first = next(NameSnapshot());
         QVERIFY(isCompact(first));
 
         names.insert(names.begin() + 50'000, "new");
