@@ -247,64 +247,48 @@ private Q_SLOTS:
         m_out = m_scratch->makeFolder("out");
     }
 
-    void cooldownIsProportionalToTheListing()
+    /// In proportion to the listing that comes before it, but at most a quarter of a second.
+    void aCooldownFollowsEachListing()
     {
-        constexpr std::chrono::milliseconds listing{20};
+        constexpr size_t slowListing = 4;
+        struct Listing {
+            Clock::time_point begin;
+            Clock::time_point end;
+        };
         const auto work = [this] {
             Watches watches(m_out);
             if (!watches.add({m_inbox})) return false;
-            for (int i = 0; i < 300; ++i) {
+            for (int i = 0; i < 100; ++i) {
                 arrive(*m_scratch, m_inbox + '/' + std::to_string(i));
                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
             }
-            return true;
-        };
-        int calls = 0;
-        // Each listing consists of two calls.
-        const auto begin = Clock::now();
-        QVERIFY(succeedsWithoutMounts({"getdents64"}, work, [&](const InterceptedCall& call) {
-            if (folderOf(call) != m_inbox) return Answer::proceed();
-            ++calls;
-            std::this_thread::sleep_for(listing / 2);
-            return Answer::proceed();
-        }));
-        const auto scans = calls / 2;
-        QVERIFY(scans > 1);
-        // A listing and its cooldown take four times as long as the listing.
-        const auto most = int((Clock::now() - begin) / (4 * listing)) + 2;
-        QVERIFY2(scans <= most, qPrintable(QStringLiteral("%1 scans, %2 at most").arg(scans).arg(most)));
-    }
-
-    void cooldownAfterASlowListingIsShort()
-    {
-        constexpr std::chrono::seconds listing{1};
-        writeFile(m_inbox + "/known", {});
-        const auto work = [this] {
-            Watches watches(m_out);
-            if (!watches.add({m_inbox})) return false;
-            // Unlike a move, a removal causes only one listing.
-            removeEntry(m_inbox + "/known");
             return watches.isMoved("during the listing");
         };
-        Clock::time_point end;
-        Clock::duration cooldown{};
-        int calls = 0;
-        // The first two calls are the listing of the start, the next two are the slow one.
+        // Each listing consists of two calls.
+        std::vector<Listing> listings;
+        bool isFirstCall = false;
         QVERIFY(succeedsWithoutMounts({"getdents64"}, work, [&](const InterceptedCall& call) {
             if (folderOf(call) != m_inbox) return Answer::proceed();
-            if (++calls == 4) {
-                // The kernel has already listed the names.
-                arrive(*m_scratch, m_inbox + "/during the listing");
-                std::this_thread::sleep_for(listing);
-                end = Clock::now();
+            isFirstCall = !isFirstCall;
+            if (isFirstCall) {
+                listings.push_back({Clock::now(), {}});
+                return Answer::proceed();
             }
-            if (calls == 5) cooldown = Clock::now() - end;
+            const bool isSlow = listings.size() == slowListing;
+            // The kernel has already listed the names.
+            if (isSlow) arrive(*m_scratch, m_inbox + "/during the listing");
+            std::this_thread::sleep_for(std::chrono::milliseconds(isSlow ? 1000 : 20));
+            listings.back().end = Clock::now();
             return Answer::proceed();
         }));
-        QVERIFY(cooldown > Clock::duration());
-        // A proportional cooldown would be three times the listing.
-        QVERIFY2(cooldown < 2 * listing,
-                 qPrintable(QString::number(cooldown / std::chrono::milliseconds(1))));
+        QVERIFY(listings.size() > slowListing);
+        // The first listing is that of the start.
+        for (size_t i = 1; i + 1 < listings.size(); ++i) {
+            const auto duration = listings[i].end - listings[i].begin;
+            const auto cooldown = listings[i + 1].begin - listings[i].end;
+            QVERIFY(cooldown >= std::min<Clock::duration>(3 * duration, std::chrono::milliseconds(250)));
+            if (i + 1 == slowListing) QVERIFY(cooldown < 2 * duration);
+        }
     }
 
     void aScanOfACancelledWatchFindsNothing()
