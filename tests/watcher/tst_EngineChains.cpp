@@ -83,12 +83,14 @@ private Q_SLOTS:
         const std::string third = newFolder("third");
         const std::string notes = second.path + "/Notes";
         // The second folder has no rule for the entry, but it is watched.
-        QVERIFY(start(
-            {watched(m_inbox, {takeAll(second.path)}), second.with({}), watched(third, {takeAll(m_inbox)})}));
+        QVERIFY(
+            start({inboxWith({takeAll(second.path)}), second.with({}), watched(third, {takeAll(m_inbox)})}));
         arriveFolder("Notes");
         for (int times = 1; times <= 4; ++times) {
             QVERIFY(waitFor([&] { return exists(notes); }));
             QVERIFY(second.sentinel.foldersPass(engine()));
+            // After this the engine has noticed that the entry left.
+            QVERIFY(sentinelFoldersPass());
             QCOMPARE(namesIn(second.path), QByteArrayList{"Notes"});
             QCOMPARE(log("Moved Notes").size(), times);
             if (times < 4) renameEntry(notes, m_inbox + "/Notes");
@@ -99,6 +101,7 @@ private Q_SLOTS:
         QCOMPARE(namesIn(second.path), QByteArrayList{"Notes"});
 
         // Another entry of that name is new, too.
+        QVERIFY(sentinelFoldersPass());
         const std::string another = newFolder("another");
         writeFile(another + "/note.txt", "another");
         renameEntry(another, m_inbox + "/Notes");
