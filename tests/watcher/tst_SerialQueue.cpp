@@ -292,7 +292,8 @@ private Q_SLOTS:
     void nearerTaskAddedLaterRunsFirst()
     {
         std::atomic<int> done = 0;
-        WorkerPool pool;
+        // The end of the idle time does not wake the thread.
+        WorkerPool pool(1h);
         const QueuePointer queue = pool.makeQueue("queue");
         queue->asyncAt(Clock::now() + 1h, [&](Token) { done += 100; });
         for (int i = 1; i <= 20; ++i) {
