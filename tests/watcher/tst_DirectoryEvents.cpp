@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
