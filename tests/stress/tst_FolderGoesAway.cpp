@@ -27,16 +27,12 @@ namespace
 class Arrivals
 {
 public:
-    explicit Arrivals(std::string folder) : m_folder(std::move(folder)), m_thread([this] { run(); }) {}
-    ~Arrivals() { stop(); }
-    Arrivals(const Arrivals&) = delete;
-    Arrivals& operator=(const Arrivals&) = delete;
-
-    void stop()
+    explicit Arrivals(std::string folder)
+        : m_folder(std::move(folder)), m_thread([this](const std::stop_token& stop) { run(stop); })
     {
-        m_stopped = true;
-        if (m_thread.joinable()) m_thread.join();
     }
+
+    void stop() { m_thread = {}; }
 
     [[nodiscard]] size_t count() const { return m_count; }
 
@@ -44,9 +40,9 @@ public:
     [[nodiscard]] const std::set<std::string>& contents() const { return m_contents; }
 
 private:
-    void run()
+    void run(const std::stop_token& stop)
     {
-        for (int i = 0; !m_stopped; ++i) {
+        for (int i = 0; !stop.stop_requested(); ++i) {
             const std::string content = "<" + std::to_string(i) + ">";
             // Repeated names, so the moved files need numbers.
             const std::string path = m_folder + "/file " + std::to_string(i % 50) + ".jpg";
@@ -62,8 +58,7 @@ private:
     const std::string m_folder;
     std::set<std::string> m_contents;
     std::atomic<size_t> m_count = 0;
-    std::atomic<bool> m_stopped = false;
-    std::thread m_thread;
+    std::jthread m_thread;
 };
 
 std::unique_ptr<Mount> memoryOver(const std::string& folder)

@@ -1,7 +1,5 @@
 #include "support/EngineFiles.h"
 
-#include "base/FileDescriptor.h"
-
 #include <QtGlobal>
 
 #include <algorithm>
@@ -158,14 +156,14 @@ std::string folderOnAnotherVolume()
 GrowingFiles::GrowingFiles(const std::vector<std::string>& paths)
 {
     for (const std::string& path : paths) {
-        m_files.push_back(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644));
-        require(m_files.back() >= 0, "create", path);
-        writeAll(m_files.back(), ".", path);
+        m_files.emplace_back(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644));
+        require(bool(m_files.back()), "create", path);
+        writeAll(m_files.back().get(), ".", path);
     }
-    m_thread = std::thread([this] {
-        while (!m_stopped) {
-            for (const int file : m_files)
-                writeAll(file, ".", "a growing file");
+    m_thread = std::jthread([this](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            for (const FileDescriptor& file : m_files)
+                writeAll(file.get(), ".", "a growing file");
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
@@ -173,15 +171,13 @@ GrowingFiles::GrowingFiles(const std::vector<std::string>& paths)
 
 void GrowingFiles::stop()
 {
-    if (m_stopped.exchange(true)) return;
-    m_thread.join();
-    for (const int file : m_files)
-        ::close(file);
+    m_thread = {};
+    m_files.clear();
 }
 
 ArrivingFiles::ArrivingFiles(const ScratchFolder& scratch, const std::string& folder)
-    : m_thread([this, prepared = scratch.path() + "/.arriving-next", folder] {
-          while (!m_stopped) {
+    : m_thread([this, prepared = scratch.path() + "/.arriving-next", folder](const std::stop_token& stop) {
+          while (!stop.stop_requested()) {
               const std::string number = std::to_string(m_count);
               writeFile(prepared, number);
               renameEntry(prepared, std::string(folder).append("/file-").append(number));
@@ -190,11 +186,6 @@ ArrivingFiles::ArrivingFiles(const ScratchFolder& scratch, const std::string& fo
           }
       })
 {
-}
-
-void ArrivingFiles::stop()
-{
-    if (!m_stopped.exchange(true)) m_thread.join();
 }
 
 } // namespace harbex::test

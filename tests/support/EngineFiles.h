@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/FileDescriptor.h"
+
 #include <QByteArrayList>
 
 #include <atomic>
@@ -73,16 +75,12 @@ class GrowingFiles
 public:
     /// Creates the files. None of them may exist.
     explicit GrowingFiles(const std::vector<std::string>& paths);
-    ~GrowingFiles() { stop(); }
-    GrowingFiles(const GrowingFiles&) = delete;
-    GrowingFiles& operator=(const GrowingFiles&) = delete;
 
     void stop();
 
 private:
-    std::vector<int> m_files;
-    std::atomic<bool> m_stopped = false;
-    std::thread m_thread;
+    std::vector<FileDescriptor> m_files;
+    std::jthread m_thread;
 };
 
 /// Complete files that arrive in a folder, about one per millisecond, until stop(). The first is named file-0
@@ -92,20 +90,16 @@ class ArrivingFiles
 public:
     /// The files arrive in `folder`, which must be on the volume of `scratch`.
     ArrivingFiles(const ScratchFolder& scratch, const std::string& folder);
-    ~ArrivingFiles() { stop(); }
-    ArrivingFiles(const ArrivingFiles&) = delete;
-    ArrivingFiles& operator=(const ArrivingFiles&) = delete;
 
     /// Returns the number of files that have arrived. Thread-safe.
     [[nodiscard]] int count() const { return m_count; }
 
     /// Returns after the last file has arrived.
-    void stop();
+    void stop() { m_thread = {}; }
 
 private:
     std::atomic<int> m_count = 0;
-    std::atomic<bool> m_stopped = false;
-    std::thread m_thread;
+    std::jthread m_thread;
 };
 
 } // namespace harbex::test

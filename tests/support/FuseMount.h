@@ -21,8 +21,6 @@ public:
     /// Mounts the folder `real` at the folder `place`.
     FuseMount(const std::string& real, std::string place);
     ~FuseMount();
-    FuseMount(const FuseMount&) = delete;
-    FuseMount& operator=(const FuseMount&) = delete;
 
     /// Kills the server. The mount stays, and every access to it fails.
     void killServer();
@@ -47,8 +45,6 @@ class FuseMount::Silence
 public:
     explicit Silence(const FuseMount& folder);
     ~Silence();
-    Silence(const Silence&) = delete;
-    Silence& operator=(const Silence&) = delete;
 
     /// Returns whether the server is still stopped.
     [[nodiscard]] bool holds() const { return m_holds; }

@@ -13,8 +13,6 @@ class Gate
 public:
     Gate() = default;
     ~Gate() { open(); }
-    Gate(const Gate&) = delete;
-    Gate& operator=(const Gate&) = delete;
 
     void open()
     {

@@ -41,7 +41,6 @@ public:
 
     /// Unmounts. Returns false if the mount is in use.
     [[nodiscard]] bool unmount();
-    [[nodiscard]] bool isMounted() const { return m_isMounted; }
 
 private:
     explicit Mount(std::string folder) : m_folder(std::move(folder)) {}

@@ -18,8 +18,6 @@ class SessionBus
 public:
     SessionBus();
     ~SessionBus();
-    SessionBus(const SessionBus&) = delete;
-    SessionBus& operator=(const SessionBus&) = delete;
 
     [[nodiscard]] QString address() const { return m_address; }
 

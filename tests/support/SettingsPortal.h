@@ -18,8 +18,6 @@ public:
     /// Waits until the process serves the portal.
     explicit SettingsPortal(SessionBus& bus);
     ~SettingsPortal();
-    SettingsPortal(const SettingsPortal&) = delete;
-    SettingsPortal& operator=(const SettingsPortal&) = delete;
 
     /// Changes a setting and announces it. Runs an event loop until the portal has done it.
     void set(const QString& group, const QString& key, const QVariant& value);

@@ -118,8 +118,6 @@ public:
         require(::seccomp_notify_alloc(&m_request, &m_response) == 0, "no memory");
     }
     ~Child() { ::seccomp_notify_free(m_request, m_response); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
 
     [[nodiscard]] int listener() const { return m_listener.get(); }
     [[nodiscard]] std::string lastCall() const
