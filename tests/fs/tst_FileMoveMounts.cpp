@@ -11,27 +11,26 @@ class TestFileMoveMounts : public QObject, private MovePlaces
     Q_OBJECT
 
 private Q_SLOTS:
-    void init() { makePlaces(); }
-
-    void aMountInTheTreeIsNotCrossed_data()
+    void init()
     {
-        QTest::addColumn<QByteArray>("kind");
-        QTest::newRow("a folder") << QByteArray("folder");
-        QTest::newRow("a file") << QByteArray("file");
+        makePlaces();
+        lacks = {};
     }
 
     void aMountInTheTreeIsNotCrossed()
     {
-        QFETCH(const QByteArray, kind);
         const std::string other = here() + "/other";
-        makeObstacle("full folder", source);
-        makeObstacle(kind.toStdString(), source + "/mounted");
-        makeObstacle(kind == "folder" ? "full folder" : "file", other);
         const Mount volume = Mount::memory(out);
-        const Mount mounted = Mount::again(other, source + "/mounted");
-        QCOMPARE(move(), kept(EBUSY));
-        // The check comes before the copy.
-        QCOMPARE(run.count("mkdirat"), 0);
+        for (const bool isFolder : {true, false}) {
+            clearPlaces();
+            makeObstacle("full folder", source);
+            makeObstacle(isFolder ? "folder" : "file", source + "/mounted");
+            makeObstacle(isFolder ? "full folder" : "file", other);
+            const Mount mounted = Mount::again(other, source + "/mounted");
+            QCOMPARE(move(), kept(EBUSY));
+            // The check comes before the copy.
+            QCOMPARE(run.count("mkdirat"), 0);
+        }
     }
 
     void aMountItselfIsNotMoved()
@@ -43,86 +42,47 @@ private Q_SLOTS:
         QCOMPARE(move(), kept(EBUSY));
     }
 
-    void oneVolumeMountedTwice_data()
-    {
-        QTest::addColumn<QByteArray>("kind");
-        QTest::newRow("folder") << QByteArray("full folder");
-        QTest::newRow("file") << QByteArray("file");
-    }
-
     // The device numbers are the same, but a rename fails with EXDEV.
     void oneVolumeMountedTwice()
     {
-        QFETCH(const QByteArray, kind);
-        makeObstacle(kind.toStdString(), source);
         const Mount again = Mount::again(out, out);
-        QCOMPARE(move(), moved());
+        for (const char* kind : {"full folder", "file"}) {
+            clearPlaces();
+            makeObstacle(kind, source);
+            QCOMPARE(move(), moved());
+        }
     }
 
-    void aFolderIntoItselfThroughAnotherMount()
+    void noRoom()
     {
-        makeFolder(source);
-        makeObstacle("full folder", source + "/sub");
-        const Mount again = Mount::again(source, out);
-        QCOMPARE(move(), kept(EINVAL));
-        target = out + "/sub/target";
-        QCOMPARE(move(), kept(EINVAL));
-    }
+        const Mount volume = Mount::memory(out, "size=1m,nr_inodes=20");
+        for (const bool noUnnamedFiles : {false, true}) {
+            lacks.unnamedFiles = noUnnamedFiles;
+            clearPlaces();
+            writeFile(source, std::string(3'000'000, 'x'));
+            QCOMPARE(move(), kept(ENOSPC));
+        }
+        clearPlaces();
+        makeObstacle("full folder", source);
+        writeFile(source + "/large", std::string(3'000'000, 'x'));
+        QCOMPARE(move(), kept(ENOSPC));
 
-    void aFullVolume_data()
-    {
-        QTest::addColumn<bool>("isFolder");
-        QTest::addColumn<bool>("unnamedFiles");
-        QTest::newRow("file") << false << true;
-        QTest::newRow("file, no unnamed files") << false << false;
-        QTest::newRow("folder") << true << true;
-    }
-
-    void aFullVolume()
-    {
-        QFETCH(const bool, isFolder);
-        QFETCH(const bool, unnamedFiles);
-        if (isFolder) makeObstacle("full folder", source);
-        writeFile(isFolder ? source + "/large" : source, std::string(3'000'000, 'x'));
-        const Mount volume = Mount::memory(out, "size=1m");
-        QCOMPARE(move(Lacks{.unnamedFiles = !unnamedFiles}), kept(ENOSPC));
-    }
-
-    void noRoomForAllEntries()
-    {
+        // There is room for the content, but not for all entries.
+        clearPlaces();
         makeFolder(source);
         for (int i = 0; i < 30; ++i)
             writeFile(source + '/' + std::to_string(i), "");
-        const Mount volume = Mount::memory(out, "nr_inodes=20");
         QCOMPARE(move(), kept(ENOSPC));
     }
 
-    void noRoomForOneEntry_data()
-    {
-        QTest::addColumn<bool>("unnamedFiles");
-        QTest::newRow("unnamed files") << true;
-        QTest::newRow("no unnamed files") << false;
-    }
-
-    void noRoomForOneEntry()
-    {
-        QFETCH(const bool, unnamedFiles);
-        writeFile(source, "content");
-        const Mount volume = Mount::memory(out, "nr_inodes=2");
-        writeFile(out + "/other", "");
-        QCOMPARE(move(Lacks{.unnamedFiles = !unnamedFiles}), kept(ENOSPC));
-    }
-
-    void aReadOnlyTarget()
+    void aReadOnlyVolume()
     {
         writeFile(source, "content");
-        const Mount volume = Mount::memory(out);
-        volume.makeReadOnly();
-        QCOMPARE(move(), kept(EROFS));
-    }
-
-    void aReadOnlySourceIsNotCopied()
-    {
+        {
+            const Mount volume = Mount::memory(out);
+            volume.makeReadOnly();
+            QCOMPARE(move(), kept(EROFS));
+        }
         const Mount volume = Mount::memory(in);
         writeFile(source, "content");
         volume.makeReadOnly();

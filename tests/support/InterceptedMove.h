@@ -4,7 +4,6 @@
 #include "support/EngineFiles.h"
 #include "support/SyscallInterceptor.h"
 
-#include <QTest>
 #include <QtGlobal>
 
 #include <cerrno>
@@ -51,17 +50,6 @@ struct Lacks {
 {
     return runIntercepted(
         fileSystemCalls(), [&] { return FileMove().moveItem(source, target); }, interceptor);
-}
-
-/// Moves an entry on a simulated file system that lacks features.
-[[nodiscard]] inline InterceptedRun moveIntercepted(const std::string& source, const std::string& target,
-                                                    const Lacks& lacks,
-                                                    const Interceptor& interceptor = proceedAlways)
-{
-    return moveIntercepted(source, target, [&](const InterceptedCall& call) {
-        const std::optional<Answer> refused = lacks.refuses(call);
-        return refused ? *refused : interceptor(call);
-    });
 }
 
 /// Lets the first rename fail with EXDEV, as between two volumes.
@@ -115,18 +103,6 @@ inline void dropPrivileges()
 inline const char* const obstacleKinds[] = {"file",        "empty file", "folder",
                                             "full folder", "link",       "dangling link"};
 
-/// Adds a test row for each kind of entry that is moved and each kind of obstacle, in the columns "kind" and
-/// "obstacle".
-inline void addObstacleRows()
-{
-    QTest::addColumn<QByteArray>("kind");
-    QTest::addColumn<QByteArray>("obstacle");
-    for (const char* kind : {"file", "dangling link", "full folder"}) {
-        for (const char* obstacle : obstacleKinds)
-            QTest::addRow("%s onto %s", kind, obstacle) << QByteArray(kind) << QByteArray(obstacle);
-    }
-}
-
 inline void makeObstacle(const std::string& kind, const std::string& path)
 {
     if (kind == "file") writeFile(path, "an obstacle");
@@ -137,10 +113,28 @@ inline void makeObstacle(const std::string& kind, const std::string& path)
     if (kind == "dangling link") makeLink(path, "nowhere");
 }
 
-[[nodiscard]] inline ino_t inodeOf(const std::string& path)
+/// Returns the status of an entry, of a link itself. The entry must exist.
+[[nodiscard]] inline struct stat statusOf(const std::string& path)
 {
     struct stat data = {};
-    return ::lstat(path.c_str(), &data) == 0 ? data.st_ino : 0;
+    if (::lstat(path.c_str(), &data) != 0) qFatal("cannot look at %s", path.c_str());
+    return data;
+}
+
+/// Sets the times of an entry, of a link itself.
+inline void setTimes(const std::string& path, const timespec& accessed, const timespec& modified)
+{
+    const timespec times[] = {accessed, modified};
+    if (::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+        qFatal("cannot set the times of %s", path.c_str());
+}
+
+/// Times that no new entry has, for setTimes() and for comparison.
+constexpr timespec oldAccess = {1'000'000'000, 123'456'789};
+constexpr timespec oldModification = {1'234'567'890, 987'654'321};
+inline void setOldTimes(const std::string& path)
+{
+    setTimes(path, oldAccess, oldModification);
 }
 
 } // namespace harbex::test

@@ -47,18 +47,6 @@ void addMoveCaseRows(const std::function<bool(const MoveCase&)>& isWanted)
         if (isWanted(each)) QTest::newRow(each.name) << each;
 }
 
-namespace
-{
-
-struct stat statusOf(const std::string& path)
-{
-    struct stat data = {};
-    if (::lstat(path.c_str(), &data) != 0) qFatal("nothing to touch");
-    return data;
-}
-
-} // namespace
-
 void touch(const std::string& path)
 {
     const timespec before = statusOf(path).st_ctim;

@@ -32,11 +32,15 @@ void MovePlaces::openToAll() const
         if (::chmod(folder.c_str(), 0777) != 0) qFatal("cannot change the permissions of %s", folder.c_str());
 }
 
-QByteArray MovePlaces::move(const Lacks& lacks, const Interceptor& interceptor)
+QByteArray MovePlaces::move(const Interceptor& interceptor)
 {
     remember();
-    run = moveIntercepted(source, target, lacks, interceptor);
-    return result(run.error);
+    return result(tryMove(interceptor));
+}
+
+int MovePlaces::tryMove(const Interceptor& interceptor)
+{
+    return runMove([this] { return FileMove().moveItem(source, target); }, interceptor);
 }
 
 int MovePlaces::moveWithoutPrivileges(const Interceptor& interceptor)
@@ -45,7 +49,15 @@ int MovePlaces::moveWithoutPrivileges(const Interceptor& interceptor)
         dropPrivileges();
         return FileMove().moveItem(source, target);
     };
-    run = runIntercepted(fileSystemCalls(), work, interceptor);
+    return runMove(work, interceptor);
+}
+
+int MovePlaces::runMove(const std::function<Outcome<void>()>& work, const Interceptor& interceptor)
+{
+    run = runIntercepted(fileSystemCalls(), work, [&](const InterceptedCall& call) {
+        const std::optional<Answer> refused = lacks.refuses(call);
+        return refused ? *refused : interceptor(call);
+    });
     return run.error;
 }
 

@@ -6,6 +6,7 @@
 #include <QByteArray>
 #include <QByteArrayList>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -35,14 +36,16 @@ public:
     /// Gives all users all permissions for the folders, so that a process without privileges can use them.
     void openToAll() const;
 
+    /// The features that the file system of the next moves lacks.
+    Lacks lacks;
+
     /// Moves `source` to `target` in a child process. Returns moved(), kept(), or a description of what else
     /// happened.
-    QByteArray move(const Lacks& lacks = {}, const Interceptor& interceptor = proceedAlways);
-    QByteArray move(const Interceptor& interceptor) { return move({}, interceptor); }
-    /// Moves in a child process that has no root privileges. Returns the errno, or 0.
-    int moveWithoutPrivileges(const Interceptor& interceptor = [](const InterceptedCall&) {
-        return Answer::proceed();
-    });
+    QByteArray move(const Interceptor& interceptor = proceedAlways);
+    /// Moves in a child process, without remember(). Returns the errno, or 0.
+    int tryMove(const Interceptor& interceptor = proceedAlways);
+    /// Like tryMove(), without root privileges.
+    int moveWithoutPrivileges(const Interceptor& interceptor = proceedAlways);
 
     /// The source is at the target with everything that a move keeps, and nothing else has changed.
     [[nodiscard]] static QByteArray moved();
@@ -61,10 +64,12 @@ public:
     /// Returns the names in `in` and `out`, except source and target.
     [[nodiscard]] QByteArrayList leftovers() const;
 
-    /// The calls of the last move().
+    /// The calls of the last move.
     InterceptedRun run;
 
 private:
+    int runMove(const std::function<Outcome<void>()>& work, const Interceptor& interceptor);
+
     std::unique_ptr<ScratchFolder> m_here;
     std::unique_ptr<ScratchFolder> m_there;
     QByteArray m_source;
