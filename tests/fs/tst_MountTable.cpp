@@ -2,7 +2,6 @@
 #include "support/EngineFiles.h"
 #include "support/TestMain.h"
 
-#include <algorithm>
 #include <optional>
 #include <string>
 #include <unistd.h>
@@ -47,75 +46,58 @@ class TestMountTable : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void theTypeShowsWhetherAVolumeIsRemote_data()
+    void theTypeShowsWhetherAVolumeIsRemote()
     {
-        QTest::addColumn<bool>("isRemote");
+        const auto mountWith = [](const std::string& type) {
+            return MountTable::parse(mounted(type, "/mnt")).remoteMount("/mnt/folder");
+        };
         for (const char* type :
              {"9p", "afs", "autofs", "ceph", "cifs", "coda", "fuse", "fuse.bindfs", "fuse.sshfs", "fuseblk",
               "lustre", "ncp", "ncpfs", "nfs", "nfs4", "ocfs2", "smb3", "smbfs", "vboxsf"})
-            QTest::newRow(type) << true;
+            QVERIFY2(mountWith(type) == Place("/mnt"), type);
         for (const char* type : {"bcachefs", "btrfs", "ecryptfs", "exfat", "ext4", "f2fs", "iso9660", "nfsd",
                                  "ntfs3", "overlay", "proc", "tmpfs", "vfat", "xfs", "zfs"})
-            QTest::newRow(type) << false;
-    }
-
-    void theTypeShowsWhetherAVolumeIsRemote()
-    {
-        QFETCH(const bool, isRemote);
-        const MountTable table = MountTable::parse(mounted(QTest::currentDataTag(), "/mnt"));
-        QCOMPARE(table.remoteMount("/mnt/folder"), isRemote ? Place("/mnt") : Place());
-    }
-
-    void aLineIsRead_data()
-    {
-        QTest::addColumn<std::string>("text");
-        QTest::addColumn<std::string>("path");
-        QTest::addColumn<bool>("isRemote");
-        const auto row = [](const char* what, const std::string& text, const char* path, bool isRemote) {
-            QTest::newRow(what) << text << std::string(path) << isRemote;
-        };
-        row("no optional field", "36 35 98:0 /root /mnt rw,noatime - nfs4 server:/x rw\n", "/mnt", true);
-        row("three optional fields",
-            "36 35 98:0 / /mnt rw shared:1 master:2 propagate_from:3 - nfs4 server:/x rw\n", "/mnt", true);
-        row("no line end", "36 35 98:0 / /mnt rw - nfs4 x rw", "/mnt", true);
-        row("source named like a type", "36 35 98:0 / /mnt rw - ext4 nfs4 rw\n", "/mnt", false);
-        row("space", mounted("nfs4", "/a\\040b"), "/a b", true);
-        row("tab, line end, backslash", mounted("nfs4", "/\\011\\012\\134"), "/\t\n\\", true);
-        row("escaped backslash before digits", mounted("nfs4", "/a\\134040"), "/a\\040", true);
-        row("bytes above ASCII", mounted("nfs4", "/\xff\xc3\xa4"), "/\xff\xc3\xa4", true);
-        row("root", mounted("nfs4", "/"), "/", true);
-        row("local over remote", mounted("nfs4", "/mnt") + mounted("ext4", "/mnt"), "/mnt", false);
-        row("remote over local", mounted("ext4", "/mnt") + mounted("nfs4", "/mnt"), "/mnt", true);
-        row("automounted", mounted("autofs", "/mnt") + mounted("ext4", "/mnt"), "/mnt", false);
-        row("one of many",
-            mounted("ext4", "/") + mounted("proc", "/proc") + mounted("nfs4", "/mnt") +
-                mounted("tmpfs", "/tmp"),
-            "/mnt", true);
-        row("broken lines", "\nx\n1 2 3 4 5 6\n1 2 3 4 /a rw -\n" + mounted("nfs4", "/mnt"), "/mnt", true);
+            QVERIFY2(!mountWith(type), type);
     }
 
     void aLineIsRead()
     {
-        QFETCH(const std::string, text);
-        QFETCH(const std::string, path);
-        QFETCH(const bool, isRemote);
-        QCOMPARE(MountTable::parse(text).remoteMount(path), isRemote ? Place(path) : Place());
+        const auto mountAt = [](const std::string& path, const std::string& text) {
+            return MountTable::parse(text).remoteMount(path);
+        };
+        // Without and with optional fields, and without a line end.
+        const Place place("/mnt");
+        QCOMPARE(mountAt("/mnt", "36 35 98:0 /root /mnt rw,noatime - nfs4 server:/x rw\n"), place);
+        QCOMPARE(
+            mountAt("/mnt", "36 35 98:0 / /mnt rw shared:1 master:2 propagate_from:3 - nfs4 server:/x rw\n"),
+            place);
+        QCOMPARE(mountAt("/mnt", "36 35 98:0 / /mnt rw - nfs4 x rw"), place);
+        // A source that is named like a type.
+        QCOMPARE(mountAt("/mnt", "36 35 98:0 / /mnt rw - ext4 nfs4 rw\n"), Place());
+        QCOMPARE(mountAt("/mnt", "\nx\n1 2 3 4 5 6\n1 2 3 4 /a rw -\n" + mounted("nfs4", "/mnt")), place);
+
+        // The kernel escapes spaces, tabs, line ends and backslashes.
+        QCOMPARE(mountAt("/a b", mounted("nfs4", "/a\\040b")), Place("/a b"));
+        QCOMPARE(mountAt("/\t\n\\", mounted("nfs4", "/\\011\\012\\134")), Place("/\t\n\\"));
+        QCOMPARE(mountAt("/a\\040", mounted("nfs4", "/a\\134040")), Place("/a\\040"));
+        QCOMPARE(mountAt("/\xff\xc3\xa4", mounted("nfs4", "/\xff\xc3\xa4")), Place("/\xff\xc3\xa4"));
+        QCOMPARE(mountAt("/", mounted("nfs4", "/")), Place("/"));
+
+        // The last mount at a place hides the others.
+        QCOMPARE(mountAt("/mnt", mounted("nfs4", "/mnt") + mounted("ext4", "/mnt")), Place());
+        QCOMPARE(mountAt("/mnt", mounted("ext4", "/mnt") + mounted("nfs4", "/mnt")), place);
+        QCOMPARE(mountAt("/mnt", mounted("autofs", "/mnt") + mounted("ext4", "/mnt")), Place());
+        QCOMPARE(mountAt("/mnt", mounted("ext4", "/") + mounted("nfs4", "/mnt") + mounted("tmpfs", "/tmp")),
+                 place);
     }
 
-    void anEmptyTableHasNoRemoteVolume()
-    {
-        for (const MountTable& table : {MountTable(), MountTable::parse({})}) {
-            QCOMPARE(table.remoteMount("/"), Place());
-            QCOMPARE(table.remoteMount("/home/me"), Place());
-            QCOMPARE(table.remoteMount(""), Place());
-        }
-    }
-
-    void theKernelTableIsRead()
+    void aTableWithoutRemoteVolumes()
     {
         const ScratchFolder scratch;
-        QCOMPARE(MountTable::read().remoteMount("/proc/self"), Place());
-        QCOMPARE(MountTable::read().remoteMount(scratch.path()), Place());
+        for (const MountTable& table : {MountTable(), MountTable::parse({}), MountTable::read()}) {
+            for (const std::string& path : {std::string("/proc/self"), std::string(), scratch.path()})
+                QCOMPARE(table.remoteMount(path), Place());
+        }
     }
 
     void aPathIsFollowedToTheFirstRemoteVolume_data()
@@ -171,37 +153,28 @@ private Q_SLOTS:
         QCOMPARE(remoteAt(mount).remoteMount(completed(path)), isRemote ? Place(mount) : Place());
     }
 
-    void everyNameOnThePathIsVisited_data()
-    {
-        QTest::addColumn<std::string>("path");
-        QTest::addColumn<Lines>("visits");
-        QTest::newRow("folders") << std::string("/folder/inside") << Lines{" folder", "/folder inside"};
-        QTest::newRow("missing, and not what is below")
-            << std::string("/folder/missing/x/y") << Lines{" folder", "/folder missing"};
-        QTest::newRow("link and what it leads to")
-            << std::string("/link/x") << Lines{" link", " folder", "/folder inside", "/folder/inside x"};
-        QTest::newRow("remote volume, and nothing in it")
-            << std::string("/folder/../mnt/x/y") << Lines{" folder", " mnt"};
-    }
-
     void everyNameOnThePathIsVisited()
     {
-        QFETCH(const std::string, path);
-        QFETCH(const Lines, visits);
         const ScratchFolder scratch;
         scratch.makeFolder("mnt");
         makeFolder(scratch.makeFolder("folder") + "/inside");
         makeLink(scratch.path() + "/link", "folder/inside");
-
         const MountTable table = remoteAt(scratch.path() + "/mnt");
         const Lines above = visitsOf(table, scratch.path());
-        const Lines all = visitsOf(table, scratch.path() + path);
-        QVERIFY(all.size() >= above.size());
-        QVERIFY(std::equal(above.begin(), above.end(), all.begin()));
-        Lines expected;
-        for (const std::string& visit : visits)
-            expected.push_back(scratch.path() + visit);
-        QCOMPARE(Lines(all.begin() + ptrdiff_t(above.size()), all.end()), expected);
+        // `visits` are the expected ones below the scratch folder.
+        const auto visitsAre = [&](const char* path, const Lines& visits) {
+            Lines expected = above;
+            for (const std::string& visit : visits)
+                expected.push_back(scratch.path() + visit);
+            return visitsOf(table, scratch.path() + path) == expected;
+        };
+        QVERIFY(!above.empty());
+        QVERIFY(visitsAre("/folder/inside", {" folder", "/folder inside"}));
+        // Nothing below a missing folder, nor in a remote volume.
+        QVERIFY(visitsAre("/folder/missing/x/y", {" folder", "/folder missing"}));
+        QVERIFY(visitsAre("/folder/../mnt/x/y", {" folder", " mnt"}));
+        // A link, and what it leads to.
+        QVERIFY(visitsAre("/link/x", {" link", " folder", "/folder inside", "/folder/inside x"}));
     }
 
     void aKnownFolderIsNotLookedUp()
@@ -216,23 +189,18 @@ private Q_SLOTS:
         QCOMPARE(remoteAt(mount).remoteMount(scratch.path() + "/known/mnt"), Place());
     }
 
-    void asManyLinksAsTheKernelFollows_data()
-    {
-        QTest::addColumn<int>("links");
-        for (const int links : {1, 39, 40, 41, 100})
-            QTest::addRow("%d", links) << links;
-    }
-
     void asManyLinksAsTheKernelFollows()
     {
-        QFETCH(const int, links);
-        const ScratchFolder scratch;
-        const std::string target = scratch.makeFolder("mnt");
-        const std::string first = scratch.path() + "/1";
-        for (int i = 1; i <= links; ++i)
-            makeLink(scratch.path() + '/' + std::to_string(i), i == links ? "mnt" : std::to_string(i + 1));
-        const bool kernelFollows = ::access(first.c_str(), F_OK) == 0;
-        QCOMPARE(remoteAt(target).remoteMount(first), kernelFollows ? Place(target) : Place());
+        for (const int links : {1, 39, 40, 41, 100}) {
+            const ScratchFolder scratch;
+            const std::string target = scratch.makeFolder("mnt");
+            const std::string first = scratch.path() + "/1";
+            for (int i = 1; i <= links; ++i)
+                makeLink(scratch.path() + '/' + std::to_string(i),
+                         i == links ? "mnt" : std::to_string(i + 1));
+            const bool kernelFollows = ::access(first.c_str(), F_OK) == 0;
+            QCOMPARE(remoteAt(target).remoteMount(first), kernelFollows ? Place(target) : Place());
+        }
     }
 };
 
