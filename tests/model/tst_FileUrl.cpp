@@ -30,115 +30,81 @@ class TestFileUrl : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void malformedTextIsNoUrl_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::newRow("null") << QString();
-        QTest::newRow("empty") << QStringLiteral("");
-        QTest::newRow("space") << QStringLiteral("file:///a b");
-        QTest::newRow("half an escape") << QStringLiteral("file:///a%4");
-        QTest::newRow("escape without hexadecimal digits") << QStringLiteral("file:///a%zz");
-        QTest::newRow("line feed") << QStringLiteral("file:///a\nb");
-        QTest::newRow("NUL") << QStringLiteral("file:///a") + QChar(u'\0');
-        QTest::newRow("quotation mark") << QStringLiteral("file:///a\"b");
-        QTest::newRow("brackets of a template") << QStringLiteral("file:///a<b>");
-        QTest::newRow("port that is no number") << QStringLiteral("file://host:port/a");
-        QTest::newRow("path without a scheme that looks like one") << QStringLiteral("1:/a");
-        QTest::newRow("open bracket in the host") << QStringLiteral("file://[::1/a");
-        QTest::newRow("high surrogate") << QStringLiteral("file:///a") + QChar(0xd800);
-        QTest::newRow("low surrogate") << QStringLiteral("file:///a") + QChar(0xdc00) + u'b';
-    }
-
     void malformedTextIsNoUrl()
     {
-        QFETCH(const QString, text);
-        QVERIFY(!FileUrl::fromString(text));
-    }
-
-    void textIsKeptAndPathIsDecoded_data()
-    {
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<QByteArray>("path");
-        QTest::addColumn<QByteArray>("lastComponent");
-        const auto row = [](const char* text, const QByteArray& path, const char* lastComponent) {
-            QTest::newRow(text) << QByteArray(text) << path << QByteArray(lastComponent);
-        };
-        row("file:///home/u/Downloads", "/home/u/Downloads", "Downloads");
-        row("file:/a", "/a", "a");
-        row("FILE:///a", "/a", "a");
-        row("file://localhost/a", "/a", "a");
-        row("file://LocalHost/a", "/a", "a");
-        // Escapes, in either case and also where they are not necessary.
-        row("file:///a%20b%0Ac%25d%3Fe%23f", "/a b\nc%d?e#f", "a b\nc%d?e#f");
-        row("file:///a%2520b", "/a%20b", "a%20b");
-        row("file:///%61%7e%7E+", "/a~~+", "a~~+");
-        row("file:///a%FF%c3", "/a\xff\xc3", "a\xff\xc3");
-        row("file:///a%2Fb", "/a/b", "b");
-        // Letters beyond ASCII need no escapes. They are not composed, since they are different names.
-        row("file:///\u00e9", "/\u00e9", "\u00e9");
-        row("file:///e\u0301", "/e\u0301", "e\u0301");
-        row("file:///\U0001F600%C3%a9", "/\U0001F600\u00e9", "\U0001F600\u00e9");
-        // Slashes and dots.
-        row("file:///a/", "/a", "a");
-        row("file:///a//", "/a", "a");
-        row("file:///a%2F", "/a", "a");
-        row("file:///", "/", "/");
-        row("file:////", "/", "/");
-        row("file:///a/../b/./c", "/a/../b/./c", "c");
-        row("file:///a//b", "/a//b", "b");
-        // Query and fragment are no part of the path.
-        row("file:///a?b/c", "/a", "a");
-        row("file:///a#b/c", "/a", "a");
-        // These have no local path.
-        row("file://server/a", "", "a");
-        row("file://localhost.example/a", "", "a");
-        row("http://localhost/a/b%20c", "", "b%20c");
-        row("http:/a", "", "a");
-        row("files:///a", "", "a");
-        row("data:,/a", "", "a");
-        row("file:a", "", "file:a");
-        row("file:", "", "file:");
-        row("/a", "", "a");
-        row("a", "", "a");
-        row("file:///a%00b", "", "a%00b");
-        row("file:///a%00", "", "a%00");
+        for (const char* malformed :
+             {"", "file:///a b", "file:///a%4", "file:///a%zz", "file:///a\nb", "file:///a\"b",
+              "file:///a<b>", "file://host:port/a", "1:/a", "file://[::1/a"})
+            QVERIFY2(!FileUrl::fromString(QString::fromUtf8(malformed)), malformed);
+        QVERIFY(!FileUrl::fromString(QString()));
+        for (const char16_t alone : {u'\0', char16_t(0xd800), char16_t(0xdc00)})
+            QVERIFY(!FileUrl::fromString(QStringLiteral("file:///a") + QChar(alone) + u'b'));
     }
 
     void textIsKeptAndPathIsDecoded()
     {
-        QFETCH(const QByteArray, text);
-        QFETCH(const QByteArray, path);
-        QFETCH(const QByteArray, lastComponent);
-        const FileUrl url = urlOf(text.constData());
-        QCOMPARE(url.absoluteString().toUtf8(), text);
-        QCOMPARE(url.path(), path.toStdString());
-        QCOMPARE(url.lastPathComponent(), lastComponent.toStdString());
-    }
-
-    void pathIsEncoded_data()
-    {
-        QTest::addColumn<QByteArray>("path");
-        QTest::addColumn<QByteArray>("text");
-        const auto row = [](const QByteArray& path, const char* text) {
-            QTest::newRow(text) << path << QByteArray(text);
+        const auto check = [](const char* text, const std::string& path, const std::string& lastComponent) {
+            const FileUrl url = urlOf(text);
+            QCOMPARE(url.absoluteString().toUtf8(), QByteArray(text));
+            QCOMPARE(url.path(), path);
+            QCOMPARE(url.lastPathComponent(), lastComponent);
         };
-        row("/home/u/Az09-._~", "file:///home/u/Az09-._~");
-        row("/a b?#%&+=:@!$'()*,;[]\\\"",
-            "file:///a%20b%3F%23%25%26%2B%3D%3A%40%21%24%27%28%29%2A%2C%3B%5B%5D%5C%22");
-        row("/\u00e9\xff\n", "file:///%C3%A9%FF%0A");
-        row("/", "file:///");
-        row("/a/../b/./c", "file:///a/../b/./c");
+        check("file:///home/u/Downloads", "/home/u/Downloads", "Downloads");
+        check("file:/a", "/a", "a");
+        check("FILE:///a", "/a", "a");
+        check("file://localhost/a", "/a", "a");
+        check("file://LocalHost/a", "/a", "a");
+        // Escapes, in either case and also where they are not necessary.
+        check("file:///a%20b%0Ac%25d%3Fe%23f", "/a b\nc%d?e#f", "a b\nc%d?e#f");
+        check("file:///a%2520b", "/a%20b", "a%20b");
+        check("file:///%61%7e%7E+", "/a~~+", "a~~+");
+        check("file:///a%FF%c3", "/a\xff\xc3", "a\xff\xc3");
+        check("file:///a%2Fb", "/a/b", "b");
+        // Letters beyond ASCII need no escapes. They are not composed, since they are different names.
+        check("file:///\u00e9", "/\u00e9", "\u00e9");
+        check("file:///e\u0301", "/e\u0301", "e\u0301");
+        check("file:///\U0001F600%C3%a9", "/\U0001F600\u00e9", "\U0001F600\u00e9");
+        // Slashes and dots.
+        check("file:///a/", "/a", "a");
+        check("file:///a//", "/a", "a");
+        check("file:///a%2F", "/a", "a");
+        check("file:///", "/", "/");
+        check("file:////", "/", "/");
+        check("file:///a/../b/./c", "/a/../b/./c", "c");
+        check("file:///a//b", "/a//b", "b");
+        // Query and fragment are no part of the path.
+        check("file:///a?b/c", "/a", "a");
+        check("file:///a#b/c", "/a", "a");
+        // These have no local path.
+        check("file://server/a", "", "a");
+        check("file://localhost.example/a", "", "a");
+        check("http://localhost/a/b%20c", "", "b%20c");
+        check("http:/a", "", "a");
+        check("files:///a", "", "a");
+        check("data:,/a", "", "a");
+        check("file:a", "", "file:a");
+        check("file:", "", "file:");
+        check("/a", "", "a");
+        check("a", "", "a");
+        check("file:///a%00b", "", "a%00b");
+        check("file:///a%00", "", "a%00");
     }
 
     void pathIsEncoded()
     {
-        QFETCH(const QByteArray, path);
-        QFETCH(const QByteArray, text);
-        for (const QByteArray& slashes : {QByteArray(), QByteArray("/"), QByteArray("//")}) {
-            const FileUrl url = FileUrl::fromPath((path + slashes).toStdString());
-            QCOMPARE(url.absoluteString().toUtf8(), text);
-            QCOMPARE(url.path(), path.toStdString());
-        }
+        const auto check = [](const std::string& path, const char* text) {
+            for (const char* slashes : {"", "/", "//"}) {
+                const FileUrl url = FileUrl::fromPath(path + slashes);
+                QCOMPARE(url.absoluteString().toUtf8(), QByteArray(text));
+                QCOMPARE(url.path(), path);
+            }
+        };
+        check("/home/u/Az09-._~", "file:///home/u/Az09-._~");
+        check("/a b?#%&+=:@!$'()*,;[]\\\"",
+              "file:///a%20b%3F%23%25%26%2B%3D%3A%40%21%24%27%28%29%2A%2C%3B%5B%5D%5C%22");
+        check("/\u00e9\xff\n", "file:///%C3%A9%FF%0A");
+        check("/", "file:///");
+        check("/a/../b/./c", "file:///a/../b/./c");
     }
 
     void urlOfNoAbsolutePathHasNoPath()
@@ -152,16 +118,7 @@ private Q_SLOTS:
         }
     }
 
-    void everyByteComesBack()
-    {
-        for (int byte = 1; byte < 256; ++byte) {
-            const std::string path = std::string("/a") + static_cast<char>(byte) + "z";
-            const FileUrl url = FileUrl::fromPath(path);
-            QCOMPARE(url.path(), path);
-            QCOMPARE(urlOf(url.absoluteString()).path(), path);
-        }
-    }
-
+    // Enough bytes for each one to occur.
     void randomPathsComeBack()
     {
         std::mt19937 random = seededRandom();
