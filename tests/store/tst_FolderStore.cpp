@@ -3,6 +3,7 @@
 #include "store/FolderStore.h"
 #include "support/CapturedOutput.h"
 #include "support/EngineFiles.h"
+#include "support/SameFolders.h"
 #include "support/TestMain.h"
 
 #include <QCryptographicHash>
@@ -10,9 +11,9 @@
 #include <QJsonDocument>
 #include <QScopeGuard>
 
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -120,11 +121,7 @@ FolderState withFirstSelected(FolderState state)
 
 bool isSame(const FolderState& a, const FolderState& b)
 {
-    return a.selectedFolderID == b.selectedFolderID &&
-           std::ranges::equal(a.folders, b.folders, [](const WatchedFolder& x, const WatchedFolder& y) {
-               return x.id == y.id && x.url == y.url && x.bookmarkData == y.bookmarkData &&
-                      x.rules == y.rules;
-           });
+    return a.selectedFolderID == b.selectedFolderID && test::isSame(a.folders, b.folders);
 }
 
 QByteArray encoded(const FolderState& state)
@@ -140,7 +137,7 @@ QByteArray jsonOf(const QUuid& id)
 
 struct Loaded {
     FolderState state;
-    QStringList lines;
+    QByteArrayList lines;
 };
 
 Loaded load(FolderStore& store, FolderState current = {})
@@ -158,24 +155,23 @@ Loaded loadFresh(FolderState current = {})
 }
 
 /// The lines that saving prints.
-QStringList save(FolderStore& store, const FolderState& state)
+QByteArrayList save(FolderStore& store, const FolderState& state)
 {
     CapturedOutput output;
     store.saveState(state);
     return output.lines();
 }
 
-QStringList saveFresh(const FolderState& state)
+QByteArrayList saveFresh(const FolderState& state)
 {
     FolderStore store;
     return save(store, state);
 }
 
 /// The line that says that the preferences cannot be read or written.
-QStringList failureTo(const char* action)
+QByteArrayList failureTo(const char* action)
 {
-    return {
-        text("Failed to %1 the preferences: %2").arg(text(action), QString::fromStdString(preferences()))};
+    return {QByteArray("Failed to ") + action + " the preferences: " + preferences().c_str()};
 }
 
 /// Gives a file or folder other rights and makes this process an ordinary user, who owns the home of this
@@ -204,20 +200,19 @@ QStringList failureTo(const char* action)
     });
 }
 
-/// The lines that saving prints while no file of this process can grow beyond `bytes`. Captured output is a
-/// file too.
-QStringList saveWithoutRoom(FolderStore& store, const FolderState& state, rlim_t bytes = 100'000)
+/// Returns the lines that saving prints while no file of this process can grow beyond `bytes`. Captured
+/// output is a file too.
+QByteArrayList saveWithoutRoom(FolderStore& store, const FolderState& state, rlim_t bytes = 100'000)
 {
     rlimit old = {};
     ::getrlimit(RLIMIT_FSIZE, &old);
     const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    CapturedOutput output;
     const rlimit limit{bytes, old.rlim_max};
     if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) qFatal("no limit of file sizes");
-    store.saveState(state);
+    QByteArrayList lines = save(store, state);
     ::setrlimit(RLIMIT_FSIZE, &old);
     std::signal(SIGXFSZ, oldHandler);
-    return output.lines();
+    return lines;
 }
 
 } // namespace
@@ -243,73 +238,57 @@ private Q_SLOTS:
         state.folders[1].rules[0].value = text("\\\"\n\U0001F600\x01") + QChar(u'\0');
         state.selectedFolderID = QUuid();
         FolderStore folderStore;
-        QCOMPARE(save(folderStore, state), QStringList());
+        QCOMPARE(save(folderStore, state), QByteArrayList());
         QCOMPARE(asideNames(), QByteArray());
         for (const Loaded& loaded : {load(folderStore), loadFresh()}) {
-            QCOMPARE(loaded.lines, QStringList());
+            QCOMPARE(loaded.lines, QByteArrayList());
             QVERIFY(isSame(loaded.state, state));
         }
     }
 
-    void savingWritesExactly_data()
+    void savingWritesExactly()
     {
-        QTest::addColumn<QByteArray>("before");
-        QTest::addColumn<bool>("isEmpty");
-        QTest::addColumn<QByteArray>("after");
+        const auto check = [](const FolderState& state, const QByteArray& expected) {
+            QCOMPARE(saveFresh(state), QByteArrayList());
+            QCOMPARE(contents(preferences()), expected);
+            QCOMPARE(asideNames(), QByteArray());
+        };
+        const QUuid id(text(someID));
+        const FolderState state{{{id, FileUrl::fromPath("/a"), {}, {}}}, id};
         const QByteArray full =
             R"({"savedWatchedFolders":[{"id":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF","rules":[],"url":"file:///a"}],)"
             R"("selectedWatchedFolderID":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF"})";
         const QByteArray none = R"({"savedWatchedFolders":[]})";
-        QTest::newRow("first") << QByteArray() << false << full;
-        QTest::newRow("nothing, first") << QByteArray() << true << none;
-        QTest::newRow("again") << none << false << full;
-        QTest::newRow("nothing again") << full << true << none;
-        QTest::newRow("other keys stay")
-            << QByteArray(R"( {"other": [1, {"b":null}], "x":"\u00e9", "z":9007199254740993} )") << true
-            << QByteArray("{\"other\":[1,{\"b\":null}],\"savedWatchedFolders\":[],\"x\":\"\u00e9\","
-                          "\"z\":9007199254740993}");
-    }
-
-    void savingWritesExactly()
-    {
-        QFETCH(const QByteArray, before);
-        QFETCH(const bool, isEmpty);
-        QFETCH(const QByteArray, after);
-        writePreferences(before);
-        const QUuid id(text(someID));
-        const FolderState state{{{id, FileUrl::fromPath("/a"), {}, {}}}, id};
-        QCOMPARE(saveFresh(isEmpty ? FolderState() : state), QStringList());
-        QCOMPARE(contents(preferences()), after);
-        QCOMPARE(asideNames(), QByteArray());
-    }
-
-    void linkStaysALink_data()
-    {
-        QTest::addColumn<bool>("isRelative");
-        QTest::addColumn<bool>("hasTarget");
-        QTest::newRow("link") << false << true;
-        QTest::newRow("link to a relative link") << true << true;
-        QTest::newRow("link to nothing") << false << false;
-        QTest::newRow("link to a relative link to nothing") << true << false;
+        check(state, full);
+        check({}, none);
+        check(state, full);
+        fs::remove_all(folder());
+        check({}, none);
+        // Other keys stay.
+        writePreferences(R"( {"other": [1, {"b":null}], "x":"\u00e9", "z":9007199254740993} )");
+        check({}, "{\"other\":[1,{\"b\":null}],\"savedWatchedFolders\":[],\"x\":\"\u00e9\","
+                  "\"z\":9007199254740993}");
     }
 
     void linkStaysALink()
     {
-        QFETCH(const bool, isRelative);
-        QFETCH(const bool, hasTarget);
-        const ScratchFolder elsewhere;
-        const std::string target = elsewhere.path() + "/settings";
-        const std::string second = elsewhere.path() + "/second";
-        store("[]");
-        renameEntry(preferences(), target);
-        if (!hasTarget) fs::remove(target);
-        if (isRelative) makeLink(second, "settings");
-        makeLink(preferences(), isRelative ? second : target);
         const FolderState state = someState();
-        QCOMPARE(saveFresh(state), QStringList());
-        QVERIFY(fs::is_symlink(preferences()));
-        QVERIFY(fs::is_regular_file(fs::symlink_status(target)));
-        QVERIFY(isSame(loadFresh().state, state));
+        for (const bool hasTarget : {true, false}) {
+            for (const bool isRelative : {true, false}) {
+                const ScratchFolder elsewhere;
+                const std::string target = elsewhere.path() + "/settings";
+                const std::string second = elsewhere.path() + "/second";
+                if (hasTarget) writeFile(target, preferencesWith("[]").toStdString());
+                fs::create_directories(folder());
+                fs::remove(preferences());
+                if (isRelative) makeLink(second, "settings");
+                makeLink(preferences(), isRelative ? second : target);
+                QCOMPARE(saveFresh(state), QByteArrayList());
+                QVERIFY(fs::is_symlink(preferences()));
+                QVERIFY(fs::is_regular_file(fs::symlink_status(target)));
+                QVERIFY(isSame(loadFresh().state, state));
+            }
+        }
     }
 
     void linkToANameThatIsNoTextIsLeftAlone()
@@ -328,7 +307,7 @@ private Q_SLOTS:
     {
         FolderState bad = someState();
         bad.folders[1].rules[0].value = QString(QChar(0xd800));
-        const QStringList expected(QStringLiteral("Failed to save folders: \\(error)"));
+        const QByteArrayList expected = {"Failed to save folders: \\(error)"};
         QCOMPARE(saveFresh(bad), expected);
         QVERIFY(!fs::exists(preferences()));
         store("[]");
@@ -336,69 +315,49 @@ private Q_SLOTS:
         QCOMPARE(contents(preferences()), preferencesWith("[]"));
     }
 
-    void withoutAStoredListTheListInMemoryStays_data()
+    void onlyAStoredListReplacesTheListInMemory()
     {
-        QTest::addColumn<QByteArray>("content");
-        QTest::newRow("no file") << QByteArray();
-        QTest::newRow("empty file") << QByteArray("");
-        QTest::newRow("empty object") << QByteArray("{}");
-        QTest::newRow("other key") << QByteArray(R"({"other":[]})");
-    }
-
-    void withoutAStoredListTheListInMemoryStays()
-    {
-        QFETCH(const QByteArray, content);
-        writePreferences(content);
         const FolderState current = someState();
-        const Loaded loaded = loadFresh(current);
-        QCOMPARE(loaded.lines, QStringList());
-        QVERIFY(isSame(loaded.state, withFirstSelected(current)));
-        QVERIFY(isSame(loadFresh().state, {}));
-        QCOMPARE(fs::exists(preferences()), !content.isNull());
+        for (const QByteArray& content :
+             {QByteArray(), QByteArray(""), QByteArray("{}"), QByteArray(R"({"other":[]})")}) {
+            fs::remove_all(folder());
+            writePreferences(content);
+            const Loaded loaded = loadFresh(current);
+            QCOMPARE(loaded.lines, QByteArrayList());
+            QVERIFY(isSame(loaded.state, withFirstSelected(current)));
+            QVERIFY(isSame(loadFresh().state, {}));
+            QCOMPARE(fs::exists(preferences()), !content.isNull());
+        }
         // The selection is read without a list too.
         store({}, jsonOf(current.folders[1].id));
         QVERIFY(isSame(loadFresh(current).state, current));
-    }
-
-    void storedEmptyListReplacesTheListInMemory()
-    {
-        const FolderState current = someState();
         store("[]", jsonOf(*current.selectedFolderID));
         QVERIFY(isSame(loadFresh(current).state, {}));
     }
 
-    void selectedIsTheStoredFolderOrTheFirst_data()
-    {
-        QTest::addColumn<QByteArray>("selection");
-        QTest::addColumn<size_t>("expected");
-        const QByteArray id = someID;
-        const size_t first = 0;
-        const size_t second = 1;
-        QTest::newRow("second") << QByteArray('"' + id + '"') << second;
-        QTest::newRow("lower case") << QByteArray('"' + id.toLower() + '"') << second;
-        QTest::newRow("none") << QByteArray() << first;
-        QTest::newRow("no folder") << QByteArray("\"11111111-1111-4222-8333-ABCDEFABCDEF\"") << first;
-        QTest::newRow("empty") << QByteArray("\"\"") << first;
-        QTest::newRow("braces") << QByteArray("\"{" + id + "}\"") << first;
-        QTest::newRow("array") << QByteArray("[\"" + id + "\"]") << first;
-        QTest::newRow("number") << QByteArray("5") << first;
-        QTest::newRow("null") << QByteArray("null") << first;
-    }
-
     void selectedIsTheStoredFolderOrTheFirst()
     {
-        QFETCH(const QByteArray, selection);
-        QFETCH(const size_t, expected);
         FolderState state = someState();
         state.folders[1].id = QUuid(text(someID));
-        store(encoded(state), selection);
-        // The selection before the load does not matter.
-        for (const FolderState& current : {FolderState(), state, FolderState{{}, QUuid::createUuid()}}) {
-            const Loaded loaded = loadFresh(current);
-            QCOMPARE(loaded.lines, QStringList());
-            QVERIFY(isSame(loaded.state, {state.folders, state.folders[expected].id}));
-        }
-        QCOMPARE(contents(preferences()), preferencesWith(encoded(state), selection));
+        const auto check = [&state](const QByteArray& selection, size_t expected) {
+            store(encoded(state), selection);
+            // The selection before the load does not matter.
+            for (const FolderState& current : {FolderState(), state, FolderState{{}, QUuid::createUuid()}}) {
+                const Loaded loaded = loadFresh(current);
+                QCOMPARE(loaded.lines, QByteArrayList());
+                QVERIFY2(isSame(loaded.state, {state.folders, state.folders[expected].id}), selection);
+            }
+            QCOMPARE(contents(preferences()), preferencesWith(encoded(state), selection));
+        };
+        const QByteArray id = someID;
+        check('"' + id + '"', 1);
+        check('"' + id.toLower() + '"', 1);
+        // None, and none of a folder.
+        check({}, 0);
+        check("\"11111111-1111-4222-8333-ABCDEFABCDEF\"", 0);
+        const QByteArrayList others = {"\"\"", "\"{" + id + "}\"", "[\"" + id + "\"]", "5", "null"};
+        for (const QByteArray& other : others)
+            check(other, 0);
     }
 
     void urlsFollowTheirBookmarks()
@@ -434,82 +393,41 @@ private Q_SLOTS:
         // A busy machine may not find a moved folder in time.
         Loaded loaded;
         QTRY_VERIFY((loaded = loadFresh(), isSame(loaded.state, expected)));
-        QCOMPARE(loaded.lines, QStringList());
+        QCOMPARE(loaded.lines, QByteArrayList());
         QCOMPARE(contents(preferences()), stored);
         // A bookmark of a folder that is gone changes nothing.
         fs::remove(after);
         loaded = loadFresh();
-        QCOMPARE(loaded.lines, QStringList());
+        QCOMPARE(loaded.lines, QByteArrayList());
         QVERIFY(isSame(loaded.state, state));
-    }
-
-    void unusableContentIsPutAsideBeforeItIsReplaced_data()
-    {
-        QTest::addColumn<QByteArray>("content");
-        // The beginning of the line that loading prints.
-        QTest::addColumn<QString>("line");
-        // The list that is put aside; null if it is the whole file.
-        QTest::addColumn<QByteArray>("list");
-        const auto list = [](const char* name, const QByteArray& json, const char* error, bool isWholeFile) {
-            QTest::addRow("list: %s", name)
-                << "{\"other\":1,\"savedWatchedFolders\":" + json + '}'
-                << text("Failed to load folders: ") + text(error) << (isWholeFile ? QByteArray() : json);
-        };
-        const QByteArray noKind = encoded(someState()).replace("\"kind\":\"Image\",", "");
-        list("folder without rules", brokenList, "[0].rules: missing key", false);
-        list("rule without kind", noKind, "[1].rules[0].kind: missing key", false);
-        list("something else", "[5,6]", "[0]: expected an object", false);
-        list("several lines", "[\n  5\n]", "[0]: expected an object", true);
-        list("key that stands there twice", R"([{"a":1,"a":2}])", "[0].id: missing key", true);
-        for (const char* value : {"{}", "5", "null", "false", "\"[]\""})
-            list(value, value, "top level: expected an array", true);
-
-        const auto file = [](const char* name, const QByteArray& content, const char* error = "offset ") {
-            QTest::addRow("file: %s", name)
-                << content << failureTo("read")[0] + text(": ") + text(error) << QByteArray();
-        };
-        file("comma too much", R"({"savedWatchedFolders":[],})");
-        file("cut off", R"({"savedWatchedFolders":[])");
-        file("something behind it", preferencesWith("[]") + "x");
-        file("zeroes", QByteArray(4096, '\0'));
-        file("no JSON", "\xff\xfe[General]\n");
-        file("space", "\n");
-        file("nested too deep", QByteArray(100'000, '['));
-        file("no object", "[]", "top level: expected an object");
     }
 
     void unusableContentIsPutAsideBeforeItIsReplaced()
     {
-        QFETCH(const QByteArray, content);
-        QFETCH(const QString, line);
-        QFETCH(const QByteArray, list);
-        constexpr fs::perms rights = fs::perms::owner_read | fs::perms::owner_write;
-        writePreferences(content);
-        fs::permissions(preferences(), rights);
-        FolderStore folderStore;
-        const FolderState current = someState();
-        // A bad list counts as an empty list. Without any list, the list in memory stays.
-        const bool isBadList = line.startsWith(text("Failed to load folders"));
-        const FolderState expected = isBadList ? FolderState() : withFirstSelected(current);
-        for (int i = 0; i < 2; ++i) {
-            const Loaded loaded = load(folderStore, current);
-            QCOMPARE(loaded.lines.size(), 1);
-            QVERIFY2(loaded.lines[0].startsWith(line), qPrintable(loaded.lines[0]));
-            QVERIFY(isSame(loaded.state, expected));
-        }
-        QCOMPARE(contents(preferences()), content);
-        QCOMPARE(asideNames(), QByteArray());
+        const auto list = [](const QByteArray& json, const char* error, bool isWholeFile = true) {
+            const QByteArray content = "{\"other\":1,\"savedWatchedFolders\":" + json + '}';
+            checkUnusable(content, QByteArray("Failed to load folders: ") + error,
+                          isWholeFile ? QByteArray() : json);
+        };
+        const QByteArray noKind = encoded(someState()).replace("\"kind\":\"Image\",", "");
+        list(brokenList, "[0].rules: missing key", false);
+        list(noKind, "[1].rules[0].kind: missing key", false);
+        list("[5,6]", "[0]: expected an object", false);
+        // Qt writes these in another form, so the whole file is put aside.
+        list("[\n  5\n]", "[0]: expected an object");
+        list(R"([{"a":1,"a":2}])", "[0].id: missing key");
+        for (const char* value : {"{}", "5", "null", "false", "\"[]\""})
+            list(value, "top level: expected an array");
 
-        QCOMPARE(save(folderStore, expected), QStringList());
-        const QByteArray name = list.isNull() ? asideName("harbex", content) : asideListName(list);
-        QCOMPARE(asideNames(), name);
-        QCOMPARE(contents(asidePath(name)), list.isNull() ? content : list);
-        QVERIFY(fs::status(asidePath(name)).permissions() == rights);
-        QVERIFY(fs::status(preferences()).permissions() == rights);
-        QCOMPARE(contents(preferences()).contains("\"other\":1"), isBadList);
-        const Loaded loaded = load(folderStore);
-        QCOMPARE(loaded.lines, QStringList());
-        QVERIFY(isSame(loaded.state, expected));
+        const auto file = [](const QByteArray& content, const char* error = "offset ") {
+            checkUnusable(content, failureTo("read")[0] + ": " + error, {});
+        };
+        for (const char* content : {R"({"savedWatchedFolders":[],})", R"({"savedWatchedFolders":[])",
+                                    R"({"savedWatchedFolders":[]}x)", "\xff\xfe[General]\n", "\n"})
+            file(content);
+        file(QByteArray(4096, '\0'));
+        file(QByteArray(100'000, '['));
+        file("[]", "top level: expected an object");
     }
 
     void sameListIsPutAsideOnce()
@@ -519,14 +437,14 @@ private Q_SLOTS:
         const fs::file_time_type longAgo;
         for (int i = 0; i < 3; ++i) {
             store(brokenList);
-            QCOMPARE(save(folderStore, someState()), QStringList());
+            QCOMPARE(save(folderStore, someState()), QByteArrayList());
             QCOMPARE(asideNames(), name);
             // The existing file is not written again.
             if (i == 0) fs::last_write_time(asidePath(name), longAgo);
             QVERIFY(fs::last_write_time(asidePath(name)) == longAgo);
         }
         store("[1]");
-        QCOMPARE(save(folderStore, someState()), QStringList());
+        QCOMPARE(save(folderStore, someState()), QByteArrayList());
         QCOMPARE(asideNames().split(' ').size(), 2);
     }
 
@@ -536,50 +454,46 @@ private Q_SLOTS:
             const QByteArray content = QByteArray("{\"\xef\xbb\xbf") + key + "\":[1]}";
             writePreferences(content);
             const FolderState state = someState();
-            QCOMPARE(saveFresh(state), QStringList());
+            QCOMPARE(saveFresh(state), QByteArrayList());
             QVERIFY(isSame(loadFresh().state, state));
             QCOMPARE(contents(asidePath(asideName("harbex", content))), content);
         }
     }
 
     // The list appears after a server did not answer, or another program writes it.
-    void goodListThatWasNotLoadedIsPutAside_data()
-    {
-        QTest::addColumn<QByteArray>("atLoading");
-        QTest::addColumn<bool>("isReadable");
-        QTest::addColumn<QByteArray>("atSaving");
-        QTest::addColumn<bool>("isPutAside");
-        const QByteArray list = encoded(someState());
-        QTest::newRow("same list") << preferencesWith(list) << true << list << false;
-        QTest::newRow("no file") << QByteArray() << true << list << true;
-        QTest::newRow("unreadable file") << preferencesWith(list) << false << list << true;
-        QTest::newRow("another list") << preferencesWith("[]") << true << list << true;
-        QTest::newRow("damaged file") << QByteArray("{") << true << list << true;
-        QTest::newRow("replaced by an empty list")
-            << preferencesWith(list) << true << QByteArray("[]") << false;
-    }
-
     void goodListThatWasNotLoadedIsPutAside()
     {
-        QFETCH(const QByteArray, atLoading);
-        QFETCH(const bool, isReadable);
-        QFETCH(const QByteArray, atSaving);
-        QFETCH(const bool, isPutAside);
-        FolderStore folderStore;
-        writePreferences(atLoading);
-        if (isReadable) {
-            load(folderStore);
-        } else {
+        const QByteArray list = encoded(someState());
+        const auto check = [](const std::function<void(FolderStore&)>& atLoading, const QByteArray& atSaving,
+                              bool isPutAside) {
+            fs::remove_all(folder());
+            FolderStore folderStore;
+            atLoading(folderStore);
+            store(atSaving);
+            // The list of the last save is known, so it is not put aside.
+            for (const FolderState& state : {FolderState(), someState(), FolderState()}) {
+                QCOMPARE(save(folderStore, state), QByteArrayList());
+                QVERIFY(contents(preferences()).contains(encoded(state)));
+                QCOMPARE(asideNames(), isPutAside ? asideListName(atSaving) : QByteArray());
+            }
+        };
+        const auto loading = [](const QByteArray& content) {
+            return [content](FolderStore& folderStore) {
+                writePreferences(content);
+                load(folderStore);
+            };
+        };
+        check(loading(preferencesWith(list)), list, false);
+        check(loading(preferencesWith(list)), "[]", false);
+        check(loading({}), list, true);
+        check(loading(preferencesWith("[]")), list, true);
+        check(loading("{"), list, true);
+        const auto unreadable = [&list](FolderStore& folderStore) {
+            writePreferences(preferencesWith(list));
             const auto user = asUserWithRights(preferences(), 0);
             load(folderStore);
-        }
-        store(atSaving);
-        // The list of the last save is known, so it is not put aside.
-        for (const FolderState& state : {FolderState(), someState(), FolderState()}) {
-            QCOMPARE(save(folderStore, state), QStringList());
-            QVERIFY(contents(preferences()).contains(encoded(state)));
-            QCOMPARE(asideNames(), isPutAside ? asideListName(atSaving) : QByteArray());
-        }
+        };
+        check(unreadable, list, true);
     }
 
     void whatCannotBePutAsideIsNotReplaced()
@@ -592,50 +506,42 @@ private Q_SLOTS:
         QCOMPARE(save(folderStore, someState()), failureTo("write"));
         QCOMPARE(contents(preferences()), preferencesWith(brokenList));
         fs::remove(aside);
-        QCOMPARE(save(folderStore, someState()), QStringList());
+        QCOMPARE(save(folderStore, someState()), QByteArrayList());
         QCOMPARE(asideNames(), asideListName(brokenList));
-    }
-
-    void missingRightsPrintOneLineAndChangeNothing_data()
-    {
-        QTest::addColumn<bool>("isFolder");
-        QTest::addColumn<bool>("isLink");
-        QTest::addColumn<unsigned>("rights");
-        QTest::newRow("unreadable file") << false << false << 0U;
-        QTest::newRow("file that can only be written") << false << false << 0222U;
-        QTest::newRow("unreadable folder") << true << false << 0U;
-        QTest::newRow("read-only folder") << true << false << 0555U;
-        QTest::newRow("read-only file") << false << false << 0444U;
-        QTest::newRow("link to a read-only file") << false << true << 0444U;
     }
 
     void missingRightsPrintOneLineAndChangeNothing()
     {
-        QFETCH(const bool, isFolder);
-        QFETCH(const bool, isLink);
-        QFETCH(const unsigned, rights);
-        FolderStore folderStore;
-        const FolderState state = someState();
-        save(folderStore, state);
-        const QByteArray before = contents(preferences());
-        if (isLink) {
-            const std::string target = folder() + "-target";
-            renameEntry(preferences(), target);
-            makeLink(preferences(), target);
-        }
-        {
-            const auto user = asUserWithRights(isFolder ? folder() : preferences(), rights);
-            const FolderState current = someState();
-            const Loaded loaded = load(folderStore, current);
-            const bool isReadable = (rights & 0444U) != 0;
-            QCOMPARE(loaded.lines, isReadable ? QStringList() : failureTo("read"));
-            QVERIFY(isSame(loaded.state, isReadable ? state : withFirstSelected(current)));
-            QCOMPARE(save(folderStore, {}), failureTo("write"));
-        }
-        QCOMPARE(contents(preferences()), before);
-        QCOMPARE(asideNames(), QByteArray());
-        QCOMPARE(save(folderStore, {}), QStringList());
-        QCOMPARE(contents(preferences()), preferencesWith("[]"));
+        const auto check = [](const char* closed, unsigned rights, bool isLink = false) {
+            fs::remove_all(folder());
+            FolderStore folderStore;
+            const FolderState state = someState();
+            save(folderStore, state);
+            const QByteArray before = contents(preferences());
+            if (isLink) {
+                const std::string target = folder() + "-target";
+                renameEntry(preferences(), target);
+                makeLink(preferences(), target);
+            }
+            {
+                const auto user = asUserWithRights(folder() + closed, rights);
+                const FolderState current = someState();
+                const Loaded loaded = load(folderStore, current);
+                const bool isReadable = (rights & 0444U) != 0;
+                QCOMPARE(loaded.lines, isReadable ? QByteArrayList() : failureTo("read"));
+                QVERIFY(isSame(loaded.state, isReadable ? state : withFirstSelected(current)));
+                QCOMPARE(save(folderStore, {}), failureTo("write"));
+            }
+            QCOMPARE(contents(preferences()), before);
+            QCOMPARE(asideNames(), QByteArray());
+            QCOMPARE(save(folderStore, {}), QByteArrayList());
+            QCOMPARE(contents(preferences()), preferencesWith("[]"));
+        };
+        for (const unsigned rights : {0U, 0222U, 0444U})
+            check("/harbex.json", rights);
+        for (const unsigned rights : {0U, 0555U})
+            check("", rights);
+        check("/harbex.json", 0444U, true);
     }
 
     void anotherKindOfEntryPrintsOneLineAndStays()
@@ -644,7 +550,7 @@ private Q_SLOTS:
         FolderStore folderStore;
         // A file instead of the folder means that there are no preferences.
         writeFile(folder(), "");
-        QCOMPARE(load(folderStore, current).lines, QStringList());
+        QCOMPARE(load(folderStore, current).lines, QByteArrayList());
         QCOMPARE(save(folderStore, current), failureTo("write"));
         QCOMPARE(fs::file_size(folder()), std::uintmax_t(0));
         fs::remove(folder());
@@ -657,42 +563,35 @@ private Q_SLOTS:
         QVERIFY(fs::is_directory(preferences()));
         QCOMPARE(asideNames(), QByteArray());
         fs::remove(preferences());
-        QCOMPARE(save(folderStore, current), QStringList());
+        QCOMPARE(save(folderStore, current), QByteArrayList());
         QVERIFY(isSame(load(folderStore).state, current));
-    }
-
-    void withoutRoomTheOldFileStays_data()
-    {
-        QTest::addColumn<unsigned>("room");
-        QTest::addColumn<int>("length");
-        QTest::newRow("room for the first bytes") << 8'192U << 10'000;
-        QTest::newRow("room for the first blocks") << 100'000U << 3'000'000;
     }
 
     void withoutRoomTheOldFileStays()
     {
-        QFETCH(const unsigned, room);
-        QFETCH(const int, length);
-        FolderStore folderStore;
-        const FolderState old = someState();
-        save(folderStore, old);
-        const QByteArray before = contents(preferences());
-        FolderState state = longState(length);
-        QCOMPARE(saveWithoutRoom(folderStore, state, room), failureTo("write"));
-        QCOMPARE(contents(preferences()), before);
-        QCOMPARE(asideNames(), QByteArray());
-        QVERIFY(isSame(loadFresh().state, old));
+        // There is room for the first bytes, or for the first blocks.
+        for (const auto& [room, length] : {std::pair(8'192U, 10'000), std::pair(100'000U, 3'000'000)}) {
+            FolderStore folderStore;
+            const FolderState old = someState();
+            save(folderStore, old);
+            const QByteArray before = contents(preferences());
+            FolderState state = longState(length);
+            QCOMPARE(saveWithoutRoom(folderStore, state, room), failureTo("write"));
+            QCOMPARE(contents(preferences()), before);
+            QCOMPARE(asideNames(), QByteArray());
+            QVERIFY(isSame(loadFresh().state, old));
 
-        // The store keeps what it could not write.
-        const Loaded loaded = load(folderStore);
-        QCOMPARE(loaded.lines, QStringList());
-        QVERIFY(isSame(loaded.state, state));
-        state.selectedFolderID = QUuid::createUuid();
-        QCOMPARE(saveWithoutRoom(folderStore, state, room), failureTo("write"));
-        QVERIFY(isSame(load(folderStore).state, withFirstSelected(state)));
-        // The next state that can be written replaces it.
-        QCOMPARE(save(folderStore, old), QStringList());
-        QVERIFY(isSame(load(folderStore).state, old));
+            // The store keeps what it could not write.
+            const Loaded loaded = load(folderStore);
+            QCOMPARE(loaded.lines, QByteArrayList());
+            QVERIFY(isSame(loaded.state, state));
+            state.selectedFolderID = QUuid::createUuid();
+            QCOMPARE(saveWithoutRoom(folderStore, state, room), failureTo("write"));
+            QVERIFY(isSame(load(folderStore).state, withFirstSelected(state)));
+            // The next state that can be written replaces it.
+            QCOMPARE(save(folderStore, old), QByteArrayList());
+            QVERIFY(isSame(load(folderStore).state, old));
+        }
     }
 
     void fileEditedAfterAFailedSaveWins()
@@ -706,7 +605,7 @@ private Q_SLOTS:
             const Loaded loaded = load(folderStore);
             QCOMPARE(loaded.lines.size(), isBroken ? 1 : 0);
             QVERIFY(isSame(loaded.state, isBroken ? FolderState() : theirs));
-            QCOMPARE(save(folderStore, loaded.state), QStringList());
+            QCOMPARE(save(folderStore, loaded.state), QByteArrayList());
             QCOMPARE(asideNames(), isBroken ? asideListName(brokenList) : QByteArray());
         }
     }
@@ -729,6 +628,41 @@ private Q_SLOTS:
         QVERIFY(!fs::exists(preferences()));
         save(folderStore, current);
         QVERIFY(isSame(load(folderStore).state, current));
+    }
+
+private:
+    /// `line` is the beginning of the line that loading prints. `list` is the list that is put aside; null if
+    /// it is the whole file.
+    static void checkUnusable(const QByteArray& content, const QByteArray& line, const QByteArray& list)
+    {
+        constexpr fs::perms rights = fs::perms::owner_read | fs::perms::owner_write;
+        fs::remove_all(folder());
+        writePreferences(content);
+        fs::permissions(preferences(), rights);
+        FolderStore folderStore;
+        const FolderState current = someState();
+        // A bad list counts as an empty list. Without any list, the list in memory stays.
+        const bool isBadList = line.startsWith("Failed to load folders");
+        const FolderState expected = isBadList ? FolderState() : withFirstSelected(current);
+        for (int i = 0; i < 2; ++i) {
+            const Loaded loaded = load(folderStore, current);
+            QCOMPARE(loaded.lines.size(), 1);
+            QVERIFY2(loaded.lines[0].startsWith(line), loaded.lines[0]);
+            QVERIFY2(isSame(loaded.state, expected), line);
+        }
+        QCOMPARE(contents(preferences()), content);
+        QCOMPARE(asideNames(), QByteArray());
+
+        QCOMPARE(save(folderStore, expected), QByteArrayList());
+        const QByteArray name = list.isNull() ? asideName("harbex", content) : asideListName(list);
+        QCOMPARE(asideNames(), name);
+        QCOMPARE(contents(asidePath(name)), list.isNull() ? content : list);
+        QVERIFY2(fs::status(asidePath(name)).permissions() == rights, line);
+        QVERIFY2(fs::status(preferences()).permissions() == rights, line);
+        QCOMPARE(contents(preferences()).contains("\"other\":1"), isBadList);
+        const Loaded loaded = load(folderStore);
+        QCOMPARE(loaded.lines, QByteArrayList());
+        QVERIFY2(isSame(loaded.state, expected), line);
     }
 };
 

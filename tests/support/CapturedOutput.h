@@ -2,21 +2,19 @@
 
 #include "base/FileDescriptor.h"
 
-#include <QStringList>
+#include <QByteArrayList>
 
 namespace harbex::test
 {
 
-/// Redirects standard output until the end of a scope. The reports of Qt Test are redirected too, so check
-/// results only after restore().
+/// Redirects standard output until the end of a scope. The reports of Qt Test are redirected too, unless
+/// reportApartFromStandardOutput() was called. Check results only after restore() then.
 class RedirectedOutput
 {
 public:
     /// Redirects to the descriptor `target`. A negative `target` closes standard output.
     explicit RedirectedOutput(int target);
     ~RedirectedOutput() { restore(); }
-    RedirectedOutput(const RedirectedOutput&) = delete;
-    RedirectedOutput& operator=(const RedirectedOutput&) = delete;
 
     /// Ends the redirection early.
     void restore();
@@ -25,19 +23,23 @@ private:
     FileDescriptor m_original;
 };
 
-/// Captures the lines that are written to standard output.
+/// Captures standard output until the end of a scope. The lines can be read at any time.
 class CapturedOutput
 {
 public:
     CapturedOutput();
 
-    /// Ends the capture and returns the lines without line ends. If the last line has no line end, it is
-    /// marked as such.
-    [[nodiscard]] QStringList lines();
+    /// Returns the lines printed so far, without line ends. If the last line has no line end, it is marked as
+    /// such.
+    [[nodiscard]] QByteArrayList lines() const;
 
 private:
     FileDescriptor m_file;
     RedirectedOutput m_redirection;
 };
+
+/// Makes Qt Test report through its own descriptor, so that failures are visible while standard output is
+/// redirected. Call it before Qt Test reports anything.
+void reportApartFromStandardOutput();
 
 } // namespace harbex::test
