@@ -4,14 +4,9 @@
 #include "support/Stress.h"
 #include "support/TestMain.h"
 
-#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
-#include <seccomp.h>
 #include <set>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -26,9 +21,9 @@ std::string nameOf(size_t i)
     return "photo " + std::to_string(i) + (i % 3 == 0 ? "" : ".jpg");
 }
 
-/// Runs in a child process. Moves all files of a list into a folder, under any free name. Returns false if a
-/// move fails for another reason than a race.
-bool moveAll(const std::string& from, const std::string& into, size_t count)
+/// Moves all files of a list into a folder, under any free name. Fails if a move fails for another reason
+/// than a race.
+Outcome<void> moveAll(const std::string& from, const std::string& into, size_t count)
 {
     FileMove fileMove;
     for (size_t i = 0; i < count; ++i) {
@@ -38,11 +33,9 @@ bool moveAll(const std::string& from, const std::string& into, size_t count)
         while (!moved && moved.error().code == EEXIST)
             moved = fileMove.moveItem(source, uniqueDestination(source, into));
         // Another process has moved the same file, or is moving it.
-        if (moved || moved.error().code == ENOENT || moved.error().code == EBUSY) continue;
-        std::fprintf(stderr, "%s: %s\n", source.c_str(), moved.error().description().c_str());
-        return false;
+        if (!moved && moved.error().code != ENOENT && moved.error().code != EBUSY) return moved;
     }
-    return true;
+    return {};
 }
 
 struct FileSystems {
@@ -60,59 +53,22 @@ const FileSystems fileSystems[] = {
     {"across volumes, no features", true, {.noReplace = EINVAL, .hardLinks = true, .unnamedFiles = true}},
 };
 
-/// Simulates missing features for the calling process.
-void doWithout(const FileSystems& on)
+/// Moves all files of each inbox, each in a process of its own. All begin at the same time: the first
+/// intercepted call waits until every process has started. Returns the result of each.
+std::vector<InterceptedRun> runMovers(const FileSystems& on, const std::vector<std::string>& inboxes,
+                                      const std::string& out, size_t count)
 {
-    const scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
-    const auto refuse = [filter](int error, const char* name, const std::vector<scmp_arg_cmp>& arguments) {
-        if (::seccomp_rule_add_array(filter, SCMP_ACT_ERRNO(uint32_t(error)),
-                                     ::seccomp_syscall_resolve_name(name), unsigned(arguments.size()),
-                                     arguments.data()) != 0)
-            ::_exit(3);
+    const auto interceptor = [&on](const InterceptedCall& call) {
+        // The first rename across volumes uses paths, and the kernel rejects it with EXDEV. The later ones
+        // use open folders on one volume.
+        const bool isAcrossVolumes = on.acrossVolumes && static_cast<int>(call.arguments[0]) == AT_FDCWD;
+        if (call.name == "renameat2" && isAcrossVolumes) return Answer::proceed();
+        return on.lacks.refuses(call).value_or(Answer::proceed());
     };
-    // The first rename across volumes uses paths, and the kernel rejects it with EXDEV. The later ones use
-    // open folders on one volume.
-    const scmp_arg_cmp isOpenFolder{0, SCMP_CMP_NE, uint32_t(AT_FDCWD), 0};
-    if (on.lacks.noReplace != 0 && on.acrossVolumes) refuse(on.lacks.noReplace, "renameat2", {isOpenFolder});
-    if (on.lacks.noReplace != 0 && !on.acrossVolumes) refuse(on.lacks.noReplace, "renameat2", {});
-    if (on.lacks.hardLinks) refuse(EPERM, "linkat", {});
-    if (on.lacks.unnamedFiles)
-        refuse(EOPNOTSUPP, "openat", {scmp_arg_cmp{2, SCMP_CMP_MASKED_EQ, O_TMPFILE, O_TMPFILE}});
-    if (::seccomp_load(filter) != 0) ::_exit(3);
-    ::seccomp_release(filter);
-}
-
-/// Starts a process for each inbox and lets all begin at the same time. Returns whether all succeeded.
-bool runMovers(const FileSystems& on, const std::vector<std::string>& inboxes, const std::string& out,
-               size_t count)
-{
-    int start[2];
-    if (::pipe2(start, O_CLOEXEC) != 0) qFatal("no pipe");
-    std::fflush(nullptr);
-    std::vector<pid_t> children;
-    for (const std::string& inbox : inboxes) {
-        const pid_t child = ::fork();
-        if (child < 0) qFatal("cannot fork");
-        if (child == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::close(start[1]);
-            doWithout(on);
-            char byte = 0;
-            // Returns when the test closes the other end.
-            if (::read(start[0], &byte, 1) != 0) ::_exit(2);
-            ::_exit(moveAll(inbox, out, count) ? 0 : 1);
-        }
-        children.push_back(child);
-    }
-    ::close(start[0]);
-    ::close(start[1]);
-    bool succeeded = true;
-    for (const pid_t child : children) {
-        int status = 0;
-        if (::waitpid(child, &status, 0) != child) qFatal("cannot wait");
-        succeeded = succeeded && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-    return succeeded;
+    std::vector<InterceptedWork> works;
+    for (const std::string& inbox : inboxes)
+        works.push_back({[&, inbox] { return moveAll(inbox, out, count); }, interceptor});
+    return runIntercepted({"renameat2", "linkat", "openat"}, works);
 }
 
 /// Returns the contents of all files in a folder.
@@ -163,7 +119,8 @@ private Q_SLOTS:
             }
         }
         inboxes.resize(moverCount, inboxes.front());
-        QVERIFY(runMovers(on, inboxes, out, count));
+        for (const InterceptedRun& run : runMovers(on, inboxes, out, count))
+            QCOMPARE(run.error, 0);
         for (const std::string& inbox : inboxes)
             QCOMPARE(namesIn(inbox), QByteArrayList());
         QVERIFY(contentsIn(out) == all);
