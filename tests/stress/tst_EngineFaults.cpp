@@ -9,8 +9,6 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace harbex;
@@ -40,29 +38,6 @@ const std::vector<std::string>& interceptedCalls()
     return names;
 }
 
-/// Lines from a child process, in memory that outlives it.
-class Notes
-{
-public:
-    void add(const QString& line) const
-    {
-        const QByteArray bytes = line.toUtf8() + '\n';
-        if (::write(m_file.get(), bytes.constData(), size_t(bytes.size())) != bytes.size()) ::_exit(3);
-    }
-
-    [[nodiscard]] QStringList lines() const
-    {
-        struct stat data;
-        if (::fstat(m_file.get(), &data) != 0) qFatal("the notes are lost");
-        QByteArray text(data.st_size, '\0');
-        text.resize(::pread(m_file.get(), text.data(), size_t(text.size()), 0));
-        return QString::fromUtf8(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    }
-
-private:
-    FileDescriptor m_file{::memfd_create("notes", MFD_CLOEXEC)};
-};
-
 /// One run of an engine in a child process, in which one system call fails. Two entries arrive, one after the
 /// other. The first one of kind "download" is an empty file, until the partial download beside it takes its
 /// name. The first one of kind "return" arrives in another folder, which has replaced the watched one.
@@ -84,7 +59,8 @@ public:
 
     /// Returns the call that failed. Empty if there were not enough calls.
     [[nodiscard]] const std::string& where() const { return m_where; }
-    [[nodiscard]] QStringList messages() const { return m_notes.lines(); }
+    /// Returns the log at the end of the run.
+    [[nodiscard]] QStringList messages() const { return QString::fromUtf8(contents(m_log)).split(u'\n'); }
 
     /// Returns whether the entry that was there before the start has stayed.
     [[nodiscard]] bool isOldLeftAlone() const
@@ -127,15 +103,19 @@ private:
     }
 
     /// Runs in the child process.
-    Outcome<void> run() const
+    [[nodiscard]] Outcome<void> run() const
     {
         for (const std::string& folder : {inbox, m_here.makeFolder("spare")})
             writeFile(folder + "/old", "old");
         DownloadImageRedirector engine;
-        QObject context;
-        QObject::connect(&engine, &DownloadImageRedirector::logsChanged, &context,
-                         [&] { m_notes.add(lastMessage(engine)); });
-        if (!startAndWait(engine, {watched(inbox, {takeAll(out)})})) return SystemError{ETIME};
+        const bool isDone = startAndWait(engine, {watched(inbox, {takeAll(out)})}) && bothArrive(engine);
+        writeFile(m_log, test::messages(engine).join(u'\n').toStdString());
+        return isDone ? Outcome<void>() : SystemError{ETIME};
+    }
+
+    /// Returns whether the second entry was moved.
+    [[nodiscard]] bool bothArrive(const DownloadImageRedirector& engine) const
+    {
         makeEntry("first");
         makeEntry("second");
         const auto isLogged = [&engine](const char* start) {
@@ -153,21 +133,20 @@ private:
         // The fault can hide the first entry from the engine. Then the next arrival shows it, if the folder
         // is watched.
         const auto waitForTheFirst = [&] {
-            (void)QTest::qWaitFor(
-                [&] {
-                    return isLogged("Moved first") || isLogged("Move failed for first") ||
-                           isLogged("Skipped busy file: first") || engine.activeFDs().empty();
-                },
-                2500);
+            const auto isDecided = [&] {
+                return isLogged("Moved first") || isLogged("Move failed for first") ||
+                       isLogged("Skipped busy file: first") || engine.activeFDs().empty();
+            };
+            (void)QTest::qWaitFor(isDecided, 2500);
         };
         waitForTheFirst();
         mark(endMark);
         if (m_kind == "return") replaceInbox(engine, "/away", "/away");
         letArrive("second");
-        if (!QTest::qWaitFor([&] { return isLogged("Moved second -> second"); }, patience))
-            return SystemError{ETIME};
+        const bool isSecondMoved =
+            QTest::qWaitFor([&] { return isLogged("Moved second -> second"); }, patience);
         waitForTheFirst();
-        return {};
+        return isSecondMoved;
     }
 
     /// Tells the interceptor where the child process is.
@@ -222,7 +201,7 @@ private:
     const int m_error;
     const ScratchFolder m_here;
     const ScratchFolder m_there;
-    const Notes m_notes;
+    const std::string m_log = m_here.path() + "/log";
     bool m_mayFail = false;
     size_t m_seen = 0;
     int m_looks = 0;
