@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <fstream>
 #include <memory>
 
 using namespace harbex;
@@ -39,18 +38,11 @@ double shareOfOtherThreads()
     return (all - own) / own;
 }
 
-void limitInstances(int count)
-{
-    std::ofstream file("/proc/sys/user/max_inotify_instances");
-    file << count << std::flush;
-    if (!file) qFatal("cannot limit the instances of inotify");
-}
-
 constexpr int noLimit = 100'000;
 
 } // namespace
 
-/// The engine at the limits of watches, inotify instances and descriptors.
+/// The engine at the limits of watches and descriptors.
 class TestWatchLimits : public QObject
 {
     Q_OBJECT
@@ -95,25 +87,6 @@ private Q_SLOTS:
         QVERIFY(restartAndWait(engine, watchedIn(pairs)));
         QVERIFY(allAreWatched(pairs));
         reportRuns(rounds);
-    }
-
-    void noInstanceAtAll()
-    {
-        const std::vector<Pair> pairs = makePairs(3);
-        limitInstances(0);
-        DownloadImageRedirector engine;
-        QVERIFY(startAndWait(engine, watchedIn(pairs)));
-        QStringList expected;
-        for (const Pair& pair : pairs)
-            expected << QStringLiteral("Failed to open folder: ") + pair.name();
-        expected << QStringLiteral("Started watchers.");
-        QTRY_COMPARE(messages(engine), expected);
-        QCOMPARE(engine.activeFDs().size(), 0U);
-        QVERIFY(shareOfOtherThreads() < 0.25);
-
-        limitInstances(noLimit);
-        QVERIFY(restartAndWait(engine, watchedIn(pairs)));
-        QVERIFY(allAreWatched(pairs));
     }
 
     void everyNumberOfFreeDescriptorsAtTheStart()
