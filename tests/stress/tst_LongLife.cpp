@@ -6,7 +6,6 @@
 
 #include <array>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <malloc.h>
 #include <unistd.h>
@@ -25,17 +24,11 @@ size_t residentMemory()
     return pages * size_t(::sysconf(_SC_PAGESIZE));
 }
 
-/// Returns the allocated memory, in bytes.
-size_t heldMemory()
-{
-    const struct mallinfo2 heap = ::mallinfo2();
-    return heap.uordblks + heap.hblkhd;
-}
-
 /// Resources in use, without freed memory that the allocator keeps.
 struct Use {
     size_t memory = (::malloc_trim(0), residentMemory());
-    size_t held = heldMemory();
+    /// The allocated memory, in bytes.
+    size_t held = ::mallinfo2().uordblks + ::mallinfo2().hblkhd;
     size_t descriptors = descriptorCount();
     size_t threads = threadCount();
 };
@@ -44,12 +37,6 @@ void print(const char* when, const Use& use)
 {
     qInfo("%s: %.1f MiB resident, %zu bytes held, %zu descriptors, %zu threads", when,
           double(use.memory) / (1 << 20), use.held, use.descriptors, use.threads);
-}
-
-size_t countEntries(const std::string& folder)
-{
-    return size_t(
-        std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator()));
 }
 
 } // namespace
@@ -88,8 +75,10 @@ private Q_SLOTS:
                 scratch.arrive(inbox + "/a name of usual length " + std::to_string(i) + extension, {});
             }
             // The staging directory of a copy is an entry too.
-            QTRY_VERIFY_WITH_TIMEOUT(
-                countEntries(inbox) == 0 && countEntries(outs[0]) + countEntries(outs[1]) == batch, patience);
+            QTRY_VERIFY_WITH_TIMEOUT(namesIn(inbox).isEmpty() &&
+                                         namesIn(outs[0]).size() + namesIn(outs[1]).size() ==
+                                             qsizetype(batch),
+                                     patience);
             for (const std::string& out : outs) {
                 for (const QByteArray& name : namesIn(out))
                     removeEntry(out + '/' + name.toStdString());
