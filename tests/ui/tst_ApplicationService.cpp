@@ -1,3 +1,4 @@
+#include "support/ProgramRun.h"
 #include "support/SessionBus.h"
 #include "support/TestMain.h"
 #include "ui/ActivationToken.h"
@@ -8,10 +9,10 @@
 #include <QElapsedTimer>
 #include <QSignalSpy>
 
-#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 using namespace harbex;
@@ -71,48 +72,34 @@ private:
     bool m_wasActivated = false;
 };
 
-/// A process that runs that program.
-class Program
-{
-public:
-    explicit Program(const QString& busAddress, const QStringList& variables = {})
+/// Runs the program with only the service.
+struct ServiceRun : ProgramRun {
+    explicit ServiceRun(const QString& busAddress, const QStringList& variables = {})
+        : ProgramRun(QCoreApplication::applicationFilePath(), {QStringLiteral("ServiceProgram")}, busAddress,
+                     variables)
     {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
-        for (const QString& variable : variables)
-            environment.insert(variable.section(u'=', 0, 0), variable.section(u'=', 1));
-        m_process.setProcessEnvironment(environment);
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start(QCoreApplication::applicationFilePath(), {QStringLiteral("ServiceProgram")});
     }
-    ~Program()
-    {
-        m_process.kill();
-        m_process.waitForFinished();
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
+};
 
-    /// Waits for the next line of its output. Empty if it has ended without one.
-    [[nodiscard]] QByteArray nextLine()
+/// The service, started in this process.
+struct ServiceFixture {
+    ServiceFixture()
     {
-        while (!m_process.canReadLine() && m_process.state() != QProcess::NotRunning) {
-            if (!m_process.waitForReadyRead(30000)) break;
-        }
-        return m_process.readLine().trimmed();
+        if (service.start({}) != ApplicationService::Start::first) qFatal("the service does not start");
     }
-    [[nodiscard]] bool isRunning() const { return m_process.state() == QProcess::Running; }
 
-    /// Waits for the end and returns the exit status; -1 if it was killed or still runs.
-    [[nodiscard]] int exitStatus()
+    /// Calls a method as a launcher does. Returns whether the reply is no error.
+    [[nodiscard]] bool accepts(const char* method, const QVariantList& arguments) const
     {
-        if (isRunning() && !m_process.waitForFinished(30000)) return -1;
-        return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+        return application.accepts(method, arguments);
     }
-    void signal(int number) { ::kill(pid_t(m_process.processId()), number); }
 
-private:
-    QProcess m_process;
+    SessionBus bus;
+    ApplicationService service{bus.connect()};
+    QSignalSpy open{&service, &ApplicationService::openRequested};
+    QSignalSpy quit{&service, &ApplicationService::quitRequested};
+    RemoteObject application{bus.connect(), busName, QStringLiteral("/org/harbex/Harbex"),
+                             QStringLiteral("org.freedesktop.Application")};
 };
 
 } // namespace
@@ -122,19 +109,10 @@ class TestApplicationService : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init() { m_bus = std::make_unique<SessionBus>(); }
-
-    void cleanup()
-    {
-        m_open.reset();
-        m_quit.reset();
-        m_service.reset();
-        m_bus.reset();
-    }
-
     // Starts.
     void laterStartsHandOverWithTheirActivationToken()
     {
+        SessionBus bus;
         const QString wayland = QStringLiteral("XDG_ACTIVATION_TOKEN=of-wayland");
         const QString x11 = QStringLiteral("DESKTOP_STARTUP_ID=of-x11_TIME1");
         const QString tooLong = QStringLiteral("XDG_ACTIVATION_TOKEN=") + QString(2000, u'x');
@@ -145,10 +123,10 @@ private Q_SLOTS:
             {{}, "open"},
             {{tooLong}, "open"},
         };
-        Program first(m_bus->address());
+        ServiceRun first(bus.address());
         QCOMPARE(first.nextLine(), "first");
         for (const auto& [variables, request] : cases) {
-            Program later(m_bus->address(), variables);
+            ServiceRun later(bus.address(), variables);
             QCOMPARE(later.nextLine(), "handed over");
             QCOMPARE(later.exitStatus(), 0);
             QCOMPARE(first.nextLine(), request);
@@ -158,8 +136,9 @@ private Q_SLOTS:
 
     void startAfterTheEndIsTheFirst()
     {
+        SessionBus bus;
         for (const int signal : {SIGTERM, SIGKILL}) {
-            Program program(m_bus->address());
+            ServiceRun program(bus.address());
             QCOMPARE(program.nextLine(), "first");
             program.signal(signal);
             QCOMPARE(program.exitStatus(), -1);
@@ -170,12 +149,12 @@ private Q_SLOTS:
     {
         for (int round = 0; round < 20; ++round) {
             const SessionBus bus;
-            Program one(bus.address());
-            Program other(bus.address());
+            ServiceRun one(bus.address());
+            ServiceRun other(bus.address());
             const QByteArray said = one.nextLine() + '|' + other.nextLine();
             QVERIFY2(said == "first|handed over" || said == "handed over|first", said);
-            Program& winner = said.startsWith("first") ? one : other;
-            Program& loser = said.startsWith("first") ? other : one;
+            ServiceRun& winner = said.startsWith("first") ? one : other;
+            ServiceRun& loser = said.startsWith("first") ? other : one;
             QCOMPARE(loser.exitStatus(), 0);
             QCOMPARE(winner.nextLine(), "open");
             QVERIFY(winner.isRunning());
@@ -184,25 +163,27 @@ private Q_SLOTS:
 
     void secondStartGoesOnWhenTheFirstEndsMeanwhile()
     {
-        std::optional<QDBusConnection> connection(m_bus->connect());
+        SessionBus bus;
+        std::optional<QDBusConnection> connection(bus.connect());
         EndingApplication first([&] {
-            m_bus->close(*connection);
+            bus.close(*connection);
             connection.reset();
         });
         QVERIFY(connection->registerObject(QStringLiteral("/org/harbex/Harbex"), &first,
                                            QDBusConnection::ExportScriptableInvokables));
         QVERIFY(connection->registerService(busName));
-        Program second(m_bus->address());
+        ServiceRun second(bus.address());
         QTRY_VERIFY(first.wasActivated());
         QCOMPARE(second.nextLine(), "first");
     }
 
     void startIsRefusedAtOnceWhenAnotherProgramHasTheName()
     {
-        QVERIFY(m_bus->connect().registerService(busName));
+        SessionBus bus;
+        QVERIFY(bus.connect().registerService(busName));
         QElapsedTimer timer;
         timer.start();
-        Program program(m_bus->address());
+        ServiceRun program(bus.address());
         QCOMPARE(program.nextLine(), "refused");
         QCOMPARE(program.exitStatus(), 1);
         QVERIFY(timer.elapsed() < 4000);
@@ -210,63 +191,54 @@ private Q_SLOTS:
 
     void nameCannotBeTakenOver()
     {
-        startService();
+        ServiceFixture fixture;
         const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
-            m_bus->connect().interface()->registerService(busName,
-                                                          QDBusConnectionInterface::ReplaceExistingService,
-                                                          QDBusConnectionInterface::AllowReplacement);
+            fixture.bus.connect().interface()->registerService(
+                busName, QDBusConnectionInterface::ReplaceExistingService,
+                QDBusConnectionInterface::AllowReplacement);
         QVERIFY(reply != QDBusConnectionInterface::ServiceRegistered);
     }
 
     // Calls.
-    void activateOpensWithTheTokenOfEitherDisplaySystem_data()
+    void activateOpensWithTheTokenOfEitherDisplaySystem()
     {
-        QTest::addColumn<QVariantMap>("platformData");
-        QTest::addColumn<QString>("token");
         const QString wayland = QStringLiteral("activation-token");
         const QString x11 = QStringLiteral("desktop-startup-id");
         const QString w = QStringLiteral("w");
         const QString x = QStringLiteral("x");
-        QTest::newRow("Wayland") << QVariantMap{{wayland, w}} << w;
-        QTest::newRow("X11") << QVariantMap{{x11, x}} << x;
-        QTest::newRow("both") << QVariantMap{{wayland, w}, {x11, x}} << w;
-        QTest::newRow("one empty") << QVariantMap{{wayland, QString()}, {x11, x}} << x;
-        QTest::newRow("none") << QVariantMap{{QStringLiteral("cwd"), QStringLiteral("/")}} << QString();
-        QTest::newRow("no text") << QVariantMap{{wayland, QStringList({w, x})}} << QString();
-        QTest::newRow("too long") << QVariantMap{{wayland, QString(1'000'000, u'x')}} << QString();
-    }
-
-    void activateOpensWithTheTokenOfEitherDisplaySystem()
-    {
-        QFETCH(const QVariantMap, platformData);
-        QFETCH(const QString, token);
-        startService();
-        QVERIFY(application().accepts("Activate", {platformData}));
-        QCOMPARE(m_open->count(), 1);
-        QCOMPARE(m_open->first(), QVariantList({token}));
-    }
-
-    void openIgnoresTheFiles()
-    {
-        startService();
+        const std::tuple<const char*, QVariantMap, QString> cases[] = {
+            {"Wayland", {{wayland, w}}, w},
+            {"X11", {{x11, x}}, x},
+            {"both", {{wayland, w}, {x11, x}}, w},
+            {"one empty", {{wayland, QString()}, {x11, x}}, x},
+            {"none", {{QStringLiteral("cwd"), QStringLiteral("/")}}, {}},
+            {"no text", {{wayland, QStringList({w, x})}}, {}},
+            {"too long", {{wayland, QString(1'000'000, u'x')}}, {}},
+        };
+        ServiceFixture fixture;
+        for (const auto& [name, platformData, token] : cases) {
+            QVERIFY2(fixture.accepts("Activate", {platformData}), name);
+            QCOMPARE(fixture.open.count(), 1);
+            QCOMPARE(fixture.open.takeFirst(), QVariantList({token}));
+        }
+        // The files are ignored.
         const QStringList uris{QStringLiteral("file:///etc"), QStringLiteral("no URI")};
-        const QVariantMap platformData{{QStringLiteral("activation-token"), QStringLiteral("token")}};
-        QVERIFY(application().accepts("Open", {uris, platformData}));
-        QCOMPARE(m_open->takeFirst(), QVariantList({QStringLiteral("token")}));
+        QVERIFY(fixture.accepts("Open", {uris, QVariantMap{{wayland, w}}}));
+        QCOMPARE(fixture.open.count(), 1);
+        QCOMPARE(fixture.open.takeFirst(), QVariantList({w}));
     }
 
     void onlyTheActionQuitQuits()
     {
-        startService();
+        ServiceFixture fixture;
         const QVariantList parameter{1, QStringLiteral("x")};
-        for (const char* action : {"", "Quit", "quit ", "preferences"})
-            QVERIFY(application().accepts("ActivateAction",
-                                          {QString::fromLatin1(action), parameter, QVariantMap()}));
-        QCOMPARE(m_open->count() + m_quit->count(), 0);
-        QVERIFY(
-            application().accepts("ActivateAction", {QStringLiteral("quit"), QVariantList(), QVariantMap()}));
-        QCOMPARE(m_quit->count(), 1);
-        QCOMPARE(m_open->count(), 0);
+        for (const char* action : {"", "Quit", "quit ", "preferences", "quit"}) {
+            QCOMPARE(fixture.quit.count(), 0);
+            QVERIFY(
+                fixture.accepts("ActivateAction", {QString::fromLatin1(action), parameter, QVariantMap()}));
+        }
+        QCOMPARE(fixture.quit.count(), 1);
+        QCOMPARE(fixture.open.count(), 0);
     }
 
     void wrongCallsAreErrors()
@@ -280,31 +252,11 @@ private Q_SLOTS:
             {"a function for the program only", "start", {QString()}},
             {"a slot of QObject", "deleteLater", {}},
         };
-        startService();
+        ServiceFixture fixture;
         for (const NamedCall& call : calls)
-            QVERIFY2(!application().accepts(call.method, call.arguments), call.name);
-        QCOMPARE(m_open->count() + m_quit->count(), 0);
+            QVERIFY2(!fixture.accepts(call.method, call.arguments), call.name);
+        QCOMPARE(fixture.open.count() + fixture.quit.count(), 0);
     }
-
-private:
-    /// Starts the service in this process.
-    void startService()
-    {
-        m_service = std::make_unique<ApplicationService>(m_bus->connect());
-        if (m_service->start({}) != ApplicationService::Start::first) qFatal("the service does not start");
-        m_open.emplace(m_service.get(), &ApplicationService::openRequested);
-        m_quit.emplace(m_service.get(), &ApplicationService::quitRequested);
-    }
-    [[nodiscard]] RemoteObject application() const
-    {
-        return {m_bus->connect(), busName, QStringLiteral("/org/harbex/Harbex"),
-                QStringLiteral("org.freedesktop.Application")};
-    }
-
-    std::unique_ptr<SessionBus> m_bus;
-    std::unique_ptr<ApplicationService> m_service;
-    std::optional<QSignalSpy> m_open;
-    std::optional<QSignalSpy> m_quit;
 };
 
 HARBEX_TEST(TestApplicationService)
