@@ -1,20 +1,20 @@
 #include "store/FolderStore.h"
 #include "support/FakePanel.h"
+#include "support/ProgramRun.h"
 #include "support/SessionBus.h"
+#include "support/StoredText.h"
 #include "support/TestMain.h"
 
 #include <QDBusVariant>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <utility>
-#include <vector>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -22,53 +22,14 @@ using namespace harbex::test;
 namespace
 {
 
-/// A process of the program, offscreen.
-class Program
-{
-public:
-    /// `variables` are added to the environment.
-    explicit Program(const QString& busAddress,
-                     const std::vector<std::pair<const char*, QString>>& variables = {})
+/// Runs the program offscreen.
+struct Program : ProgramRun {
+    explicit Program(const QString& busAddress, const QStringList& variables = {})
+        : ProgramRun(QStringLiteral(HARBEX_PROGRAM), {}, busAddress,
+                     QStringList(variables) << QStringLiteral("QT_QPA_PLATFORM=offscreen"))
     {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
-        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-        for (const auto& [name, value] : variables)
-            environment.insert(QString::fromLatin1(name), value);
-        m_process.setProcessEnvironment(environment);
-        m_process.start(QStringLiteral(HARBEX_PROGRAM), QStringList());
-        m_process.waitForStarted();
     }
-    ~Program()
-    {
-        m_process.kill();
-        m_process.waitForFinished();
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-
-    [[nodiscard]] bool isRunning() const { return m_process.state() == QProcess::Running; }
-
-    /// Waits for the end and returns the exit status; -1 if it was killed or still runs.
-    [[nodiscard]] int exitStatus()
-    {
-        // The panel needs the main loop meanwhile.
-        if (!QTest::qWaitFor([this] { return !isRunning(); }, 30000)) return -1;
-        return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
-    }
-    [[nodiscard]] QByteArray output() { return m_process.readAllStandardOutput(); }
-    [[nodiscard]] QByteArray errors() { return m_process.readAllStandardError(); }
-    void signal(int number) { ::kill(pid_t(m_process.processId()), number); }
-
-private:
-    QProcess m_process;
 };
-
-QByteArray storeContent()
-{
-    QFile file(FolderStore().path());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 } // namespace
 
@@ -189,11 +150,11 @@ private Q_SLOTS:
             QVERIFY2(m_panel->item().property("Id").isValid(), name);
             // Saving would write the rule into the empty store.
             FolderStore().saveState({});
-            const QByteArray stored = storeContent();
+            const QByteArray stored = storedText();
             end(program);
             QVERIFY2(program.exitStatus() == EXIT_SUCCESS, name);
             QVERIFY2(program.output().isEmpty(), name);
-            QVERIFY2(storeContent() == stored, name);
+            QVERIFY2(storedText() == stored, name);
         }
     }
 
@@ -233,7 +194,8 @@ private Q_SLOTS:
     {
         QFETCH(const QString, locale);
         QFETCH(const QString, language);
-        const Program program(m_bus->address(), {{"LC_ALL", locale}, {"LANGUAGE", language}});
+        const Program program(m_bus->address(),
+                              {QStringLiteral("LC_ALL=") + locale, QStringLiteral("LANGUAGE=") + language});
         QVERIFY(m_panel->waitForItem());
         const QDBusMessage reply = m_panel->menu().call("GetProperty", {3, QStringLiteral("label")});
         QTEST(reply.arguments().value(0).value<QDBusVariant>().variant().toString(), "quit");
