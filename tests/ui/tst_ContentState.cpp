@@ -1,4 +1,5 @@
 #include "support/ContentStateFixture.h"
+#include "support/StoredText.h"
 #include "support/TestMain.h"
 
 #include <QSignalSpy>
@@ -31,18 +32,29 @@ struct Fields {
     }
 };
 
+/// A deletion. A letter is the id of a folder, and a digit its name and its position before the deletion.
+struct Deletion {
+    const char* name;
+    const char* ids;
+    const char* selected;
+    int deleted;
+    const char* left;
+    const char* selectedAfter;
+};
+
 /// Edits the rule with this id.
 using Edit = std::function<void(ContentState&, const QUuid&)>;
+
+FilterRule defaultRule(const QUuid& id)
+{
+    FilterRule rule;
+    rule.id = id;
+    return rule;
+}
 
 FileUrl urlOf(const char* name)
 {
     return FileUrl::fromPath(QDir::homePath().toStdString() + '/' + name);
-}
-
-QByteArray storedText()
-{
-    QFile file(preferencesPath());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 /// Marks the stored file. The next save removes the mark.
@@ -106,52 +118,34 @@ private Q_SLOTS:
         QCOMPARE(fixture.restarts(), 0);
     }
 
-    void appearingAgainWithAnUnchangedStoreNeitherSavesNorRestarts()
-    {
-        const auto a = makeFolder("A");
-        ContentStateFixture fixture({a}, a.id);
-        const auto lines = fixture.engine.logs();
-        fixture.state.disappear();
-        QVERIFY(markStore());
-        fixture.state.appear();
-        QVERIFY(isStoreMarked());
-        QCOMPARE(fixture.restarts(), 0);
-        QCOMPARE(fixture.engine.logs(), lines);
-        QVERIFY(fixture.engine.isRunning());
-    }
-
-    void appearingAgainLoadsTheStoreAndSavesAnotherSelection()
+    void appearingAgainLoadsTheStoreAndSavesOnlyAnotherSelection()
     {
         const auto a = makeFolder("A");
         const auto b = makeFolder("B");
         ContentStateFixture fixture({a}, a.id);
-        const auto appearAgainWith = [&](const FolderState& stored) {
+        const auto lines = fixture.engine.logs();
+        const auto savesAfterLoading = [&](const FolderState& stored) {
             fixture.state.disappear();
             fixture.store.saveState(stored);
             if (!markStore()) qFatal("no stored file");
             fixture.state.appear();
+            fixture.settle();
+            return !isStoreMarked();
         };
-        appearAgainWith({{b, a}, a.id});
+        QVERIFY2(!savesAfterLoading({{a}, a.id}), "an unchanged store");
+        QVERIFY2(!savesAfterLoading({{b, a}, a.id}), "another folder");
         QCOMPARE(fixture.state.folders().size(), 2U);
         QCOMPARE(fixture.folder(0).id, b.id);
         QCOMPARE(fixture.state.selectedFolderID(), a.id);
-        QVERIFY(isStoreMarked());
-
-        appearAgainWith({{b, a}, b.id});
+        QVERIFY2(savesAfterLoading({{b, a}, b.id}), "another selection");
         QCOMPARE(fixture.state.selectedFolderID(), b.id);
-        QVERIFY(!isStoreMarked());
-    }
+        QCOMPARE(fixture.engine.logs(), lines);
 
-    void appearingStartsAStoppedEngine()
-    {
-        ContentStateFixture fixture({makeFolder("A")});
-        fixture.state.disappear();
         fixture.engine.stop();
         fixture.settle();
         QVERIFY(!fixture.engine.isRunning());
-        fixture.state.appear();
-        fixture.settle();
-        QVERIFY(fixture.engine.isRunning());
+        QVERIFY(!savesAfterLoading({{b, a}, b.id}));
+        QVERIFY2(fixture.engine.isRunning(), "a stopped engine is started");
     }
 
     void disappearingSavesTheEditsAndLeavesTheEngineRunning()
@@ -168,15 +162,6 @@ private Q_SLOTS:
         QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("invoice"));
         QVERIFY(fixture.engine.isRunning());
         QCOMPARE(fixture.restarts(), 0);
-    }
-
-    void theDestructorSavesNothing()
-    {
-        {
-            ContentStateFixture fixture({makeFolder("A")});
-            fixture.state.addRule();
-        }
-        QVERIFY(!QFile::exists(preferencesPath()));
     }
 
     // Selecting.
@@ -223,102 +208,75 @@ private Q_SLOTS:
     void anAddedFolderIsLastSelectedAndSavedWithOneDefaultRule()
     {
         ContentStateFixture fixture({makeFolder("A")});
-        fixture.state.addFolder(makeFolder("B").url, QByteArray("bookmark"));
-
-        QCOMPARE(fixture.state.folders().size(), 2U);
-        const WatchedFolder& folder = fixture.folder(1);
-        QCOMPARE(folder.url, urlOf("B"));
-        QCOMPARE(folder.bookmarkData, QByteArray("bookmark"));
-        QVERIFY(!folder.id.isNull());
-        QCOMPARE(fixture.state.selectedFolderID(), folder.id);
-        QCOMPARE(folder.rules.size(), 1U);
-        const FilterRule& rule = folder.rules.at(0);
-        QCOMPARE(rule.field, RuleField::name);
-        QCOMPARE(rule.operatorType, RuleOperator::contains);
-        QCOMPARE(rule.value, QString());
-        QVERIFY(!rule.destination);
-        QVERIFY(!rule.destinationBookmarkData);
-        QCOMPARE(rule.kind, RuleKind::image);
-
-        QCOMPARE(fixture.restarts(), 1);
-        QCOMPARE(fixture.engine.activeFDs().size(), 2U);
-        const auto saved = fixture.takeSaved();
-        QVERIFY(saved);
-        QCOMPARE(saved->selectedFolderID, folder.id);
-        QCOMPARE(saved->folders.size(), 2U);
+        const FileUrl url = makeFolder("B").url;
+        // The second time is a second record.
+        for (const auto& bookmark : {std::optional(QByteArray("bookmark")), std::optional<QByteArray>()}) {
+            fixture.state.addFolder(url, bookmark);
+            const WatchedFolder& folder = fixture.state.folders().back();
+            QCOMPARE(folder.url, url);
+            QCOMPARE(folder.bookmarkData, bookmark);
+            QCOMPARE(folder.rules, std::vector{defaultRule(folder.rules.at(0).id)});
+            QCOMPARE(fixture.state.selectedFolderID(), folder.id);
+            QCOMPARE(fixture.restarts(), 1);
+            QCOMPARE(fixture.engine.activeFDs().size(), fixture.state.folders().size());
+            const auto saved = fixture.takeSaved();
+            QVERIFY(saved);
+            QCOMPARE(saved->selectedFolderID, folder.id);
+            QCOMPARE(saved->folders.size(), fixture.state.folders().size());
+        }
+        QCOMPARE(fixture.state.folders().size(), 3U);
+        QVERIFY(fixture.folder(1).id != fixture.folder(2).id);
+        QVERIFY(fixture.folder(1).rules.at(0).id != fixture.folder(2).rules.at(0).id);
     }
 
-    void aFolderAddedTwiceIsTwoRecords()
-    {
-        ContentStateFixture fixture;
-        fixture.appearWith({});
-        const auto url = makeFolder("A").url;
-        fixture.state.addFolder(url, {});
-        fixture.state.addFolder(url, {});
-        QCOMPARE(fixture.state.folders().size(), 2U);
-        const WatchedFolder& first = fixture.folder(0);
-        const WatchedFolder& second = fixture.folder(1);
-        QCOMPARE(first.url, second.url);
-        QVERIFY(!first.bookmarkData);
-        QVERIFY(first.id != second.id);
-        QCOMPARE(first.rules.size(), 1U);
-        QCOMPARE(second.rules.size(), 1U);
-        QVERIFY(first.rules.at(0).id != second.rules.at(0).id);
-        QCOMPARE(fixture.state.selectedFolderID(), second.id);
-    }
-
-    // A letter is the id of a folder, and a digit its name and its position before the deletion.
     void deletingAFolder_data()
     {
-        QTest::addColumn<QString>("ids");
-        QTest::addColumn<QString>("selected");
-        QTest::addColumn<int>("deleted");
-        QTest::addColumn<QString>("left");
-        QTest::addColumn<QString>("selectedAfter");
-        QTest::newRow("selected, of three") << "abc" << "b" << 1 << "02" << "a";
-        QTest::newRow("selected, first") << "ab" << "a" << 0 << "1" << "b";
-        QTest::newRow("selected, the only one") << "a" << "a" << 0 << "" << "";
-        QTest::newRow("not selected") << "abc" << "c" << 1 << "02" << "c";
-        QTest::newRow("nothing is selected") << "ab" << "" << 0 << "1" << "";
-        QTest::newRow("unknown") << "a" << "a" << -1 << "0" << "a";
-        QTest::newRow("the first has the same id") << "aa" << "a" << 0 << "1" << "a";
-        QTest::newRow("a later one has the same id") << "abb" << "b" << 1 << "02" << "a";
+        QTest::addColumn<Deletion>("row");
+        const Deletion rows[] = {
+            {"selected, of three", "abc", "b", 1, "02", "a"},
+            {"selected, first", "ab", "a", 0, "1", "b"},
+            {"selected, the only one", "a", "a", 0, "", ""},
+            {"not selected", "abc", "c", 1, "02", "c"},
+            {"nothing is selected", "ab", "", 0, "1", ""},
+            {"unknown", "a", "a", -1, "0", "a"},
+            {"the first has the same id", "aa", "a", 0, "1", "a"},
+            {"a later one has the same id", "abb", "b", 1, "02", "a"},
+        };
+        for (const Deletion& row : rows)
+            QTest::newRow(row.name) << row;
     }
 
     void deletingAFolder()
     {
-        QFETCH(const QString, ids);
-        QFETCH(const QString, selected);
-        QFETCH(const int, deleted);
-        QFETCH(const QString, left);
-        QFETCH(const QString, selectedAfter);
-        const auto idOf = [](const QString& letter) {
+        QFETCH(const Deletion, row);
+        const QString left = QString::fromLatin1(row.left);
+        const QByteArray selectedAfter = row.selectedAfter;
+        const auto idOf = [](const QByteArray& letter) {
             return letter.isEmpty() ? std::nullopt : std::optional(QUuid::createUuidV5(QUuid(), letter));
         };
         std::vector<WatchedFolder> folders;
-        for (const QChar letter : ids) {
+        for (const char letter : QByteArray(row.ids)) {
             folders.push_back(ContentStateFixture::makeFolder(QString::number(folders.size())));
-            folders.back().id = *idOf(letter);
+            folders.back().id = *idOf(QByteArray(1, letter));
         }
         ContentStateFixture fixture(folders, folders.at(0).id);
-        fixture.state.select(idOf(selected));
+        fixture.state.select(idOf(row.selected));
         (void)fixture.wasSaved();
 
         const QSignalSpy selections(&fixture.state, &ContentState::selectionChanged);
-        if (deleted < 0)
-            fixture.state.deleteFolder(QUuid::createUuid());
-        else
-            fixture.state.deleteFolder(fixture.folder(static_cast<std::size_t>(deleted)).id);
+        const bool isKnown = row.deleted >= 0;
+        const auto index = static_cast<std::size_t>(row.deleted);
+        fixture.state.deleteFolder(isKnown ? fixture.folder(index).id : QUuid::createUuid());
         QString names;
         for (const WatchedFolder& folder : fixture.state.folders())
             names += QString::fromStdString(folder.url.lastPathComponent());
         QCOMPARE(names, left);
         QCOMPARE(fixture.state.selectedFolderID(), idOf(selectedAfter));
-        QCOMPARE(fixture.restarts(), deleted < 0 ? 0 : 1);
+        QCOMPARE(fixture.restarts(), isKnown ? 1 : 0);
         QCOMPARE(qsizetype(fixture.engine.activeFDs().size()), left.size());
 
         // Only a changed selection is saved. The next save has all changes.
-        const bool isSelectionChanged = selectedAfter != selected;
+        const bool isSelectionChanged = selectedAfter != row.selected;
         QCOMPARE(selections.count(), isSelectionChanged ? 1 : 0);
         QCOMPARE(QFile::exists(preferencesPath()), isSelectionChanged);
         if (!isSelectionChanged) fixture.state.disappear();
@@ -337,11 +295,8 @@ private Q_SLOTS:
         const auto& rules = fixture.folder(0).rules;
         QCOMPARE(rules.size(), 2U);
         QVERIFY(rules.at(0).id != rules.at(1).id);
-        for (const FilterRule& rule : rules) {
-            FilterRule expected;
-            expected.id = rule.id;
-            QCOMPARE(rule, expected);
-        }
+        for (const FilterRule& rule : rules)
+            QCOMPARE(rule, defaultRule(rule.id));
         QCOMPARE(fixture.restarts(), 0);
         QVERIFY(!fixture.wasSaved());
     }
@@ -463,37 +418,6 @@ private Q_SLOTS:
         fixture.state.submitValue();
         QCOMPARE(fixture.restarts(), 1);
         QVERIFY(!fixture.wasSaved());
-    }
-
-    void theNextRestartGivesTypedTextToTheEngine()
-    {
-        const auto inbox = makeFolder("Typing", 2);
-        const auto outbox = makeFolder("Typed");
-        ContentStateFixture fixture({inbox}, inbox.id);
-        const QUuid id = fixture.rule(0).id;
-        fixture.state.setValue(id, QStringLiteral("old"));
-        fixture.state.setDestination(id, outbox.url, {});
-        fixture.settle();
-        fixture.state.setValue(id, QStringLiteral("new"));
-        fixture.settle();
-
-        const auto drop = [](const char* name) {
-            QFile file(QDir::homePath() + QStringLiteral("/Typing/") + QLatin1String(name));
-            QVERIFY(file.open(QIODevice::WriteOnly));
-        };
-        const auto isMoved = [](const char* name) {
-            return QFile::exists(QDir::homePath() + QStringLiteral("/Typed/") + QLatin1String(name));
-        };
-        drop("new-1");
-        drop("old-1");
-        QTRY_VERIFY_WITH_TIMEOUT(isMoved("old-1"), 20000);
-        QVERIFY(!isMoved("new-1"));
-        fixture.state.setOperator(fixture.rule(1).id, RuleOperator::isEqual);
-        fixture.settle();
-        drop("old-2");
-        drop("new-2");
-        QTRY_VERIFY_WITH_TIMEOUT(isMoved("new-2"), 20000);
-        QVERIFY(!isMoved("old-2"));
     }
 };
 
