@@ -1,5 +1,6 @@
 #include "support/ContentStateFixture.h"
 #include "support/FolderDialogUser.h"
+#include "support/Widgets.h"
 #include "support/WindowTestMain.h"
 #include "ui/ContentView.h"
 #include "ui/DimmedInk.h"
@@ -11,16 +12,14 @@
 #include "ui/RuleList.h"
 #include "ui/RuleRow.h"
 
-#include <QAccessible>
 #include <QLabel>
-#include <QLayout>
 #include <QLineEdit>
 #include <QPointer>
 #include <QPushButton>
 #include <QScrollBar>
 #include <QSplitter>
-#include <QStyle>
 #include <QToolButton>
+#include <QVBoxLayout>
 
 #include <cstdlib>
 #include <functional>
@@ -39,9 +38,7 @@ struct ViewFixture : ContentStateFixture {
     explicit ViewFixture(const std::vector<WatchedFolder>& folders) : ContentStateFixture(folders)
     {
         view = std::make_unique<ContentView>(state);
-        view->show();
-        view->activateWindow();
-        QVERIFY(QTest::qWaitForWindowActive(view.get()));
+        activate(*view);
     }
     /// Shows one folder, which is selected.
     explicit ViewFixture(std::size_t ruleCount = 1)
@@ -86,16 +83,12 @@ struct ViewFixture : ContentStateFixture {
 /// Counts the pixels that clearly differ.
 int strongDifferences(const QImage& first, const QImage& second)
 {
+    const auto brightness = [](const Pixel& pixel) { return qGray(pixel.color.rgb()); };
+    const std::vector<Pixel> before = pixelsOf(first);
+    const std::vector<Pixel> after = pixelsOf(second);
     int count = 0;
-    for (int y = 0; y < first.height(); ++y) {
-        for (int x = 0; x < first.width(); ++x) {
-            const QColor a = first.pixelColor(x, y);
-            const QColor b = second.pixelColor(x, y);
-            const int difference =
-                std::abs(a.red() - b.red()) + std::abs(a.green() - b.green()) + std::abs(a.blue() - b.blue());
-            if (difference > 90) ++count;
-        }
-    }
+    for (std::size_t i = 0; i < before.size(); ++i)
+        if (std::abs(brightness(before[i]) - brightness(after[i])) > 30) ++count;
     return count;
 }
 
@@ -160,11 +153,10 @@ private Q_SLOTS:
         for (const auto direction : {Qt::LeftToRight, Qt::RightToLeft}) {
             fixture.view->setLayoutDirection(direction);
             QCoreApplication::processEvents();
-            const QImage image = fixture.addFolder()->grab().toImage().convertToFormat(QImage::Format_RGB32);
+            const QImage image = fixture.addFolder()->grab().toImage();
             QRect ink;
-            for (int y = 0; y < image.height(); ++y)
-                for (int x = 0; x < image.width(); ++x)
-                    if (qGray(image.pixel(x, y)) < 100) ink |= QRect(x, y, 1, 1);
+            for (const Pixel& pixel : pixelsOf(image))
+                if (qGray(pixel.color.rgb()) < 100) ink |= QRect(pixel.place, QSize(1, 1));
             QVERIFY(ink.width() > 50);
             // The icon has a margin.
             QVERIFY(std::abs(ink.center().x() - image.rect().center().x()) <= 2);
@@ -186,11 +178,8 @@ private Q_SLOTS:
         QVERIFY(!addRule->isFlat());
 
         const QWidget* view = list->parentWidget();
-        const auto metric = [view](QStyle::PixelMetric each) {
-            return view->style()->pixelMetric(each, nullptr, view);
-        };
-        const QMargins margins(metric(QStyle::PM_LayoutLeftMargin), metric(QStyle::PM_LayoutTopMargin),
-                               metric(QStyle::PM_LayoutRightMargin), metric(QStyle::PM_LayoutBottomMargin));
+        QWidget plain(fixture.view.get());
+        const QMargins margins = QVBoxLayout(&plain).contentsMargins();
         QVERIFY(margins.left() > 0 && margins.top() > 0 && margins.right() > 0 && margins.bottom() > 0);
         QCOMPARE(view->layout()->contentsMargins(), margins);
         QCOMPARE(view->size(), fixture.columns()->widget(1)->size());
@@ -212,9 +201,8 @@ private Q_SLOTS:
         const ViewFixture fixture;
         for (const char* title : {"Folders", "Rules"}) {
             auto* label = fixture.shown<HeadingLabel>(title);
-            QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(label);
-            QCOMPARE(accessible->role(), QAccessible::Heading);
-            QCOMPARE(accessible->text(QAccessible::Name), QString::fromLatin1(title));
+            QCOMPARE(accessible(label).role(), QAccessible::Heading);
+            QCOMPARE(accessibleName(label), QString::fromLatin1(title));
             QVERIFY(label->font().bold());
         }
         auto* title = fixture.shown<HeadingLabel>("Rules");
@@ -256,25 +244,21 @@ private Q_SLOTS:
     {
         QTest::addColumn<Edit>("edit");
         QTest::addColumn<QStringList>("texts");
-        const QString title = QStringLiteral("Rules");
-        const QString addRule = QStringLiteral("Add Rule");
-        const QString moveTo = QStringLiteral("move to");
-        const QString prompt = QStringLiteral("Select destination...");
-        const QString empty = QString::fromLatin1(emptyText);
-        const auto row = [](const char* name, const QStringList& texts, const Edit& edit) {
-            QTest::newRow(name) << edit << texts;
+        const auto row = [](const char* name, const char* texts, const Edit& edit) {
+            QTest::newRow(name) << edit << QString::fromLatin1(texts).split(QStringLiteral(", "));
         };
-        row("one rule", {title, moveTo, prompt, addRule}, [](auto& /*fixture*/) {});
+        row("one rule", "Rules, move to, Select destination..., Add Rule", [](auto& /*fixture*/) {});
         row("two rules, one with a destination",
-            {title, moveTo, QStringLiteral("/srv/Pictures"), moveTo, prompt, addRule}, [](auto& fixture) {
+            "Rules, move to, /srv/Pictures, move to, Select destination..., Add Rule", [](auto& fixture) {
                 fixture.state.addRule();
                 fixture.state.setDestination(fixture.rule(0).id, FileUrl::fromPath("/srv/Pictures"), {});
             });
-        row("no rule", {title, addRule}, [](auto& fixture) { fixture.state.deleteRule(fixture.rule(0).id); });
-        row("no selection", {empty}, [](auto& fixture) { fixture.state.select(std::nullopt); });
-        row("an unknown selection", {empty},
+        row("no rule", "Rules, Add Rule",
+            [](auto& fixture) { fixture.state.deleteRule(fixture.rule(0).id); });
+        row("no selection", emptyText, [](auto& fixture) { fixture.state.select(std::nullopt); });
+        row("an unknown selection", emptyText,
             [](auto& fixture) { fixture.state.select(QUuid::createUuid()); });
-        row("no folder", {empty}, [](auto& fixture) { fixture.state.deleteFolder(fixture.folder(0).id); });
+        row("no folder", emptyText, [](auto& fixture) { fixture.state.deleteFolder(fixture.folder(0).id); });
     }
 
     void theDetailViewShowsTheseTextsOnly()
@@ -318,16 +302,8 @@ private Q_SLOTS:
         }
     }
 
-    void selectingAFolderShowsItsRules()
-    {
-        const ViewFixture fixture({makeFolder("A", 2), makeFolder("B", 3)});
-        QCOMPARE(fixture.rows().size(), 2);
-        fixture.folderList()->setCurrentRow(1);
-        QCOMPARE(fixture.rows().size(), 3);
-    }
-
     // Adding.
-    void anAddedFolderIsSelectedSavedAndShowsOneRule()
+    void anAddedFolderIsSelectedAndShowsOneRule()
     {
         ViewFixture fixture(noFolders);
         fixture.chosen = makeFolder("A").url;
@@ -339,9 +315,6 @@ private Q_SLOTS:
         QCOMPARE(fixture.folder(0).url, fixture.chosen);
         QCOMPARE(folderOf(fixture.folder(0).bookmarkData), fixture.chosen);
         QCOMPARE(fixture.restarts(), 1);
-        const auto saved = fixture.takeSaved();
-        QVERIFY(saved);
-        QCOMPARE(saved->selectedFolderID, fixture.folder(0).id);
     }
 
     void aCancelledFolderDialogChangesNothing()
@@ -397,12 +370,7 @@ private Q_SLOTS:
 
         expected.first()->setFocus();
         for (QWidget* control : expected) {
-            const char* const name = control->metaObject()->className();
-            QVERIFY2(control->hasFocus(), name);
-            const QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(control);
-            QVERIFY2(!accessible->text(QAccessible::Name).isEmpty(), name);
-            QVERIFY2(accessible->role() != QAccessible::NoRole, name);
-            QVERIFY2(accessible->role() != QAccessible::Client, name);
+            QVERIFY2(control->hasFocus(), control->metaObject()->className());
             QTest::keyClick(control, Qt::Key_Tab);
         }
         QVERIFY(expected.first()->hasFocus());
