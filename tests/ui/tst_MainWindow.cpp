@@ -1,8 +1,7 @@
-#include "support/ContentStateFixture.h"
+#include "support/MainWindowFixture.h"
 #include "support/WindowTestMain.h"
 #include "ui/ContentView.h"
 #include "ui/FolderList.h"
-#include "ui/MainWindow.h"
 #include "ui/RuleRow.h"
 
 #include <QDialog>
@@ -11,7 +10,6 @@
 #include <QMenu>
 #include <QPointer>
 #include <QScreen>
-#include <QSignalSpy>
 #include <QSplitter>
 #include <QTimer>
 #include <QWindow>
@@ -22,70 +20,28 @@
 using namespace harbex;
 using namespace harbex::test;
 
-namespace
-{
-
-/// The window over a store that holds folders, not opened yet.
-struct WindowFixture : ContentStateFixture {
-    explicit WindowFixture(std::vector<WatchedFolder> folders = {makeFolder(QStringLiteral("A"), 3)})
-    {
-        store.saveState({std::move(folders), {}});
-        window = std::make_unique<MainWindow>(state);
-    }
-
-    /// Opens the window and resets wasTouched() and restarts().
-    void open()
-    {
-        window->open();
-        QVERIFY(QTest::qWaitForWindowActive(window.get()));
-        QVERIFY(!state.folders().empty());
-        store.saveState({state.folders(), state.selectedFolderID()});
-        (void)restarts();
-        loads = std::make_unique<QSignalSpy>(&state, &ContentState::foldersChanged);
-        content = savedContent();
-    }
-
-    /// Makes an edit that only a save writes into the store.
-    void edit() { state.setValue(rule(0).id, QStringLiteral("not saved yet")); }
-
-    void openAndEdit()
-    {
-        open();
-        edit();
-    }
-
-    /// Returns whether the store was read or written since then.
-    [[nodiscard]] bool wasTouched() const { return loads->count() > 0 || savedContent() != content; }
-
-    [[nodiscard]] static QByteArray savedContent()
-    {
-        QFile file(preferencesPath());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-
-    std::unique_ptr<MainWindow> window;
-    std::unique_ptr<QSignalSpy> loads;
-    QByteArray content;
-};
-
-} // namespace
-
 class TestMainWindow : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
     // The window.
-    void itIsTitledHarbexAndHoldsTheContent()
+    void openingLoadsShowsAndStarts()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         QCOMPARE(fixture.window->windowTitle(), QStringLiteral("Harbex"));
         QCOMPARE(fixture.window->windowIcon().pixmap(32, 32).toImage().pixelColor(6, 24),
                  QColor(0x27, 0x96, 0xb8));
+        fixture.settle();
         QVERIFY(!fixture.window->isVisible());
+        QVERIFY(fixture.state.folders().empty());
+        QVERIFY(!fixture.engine.isRunning());
         fixture.open();
         QVERIFY(qobject_cast<ContentView*>(fixture.window->centralWidget()));
         QVERIFY(fixture.window->findChild<FolderList*>()->hasFocus());
+        QCOMPARE(fixture.window->findChild<FolderList*>()->count(), 1);
+        QCOMPARE(fixture.window->findChildren<RuleRow*>().size(), 3);
+        QCOMPARE(fixture.engine.activeFDs().size(), 1U);
         // A main window offers a menu that hides its toolbars.
         const std::unique_ptr<QMenu> menu(fixture.window->createPopupMenu());
         QVERIFY(!menu || menu->isEmpty());
@@ -93,10 +49,10 @@ private Q_SLOTS:
 
     void closingReleasesTheContentAndReopeningMakesItAgain()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         for (int opening = 0; opening < 2; ++opening) {
             fixture.open();
-            fixture.window->close();
+            QTest::keyClick(fixture.window.get(), Qt::Key_W, Qt::ControlModifier);
             QTRY_VERIFY(!fixture.window->centralWidget());
             QVERIFY(!fixture.window->windowHandle());
             QVERIFY(fixture.window->findChildren<QWidget*>().isEmpty());
@@ -114,7 +70,7 @@ private Q_SLOTS:
 
     void closingBehindADialogKeepsTheContentOfTheDialog()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         fixture.open();
         QDialog dialog(fixture.window.get());
         dialog.open();
@@ -131,7 +87,7 @@ private Q_SLOTS:
 
     void itIsAtLeast1000By400AndFirstFitsASmallScreen()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         fixture.open();
         // A screen of 1280 by 800 with a panel and a title bar.
         QVERIFY(fixture.window->width() <= 1200);
@@ -148,7 +104,7 @@ private Q_SLOTS:
 
     void sizeColumnsAndStateAreKeptFromClosingToOpening()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         fixture.open();
         const auto reopen = [&] {
             fixture.window->close();
@@ -181,44 +137,23 @@ private Q_SLOTS:
         reopen();
         QVERIFY(fixture.window->isMaximized());
         // Another process begins anew.
-        WindowFixture other;
+        MainWindowFixture other;
         other.open();
         QVERIFY(!other.window->isMaximized());
         QCOMPARE(other.window->findChild<QSplitter*>()->sizes(), firstWidths);
     }
 
-    void controlWClosesTheWindow()
-    {
-        WindowFixture fixture;
-        fixture.open();
-        QTest::keyClick(fixture.window.get(), Qt::Key_W, Qt::ControlModifier);
-        QVERIFY(!fixture.window->isVisible());
-        fixture.settle();
-        QVERIFY(!fixture.window->centralWidget());
-    }
-
     // Appearing.
-    void openingLoadsShowsAndStarts()
-    {
-        WindowFixture fixture;
-        fixture.settle();
-        QVERIFY(fixture.state.folders().empty());
-        QVERIFY(!fixture.engine.isRunning());
-        fixture.window->open();
-        QVERIFY(fixture.window->isVisible());
-        QCOMPARE(fixture.state.folders().size(), 1U);
-        QCOMPARE(fixture.window->findChild<FolderList*>()->count(), 1);
-        QCOMPARE(fixture.window->findChildren<RuleRow*>().size(), 3);
-        fixture.settle();
-        QVERIFY(fixture.engine.isRunning());
-        QCOMPARE(fixture.engine.activeFDs().size(), 1U);
-    }
-
     void openingAnOpenWindowLoadsNothingAndShowsTheSameWindow()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         fixture.openAndEdit();
         fixture.window->open();
+        fixture.window->showMinimized();
+        QVERIFY(fixture.window->isMinimized());
+        fixture.window->open();
+        fixture.settle();
+        QVERIFY(!fixture.window->isMinimized());
         QVERIFY(!fixture.wasTouched());
         QCOMPARE(fixture.rule(0).value, QStringLiteral("not saved yet"));
         QCOMPARE(fixture.restarts(), 0);
@@ -236,13 +171,13 @@ private Q_SLOTS:
             rule.value = QStringLiteral("x");
             rule.destination = FileUrl::fromPath("/srv/Music");
         }
-        WindowFixture fixture(folders);
+        MainWindowFixture fixture(folders);
         fixture.open();
         fixture.window->close();
         folders = fixture.state.folders();
         folders.push_back(ContentStateFixture::makeFolder(QStringLiteral("B")));
         fixture.store.saveState({folders, folders.at(0).id});
-        const QByteArray before = WindowFixture::savedContent();
+        const QByteArray before = storedText();
         QSignalSpy logs(&fixture.engine, &DownloadImageRedirector::logsChanged);
         fixture.window->open();
         QVERIFY(QTest::qWaitForWindowActive(fixture.window.get()));
@@ -250,12 +185,12 @@ private Q_SLOTS:
         QCOMPARE(fixture.folder(0).rules, folders.at(0).rules);
         QCOMPARE(fixture.restarts(), 0);
         QCOMPARE(logs.count(), 0);
-        QCOMPARE(WindowFixture::savedContent(), before);
+        QCOMPARE(storedText(), before);
     }
 
     void theActivationTokenIsHandedOn()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         qunsetenv("XDG_ACTIVATION_TOKEN");
         fixture.window->open();
         QVERIFY(!qEnvironmentVariableIsSet("XDG_ACTIVATION_TOKEN"));
@@ -267,7 +202,7 @@ private Q_SLOTS:
     // Disappearing.
     void closingSavesOnceAndLeavesTheEngineRunning()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         QApplication::setQuitOnLastWindowClosed(false);
         fixture.openAndEdit();
         QVERIFY(!fixture.wasTouched());
@@ -286,7 +221,7 @@ private Q_SLOTS:
 
     void closingWithAStoreThatCannotBeWrittenShowsNoDialog()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         fixture.openAndEdit();
         // A file in the place of the folder.
         QDir folder = QFileInfo(preferencesPath()).dir();
@@ -300,38 +235,9 @@ private Q_SLOTS:
         QVERIFY(std::ranges::none_of(windows, [](const QWidget* each) { return each->isVisible(); }));
     }
 
-    void minimisingAndLosingTheFocusNeitherLoadNorSave()
-    {
-        WindowFixture fixture;
-        fixture.openAndEdit();
-        MainWindow* const window = fixture.window.get();
-        window->showMinimized();
-        QVERIFY(window->isMinimized());
-        fixture.settle();
-        QVERIFY2(!fixture.wasTouched(), "minimised");
-        window->open();
-        fixture.settle();
-        QVERIFY(!window->isMinimized());
-        QVERIFY2(!fixture.wasTouched(), "restored");
-        window->showMaximized();
-        window->open();
-        QVERIFY(window->isMaximized());
-        QVERIFY2(!fixture.wasTouched(), "maximised");
-
-        QWidget other;
-        other.show();
-        other.activateWindow();
-        QVERIFY(QTest::qWaitForWindowActive(&other));
-        window->activateWindow();
-        QVERIFY(QTest::qWaitForWindowActive(window));
-        QVERIFY2(!fixture.wasTouched(), "activated again");
-        QCOMPARE(fixture.rule(0).value, QStringLiteral("not saved yet"));
-        QCOMPARE(fixture.restarts(), 0);
-    }
-
     void theEndOfTheProgramSavesNothingAndLogsNothing()
     {
-        WindowFixture fixture;
+        MainWindowFixture fixture;
         fixture.openAndEdit();
         // The focus in a row, which goes with it.
         auto* field = fixture.window->findChild<QLineEdit*>();

@@ -1,11 +1,9 @@
-#include "support/ContentStateFixture.h"
+#include "support/MainWindowFixture.h"
 #include "support/TestMain.h"
-#include "ui/MainWindow.h"
 
 #include <QApplication>
 #include <QProcess>
 #include <QScreen>
-#include <QSignalSpy>
 
 #include <cstdlib>
 #include <memory>
@@ -27,10 +25,15 @@ QByteArray run(const char* program, const QStringList& arguments)
     return process.readAllStandardOutput();
 }
 
-/// Runs xdotool with words separated by spaces.
-void xdotool(const QByteArray& words)
+/// Changes to a workspace.
+void goToWorkspace(const QByteArray& number)
 {
-    run("xdotool", QString::fromLatin1(words).split(u' '));
+    run("xdotool", {QStringLiteral("set_desktop"), QString::fromLatin1(number)});
+}
+
+QByteArray workspace()
+{
+    return run("xdotool", {QStringLiteral("get_desktop")}).trimmed();
 }
 
 /// The startup notifications that programs send to the desktop.
@@ -83,36 +86,32 @@ private:
     xcb_atom_t m_more = XCB_ATOM_NONE;
 };
 
-struct WindowFixture : ContentStateFixture {
-    WindowFixture()
+/// The open window with an edit that is not saved.
+struct WindowFixture : MainWindowFixture {
+    WindowFixture() { openAndEdit(); }
+
+    [[nodiscard]] QString id() const { return QString::number(window->winId()); }
+
+    /// Runs xdotool with a command and the id of the window. Returns its output.
+    [[nodiscard]] QByteArray xdotool(const char* command) const
     {
-        const auto folder = makeFolder(QStringLiteral("A"));
-        store.saveState({{folder}, folder.id});
-        window = std::make_unique<MainWindow>(state);
-        open();
-        (void)takeSaved();
-        loads = std::make_unique<QSignalSpy>(&state, &ContentState::foldersChanged);
+        return run("xdotool", {QString::fromLatin1(command), id()}).trimmed();
     }
 
-    void open() const
+    /// Minimises the window as a taskbar does.
+    void minimise() const
     {
-        window->open();
-        QVERIFY(QTest::qWaitForWindowActive(window.get()));
+        (void)xdotool("windowminimize");
+        QTRY_VERIFY(has("HIDDEN"));
+        QTRY_VERIFY(window->isMinimized());
     }
-
-    /// Returns whether the store was read or written since the window opened first.
-    [[nodiscard]] bool wasTouched() { return loads->count() > 0 || wasSaved(); }
 
     /// Returns whether the window manager has set this state of the window.
     [[nodiscard]] bool has(const char* name) const
     {
-        return run("xprop",
-                   {QStringLiteral("-id"), QString::number(window->winId()), QStringLiteral("_NET_WM_STATE")})
+        return run("xprop", {QStringLiteral("-id"), id(), QStringLiteral("_NET_WM_STATE")})
             .contains(QByteArray("_NET_WM_STATE_") + name);
     }
-
-    std::unique_ptr<MainWindow> window;
-    std::unique_ptr<QSignalSpy> loads;
 };
 
 } // namespace
@@ -155,59 +154,46 @@ private Q_SLOTS:
         }
     }
 
-    void minimisingNeitherLoadsNorSavesAndIsUndone()
+    void minimisingAndMaximisingNeitherLoadNorSave()
     {
-        WindowFixture fixture;
+        const WindowFixture fixture;
         fixture.window->setLeftOutOfTaskbar(true);
-        fixture.state.setValue(fixture.rule(0).id, QStringLiteral("not saved yet"));
-        run("xdotool", {QStringLiteral("windowminimize"), QString::number(fixture.window->winId())});
-        QTRY_VERIFY(fixture.window->isMinimized());
-        QTRY_VERIFY(fixture.has("HIDDEN"));
+        fixture.minimise();
         QVERIFY(fixture.has("SKIP_TASKBAR"));
         fixture.open();
         QTRY_VERIFY(!fixture.window->isMinimized());
         QTRY_VERIFY(!fixture.has("HIDDEN"));
         QVERIFY(fixture.has("SKIP_TASKBAR"));
-        QVERIFY(!fixture.wasTouched());
-    }
-
-    void anotherWorkspaceNeitherLoadsNorSaves()
-    {
-        WindowFixture fixture;
-        xdotool("set_desktop 1");
-        QTRY_VERIFY(!fixture.window->isActiveWindow());
-        fixture.settle();
-        QVERIFY(!fixture.wasTouched());
-        xdotool("set_desktop 0");
+        fixture.window->showMaximized();
         fixture.open();
+        QVERIFY(fixture.window->isMaximized());
         QVERIFY(!fixture.wasTouched());
+        QCOMPARE(fixture.rule(0).value, QStringLiteral("not saved yet"));
     }
 
-    void openingBringsItToTheWorkspaceInFront_data()
+    void openingBringsItToTheWorkspaceInFrontAndNeitherLoadsNorSaves_data()
     {
         QTest::addColumn<bool>("isMinimised");
         QTest::newRow("shown") << false;
         QTest::newRow("minimised") << true;
     }
 
-    void openingBringsItToTheWorkspaceInFront()
+    void openingBringsItToTheWorkspaceInFrontAndNeitherLoadsNorSaves()
     {
         QFETCH(const bool, isMinimised);
-        WindowFixture fixture;
-        const QString id = QString::number(fixture.window->winId());
-        if (isMinimised) {
-            run("xdotool", {QStringLiteral("windowminimize"), id});
-            QTRY_VERIFY(fixture.has("HIDDEN"));
-        }
-        for (const QByteArray& desktop : {QByteArray("2"), QByteArray("1"), QByteArray("0")}) {
-            xdotool("set_desktop " + desktop);
-            QTRY_COMPARE(run("xdotool", {QStringLiteral("get_desktop")}).trimmed(), desktop);
+        const WindowFixture fixture;
+        if (isMinimised) fixture.minimise();
+        for (const QByteArray& number : {QByteArray("2"), QByteArray("1"), QByteArray("0")}) {
+            goToWorkspace(number);
+            QTRY_COMPARE(workspace(), number);
             QTRY_VERIFY(!fixture.window->isActiveWindow());
+            QVERIFY(!fixture.wasTouched());
             fixture.window->open();
-            QTRY_COMPARE(run("xdotool", {QStringLiteral("get_desktop_for_window"), id}).trimmed(), desktop);
-            QTRY_COMPARE(run("xdotool", {QStringLiteral("getactivewindow")}).trimmed(), id.toUtf8());
+            QTRY_COMPARE(fixture.xdotool("get_desktop_for_window"), number);
+            QTRY_COMPARE(run("xdotool", {QStringLiteral("getactivewindow")}).trimmed(),
+                         fixture.id().toUtf8());
             QTRY_VERIFY(fixture.window->isActiveWindow());
-            QCOMPARE(run("xdotool", {QStringLiteral("get_desktop")}).trimmed(), desktop);
+            QCOMPARE(workspace(), number);
         }
         QVERIFY(!fixture.wasTouched());
     }
@@ -215,16 +201,13 @@ private Q_SLOTS:
     void aWindowOnAllWorkspacesStaysOnThem()
     {
         const WindowFixture fixture;
-        const QString id = QString::number(fixture.window->winId());
-        const auto desktop = [&] {
-            return run("xdotool", {QStringLiteral("get_desktop_for_window"), id}).trimmed();
-        };
-        run("xdotool", {QStringLiteral("set_desktop_for_window"), id, QStringLiteral("-1")});
-        QTRY_COMPARE(desktop(), QByteArray("-1"));
-        xdotool("set_desktop 1");
+        const auto ownWorkspace = [&] { return fixture.xdotool("get_desktop_for_window"); };
+        run("xdotool", {QStringLiteral("set_desktop_for_window"), fixture.id(), QStringLiteral("-1")});
+        QTRY_COMPARE(ownWorkspace(), QByteArray("-1"));
+        goToWorkspace("1");
         fixture.open();
-        xdotool("set_desktop 0");
-        QCOMPARE(desktop(), QByteArray("-1"));
+        goToWorkspace("0");
+        QCOMPARE(ownWorkspace(), QByteArray("-1"));
     }
 
     void openingBringsItInFrontOfOtherWindows()
