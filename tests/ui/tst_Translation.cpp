@@ -1,17 +1,23 @@
-#include "support/ContentStateFixture.h"
+#include "support/FolderDialogUser.h"
+#include "support/MainWindowFixture.h"
 #include "support/WindowTestMain.h"
+#include "ui/FlatButton.h"
 #include "ui/FolderList.h"
-#include "ui/MainWindow.h"
-#include "ui/Picker.h"
 #include "ui/RuleRow.h"
+#include "ui/StatusItem.h"
 #include "ui/Translation.h"
 
+#include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPushButton>
+#include <QMenu>
+#include <QStyle>
+#include <QStyleOptionComboBox>
+#include <QStyleOptionFrame>
 #include <QTranslator>
 
 #include <algorithm>
+#include <utility>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -26,38 +32,86 @@ QString rulesHeading()
     return QCoreApplication::translate("harbex::ContentView", "Rules");
 }
 
-/// A text of Qt: an entry of the menu of line edits.
-QString undo()
-{
-    return QCoreApplication::translate("QWidgetTextControl", "&Undo");
-}
-
-/// The window over one folder with one rule, opened.
-struct OpenWindow : ContentStateFixture {
-    explicit OpenWindow() : ContentStateFixture({makeFolder(QStringLiteral("A"))})
-    {
-        window.open();
-        QVERIFY(QTest::qWaitForWindowActive(&window));
-        folders = window.findChild<FolderList*>();
-        folders->setCurrentRow(0);
-        row = window.findChild<RuleRow*>();
-    }
-
-    template <class Control>
-    [[nodiscard]] Control* control(qsizetype index) const
-    {
-        return qobject_cast<Control*>(row->controls().at(index));
-    }
-
-    MainWindow window{state};
-    FolderList* folders;
-    RuleRow* row;
-};
-
 int leftEdge(const QWidget& widget)
 {
     return widget.mapToGlobal(QPoint()).x();
 }
+
+/// Returns the texts of the window: all but the names of folders and the contents of fields.
+QStringList textsOf(const QWidget& window)
+{
+    QStringList texts{window.windowTitle()};
+    for (const QWidget* widget : window.findChildren<QWidget*>()) {
+        texts += widget->accessibleName();
+        if (const auto* label = qobject_cast<const QLabel*>(widget)) texts += label->text();
+        if (const auto* button = qobject_cast<const QAbstractButton*>(widget)) texts += button->text();
+        if (const auto* field = qobject_cast<const QLineEdit*>(widget)) texts += field->placeholderText();
+        if (const auto* picker = qobject_cast<const QComboBox*>(widget))
+            for (int i = 0; i < picker->count(); ++i)
+                texts += picker->itemText(i);
+    }
+    return texts;
+}
+
+QSize sizeOf(const QWidget& widget, const QString& text)
+{
+    return {widget.fontMetrics().horizontalAdvance(text), widget.fontMetrics().height()};
+}
+
+/// Returns the texts of a visible widget that do not fit into their boxes.
+QStringList cutTextsOf(const QWidget& widget)
+{
+    QStringList cut;
+    const auto check = [&](const QString& text, const QSize& box) {
+        const QSize size = sizeOf(widget, text);
+        if (size.width() > box.width() || size.height() > box.height())
+            cut += QStringLiteral("%1 needs %2x%3, has %4x%5")
+                       .arg(text)
+                       .arg(size.width())
+                       .arg(size.height())
+                       .arg(box.width())
+                       .arg(box.height());
+    };
+    if (const auto* label = qobject_cast<const QLabel*>(&widget)) {
+        // A path is elided.
+        if (label->wordWrap())
+            check({}, QSize(0, widget.fontMetrics().height() + label->height() -
+                                   label->heightForWidth(label->width())));
+        else if (label->toolTip().isEmpty())
+            check(label->text(), label->contentsRect().size());
+    } else if (const auto* button = qobject_cast<const QAbstractButton*>(&widget)) {
+        const QSize frame = button->sizeHint() - sizeOf(widget, button->text());
+        if (!button->text().isEmpty()) check(button->text(), button->size() - frame);
+    } else if (const auto* picker = qobject_cast<const QComboBox*>(&widget)) {
+        QStyleOptionComboBox option;
+        option.initFrom(picker);
+        const QRect box = picker->style()->subControlRect(QStyle::CC_ComboBox, &option,
+                                                          QStyle::SC_ComboBoxEditField, picker);
+        for (int i = 0; i < picker->count(); ++i)
+            check(picker->itemText(i), box.size());
+    } else if (const auto* field = qobject_cast<const QLineEdit*>(&widget)) {
+        QStyleOptionFrame option;
+        option.initFrom(field);
+        option.lineWidth = field->style()->pixelMetric(QStyle::PM_DefaultFrameWidth, &option, field);
+        // QLineEdit leaves two pixels on each side.
+        check(field->placeholderText(),
+              field->style()->subElementRect(QStyle::SE_LineEditContents, &option, field).size() -
+                  QSize(4, 0));
+    }
+    return cut;
+}
+
+/// Translates every text into a longer one.
+class LongTexts : public QTranslator
+{
+public:
+    [[nodiscard]] bool isEmpty() const override { return false; }
+    [[nodiscard]] QString translate(const char* /*context*/, const char* text, const char* /*comment*/,
+                                    int /*count*/) const override
+    {
+        return QString::fromUtf8(text) + QStringLiteral(" and more");
+    }
+};
 
 } // namespace
 
@@ -109,15 +163,9 @@ private Q_SLOTS:
     void theFirstLanguageTheProgramSpeaksIsTaken()
     {
         QFETCH(const QString, languages);
-        const Translation translation(languages.split(u' '), noFolder);
-        QTEST(rulesHeading(), "rules");
-    }
-
-    void theLanguageLastsAsLongAsTheObject()
-    {
         {
-            const Translation translation({QStringLiteral("de")}, noFolder);
-            QCOMPARE(rulesHeading(), QStringLiteral("Regeln"));
+            const Translation translation(languages.split(u' '), noFolder);
+            QTEST(rulesHeading(), "rules");
         }
         QCOMPARE(rulesHeading(), QStringLiteral("Rules"));
     }
@@ -127,83 +175,139 @@ private Q_SLOTS:
         const QString qtFolder = QLibraryInfo::path(QLibraryInfo::TranslationsPath);
         if (!QFile::exists(qtFolder + QStringLiteral("/qtbase_de.qm")))
             QSKIP("the translations of Qt are not installed");
-        const auto undoIn = [](const QStringList& languages) {
-            const Translation translation(languages);
-            return undo();
+        // An entry of the menu of line edits.
+        const auto undoIn = [](const char* languages) {
+            const Translation translation(QString::fromLatin1(languages).split(u' '));
+            return QCoreApplication::translate("QWidgetTextControl", "&Undo");
         };
-        QCOMPARE(undoIn({QStringLiteral("de")}), QString::fromUtf8("&Rückgängig"));
-        QCOMPARE(undoIn({QStringLiteral("nl"), QStringLiteral("de")}), QString::fromUtf8("&Rückgängig"));
-        QCOMPARE(undoIn({QStringLiteral("en"), QStringLiteral("de")}), QStringLiteral("&Undo"));
+        QCOMPARE(undoIn("de"), QString::fromUtf8("&Rückgängig"));
+        QCOMPARE(undoIn("nl de"), QString::fromUtf8("&Rückgängig"));
+        QCOMPARE(undoIn("en de"), QStringLiteral("&Undo"));
         // Qt speaks Dutch, but the program does not.
-        QCOMPARE(undoIn({QStringLiteral("nl")}), QStringLiteral("&Undo"));
+        QCOMPARE(undoIn("nl"), QStringLiteral("&Undo"));
     }
 
-    void aGermanWindowStoresEnglishValues()
+    void everyTextIsTranslatedAndTheStoreIsNot()
     {
-        const Translation translation({QStringLiteral("de")}, noFolder);
-        OpenWindow open;
-        const auto choose = [&](qsizetype control, const char* text) {
-            auto* picker = open.control<Picker>(control);
-            picker->setCurrentIndex(picker->findText(QString::fromUtf8(text)));
-            Q_EMIT picker->activated(picker->currentIndex());
-            return picker->currentText();
+        const Translation translation({QStringLiteral("ja")}, noFolder);
+        const StatusItem item(QDBusConnection(QStringLiteral("no such connection")));
+        const MainWindowFixture fixture({test::makeFolder("A", 2)});
+        MainWindow& window = *fixture.window;
+        fixture.open();
+        const auto choose = [&](qsizetype picker, int index) {
+            auto* chosen = window.findChildren<QComboBox*>().at(picker);
+            chosen->setCurrentIndex(index);
+            Q_EMIT chosen->activated(index);
         };
+        choose(1, 1);
+        choose(3, 2);
+        choose(5, 4);
+        QStringList texts = textsOf(window);
+        QTest::keyClick(window.findChild<FolderList*>(), Qt::Key_Menu);
+        for (const QWidget* widget : QApplication::topLevelWidgets())
+            if (const auto* menu = qobject_cast<const QMenu*>(widget))
+                for (const QAction* entry : menu->actions())
+                    texts += entry->text();
+        QApplication::activePopupWidget()->close();
+        const FolderDialogUser user([&](QFileDialog& dialog) {
+            texts += {dialog.windowTitle(), dialog.labelText(QFileDialog::Accept)};
+            dialog.reject();
+        });
+        window.findChild<FlatButton*>(QStringLiteral("addFolder"))->click();
+        QTRY_COMPARE(texts.count(QString::fromUtf8("フォルダーを選択")), 2);
 
-        QStringList shown{open.control<QLineEdit>(3)->placeholderText()};
-        for (const QLabel* label : open.window.findChildren<QLabel*>())
-            shown += label->text();
-        for (const QPushButton* button : open.window.findChildren<QPushButton*>())
-            shown += button->text();
-        for (const char* text : {"Ordner", "Regeln", "Regel hinzufügen", "verschieben nach",
-                                 "Ziel auswählen...", "Standard: alle Dateien"})
-            QVERIFY2(shown.contains(QString::fromUtf8(text)), text);
-        QCOMPARE(choose(0, "Typ"), QStringLiteral("Typ"));
-        QCOMPARE(choose(1, "ist"), QStringLiteral("ist"));
-        QCOMPARE(choose(2, "Ordner"), QStringLiteral("Ordner"));
+        texts.removeAll(QString());
+        texts.removeAll(QStringLiteral("Harbex"));
+        for (const QString& text : std::as_const(texts))
+            QVERIFY2(std::ranges::any_of(text, [](QChar each) { return each > u'\u2fff'; }),
+                     qPrintable(text));
+        for (const char* text :
+             {"フォルダー", "フォルダーを追加", "ルール", "ルールを追加", "移動先", "項目", "名前",
+              "が次を含む", "音声", "既定: すべてのファイル", "移動先を選択...", "一覧から削除", "削除",
+              "サイドバーでフォルダーを選択してください", "Harbex を開く", "終了"})
+            QVERIFY2(texts.contains(QString::fromUtf8(text)), text);
 
-        open.window.close();
-        QFile file(preferencesPath());
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QByteArray stored = file.readAll();
-        for (const char* value : {"\"Kind\"", "\"is\"", "\"Folder\""})
-            QVERIFY2(stored.contains(value), stored.constData());
-        for (const char* text : {"\"Typ\"", "\"ist\"", "\"Ordner\""})
-            QVERIFY2(!stored.contains(text), stored.constData());
-    }
-
-    void everyRawValueHasATranslation()
-    {
-        QTranslator japanese;
-        QVERIFY(japanese.load(QStringLiteral(":/translations/harbex_ja.qm")));
-        const auto isTranslated = [&](auto value) {
-            return !japanese.translate("harbex::RuleRow", rawValue(value).toUtf8().constData()).isEmpty();
-        };
-        QVERIFY(std::ranges::all_of(allRuleFields, isTranslated));
-        QVERIFY(std::ranges::all_of(allRuleOperators, isTranslated));
-        QVERIFY(std::ranges::all_of(allRuleKinds, isTranslated));
-    }
-
-    void theScriptOfTheLanguageDecidesTheDirection_data()
-    {
-        QTest::addColumn<QString>("language");
-        QTest::addColumn<bool>("isMirrored");
-        QTest::newRow("Arabic") << QStringLiteral("ar-EG") << true;
-        QTest::newRow("Hebrew") << QStringLiteral("he") << true;
-        QTest::newRow("German") << QStringLiteral("de") << false;
-        QTest::newRow("a language the program does not speak") << QStringLiteral("fa") << false;
+        window.close();
+        const auto rules = FolderStore().loadState({}).folders.at(0).rules;
+        QCOMPARE(rules.at(0).operatorType, RuleOperator::isEqual);
+        QCOMPARE(rules.at(1).field, RuleField::kind);
+        QCOMPARE(rules.at(1).kind, RuleKind::audio);
+        const QByteArray stored = storedText();
+        for (const char* value : {"\"Kind\"", "\"is\"", "\"Audio\""})
+            QVERIFY2(stored.contains(value), stored);
+        QCOMPARE(QByteArray(QString::fromUtf8(stored).toLatin1()), stored);
     }
 
     void theScriptOfTheLanguageDecidesTheDirection()
     {
+        const auto isMirrored = [](const char* language) {
+            // Without the translations of Qt, which would set the direction too.
+            const Translation translation({QString::fromLatin1(language)}, noFolder);
+            const MainWindowFixture fixture;
+            fixture.open();
+            const auto* row = fixture.window->findChild<RuleRow*>();
+            const QList<QWidget*> controls = row->controls();
+            const bool isRowMirrored = leftEdge(*controls.first()) > leftEdge(*controls.last());
+            const bool isListRight = leftEdge(*fixture.window->findChild<FolderList*>()) > leftEdge(*row);
+            QGuiApplication::setLayoutDirection(Qt::LayoutDirectionAuto);
+            if (isRowMirrored != isListRight) qFatal("a half-mirrored window");
+            return isRowMirrored;
+        };
+        QVERIFY(isMirrored("ar-EG"));
+        QVERIFY(isMirrored("he"));
+        QVERIFY(!isMirrored("de"));
+        QVERIFY2(!isMirrored("fa"), "a language the program does not speak");
+    }
+
+    // At the smallest size of the window.
+    void noTextIsCut_data()
+    {
+        QTest::addColumn<int>("points");
+        QTest::addColumn<QString>("language");
+        for (const int points : {9, 14, 22}) {
+            QTest::addRow("%d pt, long texts", points) << points << QString();
+            for (const char* language :
+                 {"en", "ar", "de", "es", "fr", "he", "it", "ja", "pt-BR", "ru", "zh-CN"})
+                QTest::addRow("%d pt, %s", points, language) << points << QString::fromLatin1(language);
+        }
+    }
+
+    void noTextIsCut()
+    {
+        QFETCH(const int, points);
         QFETCH(const QString, language);
-        // Without the translations of Qt, which would set the direction too.
-        const Translation translation({language}, noFolder);
-        const OpenWindow open;
-        const bool isListRight = leftEdge(*open.folders) > leftEdge(*open.row);
-        const QList<QWidget*> controls = open.row->controls();
-        const bool isRowMirrored = leftEdge(*controls.first()) > leftEdge(*controls.last());
-        QTEST(isListRight, "isMirrored");
-        QTEST(isRowMirrored, "isMirrored");
+        const Translation translation({language}, {});
+        LongTexts longTexts;
+        if (language.isEmpty()) QCoreApplication::installTranslator(&longTexts);
+        const QFont former = QApplication::font();
+        QFont font = former;
+        font.setPointSize(points);
+        QApplication::setFont(font);
+
+        auto folder = test::makeFolder("A", 3);
+        folder.rules[1].field = RuleField::kind;
+        folder.rules[2].destination = FileUrl::fromPath("/srv/Pictures");
+        MainWindowFixture fixture({folder});
+        fixture.window->open();
+        fixture.window->resize(fixture.window->minimumSize());
+        QVERIFY(QTest::qWaitForWindowExposed(fixture.window.get()));
+
+        const auto checkAll = [&] {
+            int texts = 0;
+            QStringList cut;
+            for (const QWidget* widget : fixture.window->findChildren<QWidget*>()) {
+                if (!widget->isVisible()) continue;
+                cut += cutTextsOf(*widget);
+                ++texts;
+            }
+            QVERIFY2(cut.isEmpty(), qPrintable(cut.join(u'\n')));
+            QVERIFY(texts > 5);
+        };
+        checkAll();
+        fixture.state.select(std::nullopt);
+        fixture.settle();
+        checkAll();
+        QApplication::setFont(former);
     }
 };
 
