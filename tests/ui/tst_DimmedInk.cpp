@@ -1,8 +1,9 @@
+#include "support/WindowTestMain.h"
+#include "ui/ColorScheme.h"
 #include "ui/DimmedInk.h"
 
-#include "support/WindowTestMain.h"
-
 #include <cmath>
+#include <utility>
 
 using namespace harbex;
 
@@ -19,43 +20,53 @@ private Q_SLOTS:
         QVERIFY(std::abs(contrastOf(QColor(0x77, 0x77, 0x77), Qt::white) - 4.48) < 0.01);
     }
 
-    void dimmedTextIsReadableAndNotTakenForText_data()
+    void everyTextOfTheDarkPaletteIsReadable()
     {
-        QTest::addColumn<QColor>("ink");
-        QTest::addColumn<QColor>("ground");
-        const auto row = [](const char* name, const char* ink, const char* ground) {
-            QTest::newRow(name) << QColor(QLatin1String(ink)) << QColor(QLatin1String(ground));
+        const QPalette palette = ColorScheme::darkPalette();
+        const auto contrast = [&](QPalette::ColorRole text, QPalette::ColorRole ground,
+                                  QPalette::ColorGroup group = QPalette::Active) {
+            return contrastOf(palette.color(group, text), palette.color(ground));
         };
-        row("black on white", "#000000", "#ffffff");
-        row("white on black", "#ffffff", "#000000");
-        row("Breeze", "#232629", "#ffffff");
-        row("Breeze Dark", "#fcfcfc", "#1b1e20");
-        row("Adwaita", "#2e3436", "#ffffff");
-        row("Adwaita Dark", "#eeeeec", "#2d2d2d");
-        row("Fusion, dark", "#f2f2f2", "#2a2b2e");
-        row("Solarized Light", "#657b83", "#fdf6e3");
-        row("Solarized Dark", "#839496", "#002b36");
-        row("grey on grey", "#dddddd", "#666666");
+        QVERIFY(contrast(QPalette::WindowText, QPalette::Window) > 7);
+        QVERIFY(contrast(QPalette::Text, QPalette::Base) > 7);
+        QVERIFY(contrast(QPalette::Text, QPalette::AlternateBase) > 7);
+        QVERIFY(contrast(QPalette::ButtonText, QPalette::Button) > 7);
+        QVERIFY(contrast(QPalette::ToolTipText, QPalette::ToolTipBase) > 7);
+        QVERIFY(contrast(QPalette::HighlightedText, QPalette::Highlight) > 4.5);
+        QVERIFY(contrast(QPalette::PlaceholderText, QPalette::Base) > 4.5);
+        QVERIFY(contrast(QPalette::Link, QPalette::Base) > 4.5);
+        QVERIFY(contrast(QPalette::WindowText, QPalette::Window, QPalette::Disabled) > 3);
     }
 
     void dimmedTextIsReadableAndNotTakenForText()
     {
-        QFETCH(const QColor, ink);
-        QFETCH(const QColor, ground);
-        QPalette palette;
-        palette.setColor(QPalette::Text, ink);
-        palette.setColor(QPalette::Base, ground);
-        const qreal contrast = contrastOf(dimmedInk(palette, QPalette::Text, QPalette::Base), ground);
-        QVERIFY2(contrast >= 3, qPrintable(QString::number(contrast)));
-        QVERIFY2(contrast < contrastOf(ink, ground), qPrintable(QString::number(contrast)));
+        const std::pair<const char*, const char*> schemes[] = {
+            {"#000000", "#ffffff"}, // black on white
+            {"#ffffff", "#000000"}, // white on black
+            {"#232629", "#ffffff"}, // Breeze
+            {"#fcfcfc", "#1b1e20"}, // Breeze Dark
+            {"#2e3436", "#ffffff"}, // Adwaita
+            {"#eeeeec", "#2d2d2d"}, // Adwaita Dark
+            {"#f2f2f2", "#2a2b2e"}, // Fusion, dark
+            {"#657b83", "#fdf6e3"}, // Solarized Light
+            {"#839496", "#002b36"}, // Solarized Dark
+            {"#dddddd", "#666666"}, // grey on grey
+        };
+        for (const auto& [ink, ground] : schemes) {
+            const qreal contrast = contrastOf(dimmed(ink, ground), QColor(QLatin1String(ground)));
+            QVERIFY2(contrast >= 3, ink);
+            QVERIFY2(contrast < contrastOf(QColor(QLatin1String(ink)), QColor(QLatin1String(ground))), ink);
+        }
+        QCOMPARE(dimmed("#999999", "#ffffff"), QColor(0x99, 0x99, 0x99)); // faint already
     }
 
-    void textThatIsFaintAlreadyStaysAsItIs()
+private:
+    static QColor dimmed(const char* ink, const char* ground)
     {
         QPalette palette;
-        palette.setColor(QPalette::Text, QColor(0x99, 0x99, 0x99));
-        palette.setColor(QPalette::Base, Qt::white);
-        QCOMPARE(dimmedInk(palette, QPalette::Text, QPalette::Base), QColor(0x99, 0x99, 0x99));
+        palette.setColor(QPalette::Text, QColor(QLatin1String(ink)));
+        palette.setColor(QPalette::Base, QColor(QLatin1String(ground)));
+        return dimmedInk(palette, QPalette::Text, QPalette::Base);
     }
 };
 
