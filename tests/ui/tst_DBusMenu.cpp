@@ -81,64 +81,39 @@ private Q_SLOTS:
         m_menu.reset();
     }
 
-    void layout_data()
+    void layout()
     {
-        QTest::addColumn<int>("parentId");
-        QTest::addColumn<int>("depth");
-        QTest::addColumn<QStringList>("names");
-        QTest::addColumn<QString>("layout");
         // An entry has no other property: no shortcut, icon, check mark or state.
         const QString all =
             QStringLiteral("0 children-display=submenu (1 label=First) (2 type=separator) (3 label=Last)");
-        QTest::newRow("all") << 0 << -1 << allProperties << all;
-        QTest::newRow("depth 1") << 0 << 1 << allProperties << all;
-        QTest::newRow("depth 0") << 0 << 0 << allProperties << QStringLiteral("0 children-display=submenu");
-        QTest::newRow("one entry") << 3 << -1 << allProperties << QStringLiteral("3 label=Last");
-        QTest::newRow("some properties")
-            << 0 << -1 << QStringList({QStringLiteral("type"), QStringLiteral("enabled")})
-            << QStringLiteral("0 (1) (2 type=separator) (3)");
+        QCOMPARE(layoutText(0, -1, allProperties), all);
+        QCOMPARE(layoutText(0, 1, allProperties), all);
+        QCOMPARE(layoutText(0, 0, allProperties), QStringLiteral("0 children-display=submenu"));
+        QCOMPARE(layoutText(3, -1, allProperties), QStringLiteral("3 label=Last"));
+        QCOMPARE(layoutText(0, -1, {QStringLiteral("type"), QStringLiteral("enabled")}),
+                 QStringLiteral("0 (1) (2 type=separator) (3)"));
     }
 
-    void layout()
+    void properties()
     {
-        QFETCH(const int, parentId);
-        QFETCH(const int, depth);
-        QFETCH(const QStringList, names);
-        QTEST(layoutText(parentId, depth, names), "layout");
-    }
-
-    void groupProperties_data()
-    {
-        QTest::addColumn<QList<int>>("ids");
-        QTest::addColumn<QStringList>("names");
-        QTest::addColumn<QString>("entries");
-        QTest::newRow("no ids are all") << QList<int>() << allProperties
-                                        << QStringLiteral("0 children-display=submenu, 1 label=First, "
-                                                          "2 type=separator, 3 label=Last");
-        QTest::newRow("one property") << QList<int>({1, 2}) << QStringList(QStringLiteral("label"))
-                                      << QStringLiteral("1 label=First, 2");
-        QTest::newRow("unknown ids are left out")
-            << QList<int>({3, 99, -5}) << allProperties << QStringLiteral("3 label=Last");
+        const auto group = [this](const QList<int>& ids, const QStringList& names) {
+            const QDBusMessage answer = m_remote->call("GetGroupProperties", {idList(ids), names});
+            QStringList entries;
+            for (const auto& entry : qdbus_cast<QList<DBusMenuProperties>>(answer.arguments().value(0)))
+                entries += textOf(entry.id, entry.properties);
+            return entries.join(QStringLiteral(", "));
+        };
+        // No ids are all.
+        QCOMPARE(group({}, allProperties), QStringLiteral("0 children-display=submenu, 1 label=First, "
+                                                          "2 type=separator, 3 label=Last"));
+        QCOMPARE(group({1, 2}, {QStringLiteral("label")}), QStringLiteral("1 label=First, 2"));
+        QCOMPARE(group({3, 99, -5}, allProperties), QStringLiteral("3 label=Last"));
+        // Repeated ids are sent once.
         QList<int> many;
         for (int i = 0; i < 1'000'000; ++i)
             many.append(i % 2 + 1);
-        QTest::newRow("repeated ids are sent once")
-            << many << allProperties << QStringLiteral("1 label=First, 2 type=separator");
-    }
+        QCOMPARE(group(many, allProperties), QStringLiteral("1 label=First, 2 type=separator"));
 
-    void groupProperties()
-    {
-        QFETCH(const QList<int>, ids);
-        QFETCH(const QStringList, names);
-        const QDBusMessage answer = m_remote->call("GetGroupProperties", {idList(ids), names});
-        QStringList entries;
-        for (const auto& entry : qdbus_cast<QList<DBusMenuProperties>>(answer.arguments().value(0)))
-            entries += textOf(entry.id, entry.properties);
-        QTEST(entries.join(QStringLiteral(", ")), "entries");
-    }
-
-    void onePropertyIsGiven()
-    {
         const QDBusMessage answer = m_remote->call("GetProperty", {1, QStringLiteral("label")});
         QCOMPARE(answer.arguments().value(0).value<QDBusVariant>().variant(), QStringLiteral("First"));
     }
@@ -199,22 +174,14 @@ private Q_SLOTS:
         QTRY_COMPARE(m_first->count(), 1);
     }
 
-    void otherEventsTriggerNothing_data()
-    {
-        QTest::addColumn<int>("id");
-        QTest::addColumn<QString>("type");
-        for (const char* type : {"opened", "closed", "hovered", "x-vendor-something", "", "Clicked"})
-            QTest::newRow(type) << 1 << QString::fromLatin1(type);
-        QTest::newRow("a click on the separator") << 2 << QStringLiteral("clicked");
-        QTest::newRow("a click on the menu") << 0 << QStringLiteral("clicked");
-    }
-
     void otherEventsTriggerNothing()
     {
-        QFETCH(const int, id);
-        QFETCH(const QString, type);
-        QCOMPARE(send(id, type.toLatin1()).type(), QDBusMessage::ReplyMessage);
-        // A later click shows that the first event has been handled.
+        for (const char* type : {"opened", "closed", "hovered", "x-vendor-something", "", "Clicked"})
+            QCOMPARE(send(1, type).type(), QDBusMessage::ReplyMessage);
+        // The separator and the menu itself.
+        for (const int id : {2, 0})
+            QCOMPARE(send(id, "clicked").type(), QDBusMessage::ReplyMessage);
+        // A later click shows that the other events have been handled.
         QCOMPARE(send(3, "clicked").type(), QDBusMessage::ReplyMessage);
         QTRY_COMPARE(m_last->count(), 1);
         QCOMPARE(m_first->count(), 0);
