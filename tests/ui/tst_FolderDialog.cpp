@@ -108,15 +108,6 @@ private Q_SLOTS:
         QVERIFY(silence.holds());
     }
 
-    void aChosenFolderHasABookmark()
-    {
-        const auto url = FileUrl::fromPath(makeFolder("My Scans"));
-        const auto folder = ask(FolderDialogUser::chooser(url));
-        QVERIFY(folder);
-        QCOMPARE(folder->url, url);
-        QCOMPARE(folderOf(folder->bookmarkData), url);
-    }
-
     void aFolderWithoutABookmarkIsChosenAnyway()
     {
         const std::string path = makeFolder("Anyway");

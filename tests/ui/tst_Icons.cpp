@@ -1,3 +1,4 @@
+#include "support/Widgets.h"
 #include "support/WindowTestMain.h"
 #include "ui/Icons.h"
 
@@ -7,7 +8,11 @@
 #include <QPainter>
 #include <QPixmapCache>
 
+#include <algorithm>
+#include <array>
+
 using namespace harbex;
+using namespace harbex::test;
 
 namespace
 {
@@ -22,20 +27,12 @@ QImage drawn(const QIcon& icon, qreal scale = 1, QIcon::Mode mode = QIcon::Norma
 /// Returns the colour of the most opaque pixel.
 QColor inkOf(const QImage& image)
 {
-    QColor ink(Qt::transparent);
-    for (int y = 0; y < image.height(); ++y)
-        for (int x = 0; x < image.width(); ++x)
-            if (image.pixelColor(x, y).alpha() > ink.alpha()) ink = image.pixelColor(x, y);
-    return ink;
+    return std::ranges::max(pixelsOf(image), {}, [](const Pixel& each) { return each.color.alpha(); }).color;
 }
 
-int paintedPixels(const QImage& image)
+qsizetype paintedPixels(const QImage& image)
 {
-    int painted = 0;
-    for (int y = 0; y < image.height(); ++y)
-        for (int x = 0; x < image.width(); ++x)
-            if (image.pixelColor(x, y).alpha() > 127) ++painted;
-    return painted;
+    return std::ranges::count_if(pixelsOf(image), [](const Pixel& each) { return each.color.alpha() > 127; });
 }
 
 } // namespace
@@ -57,7 +54,7 @@ private Q_SLOTS:
         for (const Symbol symbol : allSymbols) {
             const QIcon icon = symbolIcon(symbol);
             QVERIFY(!icon.isNull());
-            const int painted = paintedPixels(drawn(icon));
+            const qsizetype painted = paintedPixels(drawn(icon));
             QVERIFY2(painted > 15 && painted < 150, qPrintable(QString::number(painted)));
             QCOMPARE(inkOf(drawn(icon)).rgb(), QApplication::palette().color(QPalette::WindowText).rgb());
             for (const Symbol other : allSymbols)
@@ -138,7 +135,7 @@ private Q_SLOTS:
             QVERIFY(paintedPixels(drawn(symbolIcon(Symbol::folder))) < 150);
         }
         addSymbol("list-remove");
-        for (const Symbol symbol : {Symbol::folder, Symbol::plus, Symbol::trash, Symbol::minusCircle}) {
+        for (const Symbol symbol : allSymbols) {
             const QImage image = drawn(symbolIcon(symbol));
             QCOMPARE(paintedPixels(image), 256);
             QCOMPARE(inkOf(image), QColor(Qt::magenta));
