@@ -1,7 +1,11 @@
 #pragma once
 
+#include "support/SessionBus.h"
+
 #include <QByteArray>
+#include <QDBusArgument>
 #include <QDBusConnection>
+#include <QDBusObjectPath>
 #include <QList>
 #include <QRect>
 #include <QString>
@@ -23,7 +27,11 @@ public:
     Accessible() = default;
 
     /// Returns the root of the accessibility tree. Its children are the running programs.
-    static Accessible desktop(const QDBusConnection& bus);
+    static Accessible desktop(const QDBusConnection& bus)
+    {
+        return {bus, QStringLiteral("org.a11y.atspi.Registry"),
+                QStringLiteral("/org/a11y/atspi/accessible/root")};
+    }
 
     explicit operator bool() const { return !m_service.isEmpty(); }
     friend bool operator==(const Accessible& a, const Accessible& b)
@@ -31,37 +39,119 @@ public:
         return a.m_service == b.m_service && a.m_path == b.m_path;
     }
 
-    [[nodiscard]] QByteArray name() const;
-    [[nodiscard]] QByteArray description() const;
+    [[nodiscard]] QByteArray name() const { return property("Name"); }
+
+    [[nodiscard]] QByteArray description() const { return property("Description"); }
+
     /// For example "push button", "combo box", "text", "list item", "menu item", "frame".
-    [[nodiscard]] QByteArray role() const;
-    [[nodiscard]] bool has(State state) const;
+    [[nodiscard]] QByteArray role() const
+    {
+        const QByteArray name = ask("Accessible", "GetRoleName").toString().toUtf8();
+        // GTK uses this name from Debian 13 on. Qt still uses the old one.
+        return name == "button" ? QByteArray("push button") : name;
+    }
+
+    [[nodiscard]] bool has(State state) const
+    {
+        const auto words = qdbus_cast<QList<uint>>(ask("Accessible", "GetState"));
+        const int bit = static_cast<int>(state);
+        return words.size() > bit / 32 && (words[bit / 32] >> (bit % 32) & 1U) != 0;
+    }
+
     /// Returns whether the control is visible and has the role and, if given, the name.
-    [[nodiscard]] bool isShown(const char* ofRole, const char* ofName = nullptr) const;
-    [[nodiscard]] QList<Accessible> children() const;
+    [[nodiscard]] bool isShown(const char* ofRole, const char* ofName = nullptr) const
+    {
+        return role() == ofRole && (!ofName || name() == ofName) && has(State::showing);
+    }
+
+    [[nodiscard]] QList<Accessible> children() const
+    {
+        QList<Accessible> children;
+        const QVariant answer = ask("Accessible", "GetChildren");
+        if (!answer.isValid()) return children;
+        const auto references = answer.value<QDBusArgument>();
+        references.beginArray();
+        while (!references.atEnd()) {
+            QString service;
+            QDBusObjectPath path;
+            references.beginStructure();
+            references >> service >> path;
+            references.endStructure();
+            children.append({m_bus, service, path.path()});
+        }
+        references.endArray();
+        return children;
+    }
+
     /// Returns the position and size on the screen.
-    [[nodiscard]] QRect extents() const;
+    [[nodiscard]] QRect extents() const
+    {
+        constexpr uint ofTheScreen = 0;
+        // The type of the reply is that of a QRect.
+        return qdbus_cast<QRect>(ask("Component", "GetExtents", {ofTheScreen}));
+    }
 
     /// Returns the first descendant, in tree order, for which the condition is true.
     using Condition = std::function<bool(const Accessible&)>;
-    [[nodiscard]] Accessible find(const Condition& condition) const;
+    [[nodiscard]] Accessible find(const Condition& condition) const
+    {
+        QList<Accessible> found;
+        collect(condition, true, found);
+        return found.value(0);
+    }
+
     /// Returns the visible descendants with this role and, if given, this name, or the first of them.
-    [[nodiscard]] QList<Accessible> all(const char* role, const char* name = nullptr) const;
-    [[nodiscard]] Accessible find(const char* role, const char* name = nullptr) const;
+    [[nodiscard]] QList<Accessible> all(const char* role, const char* name = nullptr) const
+    {
+        QList<Accessible> found;
+        collect([&](const Accessible& each) { return each.isShown(role, name); }, false, found);
+        return found;
+    }
+
+    [[nodiscard]] Accessible find(const char* role, const char* name = nullptr) const
+    {
+        return find([&](const Accessible& each) { return each.isShown(role, name); });
+    }
 
     /// Returns the text or the current choice.
-    [[nodiscard]] QByteArray text() const;
+    [[nodiscard]] QByteArray text() const { return ask("Text", "GetText", {0, -1}).toString().toUtf8(); }
+
     /// Replaces the text. Returns false if that fails.
-    [[nodiscard]] bool setText(const QString& text) const;
+    [[nodiscard]] bool setText(const QString& text) const
+    {
+        return ask("EditableText", "SetTextContents", {text}).toBool();
+    }
+
     /// Triggers the first action of the control: presses a button, opens a menu. Does not wait for the reply,
     /// because a button that opens a dialog may reply only after the dialog is closed. Returns false if the
     /// control does not exist.
-    [[nodiscard]] bool press() const;
+    [[nodiscard]] bool press() const
+    {
+        if (!*this) return false;
+        RemoteObject{m_bus, m_service, m_path, interfaceOf("Action")}.send("DoAction", {0});
+        return true;
+    }
+
     /// Sets the keyboard focus. Returns false if that fails.
-    [[nodiscard]] bool takeFocus() const;
+    [[nodiscard]] bool takeFocus() const { return ask("Component", "GrabFocus").toBool(); }
 
     /// Returns this control and all descendants, one per line, for test messages.
-    [[nodiscard]] QString outline(int depth = 0) const;
+    [[nodiscard]] QString outline(int depth = 0) const
+    {
+        const QRect place = extents();
+        QString lines =
+            QStringLiteral("%1%2 \"%3\" %4,%5 %6x%7%8\n")
+                .arg(QString(depth * 2, u' '), QString::fromUtf8(role()), QString::fromUtf8(name()))
+                .arg(place.x())
+                .arg(place.y())
+                .arg(place.width())
+                .arg(place.height())
+                .arg(has(State::showing) ? QString() : QStringLiteral(" (not shown)"));
+        const QList<Accessible> offspring = children();
+        for (const Accessible& child : offspring)
+            lines += child.outline(depth + 1);
+        return lines;
+    }
 
 private:
     Accessible(const QDBusConnection& bus, const QString& service, const QString& path)
@@ -69,11 +159,38 @@ private:
     {
     }
 
+    static QString interfaceOf(const char* name)
+    {
+        return QStringLiteral("org.a11y.atspi.") + QLatin1String(name);
+    }
     /// Calls a method of org.a11y.atspi.`interface` and returns the first value of the reply.
     [[nodiscard]] QVariant ask(const char* interface, const char* method,
-                               const QVariantList& arguments = {}) const;
-    [[nodiscard]] QByteArray property(const char* name) const;
-    void collect(const Condition& condition, bool isOneEnough, QList<Accessible>& found) const;
+                               const QVariantList& arguments = {}) const
+    {
+        if (!*this) return {};
+        const QDBusMessage answer =
+            RemoteObject{m_bus, m_service, m_path, interfaceOf(interface)}.call(method, arguments);
+        return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments().value(0) : QVariant();
+    }
+
+    [[nodiscard]] QByteArray property(const char* name) const
+    {
+        if (!*this) return {};
+        return RemoteObject{m_bus, m_service, m_path, interfaceOf("Accessible")}
+            .property(name)
+            .toString()
+            .toUtf8();
+    }
+
+    void collect(const Condition& condition, bool isOneEnough, QList<Accessible>& found) const
+    {
+        const QList<Accessible> offspring = children();
+        for (const Accessible& child : offspring) {
+            if (condition(child)) found.append(child);
+            if (isOneEnough && !found.isEmpty()) return;
+            child.collect(condition, isOneEnough, found);
+        }
+    }
 
     QDBusConnection m_bus{QString()};
     QString m_service;
