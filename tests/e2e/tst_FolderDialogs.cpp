@@ -1,8 +1,6 @@
 #include "e2e/HarbexRun.h"
 #include "support/TestMain.h"
 
-#include <QFile>
-
 using namespace harbex;
 using namespace harbex::test;
 

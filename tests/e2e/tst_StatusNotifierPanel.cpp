@@ -2,23 +2,13 @@
 #include "store/Bookmark.h"
 #include "support/TestMain.h"
 
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 
 using namespace harbex;
 using namespace harbex::test;
 
 namespace
 {
-
-void writeConfiguration(const QString& path, const QByteArray& content)
-{
-    QFile file(qEnvironmentVariable("XDG_CONFIG_HOME") + u'/' + path);
-    const bool isWritten = QDir().mkpath(QFileInfo(file).path()) && file.open(QIODevice::WriteOnly) &&
-                           file.write(content) == content.size();
-    if (!isWritten) qFatal("no configuration of the panel");
-}
 
 /// LXQt's panel, which contains only the status icons. On a left click the program opens its own menu. On a
 /// right click the panel draws the menu.
@@ -27,19 +17,19 @@ class LxqtPanel
 public:
     explicit LxqtPanel(DesktopSession& desktop) : m_desktop(desktop)
     {
-        writeConfiguration(QStringLiteral("lxqt/panel.conf"), "panels=panel1\n"
-                                                              "iconTheme=Adwaita\n"
-                                                              "[panel1]\n"
-                                                              "plugins=statusnotifier\n"
-                                                              "position=Bottom\n"
-                                                              "desktop=0\n"
-                                                              "panelSize=32\n"
-                                                              "iconSize=22\n"
-                                                              "width=100\n"
-                                                              "width-percent=true\n"
-                                                              "[statusnotifier]\n"
-                                                              "type=statusnotifier\n"
-                                                              "alignment=Right\n");
+        DesktopSession::configure("lxqt/panel.conf", "panels=panel1\n"
+                                                     "iconTheme=Adwaita\n"
+                                                     "[panel1]\n"
+                                                     "plugins=statusnotifier\n"
+                                                     "position=Bottom\n"
+                                                     "desktop=0\n"
+                                                     "panelSize=32\n"
+                                                     "iconSize=22\n"
+                                                     "width=100\n"
+                                                     "width-percent=true\n"
+                                                     "[statusnotifier]\n"
+                                                     "type=statusnotifier\n"
+                                                     "alignment=Right\n");
         m_desktop.start("lxqt-panel");
     }
 
@@ -60,8 +50,8 @@ private:
 /// Starts Xfce's panel, which draws the menu for both mouse buttons.
 QProcess& startXfcePanel(DesktopSession& desktop)
 {
-    writeConfiguration(QStringLiteral("xfce4/xfconf/xfce-perchannel-xml/xfce4-panel.xml"),
-                       R"(<?xml version="1.0" encoding="UTF-8"?>
+    DesktopSession::configure("xfce4/xfconf/xfce-perchannel-xml/xfce4-panel.xml",
+                              R"(<?xml version="1.0" encoding="UTF-8"?>
         <channel name="xfce4-panel" version="1.0">
           <property name="configver" type="int" value="2"/>
           <property name="panels" type="array">
@@ -113,26 +103,26 @@ private Q_SLOTS:
                  "a click on \"Add Folder\"");
         STEP("the folder dialog opens with the confirm text",
              harbex.dialog().find("push button", "Select Focus Folder"));
-        QVERIFY2(harbex.answerDialog(harbex.inbox()), "the folder dialog takes a path that is typed");
+        QVERIFY2(harbex.answerDialog(HarbexRun::inbox()), "the folder dialog takes a path that is typed");
         STEP("the folder is in the list and selected",
              harbex.control("list item", "Inbox").has(Accessible::State::selected));
         STEP("it has one rule", harbex.controls("combo box", "Field").size() == 1);
-        STEP("the folder is watched", harbex.watches(harbex.inbox()));
+        STEP("the folder is watched", harbex.watches(HarbexRun::inbox()));
 
         QVERIFY2(harbex.choose(harbex.control("combo box", "Field"), "Extension"),
                  "the field becomes Extension");
         QVERIFY2(harbex.choose(harbex.control("combo box", "Operator"), "is"), "the operator becomes \"is\"");
         QVERIFY2(harbex.control("push button", "Select destination...").press(), "the destination's button");
-        QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes the destination");
+        QVERIFY2(harbex.answerDialog(HarbexRun::sorted()), "the folder dialog takes the destination");
         STEP("the rule shows its destination",
              harbex.control("push button", "Select destination...").description() ==
-                 harbex.sorted().toUtf8());
+                 HarbexRun::sorted().toUtf8());
 
         const Accessible value = harbex.control("text", "Value");
         QVERIFY2(value.setText(QStringLiteral("pdf")), "the value can be written");
         QVERIFY2(harbex.drop("early.pdf") && harbex.drop("plain"), "two files arrive");
         STEP("before Return the rule is still the one without a value",
-             harbex.wasMoved("plain") && QFile::exists(harbex.inbox() + QStringLiteral("/early.pdf")));
+             harbex.wasMoved("plain") && QFile::exists(HarbexRun::inbox() + QStringLiteral("/early.pdf")));
         QVERIFY2(value.takeFocus(), "the value can be given the focus");
         STEP("the value has the focus", value.has(Accessible::State::focused));
         QVERIFY2(desktop.press("Return"), "Return");
@@ -147,10 +137,10 @@ private Q_SLOTS:
         QVERIFY2(harbex.choose(harbex.control("combo box", "Kind"), "Audio"), "its kind becomes Audio");
         QVERIFY2(harbex.controls("push button", "Select destination...").at(1).press(),
                  "its destination's button");
-        QVERIFY2(harbex.answerDialog(harbex.sorted()), "the folder dialog takes its destination");
+        QVERIFY2(harbex.answerDialog(HarbexRun::sorted()), "the folder dialog takes its destination");
         STEP("it shows its destination",
              harbex.controls("push button", "Select destination...").value(1).description() ==
-                 harbex.sorted().toUtf8());
+                 HarbexRun::sorted().toUtf8());
 
         QVERIFY2(harbex.closeWindow(), "the window closes after the edits");
         QVERIFY2(harbex.drop("song.mp3"), "a file arrives while the window is closed");
@@ -170,8 +160,8 @@ private Q_SLOTS:
         QCOMPARE(stored.folders.size(), 1U);
         const WatchedFolder& folder = stored.folders.front();
         QCOMPARE(stored.selectedFolderID, folder.id);
-        QCOMPARE(folder.url.path(), harbex.inbox().toStdString());
-        QCOMPARE(folder.bookmarkData, *createBookmark(harbex.inbox().toStdString()));
+        QCOMPARE(folder.url.path(), HarbexRun::inbox().toStdString());
+        QCOMPARE(folder.bookmarkData, *createBookmark(HarbexRun::inbox().toStdString()));
         QCOMPARE(folder.rules.size(), 2U);
         FilterRule first;
         first.id = folder.rules[0].id;
