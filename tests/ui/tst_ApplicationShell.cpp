@@ -130,7 +130,8 @@ private Q_SLOTS:
         // Without a selection, the first opening saves nothing. A save reads the file too.
         FolderStore().saveState({});
         const FileOpenings first(FolderStore().path());
-        const LaunchedShell launched(*m_bus);
+        SessionBus bus;
+        const LaunchedShell harbex(bus);
         QVERIFY(mainWindow()->isVisible());
         QCOMPARE(first.count(), 1);
         // Closing replaces the file.
