@@ -6,6 +6,7 @@
 #include <cstring>
 #include <linux/fs.h>
 #include <memory>
+#include <string>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -220,13 +221,30 @@ Outcome<void> expectSameContent(int source, int copy, uint64_t size, const std::
     return {};
 }
 
-Outcome<FileDescriptor> openSource(const DirEntry& source, const EntryStatus& seen)
+/// Opens the file for reading. Does not follow a symbolic link.
+Outcome<FileDescriptor> openToRead(const DirEntry& source)
 {
     // O_NONBLOCK: a pipe may have replaced the file, and opening a pipe waits for a writer.
-    FileDescriptor file(::openat(source.folder, source.name.c_str(),
-                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!file) return SystemError::last();
-    const Outcome<EntryStatus> opened = EntryStatus::ofOpen(file.get());
+    constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor file(::openat(source.folder, source.name.c_str(), flags | O_NOFOLLOW));
+    if (file) return file;
+    const SystemError error = SystemError::last();
+    if (error.code != ELOOP) return error;
+
+    // The document portal before version 1.18 fails with ELOOP for every file. It is not asked when the file
+    // is opened with O_PATH, and does not see O_NOFOLLOW when that descriptor is opened again.
+    const FileDescriptor place(::openat(source.folder, source.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!place) return SystemError::last();
+    FileDescriptor again(::open(("/proc/self/fd/" + std::to_string(place.get())).c_str(), flags));
+    if (!again) return SystemError::last();
+    return again;
+}
+
+Outcome<FileDescriptor> openSource(const DirEntry& source, const EntryStatus& seen)
+{
+    Outcome<FileDescriptor> file = openToRead(source);
+    if (!file) return file;
+    const Outcome<EntryStatus> opened = EntryStatus::ofOpen(file->get());
     if (!opened) return opened.error();
     if (!opened->isSameEntry(seen) || !opened->hasSameContent(seen)) return SystemError{EBUSY};
     return file;

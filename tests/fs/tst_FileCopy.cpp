@@ -105,6 +105,22 @@ private Q_SLOTS:
         QCOMPARE(move(interceptor), moved());
     }
 
+    // As in the document portal of Debian 12.
+    void aFileSystemThatTakesFilesForLinks()
+    {
+        writeFile(source, someBytes(300'000));
+        int refusals = 0;
+        const auto interceptor = [&](const InterceptedCall& call) {
+            const auto flags = call.name == "openat" ? call.arguments[2] : 0;
+            if ((flags & O_NOFOLLOW) == 0 || (flags & (O_PATH | O_DIRECTORY | O_CREAT)) != 0)
+                return Answer::proceed();
+            ++refusals;
+            return Answer::fail(ELOOP);
+        };
+        QCOMPARE(move(interceptor), moved());
+        QCOMPARE(refusals, 1);
+    }
+
     void shortReadsAndWrites()
     {
         for (const std::string name : {"pread64", "pwrite64"}) {
