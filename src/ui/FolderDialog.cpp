@@ -4,13 +4,20 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QEventLoop>
 #include <QFile>
 #include <QFileDialog>
+#include <QFutureWatcher>
 #include <QPointer>
+#include <QPromise>
 #include <QTimer>
 #include <QUrl>
 
+#include <string>
 #include <sys/stat.h>
+#include <system_error>
+#include <thread>
+#include <utility>
 
 namespace harbex
 {
@@ -25,6 +32,18 @@ std::optional<QString> startPath(const std::optional<FileUrl>& folder)
     const QString path = QFile::decodeName(QByteArray::fromStdString(folder->path()));
     // A path that is not UTF-8 has no text.
     return QFile::encodeName(path).toStdString() == folder->path() ? std::optional(path) : std::nullopt;
+}
+
+/// Returns the folder at this path, if there is one. Waits for the disk or the server.
+std::optional<ChosenFolder> folderAt(const std::string& path)
+{
+    // A dialog that passes the path as text has lost bytes that are not UTF-8. The rest usually names no
+    // folder.
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
+    // The bookmark is optional: without it the folder works until it is renamed.
+    const auto bookmark = createBookmark(path);
+    return ChosenFolder{FileUrl::fromPath(path), bookmark ? std::optional(*bookmark) : std::nullopt};
 }
 
 } // namespace
@@ -58,22 +77,33 @@ std::optional<ChosenFolder> askForFolder(const QWidget& asker, const std::option
     // because a native dialog closes only when the main loop runs.
     QTimer::singleShot(0, window, [window] { window->activateWindow(); });
 
-    const auto url = answers.isEmpty() ? std::nullopt : folderOfAnswer(answers.first());
-    if (!url) return std::nullopt;
-    chosenLast = url;
-    // The bookmark is optional: without it the folder works until it is renamed.
-    const auto bookmark = createBookmark(url->path());
-    return ChosenFolder{*url, bookmark ? std::optional(*bookmark) : std::nullopt};
+    auto folder = answers.isEmpty() ? std::nullopt : folderOfAnswer(answers.first());
+    if (folder) chosenLast = folder->url;
+    return folder;
 }
 
-std::optional<FileUrl> folderOfAnswer(const QUrl& answer)
+std::optional<ChosenFolder> folderOfAnswer(const QUrl& answer)
 {
     const auto url = FileUrl::fromString(QString::fromLatin1(answer.toEncoded()));
-    // A dialog that passes the path as text has lost bytes that are not UTF-8. The rest usually names no
-    // folder.
-    struct stat status = {};
-    if (!url || ::stat(url->path().c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
-    return FileUrl::fromPath(url->path());
+    if (!url) return std::nullopt;
+
+    QPromise<std::optional<ChosenFolder>> promise;
+    QFutureWatcher<std::optional<ChosenFolder>> watcher;
+    QEventLoop loop;
+    QObject::connect(&watcher, &QFutureWatcherBase::finished, &loop, &QEventLoop::quit);
+    watcher.setFuture(promise.future());
+    promise.start();
+    try {
+        // Detached, because nothing can end a thread that waits for a server.
+        std::thread([promise = std::move(promise), path = url->path()]() mutable {
+            promise.addResult(folderAt(path));
+            promise.finish();
+        }).detach();
+    } catch (const std::system_error&) {
+        return std::nullopt; // The system has no thread left.
+    }
+    loop.exec();
+    return watcher.isFinished() ? watcher.result() : std::nullopt;
 }
 
 } // namespace harbex

@@ -31,7 +31,8 @@ struct ChosenFolder {
                                                        const std::optional<FileUrl>& present = {});
 
 /// Returns the folder that a dialog's URL names, with the exact bytes of its path. Returns nullopt if no
-/// folder exists there. May block on a disk or server.
-[[nodiscard]] std::optional<FileUrl> folderOfAnswer(const QUrl& answer);
+/// folder exists there. Another thread looks at the folder, since a server may not answer. Meanwhile this
+/// function runs the main loop. It returns nullopt if the main loop ends first. Main thread only.
+[[nodiscard]] std::optional<ChosenFolder> folderOfAnswer(const QUrl& answer);
 
 } // namespace harbex

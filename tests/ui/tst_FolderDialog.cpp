@@ -10,6 +10,7 @@
 #include <QFileDialog>
 #include <QPushButton>
 #include <QScopeGuard>
+#include <QTimer>
 #include <QUrl>
 
 #include <cerrno>
@@ -191,12 +192,16 @@ private Q_SLOTS:
         const std::string path = makeFolder("a%b c");
         const std::string link = QDir::homePath().toStdString() + "/link";
         QVERIFY(::symlink("a%b c", link.c_str()) == 0);
-        QCOMPARE(folderOfAnswer(urlOfBytes(path)), FileUrl::fromPath(path));
-        QCOMPARE(folderOfAnswer(QUrl::fromLocalFile(QString::fromStdString(path))), FileUrl::fromPath(path));
-        QCOMPARE(folderOfAnswer(urlOfBytes(path + '/')), FileUrl::fromPath(path));
+        const auto pathOf = [](const QUrl& answer) {
+            const auto folder = folderOfAnswer(answer);
+            return folder ? folder->url.path() : std::string();
+        };
+        QCOMPARE(pathOf(urlOfBytes(path)), path);
+        QCOMPARE(pathOf(QUrl::fromLocalFile(QString::fromStdString(path))), path);
+        QCOMPARE(pathOf(urlOfBytes(path + '/')), path);
         // A link to a folder is not resolved.
-        QCOMPARE(folderOfAnswer(urlOfBytes(link)), FileUrl::fromPath(link));
-        QCOMPARE(folderOfAnswer(urlOfBytes("/")), FileUrl::fromPath("/"));
+        QCOMPARE(pathOf(urlOfBytes(link)), link);
+        QCOMPARE(pathOf(urlOfBytes("/")), std::string("/"));
 
         QFile file(QDir::homePath() + QStringLiteral("/file"));
         QVERIFY(file.open(QIODevice::WriteOnly));
@@ -206,12 +211,43 @@ private Q_SLOTS:
         QVERIFY(!folderOfAnswer(QUrl()));
     }
 
+    void theMainLoopRunsWhileAServerIsSilent()
+    {
+        if (const QString reason = FuseMount::reasonAgainst(); !reason.isEmpty()) QSKIP(qPrintable(reason));
+        const std::string remote = makeFolder("silent");
+        const FuseMount server(makeFolder("served"), remote);
+        FuseMount::Silence silence(server);
+        bool wasSilent = false;
+        QTimer::singleShot(0, qApp, [&] {
+            wasSilent = silence.holds();
+            silence.end();
+        });
+        const auto folder = folderOfAnswer(urlOfBytes(remote));
+        QVERIFY(wasSilent);
+        QVERIFY(folder);
+        QCOMPARE(folderOf(folder->bookmarkData), FileUrl::fromPath(remote));
+    }
+
+    void anEndOfTheMainLoopEndsTheWaitForAServer()
+    {
+        if (const QString reason = FuseMount::reasonAgainst(); !reason.isEmpty()) QSKIP(qPrintable(reason));
+        const std::string remote = makeFolder("silent until the end");
+        const FuseMount server(makeFolder("served until the end"), remote);
+        const FuseMount::Silence silence(server);
+        bool isChosen = true;
+        QTimer::singleShot(0, qApp, [&] { isChosen = folderOfAnswer(urlOfBytes(remote)).has_value(); });
+        QTimer::singleShot(0, qApp, [] { QCoreApplication::exit(); });
+        QCoreApplication::exec();
+        QVERIFY(silence.holds());
+        QVERIFY(!isChosen);
+    }
+
     void bytesThatAreNotUtf8AreKept()
     {
         const std::string path = makeFolder("caf\xe9");
-        const auto url = folderOfAnswer(urlOfBytes(path));
-        QVERIFY(url);
-        QCOMPARE(url->path(), path);
+        const auto folder = folderOfAnswer(urlOfBytes(path));
+        QVERIFY(folder);
+        QCOMPARE(folder->url.path(), path);
         // A dialog that works with text has lost the bytes.
         QVERIFY(!folderOfAnswer(QUrl::fromLocalFile(QString::fromUtf8(path.c_str()))));
         // QTemporaryDir cannot remove such a name.
