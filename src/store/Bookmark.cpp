@@ -1,5 +1,7 @@
 #include "store/Bookmark.h"
 
+#include "store/Document.h"
+
 #include <QCryptographicHash>
 #include <QDataStream>
 #include <QIODevice>
@@ -16,6 +18,8 @@ namespace
 struct Bookmark {
     std::string path;
     FolderIdentity folder;
+    /// Where the folder is outside of the sandbox. Empty without a sandbox.
+    std::string hostPath;
 };
 
 /// The first bytes of every bookmark. Another layout needs another number.
@@ -35,6 +39,7 @@ QByteArray encode(const Bookmark& bookmark)
     const FolderIdentity& folder = bookmark.folder;
     stream << QByteArray::fromStdString(bookmark.path) << folder.inode << folder.birthSeconds
            << folder.birthNanoseconds << folder.handleType << folder.handle;
+    if (!bookmark.hostPath.empty()) stream << QByteArray::fromStdString(bookmark.hostPath);
     return bytes + checksum(bytes);
 }
 
@@ -50,9 +55,11 @@ std::optional<Bookmark> decode(const QByteArray& bytes)
     FolderIdentity folder;
     stream >> path >> folder.inode >> folder.birthSeconds >> folder.birthNanoseconds >> folder.handleType >>
         folder.handle;
+    QByteArray hostPath;
+    if (!stream.atEnd()) stream >> hostPath;
     const bool isWhole = stream.status() == QDataStream::Ok && stream.atEnd();
     if (!isWhole || !path.startsWith('/') || path.contains('\0')) return std::nullopt;
-    return Bookmark{path.toStdString(), folder};
+    return Bookmark{path.toStdString(), folder, hostPath.toStdString()};
 }
 
 } // namespace
@@ -63,7 +70,7 @@ Outcome<QByteArray> createBookmark(const std::string& path)
     const std::string folderPath = FileUrl::fromPath(path).path();
     const auto folder = identityOfFolder(folderPath);
     if (!folder) return folder.error();
-    return encode({folderPath, *folder});
+    return encode({folderPath, *folder, hostPathOf(folderPath).value_or(std::string())});
 }
 
 std::map<QByteArray, FileUrl> resolveBookmarks(const std::vector<QByteArray>& bookmarks,
@@ -84,6 +91,13 @@ std::map<QByteArray, FileUrl> resolveBookmarks(const std::vector<QByteArray>& bo
     for (const auto& [bookmark, folder] : lost)
         if (folder.foundAt) urls.insert({bookmark, FileUrl::fromPath(*folder.foundAt)});
     return urls;
+}
+
+std::optional<FileUrl> hostUrl(const FileUrl& url, const QByteArray& bookmark)
+{
+    const auto stored = decode(bookmark);
+    if (!stored || stored->hostPath.empty() || stored->path != url.path()) return std::nullopt;
+    return FileUrl::fromPath(stored->hostPath);
 }
 
 bool isLocalFolder(const std::string& path)

@@ -15,8 +15,9 @@ namespace harbex
 {
 
 /// Returns a bookmark that finds a folder again after a rename or move: its path and its identity on the file
-/// system. `path` is absolute; a symbolic link to a folder is followed. Paths and names are raw bytes. Fails
-/// with the error of the system call if `path` is no folder. Thread-safe.
+/// system. `path` is absolute; a symbolic link to a folder is followed. Paths and names are raw bytes. In a
+/// sandbox it also keeps the real path of the folder. Fails with the error of the system call if `path` is no
+/// folder. Waits for the disk or the server. Thread-safe.
 [[nodiscard]] Outcome<QByteArray> createBookmark(const std::string& path);
 
 /// Returns the current URLs of bookmarked folders by their bookmarks. A folder is found at its original path,
@@ -30,6 +31,11 @@ namespace harbex
 [[nodiscard]] std::map<QByteArray, FileUrl> resolveBookmarks(const std::vector<QByteArray>& bookmarks,
                                                              const MountTable& mounts,
                                                              const SearchBounds& bounds = {});
+
+/// Returns the real URL, outside of the sandbox, of the folder that a sandboxed program reaches at `url`.
+/// Returns nullopt if `bookmark` does not tell it, or is the bookmark of another path. For showing only: a
+/// sandboxed program cannot access it. Accesses no file. Thread-safe.
+[[nodiscard]] std::optional<FileUrl> hostUrl(const FileUrl& url, const QByteArray& bookmark);
 
 /// Returns whether the path leads to a folder that no server holds. No system call touches a remote volume.
 /// Thread-safe.

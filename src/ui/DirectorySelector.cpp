@@ -101,16 +101,17 @@ void DirectorySelector::followFont()
                              margins.right());
 }
 
-void DirectorySelector::showUrl(const std::optional<FileUrl>& url)
+void DirectorySelector::showUrl(const std::optional<FileUrl>& url, const std::optional<QByteArray>& bookmark)
 {
     m_url = url;
-    if (url)
-        m_label->showPath(folderLabel(*url));
+    const auto shown = url ? std::optional(shownUrl(*url, bookmark)) : std::nullopt;
+    if (shown)
+        m_label->showPath(folderLabel(*shown));
     else
         m_label->showPrompt(tr("Select destination..."));
-    m_label->setToolTip(url ? pathToolTip(*url) : QString());
+    m_label->setToolTip(shown ? pathToolTip(*shown) : QString());
     m_button->setToolTip(m_label->toolTip());
-    m_button->setAccessibleDescription(url ? fullPath(*url) : QString());
+    m_button->setAccessibleDescription(shown ? fullPath(*shown) : QString());
 }
 
 QString DirectorySelector::text() const

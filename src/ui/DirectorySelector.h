@@ -24,8 +24,8 @@ class DirectorySelector : public QWidget
 public:
     explicit DirectorySelector(QWidget* parent = nullptr);
 
-    /// Shows a folder, or the prompt if there is none. Emits nothing.
-    void showUrl(const std::optional<FileUrl>& url);
+    /// Shows a folder with this bookmark, or the prompt if there is none. Emits nothing.
+    void showUrl(const std::optional<FileUrl>& url, const std::optional<QByteArray>& bookmark = {});
 
     /// Returns the label without elision.
     [[nodiscard]] QString text() const;

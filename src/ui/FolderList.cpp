@@ -161,7 +161,8 @@ void FolderList::showFolders()
         insertItem(row, added);
     }
     for (int row = 0; row < after; ++row) {
-        const FileUrl& url = folders[static_cast<std::size_t>(row)].url;
+        const WatchedFolder& folder = folders[static_cast<std::size_t>(row)];
+        const FileUrl url = shownUrl(folder.url, folder.bookmarkData);
         item(row)->setText(readableName(url.lastPathComponent()));
         item(row)->setToolTip(pathToolTip(url));
         item(row)->setData(Qt::AccessibleDescriptionRole, fullPath(url));

@@ -1,6 +1,8 @@
 #include "ui/PathText.h"
 
 #include "base/ReadableText.h"
+#include "store/Bookmark.h"
+#include "store/Document.h"
 
 #include <QDir>
 #include <QTextBoundaryFinder>
@@ -24,11 +26,16 @@ bool hasMoreCharactersThan(int limit, const QString& text)
 
 QString pathOf(const FileUrl& url)
 {
-    const std::string& bytes = url.path();
+    const std::string bytes = pathInDocument(url.path()).value_or(url.path());
     return QString::fromUtf8(bytes.data(), static_cast<qsizetype>(bytes.size()));
 }
 
 } // namespace
+
+FileUrl shownUrl(const FileUrl& url, const std::optional<QByteArray>& bookmark)
+{
+    return bookmark ? hostUrl(url, *bookmark).value_or(url) : url;
+}
 
 QString folderLabel(const FileUrl& url)
 {

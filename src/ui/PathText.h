@@ -2,13 +2,21 @@
 
 #include "model/FileUrl.h"
 
+#include <QByteArray>
 #include <QString>
+
+#include <optional>
 
 namespace harbex
 {
 
+/// Returns the URL by which the user knows the folder at `url`: in a sandbox its real one, if the bookmark
+/// has it. Accesses no file.
+[[nodiscard]] FileUrl shownUrl(const FileUrl& url, const std::optional<QByteArray>& bookmark);
+
 /// Returns the label of a folder: its path, with each occurrence of the home path replaced by "~". A path of
-/// more than 40 characters (grapheme clusters) gives only its last component. Escaped by readableText().
+/// more than 40 characters (grapheme clusters) gives only its last component. A folder that the portal of the
+/// desktop hands to a sandboxed program begins with its own name. Escaped by readableText().
 [[nodiscard]] QString folderLabel(const FileUrl& url);
 
 /// Returns the whole path. Escaped by readableText().

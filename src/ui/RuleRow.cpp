@@ -189,7 +189,7 @@ void RuleRow::showRule(const FilterRule& rule)
     m_operator->setVisible(!isOfKind);
     m_value->setVisible(!isOfKind);
     m_kind->setVisible(isOfKind);
-    m_destination->showUrl(rule.destination);
+    m_destination->showUrl(rule.destination, rule.destinationBookmarkData);
 }
 
 QList<QWidget*> RuleRow::controls() const

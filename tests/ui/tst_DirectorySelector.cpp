@@ -1,3 +1,4 @@
+#include "support/DocumentFolder.h"
 #include "support/FolderDialogUser.h"
 #include "support/Widgets.h"
 #include "support/WindowTestMain.h"
@@ -133,6 +134,32 @@ private Q_SLOTS:
         QFETCH(const QByteArray, home);
         qputenv("HOME", home);
         QTEST(folderLabel(*FileUrl::fromString(QString::fromUtf8(url))), "label");
+    }
+
+    void aFolderOfThePortalIsShownWithItsRealPath_data()
+    {
+        QTest::addColumn<QByteArray>("hostPath");
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<QString>("path");
+        QTest::newRow("in the home") << QByteArray("/Users/a/Scans") << QStringLiteral("~/Scans")
+                                     << QStringLiteral("/Users/a/Scans");
+        QTest::newRow("elsewhere") << QByteArray("/srv/Scans") << QStringLiteral("/srv/Scans")
+                                   << QStringLiteral("/srv/Scans");
+        QTest::newRow("unknown") << QByteArray() << QStringLiteral("Scans") << QStringLiteral("Scans");
+    }
+
+    void aFolderOfThePortalIsShownWithItsRealPath()
+    {
+        QFETCH(const QByteArray, hostPath);
+        QFETCH(const QString, label);
+        QFETCH(const QString, path);
+        const DocumentFolder document(hostPath.toStdString());
+        if (!document.isPossible()) QSKIP("the file system keeps no attributes");
+        DirectorySelector selector;
+        selector.showUrl(document.url(), document.bookmark());
+        QCOMPARE(selector.text(), label);
+        QVERIFY(selector.button()->toolTip().contains(QLatin1Char('>') + path + QLatin1Char('<')));
+        QCOMPARE(selector.button()->accessibleDescription(), path);
     }
 
     // What is shown.

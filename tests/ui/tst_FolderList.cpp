@@ -1,4 +1,5 @@
 #include "support/ContentStateFixture.h"
+#include "support/DocumentFolder.h"
 #include "support/Widgets.h"
 #include "support/WindowTestMain.h"
 #include "ui/FolderList.h"
@@ -121,6 +122,18 @@ private Q_SLOTS:
     }
 
     // Rows.
+    void aFolderOfThePortalIsShownWithItsRealPath()
+    {
+        const DocumentFolder document("/srv/My Scans");
+        if (!document.isPossible()) QSKIP("the file system keeps no attributes");
+        const WatchedFolder folder{.url = document.url(), .bookmarkData = document.bookmark(), .rules = {}};
+        const ListFixture fixture({folder});
+        const QListWidgetItem* row = fixture.list->item(0);
+        QCOMPARE(row->text(), QStringLiteral("My Scans"));
+        QVERIFY(row->toolTip().contains(QStringLiteral(">/srv/My Scans<")));
+        QCOMPARE(row->data(Qt::AccessibleDescriptionRole).toString(), QStringLiteral("/srv/My Scans"));
+    }
+
     void aRowShowsTheReadableNameOfTheFolderAndTellsItsPath()
     {
         const ListFixture fixture({folderAt("file:///Users/someone/Downloads"),

@@ -1,4 +1,5 @@
 #include "support/ContentStateFixture.h"
+#include "support/DocumentFolder.h"
 #include "support/FolderDialogUser.h"
 #include "support/Widgets.h"
 #include "support/WindowTestMain.h"
@@ -336,6 +337,18 @@ private Q_SLOTS:
         QCOMPARE(fixture.value()->text(), QStringLiteral("receipt"));
         QCOMPARE(fixture.rule(0), before);
         QCOMPARE(fixture.restarts(), 0);
+    }
+
+    void aDestinationOfThePortalIsShownWithItsRealPath()
+    {
+        const DocumentFolder document("/srv/Scans");
+        if (!document.isPossible()) QSKIP("the file system keeps no attributes");
+        RowFixture fixture;
+        FilterRule rule = fixture.rule(0);
+        rule.destination = document.url();
+        rule.destinationBookmarkData = document.bookmark();
+        fixture.row->showRule(rule);
+        QCOMPARE(fixture.row->findChild<DirectorySelector*>()->text(), QStringLiteral("/srv/Scans"));
     }
 
     void showingAnUnchangedValueKeepsCursorAndSelection()
