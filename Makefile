@@ -1,7 +1,7 @@
 # Commands for everyday work. Each one installs missing Debian packages first.
 
-.PHONY: build run test check stress mutants clients desktops bench format translations screenshots package install \
-	clean
+.PHONY: build run test check stress mutants clients desktops flatpak-test bench format translations screenshots package \
+	install clean
 
 build: # build/release/harbex
 	@scripts/build
@@ -26,6 +26,9 @@ clients: # tests with real browsers and download programs; takes some minutes
 
 desktops: # tests on Plasma and GNOME of Debian 12 and 13; needs root, and installs them in systems of their own
 	@scripts/desktops
+
+flatpak-test: # tests in the Flatpak sandbox, on Debian 12 and 13; needs root, and installs it in systems of their own
+	@scripts/flatpak-test
 
 bench: # benchmarks beside a baseline; do not use the machine meanwhile
 	@scripts/bench

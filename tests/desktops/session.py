@@ -119,6 +119,13 @@ class Accessible:
     def name(self):
         return self._bus.get(self._service, self._path, "org.a11y.atspi.Accessible.Name")
 
+    def description(self):
+        return self._bus.get(self._service, self._path, "org.a11y.atspi.Accessible.Description")
+
+    def text(self):
+        """Returns the content of a text field."""
+        return self._ask("Text.GetText", "(ii)", 0, -1) or ""
+
     def role(self):
         role = self._ask("Accessible.GetRoleName")
         return "push button" if role == "button" else role  # renamed after Debian 12
