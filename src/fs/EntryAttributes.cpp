@@ -79,7 +79,8 @@ Outcome<void> copyAttribute(int source, int target, const std::string& name)
     return {};
 }
 
-/// Returns an empty list where the file system does not support attributes.
+/// Returns the names of the attributes that belong to the entry. Returns none where the file system does not
+/// support attributes.
 Outcome<std::vector<std::string>> attributeNamesOf(int fd)
 {
     const Outcome<std::string> list =
@@ -87,8 +88,12 @@ Outcome<std::vector<std::string>> attributeNamesOf(int fd)
     std::vector<std::string> names;
     if (!list && isUnsupported(list.error().code)) return names;
     if (!list) return list.error();
-    for (size_t at = 0; at < list->size(); at += names.back().size() + 1)
-        names.emplace_back(list->c_str() + at);
+    for (size_t at = 0; at < list->size();) {
+        const std::string name = list->c_str() + at;
+        at += name.size() + 1;
+        // The document portal adds these to every entry. It refuses to set or remove them.
+        if (!name.starts_with("user.document-portal.")) names.push_back(name);
+    }
     return names;
 }
 

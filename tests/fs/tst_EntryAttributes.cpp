@@ -227,6 +227,28 @@ private Q_SLOTS:
         }
     }
 
+    // A simulated document portal: every file has its attribute, and nobody may change it.
+    void theAttributeOfThePortalIsNotCopied()
+    {
+        writeFile(source, "content");
+        const std::string name = "user.document-portal.host-path";
+        bool isTouched = false;
+        const auto interceptor = [&](const InterceptedCall& call) {
+            // Leads to a comparison with the copy, whose attributes then are replaced.
+            if (isSync(call) && !isTouched) isTouched = ::chmod(source.c_str(), 0600) == 0;
+            if (call.name == "flistxattr") {
+                if (call.arguments[2] != 0) call.writeMemory(call.arguments[1], name + '\0');
+                return Answer::give(int64_t(name.size() + 1));
+            }
+            if (call.name == "fgetxattr") return Answer::give(0);
+            const bool isChange = call.name == "fsetxattr" || call.name == "fremovexattr";
+            return isChange && call.text(1) == name ? Answer::fail(EPERM) : crossing(call);
+        };
+        QCOMPARE(moveIntercepted(source, target, interceptor).error, 0);
+        QVERIFY(isTouched);
+        QVERIFY(!exists(source));
+    }
+
     void anAttributeIsRemovedDuringTheCopy()
     {
         writeFile(source, "content");
