@@ -42,12 +42,14 @@ int main(int argc, char** argv)
     QApplication::setDesktopFileName(QStringLiteral("org.harbex.Harbex"));
     QApplication::setQuitOnLastWindowClosed(false);
 
-    const QDBusConnection bus = QDBusConnection::sessionBus();
+    const QDBusConnection bus =
+        QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("harbex"));
     harbex::ApplicationService service(bus);
     switch (service.start(activationToken)) {
     case harbex::ApplicationService::Start::first:
         break;
     case harbex::ApplicationService::Start::handedOver:
+    case harbex::ApplicationService::Start::onlyToQuit:
         return EXIT_SUCCESS;
     case harbex::ApplicationService::Start::refused:
         std::fputs("Harbex runs already, but does not answer.\n", stderr);
@@ -59,7 +61,7 @@ int main(int argc, char** argv)
     const harbex::TerminationSignals signals;
     QObject::connect(&signals, &harbex::TerminationSignals::received, &shell,
                      &harbex::ApplicationShell::quit);
-    shell.applicationDidFinishLaunching();
+    shell.applicationDidFinishLaunching(service.activationToken());
     const int status = QApplication::exec();
 
     // The destructors wait for running moves, which stop at once. A move that hangs in a file system must not

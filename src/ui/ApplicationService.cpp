@@ -2,6 +2,7 @@
 
 #include "ui/ActivationToken.h"
 
+#include <QCoreApplication>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusReply>
@@ -48,19 +49,19 @@ bool mayHaveEnded(const QDBusMessage& answer)
 ApplicationService::ApplicationService(const QDBusConnection& bus, QObject* parent)
     : QObject(parent), m_bus(bus)
 {
-    new QuitInterface(*this);
 }
 
 ApplicationService::Start ApplicationService::start(const QString& activationToken)
 {
     // Register first, so that the object exists as soon as the name does.
-    m_bus.registerObject(objectPath, this,
-                         QDBusConnection::ExportScriptableInvokables | QDBusConnection::ExportAdaptors);
+    m_bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableInvokables);
+    // Its interface is called like the name.
+    m_bus.connect(QString(), objectPath, busName, QStringLiteral("Quit"), this, SIGNAL(quitRequested()));
 
     QDBusMessage answer;
     const QDeadlineTimer deadline(replyTimeoutMilliseconds);
     do {
-        if (claimName()) return Start::first;
+        if (claimName()) return serveFirstCalls();
         answer = m_bus.call(activateCall(activationToken), QDBus::Block, int(deadline.remainingTime()));
         if (answer.type() == QDBusMessage::ReplyMessage) return Start::handedOver;
     } while (mayHaveEnded(answer) && !deadline.hasExpired());
@@ -74,6 +75,21 @@ bool ApplicationService::claimName()
                                                           QDBusConnectionInterface::DontAllowReplacement);
     // A bus that refuses names, for example in a sandbox, counts as no bus.
     return !reply.isValid() || reply.value() == QDBusConnectionInterface::ServiceRegistered;
+}
+
+ApplicationService::Start ApplicationService::serveFirstCalls()
+{
+    // If the bus has started this process, the calls for the name have arrived before the name. The last one
+    // counts.
+    Start result = Start::first;
+    QObject receiver;
+    connect(this, &ApplicationService::openRequested, &receiver, [&](const QString& token) {
+        result = Start::first;
+        m_activationToken = token;
+    });
+    connect(this, &ApplicationService::quitRequested, &receiver, [&] { result = Start::onlyToQuit; });
+    QCoreApplication::sendPostedEvents(this);
+    return result;
 }
 
 void ApplicationService::Activate(const QVariantMap& platformData)

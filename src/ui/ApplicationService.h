@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QDBusAbstractAdaptor>
 #include <QDBusConnection>
 #include <QObject>
 #include <QString>
@@ -12,9 +11,9 @@ namespace harbex
 {
 
 /// Makes the program the only instance in the session: it owns the name org.harbex.Harbex on the session bus.
-/// Serves org.freedesktop.Application there, and org.harbex.Harbex through a QuitInterface. A second start,
-/// the desktop's menu and scripts use them to open the window of the running instance or to quit. Main thread
-/// only.
+/// Serves org.freedesktop.Application there. A second start and the desktop's menu use it to open the window
+/// of the running instance or to quit; if no instance runs, the bus starts one. The signal
+/// org.harbex.Harbex.Quit of any program quits too, and starts none. Main thread only.
 class ApplicationService : public QObject
 {
     Q_OBJECT
@@ -26,14 +25,20 @@ public:
         handedOver, ///< Another instance runs and has opened its window. Exit.
         refused,    ///< Another instance runs but has not opened its window. Exit: two would move the same
                     ///< files.
+        onlyToQuit, ///< The bus has started this process only for a call that quits it. Exit.
     };
 
+    /// The bus must not be QDBusConnection::sessionBus(), which holds calls back until the main loop runs.
     explicit ApplicationService(const QDBusConnection& bus, QObject* parent = nullptr);
 
     /// Claims the bus name. If another instance owns it, asks that instance to open its window, with the
     /// activation token of this start if there is one, and waits up to 5 seconds for the reply. Later calls
     /// from the bus are served by the main loop.
     [[nodiscard]] Start start(const QString& activationToken);
+
+    /// Returns the activation token of the call for which the bus has started this process. Empty if there is
+    /// none. Call after start().
+    [[nodiscard]] const QString& activationToken() const { return m_activationToken; }
 
     // D-Bus methods. Open() ignores its URIs; unknown actions do nothing.
     Q_SCRIPTABLE void Activate(const QVariantMap& platformData);
@@ -48,27 +53,10 @@ Q_SIGNALS:
 
 private:
     [[nodiscard]] bool claimName();
+    [[nodiscard]] Start serveFirstCalls();
 
     QDBusConnection m_bus;
-};
-
-/// The interface org.harbex.Harbex of a service. dbus-send, which every session bus comes with, cannot pass
-/// the arguments of ActivateAction().
-class QuitInterface : public QDBusAbstractAdaptor
-{
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "org.harbex.Harbex")
-
-public:
-    explicit QuitInterface(ApplicationService& service) : QDBusAbstractAdaptor(&service), m_service(service)
-    {
-    }
-
-public Q_SLOTS:
-    void Quit() { Q_EMIT m_service.quitRequested(); }
-
-private:
-    ApplicationService& m_service;
+    QString m_activationToken;
 };
 
 } // namespace harbex

@@ -21,10 +21,10 @@ ApplicationShell::ApplicationShell(const QDBusConnection& bus, const Application
     qApp->installEventFilter(this);
 }
 
-void ApplicationShell::applicationDidFinishLaunching()
+void ApplicationShell::applicationDidFinishLaunching(const QString& activationToken)
 {
     m_colorScheme.waitForAnswer();
-    m_mainWindow.open();
+    m_mainWindow.open(activationToken);
 }
 
 void ApplicationShell::quit()

@@ -26,8 +26,8 @@ public:
     ApplicationShell(const QDBusConnection& bus, const ApplicationService& service);
 
     /// Opens the main window, which starts the engine, in the colours of the desktop. Waits for these up to
-    /// 100 ms. Call once, before the main loop.
-    void applicationDidFinishLaunching();
+    /// 100 ms. The token may be empty. Call once, before the main loop.
+    void applicationDidFinishLaunching(const QString& activationToken = {});
 
     /// Ends the main loop and rejects an open folder dialog. Saves nothing: changes since the last save are
     /// lost.

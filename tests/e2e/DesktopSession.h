@@ -42,7 +42,8 @@ public:
     enum class Kind { x11, wayland };
 
     explicit DesktopSession(Kind kind = Kind::x11)
-        : m_kind(kind), m_connection(m_bus.connect()), m_environment(emptyEnvironment())
+        : m_kind(kind), m_environment(emptyEnvironment()),
+          m_bus(installed("share/dbus-1/services"), m_environment), m_connection(m_bus.connect())
     {
         set("DBUS_SESSION_BUS_ADDRESS", m_bus.address());
         if (kind == Kind::x11)
@@ -50,6 +51,8 @@ public:
         else
             startWayland();
         startAccessibility();
+        // As at the start of a desktop: what the bus starts gets the variables of the session.
+        if (!run("dbus-update-activation-environment", words("--all"))) qFatal("no environment for the bus");
     }
 
     ~DesktopSession()
@@ -68,6 +71,25 @@ public:
 
     DesktopSession(const DesktopSession&) = delete;
     DesktopSession& operator=(const DesktopSession&) = delete;
+
+    /// Installs Harbex in a folder of the home. Sessions that are created later find it like a program of the
+    /// system, and their bus starts it when it is called.
+    static void installHarbex()
+    {
+        QProcess cmake;
+        cmake.setProcessChannelMode(QProcess::MergedChannels);
+        cmake.start(QStringLiteral(HARBEX_CMAKE), words("--install")
+                                                      << QStringLiteral(HARBEX_BUILD)
+                                                      << QStringLiteral("--prefix") << installed(""));
+        if (!cmake.waitForFinished(patienceMilliseconds) || cmake.exitCode() != 0)
+            qFatal("no installation: %s", cmake.readAll().constData());
+    }
+
+    /// Returns the path of an installed file, for example "bin/harbex".
+    [[nodiscard]] static QString installed(const char* file)
+    {
+        return QDir::home().filePath(QStringLiteral("installed/") + QString::fromLatin1(file));
+    }
 
     /// Sets an environment variable for programs that are started later.
     void set(const char* variable, const QString& value)
@@ -122,6 +144,13 @@ public:
         const bool hasWorked = process.waitForFinished(patienceMilliseconds) &&
                                process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
         return hasWorked ? std::optional(process.readAllStandardOutput()) : std::nullopt;
+    }
+
+    [[nodiscard]] SessionBus& bus() { return m_bus; }
+    /// Returns the process of the Harbex that runs in this session, 0 if there is none.
+    [[nodiscard]] qint64 harbexProcess() const
+    {
+        return m_connection.interface()->servicePid(QStringLiteral("org.harbex.Harbex"));
     }
 
     /// Returns the window with this role ("frame", "dialog") and, if given, this name. Empty if it is not
@@ -209,6 +238,10 @@ private:
             const QString variable = QString::fromLatin1(name);
             if (around.contains(variable)) environment.insert(variable, around.value(variable));
         }
+        environment.insert(QStringLiteral("PATH"),
+                           installed("bin") + u':' + environment.value(QStringLiteral("PATH")));
+        environment.insert(QStringLiteral("XDG_DATA_DIRS"),
+                           installed("share") + QStringLiteral(":/usr/local/share:/usr/share"));
         environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
         // GSettings stay in memory instead of the user's store.
         environment.insert(QStringLiteral("GSETTINGS_BACKEND"), QStringLiteral("memory"));
@@ -322,9 +355,9 @@ private:
     }
 
     Kind m_kind;
+    QProcessEnvironment m_environment;
     SessionBus m_bus;
     QDBusConnection m_connection;
-    QProcessEnvironment m_environment;
     std::vector<std::unique_ptr<QProcess>> m_programs;
     QDBusConnection m_accessibilityBus{QString()};
 };

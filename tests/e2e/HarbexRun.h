@@ -163,10 +163,11 @@ public:
         return file.open(QIODevice::WriteOnly) && file.write(name) > 0 && file.flush() && file.rename(path);
     }
 
-    /// Returns whether the file is in "Sorted" with its content, and no longer in the inbox.
-    [[nodiscard]] bool wasMoved(const char* name) const
+    /// Returns whether the file is in "Sorted", or in a folder in it, with its content and no longer in the
+    /// inbox.
+    [[nodiscard]] bool wasMoved(const char* name, const char* folder = ".") const
     {
-        return read(sorted() + u'/' + QLatin1String(name)) == name &&
+        return read(sorted() + u'/' + QLatin1String(folder) + u'/' + QLatin1String(name)) == name &&
                !QFile::exists(inbox() + u'/' + QLatin1String(name));
     }
 

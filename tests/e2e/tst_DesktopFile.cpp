@@ -1,4 +1,5 @@
 #include "e2e/HarbexRun.h"
+#include "support/FakePanel.h"
 #include "support/TestMain.h"
 
 #include <QDir>
@@ -6,62 +7,165 @@
 #include <QFileInfo>
 #include <QSettings>
 
+#include <optional>
+
 using namespace harbex;
 using namespace harbex::test;
 
 namespace
 {
 
-/// Returns the command of an action in the installed file.
-QStringList commandOf(const QString& group)
+QString desktopFile()
 {
-    const QString path =
-        qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/applications/org.harbex.Harbex.desktop");
-    const QSettings file(path, QSettings::IniFormat);
-    return QProcess::splitCommand(file.value(group + QStringLiteral("/Exec")).toString());
+    return DesktopSession::installed("share/applications/org.harbex.Harbex.desktop");
+}
+
+/// Launches the program as the menu of a desktop does. Returns whether that works.
+bool launch(DesktopSession& desktop)
+{
+    return desktop.run("gapplication", words("launch org.harbex.Harbex")).has_value();
 }
 
 } // namespace
 
-/// The installed desktop file, used as a desktop's menu uses it.
+/// The installed program, used through its desktop file as desktops use it.
 class TestDesktopFile : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void launchingOpensTheWindowAndTheQuitActionEndsTheProgram()
+    void initTestCase() { DesktopSession::installHarbex(); }
+
+    void everyLaunchOpensTheWindowOfOneProgram()
     {
         DesktopSession desktop;
-        const QDir applications(qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/applications"));
-        const QString name = QStringLiteral("org.harbex.Harbex.desktop");
-        QVERIFY(applications.mkpath(QStringLiteral(".")));
-        QVERIFY2(QFile::copy(QStringLiteral(HARBEX_PACKAGING "/") + name, applications.filePath(name)),
-                 "the desktop file is installed");
+        const HarbexRun harbex(desktop);
+        QProcess& events = desktop.start("xev", words("-root -event property"));
+        QByteArray log;
+        const auto logged = [&](const char* text) {
+            log += events.readAllStandardOutput();
+            return log.count(text);
+        };
+        STEP("xev reports a change of the root window",
+             desktop.run("xprop", words("-root -format HARBEX_TEST 8s -set HARBEX_TEST x")) &&
+                 logged("HARBEX_TEST") > 0);
+        // With this message a program ends the sign of the desktop that it is starting.
+        const char* const started = "_NET_STARTUP_INFO_BEGIN";
 
-        // Desktops ignore desktop files whose TryExec program is not in PATH.
-        desktop.set("PATH",
-                    QFileInfo(QStringLiteral(HARBEX_PROGRAM)).path() + u':' + qEnvironmentVariable("PATH"));
-        QCOMPARE(desktop.run("gapplication", words("list-actions org.harbex.Harbex")), "quit\n");
-
-        HarbexRun harbex(desktop);
-        harbex.start();
-        STEP("the window opens at the start", harbex.isInFront());
+        desktop.set("DESKTOP_STARTUP_ID", QStringLiteral("the-first_TIME1"));
+        QVERIFY2(launch(desktop), "the desktop can launch the program");
+        STEP("the window opens, in front", harbex.isInFront());
+        STEP("the desktop is told that the start is over", logged(started) == 1);
+        const qint64 process = desktop.harbexProcess();
         QVERIFY2(harbex.closeWindow(), "the window closes");
-        QVERIFY2(desktop.run("gapplication", words("launch org.harbex.Harbex")),
-                 "the desktop can launch the program");
-        STEP("launching opens the window of the one that runs, in front", harbex.isInFront());
 
-        QStringList command = commandOf(QStringLiteral("Desktop Action quit"));
+        desktop.set("DESKTOP_STARTUP_ID", QStringLiteral("the-second_TIME2"));
+        QVERIFY2(launch(desktop), "the desktop can launch the program again");
+        STEP("the window opens, in front", harbex.isInFront());
+        STEP("the desktop is told that this start is over too", logged(started) == 2);
+        QVERIFY2(harbex.closeWindow(), "the window closes again");
+
+        QVERIFY2(desktop.run("sh", {QStringLiteral("-c"), QStringLiteral("exec harbex")}),
+                 "a start by the command works, as that of a desktop without D-Bus activation");
+        STEP("it opens the window too", harbex.isInFront());
+        QCOMPARE(desktop.harbexProcess(), process);
+        QCOMPARE(desktop.bus().startedPrograms(), 1);
+    }
+
+    void theActionQuitEndsTheProgramAndStartsNone_data()
+    {
+        QTest::addColumn<QStringList>("command");
+        QTest::addColumn<int>("programs");
+        const QSettings file(desktopFile(), QSettings::IniFormat);
+        QTest::newRow("by its command")
+            << QProcess::splitCommand(file.value(QStringLiteral("Desktop Action quit/Exec")).toString()) << 0;
+        // The bus has to start a program for the call, which then does nothing.
+        QTest::newRow("by D-Bus") << words("gapplication action org.harbex.Harbex quit") << 1;
+    }
+
+    void theActionQuitEndsTheProgramAndStartsNone()
+    {
+        QFETCH(QStringList, command);
+        QFETCH(const int, programs);
         QVERIFY2(!command.isEmpty(), "the desktop file has the action");
         const QByteArray program = command.takeFirst().toUtf8();
-        QVERIFY2(desktop.run(program, command), "the command of the action works");
-        STEP("the action ends the program with status 0", harbex.exitStatus() == 0);
+        DesktopSession desktop;
+        const FakePanel panel(desktop.bus());
+        const HarbexRun harbex(desktop);
+        QCOMPARE(desktop.run("gapplication", words("list-actions org.harbex.Harbex")), "quit\n");
+        QVERIFY2(launch(desktop), "the desktop can launch the program");
+        STEP("the window opens", harbex.window());
+        STEP("the icon is there", panel.items().size() == 1);
+        QVERIFY2(desktop.run(program, command), "the action works");
+        STEP("the action ends the program", desktop.harbexProcess() == 0);
+
+        const qsizetype started = desktop.bus().startedPrograms();
         QVERIFY2(desktop.run(program, command), "without a running program it works too");
-        STEP("it starts none",
-             desktop.run("dbus-send", words("--session --print-reply --dest=org.freedesktop.DBus / "
-                                            "org.freedesktop.DBus.ListNames"))
-                     .value_or(QByteArray())
-                     .count("org.harbex") == 0);
+        STEP("no program runs", desktop.harbexProcess() == 0);
+        QCOMPARE(desktop.bus().startedPrograms() - started, programs);
+        QCOMPARE(panel.items().size(), 1);
+    }
+
+    /// What README describes under the same title.
+    void theFirstFiveMinutes()
+    {
+        std::optional<DesktopSession> desktop(std::in_place);
+        const HarbexRun harbex(*desktop);
+        for (const char* folder : {"Invoices", "Documents", "Pictures"})
+            QVERIFY(QDir(HarbexRun::sorted()).mkdir(QString::fromLatin1(folder)));
+
+        QVERIFY2(launch(*desktop), "the desktop can launch the program");
+        STEP("the window opens", harbex.isInFront());
+        QVERIFY2(harbex.control("push button", "Add Folder").press(), "\"Add Folder\"");
+        QVERIFY2(harbex.answerDialog(HarbexRun::inbox()), "the folder dialog takes the folder");
+        STEP("it has one rule", harbex.controls("combo box", "Field").size() == 1);
+        const auto fillIn = [&](int rule, const char* field, const char* value, const char* folder) {
+            const Accessible text = harbex.controls("text", "Value").value(rule);
+            const Accessible destination =
+                harbex.controls("push button", "Select destination...").value(rule);
+            const QString path = HarbexRun::sorted() + u'/' + QString::fromLatin1(folder);
+            return harbex.choose(harbex.controls("combo box", "Field").value(rule), field) &&
+                   (!value || text.setText(QString::fromLatin1(value))) && destination.press() &&
+                   harbex.answerDialog(path) &&
+                   QTest::qWaitFor([&] { return destination.description() == path.toUtf8(); }, 30000);
+        };
+        const auto addRule = [&](int number) {
+            return harbex.control("push button", "Add Rule").press() &&
+                   QTest::qWaitFor([&] { return harbex.controls("combo box", "Field").size() == number; },
+                                   30000);
+        };
+        QVERIFY2(fillIn(0, "Name", "invoice", "Invoices"), "the first rule");
+        QVERIFY2(addRule(2) && fillIn(1, "Extension", "pdf", "Documents"), "the second rule");
+        QVERIFY2(addRule(3) && fillIn(2, "Kind", nullptr, "Pictures"), "the third rule, for images");
+        QVERIFY2(harbex.drop("notes.txt") && harbex.drop("invoice.pdf") && harbex.drop("report.pdf") &&
+                     harbex.drop("photo.jpg"),
+                 "files arrive");
+        STEP("each is where its rule says", harbex.wasMoved("invoice.pdf", "Invoices") &&
+                                                harbex.wasMoved("report.pdf", "Documents") &&
+                                                harbex.wasMoved("photo.jpg", "Pictures"));
+        QVERIFY2(harbex.closeWindow(), "the window closes");
+        const QDir autostart(qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/autostart"));
+        QVERIFY2(autostart.mkpath(QStringLiteral(".")) &&
+                     QFile::copy(desktopFile(), autostart.filePath(QFileInfo(desktopFile()).fileName())),
+                 "the program is added to those that start at login");
+
+        const QString process = QStringLiteral("/proc/%1").arg(desktop->harbexProcess());
+        QVERIFY2(QFile::exists(process), "the program runs");
+        desktop.reset(); // the user logs out
+        STEP("the program ends with the session", !QFile::exists(process));
+        desktop.emplace();                                               // and in
+        desktop->set("XDG_CONFIG_DIRS", QStringLiteral("/nonexistent")); // has programs of this machine
+        QVERIFY2(
+            desktop->run(
+                "sh", {QStringLiteral("-c"),
+                       QStringLiteral("$(find /usr/lib* -maxdepth 2 -name openbox-xdg-autostart) OPENBOX")}),
+            "the desktop starts the programs of the user");
+        STEP("the window shows the rules", harbex.controls("combo box", "Field").size() == 3);
+        QVERIFY2(harbex.closeWindow(), "the window closes");
+        QVERIFY2(harbex.drop("tree.png"), "a file arrives");
+        STEP("it is moved", harbex.wasMoved("tree.png", "Pictures"));
+        QVERIFY2(QFile::exists(HarbexRun::inbox() + QStringLiteral("/notes.txt")),
+                 "what no rule takes stays");
     }
 };
 

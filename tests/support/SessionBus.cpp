@@ -1,5 +1,6 @@
 #include "support/SessionBus.h"
 
+#include <QDBusConnectionInterface>
 #include <QDBusPendingCallWatcher>
 #include <QDBusVariant>
 #include <QEventLoop>
@@ -24,9 +25,12 @@ QDBusMessage messageTo(const RemoteObject& object, const char* method, const QVa
 
 } // namespace
 
-SessionBus::SessionBus()
+SessionBus::SessionBus(const QString& serviceFolder, const QProcessEnvironment& environment)
 {
-    // Unlike the configuration of the system, this one has no limits and starts no services.
+    // Unlike the configuration of the system, this one has no limits and does not start services of the
+    // system.
+    const QByteArray services =
+        serviceFolder.isEmpty() ? "" : "<servicedir>" + serviceFolder.toUtf8() + "</servicedir>";
     QFile configuration(m_folder.filePath(QStringLiteral("bus.conf")));
     const bool isWritten = configuration.open(QIODevice::WriteOnly) && configuration.write(R"(
         <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
@@ -35,6 +39,7 @@ SessionBus::SessionBus()
           <type>session</type>
           <listen>unix:dir=)" + m_folder.path().toUtf8() + R"(</listen>
           <auth>EXTERNAL</auth>
+          )" + services + R"(
           <policy context="default">
             <allow send_destination="*"/>
             <allow receive_sender="*"/>
@@ -44,6 +49,7 @@ SessionBus::SessionBus()
     if (!isWritten) qFatal("no bus configuration: %s", qPrintable(configuration.errorString()));
     configuration.close();
 
+    m_daemon.setProcessEnvironment(environment);
     m_daemon.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
     m_daemon.start(QStringLiteral("dbus-daemon"),
                    {QStringLiteral("--config-file"), configuration.fileName(), QStringLiteral("--nofork"),
@@ -78,6 +84,26 @@ void SessionBus::close(const QDBusConnection& connection)
 {
     m_connections.removeOne(connection.name());
     QDBusConnection::disconnectFromBus(connection.name());
+}
+
+qsizetype SessionBus::startedPrograms()
+{
+    // The daemon replies after it has written the lines about earlier messages.
+    const QDBusConnection connection = connect();
+    (void)connection.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.DBus")).value();
+    close(connection);
+    m_daemon.waitForReadyRead(0);
+    m_log += m_daemon.readAllStandardError();
+    return m_log.count(" Activating service name=");
+}
+
+void writeServiceFile(const QString& serviceFolder, const QByteArray& command)
+{
+    QFile file(serviceFolder + QStringLiteral("/org.harbex.Harbex.service"));
+    const bool isWritten =
+        file.open(QIODevice::WriteOnly) &&
+        file.write("[D-BUS Service]\nName=org.harbex.Harbex\nExec=/bin/sh -c \"" + command + "\"\n") > 0;
+    if (!isWritten) qFatal("no service file: %s", qPrintable(file.errorString()));
 }
 
 QDBusMessage RemoteObject::call(const char* method, const QVariantList& arguments) const

@@ -3,6 +3,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -16,7 +17,10 @@ namespace harbex::test
 class SessionBus
 {
 public:
-    SessionBus();
+    /// The bus starts the programs that have a service file in this folder, with this environment. Without a
+    /// folder it starts none.
+    explicit SessionBus(const QString& serviceFolder = {},
+                        const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment());
     ~SessionBus();
 
     [[nodiscard]] QString address() const { return m_address; }
@@ -26,12 +30,20 @@ public:
     [[nodiscard]] QDBusConnection connect();
     void close(const QDBusConnection& connection);
 
+    /// Returns how many programs the bus has started.
+    [[nodiscard]] qsizetype startedPrograms();
+
 private:
     QTemporaryDir m_folder;
     QProcess m_daemon;
+    QByteArray m_log;
     QString m_address;
     QStringList m_connections;
 };
+
+/// Writes a service file into the folder of a SessionBus that is created later. That bus then runs the shell
+/// command for calls to Harbex.
+void writeServiceFile(const QString& serviceFolder, const QByteArray& command);
 
 /// An object of another program on the bus.
 struct RemoteObject {

@@ -7,7 +7,9 @@
 #include <QDBusConnectionInterface>
 #include <QDBusReply>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 
 #include <cstdio>
 #include <functional>
@@ -32,10 +34,11 @@ HARBEX_MAIN(ServiceProgram)
     };
     const QString token = activationTokenOfEnvironment();
     const QCoreApplication application(argc, argv);
-    ApplicationService service(QDBusConnection::sessionBus());
+    ApplicationService service(
+        QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("service")));
     switch (service.start(token)) {
     case ApplicationService::Start::first:
-        say("first");
+        say("first " + service.activationToken().toUtf8());
         break;
     case ApplicationService::Start::handedOver:
         say("handed over");
@@ -43,6 +46,9 @@ HARBEX_MAIN(ServiceProgram)
     case ApplicationService::Start::refused:
         say("refused");
         return 1;
+    case ApplicationService::Start::onlyToQuit:
+        say("only to quit");
+        return 0;
     }
     QObject::connect(&service, &ApplicationService::openRequested,
                      [&](const QString& given) { say("open " + given.toUtf8()); });
@@ -149,14 +155,19 @@ private Q_SLOTS:
     {
         for (int round = 0; round < 20; ++round) {
             const SessionBus bus;
-            ServiceRun one(bus.address());
-            ServiceRun other(bus.address());
-            const QByteArray said = one.nextLine() + '|' + other.nextLine();
-            QVERIFY2(said == "first|handed over" || said == "handed over|first", said);
-            ServiceRun& winner = said.startsWith("first") ? one : other;
-            ServiceRun& loser = said.startsWith("first") ? other : one;
+            const QStringList token{QStringLiteral("XDG_ACTIVATION_TOKEN=token")};
+            ServiceRun one(bus.address(), token);
+            ServiceRun other(bus.address(), token);
+            const QByteArray saidByOne = one.nextLine();
+            const QByteArray saidByOther = other.nextLine();
+            const bool isOneFirst = saidByOther == "handed over";
+            ServiceRun& winner = isOneFirst ? one : other;
+            ServiceRun& loser = isOneFirst ? other : one;
+            QCOMPARE(isOneFirst ? saidByOther : saidByOne, "handed over");
             QCOMPARE(loser.exitStatus(), 0);
-            QCOMPARE(winner.nextLine(), "open");
+            // The call of the loser comes during the start of the winner or after it.
+            const QByteArray said = isOneFirst ? saidByOne : saidByOther;
+            if (said != "first token") QCOMPARE(said + '|' + winner.nextLine(), "first|open token");
             QVERIFY(winner.isRunning());
         }
     }
@@ -199,6 +210,48 @@ private Q_SLOTS:
         QVERIFY(reply != QDBusConnectionInterface::ServiceRegistered);
     }
 
+    void callsThatStartTheProgramCountAtItsStart_data()
+    {
+        QTest::addColumn<QStringList>("calls");
+        QTest::addColumn<QByteArray>("result");
+        const QString activate = QStringLiteral("Activate");
+        const QString quit = QStringLiteral("ActivateAction");
+        QTest::newRow("Activate") << QStringList{activate} << QByteArray("first token 1");
+        QTest::newRow("twice") << QStringList{activate, activate} << QByteArray("first token 2");
+        QTest::newRow("quit") << QStringList{quit} << QByteArray("only to quit");
+        QTest::newRow("quit first") << QStringList{quit, activate} << QByteArray("first token 2");
+        QTest::newRow("quit last") << QStringList{activate, quit} << QByteArray("only to quit");
+    }
+
+    void callsThatStartTheProgramCountAtItsStart()
+    {
+        QFETCH(const QStringList, calls);
+        QFETCH(const QByteArray, result);
+        const QTemporaryDir folder;
+        QFile said(folder.filePath(QStringLiteral("said")));
+        writeServiceFile(folder.path(), "exec '" + QCoreApplication::applicationFilePath().toUtf8() +
+                                            "' ServiceProgram >'" + said.fileName().toUtf8() + "'");
+        m_bus = std::make_unique<SessionBus>(folder.path());
+
+        // All calls but the last arrive before the program has started.
+        const RemoteObject remote = application();
+        for (qsizetype i = 1; i <= calls.size(); ++i) {
+            QVariantList arguments{
+                QVariantMap{{QStringLiteral("activation-token"), QStringLiteral("token %1").arg(i)}}};
+            if (calls[i - 1] == QLatin1String("ActivateAction"))
+                arguments = {QStringLiteral("quit"), QVariantList(), QVariantMap()};
+            const QByteArray method = calls[i - 1].toLatin1();
+            if (i < calls.size())
+                remote.send(method.constData(), arguments);
+            else
+                QVERIFY(remote.accepts(method.constData(), arguments));
+        }
+        QTRY_VERIFY(said.size() > 0);
+        QVERIFY(said.open(QIODevice::ReadOnly));
+        QCOMPARE(said.readLine().trimmed(), result);
+        QCOMPARE(m_bus->startedPrograms(), 1);
+    }
+
     // Calls.
     void activateOpensWithTheTokenOfEitherDisplaySystem()
     {
@@ -226,6 +279,16 @@ private Q_SLOTS:
         QVERIFY(fixture.accepts("Open", {uris, QVariantMap{{wayland, w}}}));
         QCOMPARE(fixture.open.count(), 1);
         QCOMPARE(fixture.open.takeFirst(), QVariantList({w}));
+    }
+
+    void theSignalQuits()
+    {
+        startService();
+        QDBusConnection other = m_bus->connect();
+        for (const char* interface : {"org.freedesktop.Application", "org.harbex.Harbex"})
+            other.send(QDBusMessage::createSignal(QStringLiteral("/org/harbex/Harbex"),
+                                                  QString::fromLatin1(interface), QStringLiteral("Quit")));
+        QTRY_COMPARE(m_quit->count(), 1);
     }
 
     void onlyTheActionQuitQuits()

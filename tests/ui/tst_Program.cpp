@@ -5,6 +5,8 @@
 #include "support/StoredText.h"
 #include "support/TestMain.h"
 
+#include <QDBusConnectionInterface>
+#include <QDBusReply>
 #include <QDBusVariant>
 #include <QDir>
 #include <QElapsedTimer>
@@ -131,11 +133,10 @@ private Q_SLOTS:
              [&](Program&) {
                  application.send("ActivateAction", {QStringLiteral("quit"), QVariantList(), QVariantMap()});
              }},
-            {"the interface without arguments",
+            {"the signal",
              [&](Program&) {
-                 RemoteObject quit = application;
-                 quit.interface = QStringLiteral("org.harbex.Harbex");
-                 quit.send("Quit");
+                 application.bus.send(QDBusMessage::createSignal(
+                     application.path, QStringLiteral("org.harbex.Harbex"), QStringLiteral("Quit")));
              }},
             {"SIGTERM", [](Program& program) { program.signal(SIGTERM); }},
             {"SIGINT", [](Program& program) { program.signal(SIGINT); }},
@@ -156,6 +157,21 @@ private Q_SLOTS:
             QVERIFY2(program.output().isEmpty(), name);
             QVERIFY2(storedText() == stored, name);
         }
+    }
+
+    void aStartByTheBusOnlyToQuitShowsNothing()
+    {
+        writeServiceFile(m_folder->path(), "QT_QPA_PLATFORM=offscreen exec " HARBEX_PROGRAM);
+        SessionBus bus(m_folder->path());
+        const FakePanel panel(bus);
+        const RemoteObject application{bus.connect(), QStringLiteral("org.harbex.Harbex"),
+                                       QStringLiteral("/org/harbex/Harbex"),
+                                       QStringLiteral("org.freedesktop.Application")};
+        QVERIFY(
+            application.accepts("ActivateAction", {QStringLiteral("quit"), QVariantList(), QVariantMap()}));
+        QTRY_VERIFY(!application.bus.interface()->isServiceRegistered(application.service));
+        QCOMPARE(bus.startedPrograms(), 1);
+        QVERIFY(panel.items().isEmpty());
     }
 
     void signalsOfFailedWritesDoNotEndIt()
