@@ -1,7 +1,7 @@
 # Commands for everyday work. Each one installs missing Debian packages first.
 
 .PHONY: build run test check stress mutants clients desktops flatpak-test bench format translations screenshots package \
-	install clean
+	package-test install clean
 
 build: # build/release/harbex
 	@scripts/build
@@ -45,6 +45,9 @@ screenshots: # build/screenshots: the window in every language, light and dark
 
 package: # build/package/*.deb: the Debian package
 	@scripts/package
+
+package-test: # installs the Debian package in a fresh system, uses it and purges it; needs root
+	@scripts/package-test
 
 install: # installs the program: make install prefix=/usr DESTDIR=/tmp/system
 	@scripts/build
