@@ -58,7 +58,7 @@ std::optional<ChosenFolder> askForFolder(const QWidget& asker, const std::option
     //: Title of the dialog that asks for a folder, and the button that accepts it. The folder is one to watch
     //: or the destination of a rule.
     const QString prompt = QCoreApplication::translate("harbex::FolderDialog", "Select Focus Folder");
-    QWidget* const window = asker.window();
+    const QPointer window = asker.window();
     std::optional<QString> start = startPath(present);
     if (!start) start = startPath(chosenLast);
     const QPointer dialog = new QFileDialog(window, prompt, start.value_or(QDir::homePath()));
@@ -71,13 +71,14 @@ std::optional<ChosenFolder> askForFolder(const QWidget& asker, const std::option
     QMetaObject::invokeMethod(qApp, [] { isOpen = false; }, Qt::QueuedConnection);
     // The dialog is destroyed with its window.
     if (!dialog) return std::nullopt;
-    dialog->deleteLater();
     const QList<QUrl> answers = isAccepted ? dialog->selectedUrls() : QList<QUrl>();
+    // Not later: the loop below would return the focus to the window before the dialog is gone.
+    delete dialog;
     // Some window managers do not return the focus to a window that is left out of the taskbar. Queued,
     // because a native dialog closes only when the main loop runs.
     QTimer::singleShot(0, window, [window] { window->activateWindow(); });
-
     auto folder = answers.isEmpty() ? std::nullopt : folderOfAnswer(answers.first());
+    if (!window) return std::nullopt;
     if (folder) chosenLast = folder->url;
     return folder;
 }

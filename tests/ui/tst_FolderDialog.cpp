@@ -162,7 +162,7 @@ private Q_SLOTS:
             isOther = askForFolder(window).has_value();
             // Like a button that is pressed now. It is handled after the dialog has closed.
             const auto press = [&] { isPressAnswered = !askForFolder(window); };
-            QMetaObject::invokeMethod(&dialog, press, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(qApp, press, Qt::QueuedConnection);
         });
         QVERIFY(askForFolder(window));
         QVERIFY(!isOther);
