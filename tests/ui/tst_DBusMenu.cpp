@@ -38,8 +38,8 @@ bool isRefused(const QDBusMessage& answer)
 QString textOf(int id, const QVariantMap& properties)
 {
     QString text = QString::number(id);
-    for (const QString& name : properties.keys())
-        text += u' ' + name + u'=' + properties.value(name).toString();
+    for (auto property = properties.cbegin(); property != properties.cend(); ++property)
+        text += u' ' + property.key() + u'=' + property.value().toString();
     return text;
 }
 

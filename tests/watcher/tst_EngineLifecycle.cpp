@@ -142,20 +142,21 @@ private Q_SLOTS:
         qsizetype oldLines = 0;
         bool onMainThread = true;
         bool allNew = true;
+        const QObject observer; // The connections end with it.
         const auto note = [&](const char* what) {
             seen << QString::fromLatin1(what);
             onMainThread = onMainThread && QThread::currentThread() == qApp->thread();
         };
-        connect(&engine(), &DownloadImageRedirector::objectWillChange, this, [&] {
+        connect(&engine(), &DownloadImageRedirector::objectWillChange, &observer, [&] {
             note("will change");
             wasRunning = engine().isRunning();
             oldLines = engine().logs().size();
         });
-        connect(&engine(), &DownloadImageRedirector::isRunningChanged, this, [&](bool isRunning) {
+        connect(&engine(), &DownloadImageRedirector::isRunningChanged, &observer, [&](bool isRunning) {
             note("isRunning");
             allNew = allNew && isRunning == engine().isRunning() && isRunning != wasRunning;
         });
-        connect(&engine(), &DownloadImageRedirector::logsChanged, this, [&] {
+        connect(&engine(), &DownloadImageRedirector::logsChanged, &observer, [&] {
             note("logs");
             allNew = allNew && engine().logs().size() == oldLines + 1;
         });
