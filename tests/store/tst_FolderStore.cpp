@@ -392,7 +392,11 @@ private Q_SLOTS:
         expected.folders[1].rules[2].destination = newUrl;
         // A busy machine may not find a moved folder in time.
         Loaded loaded;
-        QTRY_VERIFY((loaded = loadFresh(), isSame(loaded.state, expected)));
+        const auto areFollowed = [&] {
+            loaded = loadFresh();
+            return isSame(loaded.state, expected);
+        };
+        QTRY_VERIFY(areFollowed());
         QCOMPARE(loaded.lines, QByteArrayList());
         QCOMPARE(contents(preferences()), stored);
         // A bookmark of a folder that is gone changes nothing.
