@@ -81,15 +81,14 @@ ApplicationService::Start ApplicationService::serveFirstCalls()
 {
     // If the bus has started this process, the calls for the name have arrived before the name. The last one
     // counts.
-    Start result = Start::first;
     QObject receiver;
-    connect(this, &ApplicationService::openRequested, &receiver, [&](const QString& token) {
-        result = Start::first;
+    connect(this, &ApplicationService::openRequested, &receiver, [this](const QString& token) {
+        m_firstCall = Start::first;
         m_activationToken = token;
     });
-    connect(this, &ApplicationService::quitRequested, &receiver, [&] { result = Start::onlyToQuit; });
+    connect(this, &ApplicationService::quitRequested, &receiver, [this] { m_firstCall = Start::onlyToQuit; });
     QCoreApplication::sendPostedEvents(this);
-    return result;
+    return m_firstCall;
 }
 
 void ApplicationService::Activate(const QVariantMap& platformData)

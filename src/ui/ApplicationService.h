@@ -56,6 +56,8 @@ private:
     [[nodiscard]] Start serveFirstCalls();
 
     QDBusConnection m_bus;
+    /// What the last call wanted that came before this process served calls.
+    Start m_firstCall = Start::first;
     QString m_activationToken;
 };
 

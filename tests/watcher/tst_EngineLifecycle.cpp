@@ -18,6 +18,39 @@ namespace
 const QString started = QStringLiteral("Started watchers.");
 const QString stopped = QStringLiteral("Stopped watcher.");
 
+/// Notes the signals of an engine, and checks what it tells at each of them.
+class Observer : public QObject
+{
+public:
+    explicit Observer(const DownloadImageRedirector& engine) : m_engine(engine)
+    {
+        connect(&m_engine, &DownloadImageRedirector::objectWillChange, this, [this] {
+            note("will change", true);
+            m_wasRunning = m_engine.isRunning();
+            m_oldLines = m_engine.logs().size();
+        });
+        connect(&m_engine, &DownloadImageRedirector::isRunningChanged, this, [this](bool isRunning) {
+            note("isRunning", isRunning == m_engine.isRunning() && isRunning != m_wasRunning);
+        });
+        connect(&m_engine, &DownloadImageRedirector::logsChanged, this,
+                [this] { note("logs", m_engine.logs().size() == m_oldLines + 1); });
+    }
+
+    QStringList seen;
+    bool isRight = true;
+
+private:
+    void note(const char* what, bool isNew)
+    {
+        seen << QString::fromLatin1(what);
+        isRight = isRight && isNew && QThread::currentThread() == qApp->thread();
+    }
+
+    const DownloadImageRedirector& m_engine;
+    bool m_wasRunning = false;
+    qsizetype m_oldLines = 0;
+};
+
 } // namespace
 
 /// Start, stop, restart, and the end of the engine.
@@ -137,40 +170,16 @@ private Q_SLOTS:
 
     void observersAreToldBeforeEachChange()
     {
-        QStringList seen;
-        bool wasRunning = false;
-        qsizetype oldLines = 0;
-        bool onMainThread = true;
-        bool allNew = true;
-        const QObject observer; // The connections end with it.
-        const auto note = [&](const char* what) {
-            seen << QString::fromLatin1(what);
-            onMainThread = onMainThread && QThread::currentThread() == qApp->thread();
-        };
-        connect(&engine(), &DownloadImageRedirector::objectWillChange, &observer, [&] {
-            note("will change");
-            wasRunning = engine().isRunning();
-            oldLines = engine().logs().size();
-        });
-        connect(&engine(), &DownloadImageRedirector::isRunningChanged, &observer, [&](bool isRunning) {
-            note("isRunning");
-            allNew = allNew && isRunning == engine().isRunning() && isRunning != wasRunning;
-        });
-        connect(&engine(), &DownloadImageRedirector::logsChanged, &observer, [&] {
-            note("logs");
-            allNew = allNew && engine().logs().size() == oldLines + 1;
-        });
-
+        const Observer observer(engine());
         QVERIFY(start({watched(m_inbox, {takeAll(m_out)})}));
         arriveFolder("Notes");
         QVERIFY(isLogged(moved("Notes")));
         engine().stop();
         QVERIFY(isLogged(stopped));
-        QCOMPARE(seen.join(QStringLiteral(", ")),
+        QCOMPARE(observer.seen.join(QStringLiteral(", ")),
                  QStringLiteral("will change, isRunning, will change, logs, will change, logs, "
                                 "will change, isRunning, will change, logs"));
-        QVERIFY(onMainThread);
-        QVERIFY(allNew);
+        QVERIFY(observer.isRight);
     }
 
     /// The main loop can be late.
