@@ -175,17 +175,4 @@ void GrowingFiles::stop()
     m_files.clear();
 }
 
-ArrivingFiles::ArrivingFiles(const ScratchFolder& scratch, const std::string& folder)
-    : m_thread([this, prepared = scratch.path() + "/.arriving-next", folder](const std::stop_token& stop) {
-          while (!stop.stop_requested()) {
-              const std::string number = std::to_string(m_count);
-              writeFile(prepared, number);
-              renameEntry(prepared, std::string(folder).append("/file-").append(number));
-              ++m_count;
-              std::this_thread::sleep_for(std::chrono::milliseconds(1));
-          }
-      })
-{
-}
-
 } // namespace harbex::test

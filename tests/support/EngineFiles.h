@@ -4,7 +4,6 @@
 
 #include <QByteArrayList>
 
-#include <atomic>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -80,25 +79,6 @@ public:
 
 private:
     std::vector<FileDescriptor> m_files;
-    std::jthread m_thread;
-};
-
-/// Complete files that arrive in a folder, about one per millisecond, until stop(). The first is named file-0
-/// and contains "0", and so on.
-class ArrivingFiles
-{
-public:
-    /// The files arrive in `folder`, which must be on the volume of `scratch`.
-    ArrivingFiles(const ScratchFolder& scratch, const std::string& folder);
-
-    /// Returns the number of files that have arrived. Thread-safe.
-    [[nodiscard]] int count() const { return m_count; }
-
-    /// Returns after the last file has arrived.
-    void stop() { m_thread = {}; }
-
-private:
-    std::atomic<int> m_count = 0;
     std::jthread m_thread;
 };
 
