@@ -59,14 +59,14 @@ DirectoryEvents::~DirectoryEvents()
 Outcome<std::shared_ptr<DirectoryEvents::Source>>
 DirectoryEvents::watch(const std::string& path, Handler handler, const std::string& name)
 {
-    uint64_t pathChanges = 0;
+    uint64_t changes = 0;
     {
         const MutexLock lock(m_mutex);
         if (const Outcome<void> opened = openIfNeeded(); !opened) return opened.error();
         const auto known = m_folderCache.find(path);
         if (!name.empty() && known != m_folderCache.end())
             return add(known->second, std::move(handler), name);
-        pathChanges = m_pathChanges;
+        changes = m_changes;
     }
     for (;;) {
         // Not under the lock: the call may block on a server.
@@ -76,12 +76,13 @@ DirectoryEvents::watch(const std::string& path, Handler handler, const std::stri
         {
             const MutexLock lock(m_mutex);
             source = add(descriptor, handler, name);
+            if (changes == m_changes) {
+                if (!name.empty()) m_folderCache[path] = descriptor;
+                return source;
+            }
         }
-        // Another thread may have destroyed the last source, and with it the watch, before add().
-        if (!source->isFor(path)) continue;
-        const MutexLock lock(m_mutex);
-        if (!name.empty() && pathChanges == m_pathChanges) m_folderCache[path] = descriptor;
-        return source;
+        // The watch may have been removed before add().
+        if (source->isFor(path)) return source;
     }
 }
 
@@ -101,6 +102,7 @@ void DirectoryEvents::remove(const Source& source)
     Watch& watch = found->second;
     std::erase(watch.sources, &source);
     if (!watch.sources.empty()) return;
+    ++m_changes;
     // Fails only if the kernel has just removed the watch.
     if (!watch.gone) ::inotify_rm_watch(m_inotify.get(), source.m_descriptor);
     m_watches.erase(found);
@@ -187,6 +189,7 @@ DirectoryEvents::Handlers DirectoryEvents::handlersFor(const char* buffer, size_
 
         // Events of unknown folders were lost.
         if (event.mask & IN_Q_OVERFLOW) return allHandlers();
+        if (event.mask & IN_IGNORED) ++m_changes;
         // The watch of a queued event may have been removed, so its descriptor can be unknown.
         const auto found = m_watches.find(event.wd);
         if (found == m_watches.end()) continue;
@@ -214,7 +217,7 @@ DirectoryEvents::Handlers DirectoryEvents::allHandlers()
 
 void DirectoryEvents::clearFolderCache()
 {
-    ++m_pathChanges;
+    ++m_changes;
     m_folderCache.clear();
 }
 

@@ -64,10 +64,8 @@ public:
     /// after each change of the mount table, and after lost events. One call can cover several changes. A
     /// call can still run after the source is destroyed.
     ///
-    /// If another folder replaces the one at `path` meanwhile, the call may watch either. The caller must
-    /// list the folder afterwards and check isFor() for the listed one. With `name` the check is not needed
-    /// if another source watches the name of this folder in its parent folder, and so reports the
-    /// replacement.
+    /// If another folder replaces the one at `path` meanwhile, the call may watch either. To watch a certain
+    /// folder, open it and take the path of its descriptor below /proc.
     ///
     /// Fails with the errno of inotify (no such folder, no read permission, limit of watches or instances),
     /// or of the calls that start the reading thread. Thread-safe. May block on a disk or server;
@@ -111,9 +109,9 @@ private:
     /// Watch descriptors by path, for sources with a name. Many watched folders share their parent folders.
     /// Cleared when a watched name changes or a source with a name is destroyed.
     std::map<std::string, int> m_folderCache GUARDED_BY(m_mutex);
-    /// Number of times that the cache was cleared. watch() does not add a descriptor that it got before the
-    /// last clearing.
-    uint64_t m_pathChanges GUARDED_BY(m_mutex) = 0;
+    /// Number of removed watches and of times that the cache was cleared. If it has changed during watch(), the
+    /// descriptor that inotify returned may be out of date.
+    uint64_t m_changes GUARDED_BY(m_mutex) = 0;
     std::shared_ptr<const MountTable> m_mounts GUARDED_BY(m_mutex);
     std::thread m_reader;
 };

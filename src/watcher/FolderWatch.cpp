@@ -58,13 +58,14 @@ std::shared_ptr<FolderWatch> FolderWatch::start(const EntryPipeline::Services& s
     watch->m_handler = std::make_shared<const std::function<void()>>([weak = watch->weak_from_this()] {
         if (const auto self = weak.lock()) self->requestUpdate();
     });
-    const auto open = [watch](Token token) { watch->open(token); };
-    if (services.events.mounts()->remoteMount(watch->m_path)) {
-        watch->m_queue->setMayBlock(true);
-        watch->m_queue->async(open);
-    } else {
-        watch->m_queue->runHere(open);
-    }
+    watch->m_queue->runHere([watch](Token token) {
+        // Never waits for a server: it ends at the first remote mount on the path.
+        watch->watchPath();
+        if (watch->m_isRemote)
+            watch->requestUpdate();
+        else
+            watch->openDirectory(token);
+    });
     return watch;
 }
 
@@ -123,14 +124,16 @@ void FolderWatch::update(Token token)
         if (*m_mounts != *m_services.events.mounts()) watchPath();
         scanForNewFiles(token);
     }
-    if (m_state == State::waiting) open(token);
+    if (m_state == State::waiting) {
+        // Watch the path first: a change of the path after this line requests another update.
+        watchPath();
+        openDirectory(token);
+    }
 }
 
-void FolderWatch::open(Token)
+void FolderWatch::openDirectory(Token)
 {
     m_lastModified.reset();
-    // Watch the path first: a change of the path after this line requests another update.
-    watchPath();
     auto opened = WatchedDirectory::open(m_services.events, m_services.history, m_path, m_handler);
     if (opened) {
         m_directory = *std::move(opened);

@@ -59,9 +59,10 @@ private:
     void updateAt(SerialQueue::Clock::time_point when);
     /// Scans the directory if it is watched; tries to open it if the state is `waiting`.
     void update(Token token);
-    /// Watches the path, then tries to open the directory.
-    void open(Token token);
-    /// Watches each name on the path, and finds out whether the path is remote. Starts polling if it is.
+    /// Opens the directory and takes its first snapshot. The caller has just watched the path.
+    void openDirectory(Token token);
+    /// Watches each name on the path, and finds out whether the path is remote. Starts polling if it is. Does
+    /// not access remote volumes.
     void watchPath();
     /// Lists the directory and passes its new names to the pipeline.
     void scanForNewFiles(Token token);

@@ -30,16 +30,15 @@ Outcome<std::shared_ptr<WatchedDirectory>, WatchedDirectory::Failure>
 WatchedDirectory::open(DirectoryEvents& events, MoveHistory& history, const std::string& path,
                        DirectoryEvents::Handler handler)
 {
-    // Watch before the listing: later entries cause events, so a second listing is not needed.
-    auto source = events.watch(path, std::move(handler));
     Outcome<DirectoryListing> listing = DirectoryListing::open(path);
     if (!listing) return Failure{listing.error()};
+    // Watch before the listing: later entries cause events, so a second listing is not needed. Watch the
+    // opened directory: another one may already be at the path.
+    auto source = events.watch(listing->descriptorPath(), std::move(handler));
     if (!source) return Failure{source.error(), true};
 
     const std::shared_ptr<WatchedDirectory> directory(
         new WatchedDirectory(history, path, *std::move(source), listing->identity()));
-    // Another directory may have replaced this one between the two calls.
-    if (!directory->m_source->isFor(listing->descriptorPath())) return Failure{SystemError{ENOENT}};
     NameSnapshot::Update update(directory->m_names);
     if (const Outcome<void> listed = listing->forEachName([&](auto name) { update.add(name); }); !listed)
         return Failure{listed.error()};

@@ -31,9 +31,8 @@ public:
     };
 
     /// Watches the directory at `path` and takes the first snapshot, without a browser's placeholders.
-    /// DirectoryEvents::watch() describes the calls of `handler`. Fails with ENOENT if another directory
-    /// replaces it meanwhile, otherwise with the errno of the failed call. Thread-safe. May block on a disk
-    /// or server.
+    /// DirectoryEvents::watch() describes the calls of `handler`. Fails with the errno of the failed call.
+    /// Thread-safe. May block on a disk or server.
     [[nodiscard]] static Outcome<std::shared_ptr<WatchedDirectory>, Failure>
     open(DirectoryEvents& events, MoveHistory& history, const std::string& path,
          DirectoryEvents::Handler handler);

@@ -164,7 +164,7 @@ struct Polls {
     int beforeListing = 0;
     /// Number of calls that list `unchanged`, before the first poll and after each one.
     std::vector<int> listings = {0};
-    /// Number of attempts to watch the missing folder after the first poll.
+    /// Number of attempts to open the missing folder after the first poll.
     int attempts = 0;
     std::set<std::string> polled;
     std::set<std::string> served;
@@ -194,9 +194,9 @@ Polls pollServedFolders()
         return watches.add({unchanged, coarse, timeless, local}) && watches.isMoved("coarse") &&
                watches.isMoved("timeless");
     };
-    const std::vector<std::string> calls = {"getdents64", "statx", "inotify_add_watch"};
+    const std::vector<std::string> calls = {"getdents64", "statx", "openat"};
     polls.succeeded = succeedsWithoutMounts(calls, work, [&](const InterceptedCall& call) {
-        if (call.name == "inotify_add_watch") {
+        if (call.name == "openat") {
             polls.attempts += polls.ofTimeless > 0 && call.text(1) == missing;
             return Answer::proceed();
         }
