@@ -109,8 +109,8 @@ private:
     /// Watch descriptors by path, for sources with a name. Many watched folders share their parent folders.
     /// Cleared when a watched name changes or a source with a name is destroyed.
     std::map<std::string, int> m_folderCache GUARDED_BY(m_mutex);
-    /// Number of removed watches and of times that the cache was cleared. If it has changed during watch(), the
-    /// descriptor that inotify returned may be out of date.
+    /// Number of removed watches and of times that the cache was cleared. If it has changed during watch(),
+    /// the descriptor that inotify returned may be out of date.
     uint64_t m_changes GUARDED_BY(m_mutex) = 0;
     std::shared_ptr<const MountTable> m_mounts GUARDED_BY(m_mutex);
     std::thread m_reader;

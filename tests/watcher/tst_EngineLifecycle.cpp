@@ -269,19 +269,25 @@ private Q_SLOTS:
         QVERIFY(waitFor([this] { return countPrinted("[\"photo\", \"jpg\"]") == 2; }));
     }
 
-    /// If the listing came before the watch, an entry between them would be noticed at the next event only.
-    /// The engine watches the opened directory, by the path of its descriptor.
+    /// If the listing came before the watch, an entry between them would be found at the next event only, and
+    /// would be moved. The engine watches the opened directory, by the path of its descriptor.
     void anEntryThatArrivesBeforeTheWatchIsKnown()
     {
         const auto work = [this] {
             engine().start({inboxWith({takeAll(m_out)})});
-            return sentinelFoldersPass();
+            arriveFolder("late");
+            return waitFor([this] { return !exists(m_inbox + "/late"); }) && sentinelFoldersPass();
         };
-        const InterceptedRun run =
-            runInChild({"inotify_add_watch"}, work, [this](const InterceptedCall& call) {
-                if (call.text(1).starts_with("/proc/") && !exists(m_inbox + "/early")) arriveFolder("early");
-                return Answer::proceed();
-            });
+        bool hasArrived = false;
+        const InterceptedRun run = runInChild({"inotify_add_watch"}, work, [&](const InterceptedCall& call) {
+            const std::string path = call.text(1);
+            const bool isDescriptor = path.starts_with("/proc/self/fd/");
+            const int descriptor = isDescriptor ? std::stoi(path.substr(path.rfind('/') + 1)) : -1;
+            const bool isFirstWatch = call.pathOfOpen(descriptor) == m_inbox && !hasArrived;
+            if (isFirstWatch) arriveFolder("early");
+            hasArrived = hasArrived || isFirstWatch;
+            return Answer::proceed();
+        });
         QVERIFY(run.succeeded());
         QCOMPARE(namesIn(m_inbox), QByteArrayList{"early"});
     }
