@@ -28,7 +28,7 @@ public:
             const std::string_view piece = text.substr(0, PIPE_BUF);
             const ssize_t written = ::write(STDOUT_FILENO, piece.data(), piece.size());
             if (written < 0 && errno == EINTR) continue;
-            // Nothing reads the output any more. The program continues without it.
+            // The output is closed or full. The program continues without this text.
             if (written <= 0) return;
             text.remove_prefix(static_cast<size_t>(written));
         }

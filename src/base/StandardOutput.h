@@ -6,8 +6,8 @@ namespace harbex
 {
 
 /// Writes `line` and a line end to standard output. Thread-safe: lines of different threads never mix. Waits
-/// up to one second for a reader that does not read. Drops the line, or the end of a long line, when standard
-/// output is closed or full or the wait times out.
+/// up to one second for a reader that does not read, then drops lines until it reads again. Also drops a
+/// line, or the end of a long one, when standard output is closed or full.
 void printLine(std::string_view line);
 
 } // namespace harbex

@@ -23,11 +23,10 @@ public:
     /// Opens the folder at `path` (raw bytes).
     [[nodiscard]] static Outcome<DirectoryListing> open(const std::string& path);
 
-    /// Lists the folder that is open for reading as `directory`.
+    /// Takes the folder that is open for reading as `directory`. Lists nothing yet.
     [[nodiscard]] static Outcome<DirectoryListing> of(FileDescriptor directory);
 
-    /// Opens the folder that is open as `folder` a second time. The read position of `folder` does not
-    /// change.
+    /// Opens once more the folder that is open as `folder`. The read position of `folder` does not change.
     [[nodiscard]] static Outcome<DirectoryListing> openAgain(int folder);
 
     /// Returns the identity of the opened folder.
@@ -54,7 +53,7 @@ public:
         std::string_view name;
         /// For a mount point, the number of the folder that the mount covers.
         uint64_t inode = 0;
-        /// Not every file system tells the type.
+        /// Also true if the file system does not tell the type.
         bool canBeFolder = false;
     };
 

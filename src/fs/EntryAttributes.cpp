@@ -168,7 +168,7 @@ Outcome<void> refreshAttributes(int source, const EntryStatus& seen, int copy)
     const Outcome<std::vector<std::string>> names = attributeNamesOf(copy);
     if (!names) return names.error();
     for (const std::string& name : *names) {
-        // The system owns the others, or fchownat() clears them, or copyAttributes() removes them.
+        // Others belong to the system, or fchownat() clears them, or copyAttributes() removes them.
         if (!name.starts_with("user.") && !name.starts_with("trusted.")) continue;
         const Outcome<void> removed = removeAttribute(copy, name.c_str());
         if (!removed) return removed;

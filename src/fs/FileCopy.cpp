@@ -89,7 +89,7 @@ private:
 
 Outcome<void> ContentCopy::run()
 {
-    // A reflink shares the blocks of the source. It works on one file system that supports it.
+    // A reflink shares the blocks of the source. It needs both files on one file system with reflinks.
     if (::ioctl(m_target, FICLONE, m_source) == 0) {
         const Outcome<EntryStatus> cloned = EntryStatus::ofOpen(m_target);
         if (!cloned) return cloned.error();
@@ -142,8 +142,8 @@ Outcome<uint64_t> ContentCopy::copySome(uint64_t at, uint64_t length)
         const ssize_t copied =
             ::copy_file_range(m_source, &in, m_target, &out, std::min(length, copyRangeChunk), 0);
         if (copied > 0) return static_cast<uint64_t>(copied);
-        // Unsupported for these files, a possibly wrong end of file, or an error. Reading and writing works
-        // for all files and reports the actual error.
+        // The call is unsupported for these files, reports a wrong end of file, or fails. Reading and writing
+        // works for all files and reports the actual error.
         m_useCopyFileRange = false;
     }
     return readAndWrite(at, length);

@@ -38,7 +38,7 @@ private:
 
     const std::stop_token m_stop;
     Mutex m_mutex;
-    /// Paths of the folders that were searched. The set stays small: rules name all destinations.
+    /// Paths of the folders that were searched. The set stays small: it has only destinations of rules.
     std::set<std::string> m_searchedFolders GUARDED_BY(m_mutex);
 };
 

@@ -135,7 +135,7 @@ std::optional<std::string> MountTable::follow(const std::string& path, const Vis
 
 std::optional<std::string> MountTable::remoteMount(const std::string& path) const
 {
-    // Fast path: most systems have no remote mounts, and each batch of entries calls this.
+    // Saves the walk over the path, since this is called for each entry.
     if (m_remoteMounts.empty()) return std::nullopt;
     return follow(path, [](const std::string&, const std::string&) { return false; });
 }

@@ -46,7 +46,7 @@ public:
     /// no system call.
     [[nodiscard]] bool isRemoteMount(const std::string& path) const { return m_remoteMounts.contains(path); }
 
-    /// Returns whether all paths are as remote or local in one table as in the other.
+    /// Returns whether the same remote volumes are mounted at the same paths in both tables.
     friend bool operator==(const MountTable&, const MountTable&) = default;
 
 private:

@@ -26,7 +26,7 @@ constexpr size_t randomBytes = 16;
 Outcome<std::string> randomStagingName()
 {
     std::array<unsigned char, randomBytes> bytes;
-    // getrandom() returns up to 256 bytes completely.
+    // getrandom() returns all bytes of a request for up to 256.
     if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
         return SystemError::last();
     std::string name(prefix);

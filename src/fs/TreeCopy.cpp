@@ -12,7 +12,7 @@ namespace harbex
 namespace
 {
 
-/// One pass that copies, and up to three that check until the source does not change.
+/// One pass copies, and up to three passes check whether the source has changed.
 constexpr int maximumPasses = 4;
 
 /// Returns whether a copy of `recorded` may still match `now`. A write that reset the modification time is

@@ -39,7 +39,7 @@ public:
     /// it to disk.
     ///
     /// Repeats the pass over the source until no entry has changed. If only a change time differs, a program
-    /// set an attribute, made a hard link, or wrote and reset the modification time: make() compares the
+    /// set an attribute, made a hard link, or wrote and reset the modification time. make() then compares the
     /// contents and copies all attributes again. Fails with EBUSY when content was written, added or removed,
     /// or when change times keep changing; otherwise as checkSource() does. The caller deletes the partial
     /// copy after a failure.

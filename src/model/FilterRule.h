@@ -38,8 +38,8 @@ inline constexpr std::array allRuleKinds{RuleKind::image,  RuleKind::video, Rule
 template <class Case>
 [[nodiscard]] std::optional<Case> fromRawValue(QStringView rawValue);
 
-/// One rule of a watched folder. `field` decides whether `value` or `kind` applies; the other one stays
-/// stored. A rule without a destination moves nothing. A plain value.
+/// One rule of a watched folder. `field` decides whether `value` or `kind` applies. A rule without a
+/// destination moves nothing. A plain value.
 struct FilterRule {
     QUuid id = QUuid::createUuid();
     RuleField field = RuleField::name;

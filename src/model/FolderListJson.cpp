@@ -138,7 +138,7 @@ private:
     QString m_place;
 };
 
-// The keys are read in field order, which determines the reported error.
+// Reads the keys in the order of the members. The first wrong one is reported.
 Decoded<FilterRule> decodeRule(const QJsonValue& json, const QString& place)
 {
     const auto object = ObjectReader::open(json, place);

@@ -27,15 +27,15 @@ struct JsonError {
 /// Parses a JSON text (UTF-8) into an array or object. `text` can be any bytes; fails if they are no JSON.
 [[nodiscard]] Outcome<QJsonValue, JsonError> parseJson(const QByteArray& text);
 
-/// Returns a list of folders as JSON: an array of objects whose keys are the field names. Absent values have
-/// no key. Fails if a rule's value contains a lone surrogate, which UTF-8 cannot encode.
+/// Returns a list of folders as JSON: an array of objects whose keys are the names of the members. Absent
+/// values have no key. Fails if a rule's value contains a lone surrogate, which UTF-8 cannot encode.
 [[nodiscard]] Outcome<QJsonArray, JsonError> encodeFolderList(const std::vector<WatchedFolder>& folders);
 
 /// Decodes the format of encodeFolderList(). `json` can be any JSON. Ignores unknown keys. Fails at the first
 /// missing or wrong value.
 [[nodiscard]] Outcome<std::vector<WatchedFolder>, JsonError> decodeFolderList(const QJsonValue& json);
 
-/// Returns the canonical text of a UUID: 36 characters, upper-case hexadecimal, hyphens, no braces.
+/// Returns the stored text of a UUID: 36 characters, upper-case hexadecimal, hyphens, no braces.
 [[nodiscard]] QString uuidText(const QUuid& id);
 
 /// Parses exactly the form of uuidText(), in upper or lower case. The all-zero UUID is valid. Returns nullopt
