@@ -75,6 +75,7 @@ struct MatchableRule {
 
 /// Returns the part of `name` (raw bytes) before the first dot. A browser uses it in all names of one
 /// download: "film" in the empty placeholder "film.mp4" and in the partial file "film.gqqRF_r1.mp4.part".
+/// Empty for a hidden name; browsers give no such names.
 [[nodiscard]] std::string_view downloadBase(std::string_view name);
 
 /// Returns whether an entry that exists passes the second stage. `lowerCasedExtension` is that of

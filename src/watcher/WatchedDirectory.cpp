@@ -20,7 +20,9 @@ struct Downloads {
 
     void add(std::string_view name)
     {
-        if (isPartialDownload(name)) bases.emplace(downloadBase(name));
+        // The base of a hidden name is empty. It would make a placeholder of every empty hidden file.
+        const std::string_view base = downloadBase(name);
+        if (!base.empty() && isPartialDownload(name)) bases.emplace(base);
     }
 };
 

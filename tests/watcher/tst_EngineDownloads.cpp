@@ -196,6 +196,8 @@ private Q_SLOTS:
         const Download first(m_inbox, "film.mp4", "film.gqqRF_r1.mp4.part");
         const Download second(m_inbox, "README", "README.gqqRF_r1.part");
         writeFile(m_inbox + "/empty.mp4", {});
+        writeFile(m_inbox + "/.nomedia", {});
+        writeFile(m_inbox + "/.hidden.part", {});
         // The first one begins before the first start, the second one before the second start.
         for (const Download* download : {&first, &second}) {
             download->reserveName();
@@ -211,8 +213,9 @@ private Q_SLOTS:
         QVERIFY(hasNames(m_out, {"README", "film.mp4"}));
         QVERIFY(contents(m_out + "/film.mp4") == content);
         QVERIFY(contents(m_out + "/README") == content);
+        removeEntry(m_inbox + "/.hidden.part");
         QVERIFY(sentinelPasses());
-        QCOMPARE(namesIn(m_inbox), QByteArrayList{"empty.mp4"});
+        QCOMPARE(namesIn(m_inbox), QByteArrayList({".nomedia", "empty.mp4"}));
     }
 
     void aCancelledDownloadLeavesNothing()
@@ -277,6 +280,7 @@ private Q_SLOTS:
             {"film.mp4", "Film.mp4.part", false},
             {"film.mp4", "x.film.mp4.part", false},
             {"film.mp4", "part", false},
+            {".nomedia", ".film.part", false},
         };
         std::vector<WatchedFolder> folders;
         for (const auto& each : cases) {
