@@ -54,9 +54,15 @@ std::shared_ptr<FolderWatch> FolderWatch::start(const EntryPipeline::Services& s
                                                 const QUuid& id, const std::vector<FilterRule>& rules)
 {
     const std::shared_ptr<FolderWatch> watch(new FolderWatch(services, url, id, rules));
-    // A weak pointer, because m_handler must not keep its owner alive.
+    // Weak pointers, because the handlers must not keep their owner alive.
     watch->m_handler = std::make_shared<const std::function<void()>>([weak = watch->weak_from_this()] {
         if (const auto self = weak.lock()) self->requestUpdate();
+    });
+    watch->m_pathHandler = std::make_shared<const std::function<void()>>([weak = watch->weak_from_this()] {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->m_isPathChanged = true;
+        self->requestUpdate();
     });
     watch->m_queue->runHere([watch](Token token) {
         // Never waits for a server: it ends at the first remote mount on the path.
@@ -121,7 +127,8 @@ void FolderWatch::update(Token token)
     // Reset before the scan: the scan may miss a later change, which then needs another update.
     m_isUpdatePending = false;
     if (m_state == State::watched) {
-        if (*m_mounts != *m_services.events.mounts()) watchPath();
+        // The path may lead to the same directory on another way, for example through a new link.
+        if (m_isPathChanged || *m_mounts != *m_services.events.mounts()) watchPath();
         scanForNewFiles(token);
     }
     if (m_state == State::waiting) {
@@ -151,11 +158,12 @@ void FolderWatch::openDirectory(Token)
 
 void FolderWatch::watchPath()
 {
+    m_isPathChanged = false;
     m_mounts = m_services.events.mounts();
     std::vector<std::shared_ptr<DirectoryEvents::Source>> sources;
     const auto watchName = [&](const std::string& folder, const std::string& name) {
         // A failure is not an error: the engine then does not notice changes of this name.
-        if (auto source = m_services.events.watch(folder, m_handler, name)) sources.push_back(*source);
+        if (auto source = m_services.events.watch(folder, m_pathHandler, name)) sources.push_back(*source);
         return m_services.events.isKnownFolder(folder == "/" ? folder + name : folder + '/' + name);
     };
     m_isRemote = m_mounts->follow(m_path, watchName).has_value();

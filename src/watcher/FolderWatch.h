@@ -85,11 +85,15 @@ private:
     std::atomic<int> m_descriptor = -1;
     /// An update is queued and will cover further events.
     std::atomic<bool> m_isUpdatePending = false;
+    /// A name on the path has changed since watchPath().
+    std::atomic<bool> m_isPathChanged = false;
 
     // Use on the folder's queue only.
     EntryPipeline::Rules m_rules;
     /// Calls requestUpdate().
     DirectoryEvents::Handler m_handler;
+    /// Sets m_isPathChanged, and calls requestUpdate().
+    DirectoryEvents::Handler m_pathHandler;
     /// The directory at the URL. Not null in the state `watched`.
     std::shared_ptr<WatchedDirectory> m_directory;
     /// The mount table in which watchPath() looked.

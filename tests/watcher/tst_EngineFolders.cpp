@@ -1,4 +1,5 @@
 #include "base/FileDescriptor.h"
+#include "support/EngineResources.h"
 #include "support/EngineTest.h"
 
 #include <fcntl.h>
@@ -171,6 +172,24 @@ private Q_SLOTS:
         QVERIFY(isLogged(moved("late")));
         QVERIFY(sentinel.foldersPass(engine()));
         QCOMPARE(namesIn(m_out), QByteArrayList{"late"});
+    }
+
+    void aNameThatBecomesALinkToTheSameFolderIsFollowed()
+    {
+        const std::string path = at("a/watched");
+        apply({{Step::make, "/a/watched"}, {Step::make, "/target"}, {Step::link, "/target/a", "target/a"}});
+        QVERIFY(start({watched(path, {takeAll(m_out)})}));
+        const auto watches = kernelWatchCount();
+        apply({{Step::exchange, "/a", "/target/a"}});
+        // The folder itself is not affected. The engine now watches the folder of the link's target too.
+        QVERIFY(waitFor([&] { return kernelWatchCount() > watches; }));
+        QCOMPARE(engine().activeFDs().size(), 1U);
+        apply({{Step::rename, "/target", "/away"}});
+        QVERIFY(areWatched(0));
+        apply({{Step::rename, "/away", "/target"}});
+        QVERIFY(areWatched(1));
+        makeFolder(path + "/late");
+        QVERIFY(isLogged(moved("late")));
     }
 
     /// The kernel reports the deletion of a folder only after its last user has closed it.
