@@ -20,14 +20,15 @@ namespace harbex
 /// folder. Waits for the disk or the server. Thread-safe.
 [[nodiscard]] Outcome<QByteArray> createBookmark(const std::string& path);
 
-/// Returns the current URLs of bookmarked folders by their bookmarks. A folder is found at its original path,
+/// Returns the current URLs of bookmarked folders; the keys are the bookmarks. A folder is found at its path,
 /// under another name in the same parent folder, or by the search of findLostFolders(). Leaves out a bookmark
 /// whose folder is at none of these (deleted, replaced by a copy, on another volume) and bytes that are no
 /// bookmark: `bookmarks` can be any bytes. A folder that replaces the original at its path is recognised by
 /// birth time or file handle; without both, an equal inode number counts as the same folder.
 ///
 /// Also leaves out a path that leads to a remote volume in `mounts`. No system call touches a remote volume,
-/// since its server may not answer. One search, within `bounds`, serves all bookmarks. Thread-safe.
+/// since its server may not answer. Waits for local disks; one search, within `bounds`, serves all bookmarks.
+/// Thread-safe.
 [[nodiscard]] std::map<QByteArray, FileUrl> resolveBookmarks(const std::vector<QByteArray>& bookmarks,
                                                              const MountTable& mounts,
                                                              const SearchBounds& bounds = {});
@@ -37,8 +38,8 @@ namespace harbex
 /// sandboxed program cannot access it. Accesses no file. Thread-safe.
 [[nodiscard]] std::optional<FileUrl> hostUrl(const FileUrl& url, const QByteArray& bookmark);
 
-/// Returns whether the path leads to a folder that no server holds. No system call touches a remote volume.
-/// Thread-safe.
+/// Returns whether the path (raw bytes) leads to a folder on a local volume. No system call touches a remote
+/// volume. May wait for a local disk. Thread-safe.
 [[nodiscard]] bool isLocalFolder(const std::string& path);
 
 } // namespace harbex

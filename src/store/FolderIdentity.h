@@ -26,6 +26,7 @@ struct FolderIdentity {
     [[nodiscard]] bool hasHandle() const { return !handle.isEmpty(); }
 };
 
+/// The result of compare().
 enum class Likeness {
     different,
     /// Equal inode numbers and nothing else to compare. Another folder may have got the number of a deleted
@@ -34,7 +35,7 @@ enum class Likeness {
     same,
 };
 
-/// Compares what both identities have.
+/// Compares the inode numbers, and birth time and handle where both identities have them. Thread-safe.
 [[nodiscard]] Likeness compare(const FolderIdentity& a, const FolderIdentity& b);
 
 /// Returns the identity of the open folder `fd`, which may be open with O_PATH. Fails with the errno of the

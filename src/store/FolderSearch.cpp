@@ -75,7 +75,7 @@ std::optional<uint64_t> mountOf(const std::string& path)
     return status.stx_mnt_id;
 }
 
-/// The trash of the desktop is the folder Trash or hidden. Windows has a bin on each volume.
+/// Leaves out hidden folders and the trash: "Trash" of the desktop, "$RECYCLE.BIN" of Windows on a volume.
 bool isSearched(std::string_view name)
 {
     return !name.starts_with('.') && name != "Trash" && name != "$RECYCLE.BIN";

@@ -27,16 +27,17 @@ struct FolderState {
 ///
 /// Before a save replaces a list that cannot be decoded, or a non-empty list that differs from that of the
 /// last load or save, it puts the list aside in a file beside the preferences, once per content. The file is
-/// savedWatchedFolders-<hash>.json with the bytes of the list. In three cases it is harbex-<hash>.json with
-/// all bytes of the preferences: they are no JSON object, the list is formatted in another way than this
-/// program does it, or the other keys cannot be kept.
+/// savedWatchedFolders-<hash>.json with the bytes of the list. In four cases it is harbex-<hash>.json with
+/// all bytes of the preferences: they are no JSON object, the list is no array, it is formatted in another
+/// way than this program does it, or the other keys cannot be kept.
 class FolderStore
 {
 public:
     /// Returns the stored configuration. Keeps the folders of `current` if nothing is stored or the
     /// preferences cannot be read. Returns no folders if the list cannot be decoded. Reads the file once.
     /// Replaces the URL of each folder and destination whose bookmark resolves; the file stays as it is.
-    /// Searches at most 0.1 second for moved folders. Selects the stored folder, or else the first one.
+    /// Waits for the disk: lists the parents of moved folders, then searches at most 0.1 second for the rest.
+    /// Selects the stored folder, or else the first one.
     [[nodiscard]] FolderState loadState(FolderState current);
 
     /// Writes the configuration before it returns. Keeps the values of other keys. If it cannot be encoded,

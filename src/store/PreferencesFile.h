@@ -11,7 +11,8 @@ namespace harbex
 /// The user's preferences file: $XDG_CONFIG_HOME/harbex/harbex.json. Its content can be any bytes. Main
 /// thread only.
 ///
-/// A write that returns true is complete and on disk. A write that returns false leaves the file unchanged.
+/// A write that returns true is complete, and on disk if the file system can sync a folder. A write that
+/// returns false leaves the file unchanged.
 /// Symbolic links are followed and kept. A file that the user may not write to is not replaced. A process
 /// that is killed during a write leaves the old or the new file, whole. It may also leave one temporary file,
 /// "harbex.json." and six letters. Nothing removes that file, because a file of the user may have such a
@@ -29,7 +30,7 @@ public:
     /// Replaces the file. Creates its folder if necessary. Returns false on failure.
     [[nodiscard]] bool write(const QByteArray& bytes) const;
 
-    /// Saves bytes that write() is going to replace in a file beside this one, with its permissions. The name
+    /// Copies `bytes`, which write() will replace, to a file beside this one with its permissions. The name
     /// comes from the content: `stem`-0123456789abcdef.json. An existing file of that name is kept. Returns
     /// false on failure.
     [[nodiscard]] bool putAside(const QByteArray& bytes, const QString& stem) const;

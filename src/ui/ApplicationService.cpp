@@ -55,7 +55,7 @@ ApplicationService::Start ApplicationService::start(const QString& activationTok
 {
     // Register first, so that the object exists as soon as the name does.
     m_bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableInvokables);
-    // Its interface is called like the name.
+    // The interface of the signal has the same name as the bus name.
     m_bus.connect(QString(), objectPath, busName, QStringLiteral("Quit"), this, SIGNAL(quitRequested()));
 
     QDBusMessage answer;
@@ -79,8 +79,8 @@ bool ApplicationService::claimName()
 
 ApplicationService::Start ApplicationService::serveFirstCalls()
 {
-    // If the bus has started this process, the calls for the name have arrived before the name. The last one
-    // counts.
+    // If the bus has started this process, it has delivered the waiting calls before its answer to
+    // registerService(). The last one counts.
     QObject receiver;
     connect(this, &ApplicationService::openRequested, &receiver, [this](const QString& token) {
         m_firstCall = Start::first;

@@ -56,7 +56,7 @@ private:
     [[nodiscard]] Start serveFirstCalls();
 
     QDBusConnection m_bus;
-    /// What the last call wanted that came before this process served calls.
+    /// What the last call before the end of start() wanted: the window (`first`) or `onlyToQuit`.
     Start m_firstCall = Start::first;
     QString m_activationToken;
 };

@@ -25,8 +25,8 @@ public:
     /// Publishes the status item on `bus` and handles the requests of `service`, which must live longer.
     ApplicationShell(const QDBusConnection& bus, const ApplicationService& service);
 
-    /// Opens the main window, which starts the engine, in the colours of the desktop. Waits for these up to
-    /// 100 ms. The token may be empty. Call once, before the main loop.
+    /// Waits up to 100 ms for the colours of the desktop. Opens the main window, which starts the engine.
+    /// The token may be empty. Call once, before the main loop.
     void applicationDidFinishLaunching(const QString& activationToken = {});
 
     /// Ends the main loop and rejects an open folder dialog. Saves nothing: changes since the last save are

@@ -29,6 +29,7 @@ public:
     /// is shown, so that the first frame has the right colours. A later answer is applied when it arrives.
     void waitForAnswer();
 
+    /// Returns the palette that this class applies.
     [[nodiscard]] static QPalette darkPalette();
 
 private Q_SLOTS:

@@ -73,7 +73,8 @@ public:
     /// Call when Return is pressed in a value. Always restarts the engine.
     void submitValue();
 
-    /// Sets a rule's destination and its bookmark. Restarts the engine only if the destination changes.
+    /// Sets a rule's destination and its bookmark. Restarts the engine, and emits ruleChanged(), only if the
+    /// destination changes.
     void setDestination(QUuid ruleID, const FileUrl& url, const std::optional<QByteArray>& bookmarkData);
 
 Q_SIGNALS:

@@ -107,7 +107,7 @@ QWidget* ContentView::sidebar()
     //: Button: adds a folder to those that Harbex watches.
     m_addFolder->setText(tr("Add Folder"));
     m_addFolder->setIcon(symbolIcon(Symbol::plus));
-    // Before the splitter measures the sidebar: layouts ignore changes of hidden widgets.
+    // Set before the splitter measures the sidebar, because layouts ignore changes of hidden widgets.
     m_addFolder->setIconSize(iconSizeFor(*this));
     m_addFolder->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
     // Queued, because assistive technology waits until the press is handled.

@@ -24,9 +24,9 @@ class ContentView : public QWidget
 public:
     explicit ContentView(ContentState& state, QWidget* parent = nullptr);
 
-    /// Returns the widths of the two columns for setColumnWidths(), in an opaque format. The user can change
-    /// them.
+    /// Returns the widths of the two columns, which the user can change, in an opaque format.
     [[nodiscard]] QByteArray columnWidths() const;
+    /// Sets widths that columnWidths() returned. Ignores other bytes.
     void setColumnWidths(const QByteArray& widths);
 
 protected:

@@ -3,11 +3,12 @@
 namespace harbex
 {
 
-// What the program runs on. Main thread only, from the application object on.
+// What the program runs on. Main thread only, while the application object exists.
 
+/// Returns whether Qt uses Wayland. False for XWayland.
 [[nodiscard]] bool isWayland();
 
-/// Whether the session is one of KDE Plasma.
+/// Returns whether the session is one of KDE Plasma.
 [[nodiscard]] bool isPlasma();
 
 } // namespace harbex

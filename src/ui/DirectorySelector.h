@@ -24,7 +24,8 @@ class DirectorySelector : public QWidget
 public:
     explicit DirectorySelector(QWidget* parent = nullptr);
 
-    /// Shows a folder with this bookmark, or the prompt if there is none. Emits nothing.
+    /// Shows the folder at `url`, or the prompt without one. In a sandbox the bookmark tells the real path.
+    /// Emits nothing.
     void showUrl(const std::optional<FileUrl>& url, const std::optional<QByteArray>& bookmark = {});
 
     /// Returns the label without elision.

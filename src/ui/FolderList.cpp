@@ -103,7 +103,7 @@ void FolderList::changeEvent(QEvent* event)
 void FolderList::mousePressEvent(QMouseEvent* event)
 {
     if (event->button() != Qt::LeftButton) return;
-    // Before Qt 6.8, QListWidget does this itself.
+    // From Qt 6.8 on, QListWidget does not do this itself.
     if (!itemAt(event->position().toPoint())) clearSelection();
     QListWidget::mousePressEvent(event);
 }

@@ -33,7 +33,7 @@ void MainWindow::open(const QString& activationToken)
         m_state.appear();
         if (!m_content) makeContent();
     }
-    // Qt's Wayland plugin reads the token from there.
+    // Qt's Wayland plugin reads the token from the environment.
     if (!activationToken.isEmpty()) qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
     const bool wasOpen = isVisible();
     // On X11 Qt does nothing for a window on another virtual desktop. The move comes first: GNOME may switch

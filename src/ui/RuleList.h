@@ -18,8 +18,8 @@ class RuleRow;
 /// only. `state` must live longer.
 ///
 /// A row exists only while it is visible or near the visible ones. The first and the last row always exist,
-/// because the focus enters through them. The focused row and its neighbours always exist too. A row belongs
-/// to the id of its rule. It keeps focus, cursor and selection when rules before it are added or deleted.
+/// because the focus enters through them. The focused row and its neighbours always exist too. A row stays
+/// with its rule, by id: it keeps focus, cursor and selection when rules before it are added or deleted.
 class RuleList : public QScrollArea
 {
     Q_OBJECT

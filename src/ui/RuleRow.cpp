@@ -97,7 +97,7 @@ RuleRow::RuleRow(ContentState& state, const FilterRule& rule, QWidget* parent)
     m_value->setAccessibleName(tr("Value"));
     // QLineEdit would cut a longer value from the store, and the next edit would change the rule.
     m_value->setMaxLength(std::numeric_limits<int>::max());
-    // Aligns the controls after it in all rows.
+    // The hidden field keeps its place, so that the controls after it are aligned in all rows.
     QSizePolicy policy = m_value->sizePolicy();
     policy.setRetainSizeWhenHidden(true);
     m_value->setSizePolicy(policy);

@@ -13,9 +13,9 @@ namespace harbex
 namespace
 {
 
-/// Panels draw a symbolic icon in their own ink. The coloured folder would look like a file manager.
+/// Panels draw a symbolic icon in their own colour. A coloured folder would look like a file manager.
 constexpr QLatin1String panelIconName("folder-symbolic");
-/// The ink of an XEmbed tray is not known.
+/// A coloured icon, because the text colour of an XEmbed tray is not known.
 constexpr QLatin1String trayIconName("folder");
 
 } // namespace

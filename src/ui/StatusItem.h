@@ -32,7 +32,7 @@ Q_SIGNALS:
     void openRequested(const QString& activationToken);
     /// The user chose "Quit".
     void quitRequested();
-    /// A tray shows the item, or none does. None does until the signal says otherwise.
+    /// Tells whether a tray shows the item. At first none does.
     void shownChanged(bool isShown);
 
 private:

@@ -137,9 +137,9 @@ void StatusNotifierItem::registerAtWatcher()
 {
     QDBusMessage call = QDBusMessage::createMethodCall(watcherName, watcherPath, watcherName,
                                                        QStringLiteral("RegisterStatusNotifierItem"));
-    // The path stands for this object on the connection of the sender. A bus name of its own would be refused
-    // by a sandbox and can be taken (same PID in a container), and AppIndicator 46 drops an item whose name
-    // it sees again.
+    // The path stands for this object on the connection of the sender. A bus name for the item has three
+    // faults: a sandbox refuses it, another container with the same PID can own it, and AppIndicator 46 drops
+    // an item whose name it sees again.
     call << QString(objectPath);
     // Fails if there is no watcher. serviceOwnerChanged then causes the next attempt.
     m_bus.send(call);

@@ -97,7 +97,7 @@ public:
     Q_SCRIPTABLE void ProvideXdgActivationToken(const QString& token);
 
 Q_SIGNALS:
-    /// A panel shows this item, or none does. Emitted when this is first known and at each change.
+    /// Tells whether a panel shows status items. Emitted when this is first known and at each change.
     void shownChanged(bool isShown);
     /// A panel that does not draw the menu itself asks to open it at `position`.
     void menuRequested(const QPoint& position);

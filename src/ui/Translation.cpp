@@ -13,8 +13,8 @@ Translation::Translation(const QStringList& languages, const QString& qtFolder)
     };
     QString former;
     for (const QString& language : languages) {
-        // A language alone after one with a country is a fallback. Alone, "zh" means Simplified Chinese and
-        // "pt" Brazilian Portuguese, which is wrong after "zh-TW" and "pt-PT".
+        // After "pt-PT" the list has "pt" as a fallback. QLocale reads "pt" as Brazilian Portuguese and "zh"
+        // as Simplified Chinese, which would be wrong here.
         if (former.startsWith(language + u'-')) continue;
         former = language;
         const QLocale locale(language);

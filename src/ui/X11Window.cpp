@@ -13,7 +13,7 @@ namespace harbex
 namespace
 {
 
-/// The sender of a request is the user, not the program. A window manager grants such a request.
+/// The source indication of a request that the user made. A window manager grants such a request.
 constexpr uint32_t byUser = 2;
 /// The desktop of a window that is on all desktops.
 constexpr uint32_t allDesktops = 0xffffffff;
@@ -41,7 +41,7 @@ void request(xcb_window_t window, std::string_view type, const std::array<uint32
     xcb_send_event(x11::connection(), 0, x11::root(),
                    XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT | XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY,
                    reinterpret_cast<const char*>(&event));
-    // Qt sends only its own requests at once.
+    // Qt flushes the connection only after requests of its own.
     xcb_flush(x11::connection());
 }
 

@@ -44,7 +44,7 @@ void XEmbedTray::find()
     if (window == m_window) return;
     m_window = window;
     if (window != XCB_WINDOW_NONE) {
-        // For its end. Qt chooses the same events of this window.
+        // Tells when the tray disappears. Qt selects the same events, so this takes none from it.
         const uint32_t mask = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
         xcb_change_window_attributes(x11::connection(), window, XCB_CW_EVENT_MASK, &mask);
     }

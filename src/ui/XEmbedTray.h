@@ -17,6 +17,7 @@ public:
     explicit XEmbedTray(QObject* parent = nullptr);
     ~XEmbedTray() override;
 
+    /// Returns whether there is a tray now.
     [[nodiscard]] bool isThere() const { return m_window != 0; }
 
 Q_SIGNALS:

@@ -22,7 +22,7 @@ using Reply = std::unique_ptr<Type, FreeReply>;
 /// Returns the root window of the screen.
 [[nodiscard]] xcb_window_t root();
 
-/// Returns the number of a name. Waits for the server.
+/// Returns the atom of `name`; XCB_ATOM_NONE on failure. Waits for the server.
 [[nodiscard]] xcb_atom_t atom(std::string_view name);
 
 } // namespace harbex::x11

@@ -103,7 +103,7 @@ void DirectoryEvents::remove(const Source& source)
     std::erase(watch.sources, &source);
     if (!watch.sources.empty()) return;
     ++m_changes;
-    // Fails only if the kernel has just removed the watch.
+    // Fails if the watch is removed already, by the kernel or by an earlier last source.
     if (!watch.gone) ::inotify_rm_watch(m_inotify.get(), source.m_descriptor);
     m_watches.erase(found);
 }
@@ -183,7 +183,7 @@ DirectoryEvents::Handlers DirectoryEvents::handlersFor(const char* buffer, size_
     for (size_t offset = 0; offset < size;) {
         inotify_event event;
         std::memcpy(&event, buffer + offset, sizeof event);
-        // Padded with NULs; empty for an event of the folder itself.
+        // The name is padded with NULs. It is empty for an event of the folder itself.
         const std::string_view name = event.len == 0 ? "" : buffer + offset + sizeof event;
         offset += sizeof event + event.len;
 

@@ -24,7 +24,7 @@ class DirectoryEvents
 public:
     using Handler = std::shared_ptr<const std::function<void()>>;
 
-    /// One subscription. Must be destroyed before its DirectoryEvents.
+    /// One subscription. Destroy it before its DirectoryEvents, on any thread.
     class Source
     {
     public:

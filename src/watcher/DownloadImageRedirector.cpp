@@ -24,7 +24,7 @@ DownloadImageRedirector::DownloadImageRedirector(QObject* parent)
     const auto startDelay = [this] {
         QTimer::singleShot(logDelay, this, &DownloadImageRedirector::runWaitingChanges);
     };
-    // A signal, not a function object for each call: ThreadSanitizer cannot follow that through Qt to another
+    // A signal without arguments: ThreadSanitizer cannot follow a function object that Qt hands to another
     // thread.
     connect(this, &DownloadImageRedirector::logLinesWait, this, startDelay, Qt::QueuedConnection);
 }

@@ -37,19 +37,20 @@ public:
     ~DownloadImageRedirector() override;
 
     /// Starts to watch these folders. Does nothing if isRunning(). Existing entries stay where they are. The
-    /// engine waits for a missing folder, and logs a folder that the system refuses to watch. Records with
-    /// the same URL share one watch, which uses their rules in the order of the records. isRunning() becomes
-    /// true in a later iteration of the main loop.
+    /// engine waits for a folder that is missing or that it may not read. It logs a folder that inotify
+    /// refuses to watch. Records with the same URL share one watch, which uses their rules in the order of
+    /// the records. isRunning() becomes true in a later iteration of the main loop.
     void start(const std::vector<WatchedFolder>& folders);
 
     /// Stops all watches and discards their snapshots. Entries that were found before are still processed.
     /// isRunning() becomes false in a later iteration of the main loop; start() before that does nothing.
     void stop();
 
-    /// Stops at once, and starts again with these folders in a later iteration of the main loop. Entries that
-    /// arrive between the two stay.
+    /// Stops at once, if running. Starts with these folders in a later iteration of the main loop. Entries
+    /// that arrive between the two stay.
     void restart(std::vector<WatchedFolder> folders);
 
+    /// Returns whether the engine runs. Changes only in the main loop, see start() and stop().
     [[nodiscard]] bool isRunning() const;
 
     /// Returns the activity log, newest first: at most 200 lines "[HH:mm:ss] message".
@@ -67,7 +68,7 @@ Q_SIGNALS:
     void objectWillChange();
     void isRunningChanged(bool isRunning);
     void logsChanged();
-    /// Emitted by the thread that adds the first line. For the engine itself.
+    /// Internal. Emitted by the thread that adds the first waiting line.
     void logLinesWait(QPrivateSignal);
 
 private:

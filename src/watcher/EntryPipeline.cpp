@@ -24,7 +24,7 @@ void print(const QString& line)
     printLine(line.toStdString());
 }
 
-/// ["report", "final", "PDF"]
+/// Returns the pieces in the form ["report", "final", "PDF"].
 QString listOf(const std::vector<QString>& pieces)
 {
     QStringList quoted;

@@ -49,7 +49,7 @@ public:
     /// Time between the first sample and its confirmation. A file that changes within this time was sampled
     /// between its creation and its first write: the second sample replaces the first.
     static constexpr std::chrono::milliseconds confirmationDelay{10};
-    /// Time between a failed first test of a busy entry and its only retry.
+    /// Time between a failed first test and the only retry of that rule.
     static constexpr std::chrono::seconds retryDelay{1};
 
     /// `queue` is the folder's queue.
@@ -110,9 +110,8 @@ private:
         /// The last successful sample found a new inode in place of an empty file: a browser has replaced its
         /// placeholder by the finished download.
         bool isDownloaded = false;
-        /// Time from which the next delay counts: that of the last sample, except that `confirm` keeps the
-        /// older time if the size is the same. sample() clears it; advance() then sets one time for the whole
-        /// batch.
+        /// Time from which the next delay counts. sample() clears it; advance() then sets one time for the
+        /// whole batch. `confirm` keeps the time of the first sample if the size is the same.
         std::optional<Clock::time_point> sampledAt = std::nullopt;
         /// Due times and indexes of the rules to retry.
         std::vector<std::pair<Clock::time_point, size_t>> retries;
@@ -143,16 +142,16 @@ private:
     void advance(Token token, Entries entries);
     /// Performs one step and sets the next one. advance() performs `firstSample`, and moveAll() `move`.
     void step(Token token, Entry& entry, Downloads& downloads) const;
-    /// Sets the step for the first rule from Entry::rule on that matches, or ends as retryOrFinish() does.
+    /// Finds the first matching rule from Entry::rule on and sets its step. Without one: retryOrFinish().
     void tryRules(Entry& entry) const;
     /// The same for the rules after Entry::rule. A retry tries no further rule.
     void tryNextRules(Entry& entry) const;
     /// Sets `retry` if a retry is left, otherwise `done`.
     static void retryOrFinish(Entry& entry);
-    /// Prints the entry and returns whether it matches the rule, which can be of any kind.
+    /// Prints the entry to standard output. Returns whether the rule, of any kind, matches it.
     [[nodiscard]] bool processIfImage(const Entry& entry, const MatchableRule& rule,
                                       const Existence& existence) const;
-    /// Returns nullopt if the entry is gone or is a symbolic link to nothing.
+    /// Returns nullopt if the entry is gone, cannot be read, or is a symbolic link to nothing.
     [[nodiscard]] std::optional<Existence> existenceOf(const Entry& entry) const;
     [[nodiscard]] bool isOnOtherServer(const std::string& path, const Entry& entry) const;
     /// Returns whether the destination of the current rule is the watched folder itself.

@@ -152,7 +152,7 @@ void FolderWatch::openDirectory(Token)
             m_services.addLog(QStringLiteral("Failed to open folder: ") + readableName(m_name));
         if (isShortage(opened.error().error)) retryLater();
     }
-    // A change of the mount table before this folder had a source has called no handler.
+    // If the mount table changed before this folder had a source, no handler was called.
     if (*m_mounts != *m_services.events.mounts()) requestUpdate();
 }
 

@@ -59,7 +59,7 @@ private:
     void updateAt(SerialQueue::Clock::time_point when);
     /// Scans the directory if it is watched; tries to open it if the state is `waiting`.
     void update(Token token);
-    /// Opens the directory and takes its first snapshot. The caller has just watched the path.
+    /// Opens the directory and takes its first snapshot. Call watchPath() before.
     void openDirectory(Token token);
     /// Watches each name on the path, and finds out whether the path is remote. Starts polling if it is. Does
     /// not access remote volumes.
@@ -71,8 +71,8 @@ private:
     void retryLater();
     void pollLater();
     void poll(Token token);
-    /// Returns whether a poll must update: the directory has changed, its last scan is old, or it cannot be
-    /// read.
+    /// Returns whether a poll must update: no directory is watched, it has changed at this poll or the one
+    /// before, its last scan is old, or it cannot be read.
     [[nodiscard]] bool isPollDue();
 
     const EntryPipeline::Services m_services;
@@ -98,7 +98,7 @@ private:
     std::shared_ptr<WatchedDirectory> m_directory;
     /// The mount table in which watchPath() looked.
     std::shared_ptr<const MountTable> m_mounts;
-    /// Report changes of each name on the path to the folder.
+    /// One source for each name on the path. They call m_pathHandler.
     std::vector<std::shared_ptr<DirectoryEvents::Source>> m_pathSources;
     /// End of the cooldown: the earliest time of the next update.
     SerialQueue::Clock::time_point m_nextUpdate;

@@ -51,8 +51,8 @@ private:
     std::string m_names;
 };
 
-/// Compares a new listing with a snapshot, one name at a time. Copies names only from the first difference
-/// on, so an unchanged folder needs no memory. The snapshot must outlive this object.
+/// Compares a new listing with a snapshot, one name at a time. Copies nothing before the first difference, so
+/// an unchanged folder needs no memory. The snapshot must outlive this object.
 class NameSnapshot::Update
 {
 public:
@@ -81,8 +81,8 @@ public:
     [[nodiscard]] NameSnapshot takeCurrent();
 
 private:
-    // Returns whether the next name of the snapshot is `name`. The check for the NUL excludes a longer name
-    // that begins with it.
+    /// Returns whether the next name of the snapshot is `name`. The check for the NUL excludes a longer name
+    /// that begins with `name`.
     bool nextKnownIs(std::string_view name) const
     {
         return m_known.compare(m_cursor, name.size(), name) == 0 && m_cursor + name.size() < m_known.size() &&

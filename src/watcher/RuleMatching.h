@@ -18,7 +18,8 @@ namespace harbex
 // An entry must pass two stages. The first stage is cheap and tests only the name. The second stage is for an
 // entry that exists, and tests its extension or kind. The stages differ on purpose for extension rules: the
 // first can be a substring test, the second compares the rule's value with the whole lower-case extension. So
-// `contains` only adds extensions with capitals, and a value with capitals matches no extension.
+// `contains` accepts what `isEqual` accepts, and also extensions with capitals. A value with capitals matches
+// no extension.
 //
 // Comparisons use canonical equivalence: a composed "é" equals "e" plus a combining accent. Case-insensitive
 // comparisons use Unicode lower case.
@@ -78,8 +79,8 @@ struct MatchableRule {
 /// Empty for a hidden name; browsers give no such names.
 [[nodiscard]] std::string_view downloadBase(std::string_view name);
 
-/// Returns whether an entry that exists passes the second stage. `lowerCasedExtension` is that of
-/// pathExtension(). `isDirectory` does not follow symbolic links; nullopt means unknown.
+/// Returns whether an entry that exists passes the second stage. `lowerCasedExtension` is its pathExtension()
+/// as ComparableText::lowerCased. `isDirectory` does not follow symbolic links; nullopt means unknown.
 [[nodiscard]] bool matches(const MatchableRule& rule, const QString& lowerCasedExtension,
                            std::optional<bool> isDirectory);
 

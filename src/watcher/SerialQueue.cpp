@@ -101,7 +101,7 @@ void WorkerPool::scheduleAt(Clock::time_point when, QueuePointer queue, SerialQu
     if (m_stopped) return;
     m_delayed.emplace(when, std::make_pair(std::move(queue), std::move(task)));
     addThreadIfNeeded();
-    // Wake all threads: a single notification could wake one that ignores delayed tasks.
+    // Wake all threads: a single notification could wake one whose idle time is over and which then ends.
     m_changed.notifyAll();
 }
 

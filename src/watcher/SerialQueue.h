@@ -52,7 +52,8 @@ public:
     void runHere(const Task& task);
 
     /// Sets whether tasks may block on a remote server. The thread limit of the pool does not count such
-    /// queues, because they could use up all threads. Thread-safe.
+    /// queues, because they could use up all threads. Counts from the next time that a thread takes the
+    /// queue. Thread-safe.
     void setMayBlock(bool mayBlock) { m_mayBlock = mayBlock; }
 
     /// Returns the label of the queue, for debugging.

@@ -24,6 +24,7 @@ class WatchedDirectory
 public:
     using Token = SerialQueue::Token;
 
+    /// Why open() failed.
     struct Failure {
         SystemError error;
         /// The directory can be opened, but inotify failed.
@@ -51,11 +52,11 @@ public:
     [[nodiscard]] std::string pathOf(const std::string& name) const;
 
     /// Lists the directory, updates the snapshot and returns the new names. Fails with ENOENT if the path
-    /// leads to another directory, otherwise with the errno of the listing; the snapshot then stays
-    /// unchanged.
+    /// leads to another directory, otherwise with the errno of the listing. A failure keeps the snapshot.
+    /// Call on the folder's queue. May block on a disk or server.
     [[nodiscard]] Outcome<std::vector<std::string>> takeNewNames(Token token);
 
-    /// Removes a name from the snapshot. The next listing reports it as new.
+    /// Removes a name from the snapshot. The next listing reports it as new. Call on the folder's queue.
     void forget(Token, std::string_view name) { m_names.remove(name); }
 
     /// Returns whether the directory is still at its path. Thread-safe. May block on a disk or server.
@@ -72,9 +73,9 @@ private:
     /// Removes the browsers' placeholders from the snapshot.
     void forgetPlaceholders();
 
-    /// An entry that leaves and returns between two listings is not a new name. Drops the record of its
-    /// return, which would otherwise count for the next entry of that name. `listed` is the start of the
-    /// listing.
+    /// Drops the expected returns of names that a listing knows already: the entry left and returned between
+    /// two listings, so its name is not new. The record would count for the next entry of that name.
+    /// `listed` is the start of the listing.
     void dropExpectationsOfKnownNames(MoveHistory::Clock::time_point listed,
                                       const std::vector<std::string>& newNames);
 
