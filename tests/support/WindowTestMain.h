@@ -2,7 +2,9 @@
 
 #include "support/TestMain.h"
 
-#include <QApplication>
+// The tests of the window use dozens of classes. Each file would repeat a list of them.
+#include <QtTest>
+#include <QtWidgets>
 
 /// Registers a test class with windows. They are offscreen.
 #define HARBEX_WINDOW_TEST(Test)                                                                             \

@@ -8,9 +8,6 @@
 #include "ui/ApplicationShell.h"
 #include "ui/ColorScheme.h"
 
-#include <QLineEdit>
-#include <QTimer>
-
 #include <sys/inotify.h>
 #include <unistd.h>
 

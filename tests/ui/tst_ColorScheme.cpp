@@ -4,8 +4,6 @@
 #include "ui/ColorScheme.h"
 
 #include <QDBusConnectionInterface>
-#include <QElapsedTimer>
-#include <QWidget>
 
 #include <csignal>
 

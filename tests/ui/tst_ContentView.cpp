@@ -12,15 +12,6 @@
 #include "ui/RuleList.h"
 #include "ui/RuleRow.h"
 
-#include <QLabel>
-#include <QLineEdit>
-#include <QPointer>
-#include <QPushButton>
-#include <QScrollBar>
-#include <QSplitter>
-#include <QToolButton>
-#include <QVBoxLayout>
-
 #include <cstdlib>
 #include <functional>
 #include <memory>

@@ -3,8 +3,6 @@
 #include "ui/DBusMenu.h"
 
 #include <QDBusMetaType>
-#include <QMenu>
-#include <QSignalSpy>
 
 using namespace harbex;
 using namespace harbex::test;

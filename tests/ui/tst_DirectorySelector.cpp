@@ -7,15 +7,6 @@
 #include "ui/Icons.h"
 #include "ui/PathText.h"
 
-#include <QHelpEvent>
-#include <QLabel>
-#include <QPointer>
-#include <QScopeGuard>
-#include <QTemporaryDir>
-#include <QTextDocument>
-#include <QToolButton>
-#include <QToolTip>
-
 #include <algorithm>
 #include <vector>
 

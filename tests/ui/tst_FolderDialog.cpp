@@ -4,15 +4,6 @@
 #include "support/WindowTestMain.h"
 #include "ui/FolderDialog.h"
 
-#include <QDialogButtonBox>
-#include <QDir>
-#include <QFile>
-#include <QFileDialog>
-#include <QPushButton>
-#include <QScopeGuard>
-#include <QTimer>
-#include <QUrl>
-
 #include <cerrno>
 #include <fcntl.h>
 #include <memory>

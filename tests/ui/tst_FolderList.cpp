@@ -5,12 +5,6 @@
 #include "ui/FolderList.h"
 #include "ui/Icons.h"
 
-#include <QContextMenuEvent>
-#include <QMenu>
-#include <QScrollBar>
-#include <QSignalSpy>
-#include <QTextDocument>
-
 #include <memory>
 #include <utility>
 

@@ -2,12 +2,6 @@
 #include "support/WindowTestMain.h"
 #include "ui/Icons.h"
 
-#include <QDir>
-#include <QFile>
-#include <QImage>
-#include <QPainter>
-#include <QPixmapCache>
-
 #include <algorithm>
 #include <array>
 

@@ -4,16 +4,6 @@
 #include "ui/FolderList.h"
 #include "ui/RuleRow.h"
 
-#include <QDialog>
-#include <QFileInfo>
-#include <QLineEdit>
-#include <QMenu>
-#include <QPointer>
-#include <QScreen>
-#include <QSplitter>
-#include <QTimer>
-#include <QWindow>
-
 #include <algorithm>
 #include <memory>
 

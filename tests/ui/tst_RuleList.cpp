@@ -4,14 +4,6 @@
 #include "ui/RuleList.h"
 #include "ui/RuleRow.h"
 
-#include <QAbstractButton>
-#include <QComboBox>
-#include <QLineEdit>
-#include <QPointer>
-#include <QPushButton>
-#include <QScrollBar>
-#include <QVBoxLayout>
-
 #include <algorithm>
 
 using namespace harbex;

@@ -8,16 +8,6 @@
 #include "ui/Icons.h"
 #include "ui/RuleRow.h"
 
-#include <QAbstractItemView>
-#include <QComboBox>
-#include <QLabel>
-#include <QLayout>
-#include <QLineEdit>
-#include <QScrollArea>
-#include <QScrollBar>
-#include <QToolButton>
-#include <QWheelEvent>
-#include <QWindow>
 #include <qtestspontaneevent.h>
 
 #include <cstdlib>

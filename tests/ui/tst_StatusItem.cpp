@@ -7,9 +7,6 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusMetaType>
-#include <QMenu>
-#include <QSignalSpy>
-#include <QSystemTrayIcon>
 
 using namespace harbex;
 using namespace harbex::test;

@@ -7,15 +7,6 @@
 #include "ui/StatusItem.h"
 #include "ui/Translation.h"
 
-#include <QComboBox>
-#include <QLabel>
-#include <QLineEdit>
-#include <QMenu>
-#include <QStyle>
-#include <QStyleOptionComboBox>
-#include <QStyleOptionFrame>
-#include <QTranslator>
-
 #include <algorithm>
 #include <utility>
 
