@@ -4,6 +4,7 @@
 #include "ui/ContentState.h"
 #include "watcher/DownloadImageRedirector.h"
 
+#include <QByteArray>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -22,6 +23,23 @@ inline QString preferencesPath()
 {
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
            QStringLiteral("/harbex/harbex.json");
+}
+
+/// Returns the content of the configuration file. Empty if there is none.
+inline QByteArray storedText()
+{
+    QFile file(preferencesPath());
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// Returns a folder of the home with default rules. Creates it on disk.
+inline WatchedFolder makeFolder(const char* name, std::size_t ruleCount = 1)
+{
+    const QString path = QDir::home().filePath(QString::fromUtf8(name));
+    QDir().mkpath(path);
+    return {.url = FileUrl::fromPath(path.toStdString()),
+            .bookmarkData = {},
+            .rules = std::vector<FilterRule>(ruleCount)};
 }
 
 /// An empty store. Deletes the configuration file before FolderStore reads it.
@@ -43,16 +61,6 @@ public:
     explicit ContentStateFixture(std::vector<WatchedFolder> folders, std::optional<QUuid> selected = {})
     {
         appearWith(std::move(folders), selected);
-    }
-
-    /// Returns a folder with default rules. Creates it on disk.
-    static WatchedFolder makeFolder(const QString& name, std::size_t ruleCount = 1)
-    {
-        const QString path = QDir::homePath() + QLatin1Char('/') + name;
-        QDir().mkpath(path);
-        return {.url = FileUrl::fromPath(path.toStdString()),
-                .bookmarkData = {},
-                .rules = std::vector<FilterRule>(ruleCount)};
     }
 
     /// Stores the folders, opens the state on them, and resets takeSaved() and restarts().
@@ -110,11 +118,5 @@ private:
 
     int m_restartsSeen = 0;
 };
-
-/// Returns a folder with default rules. Creates it on disk.
-inline WatchedFolder makeFolder(const char* name, std::size_t ruleCount = 1)
-{
-    return ContentStateFixture::makeFolder(QString::fromUtf8(name), ruleCount);
-}
 
 } // namespace harbex::test

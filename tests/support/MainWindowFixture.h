@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/StoredText.h"
+#include "support/ContentStateFixture.h"
 #include "support/Widgets.h"
 #include "ui/MainWindow.h"
 
@@ -16,7 +16,7 @@ namespace harbex::test
 
 /// The window over a store with folders, not opened yet.
 struct MainWindowFixture : ContentStateFixture {
-    explicit MainWindowFixture(std::vector<WatchedFolder> folders = {test::makeFolder("A", 3)})
+    explicit MainWindowFixture(std::vector<WatchedFolder> folders = {makeFolder("A", 3)})
     {
         const QUuid first = folders.at(0).id;
         store.saveState({std::move(folders), first});

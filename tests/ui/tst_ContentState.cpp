@@ -1,5 +1,4 @@
 #include "support/ContentStateFixture.h"
-#include "support/StoredText.h"
 #include "support/TestMain.h"
 
 #include <QSignalSpy>
@@ -256,7 +255,7 @@ private Q_SLOTS:
         };
         std::vector<WatchedFolder> folders;
         for (const char letter : QByteArray(row.ids)) {
-            folders.push_back(ContentStateFixture::makeFolder(QString::number(folders.size())));
+            folders.push_back(makeFolder(QByteArray::number(folders.size())));
             folders.back().id = *idOf(QByteArray(1, letter));
         }
         ContentStateFixture fixture(folders, folders.at(0).id);

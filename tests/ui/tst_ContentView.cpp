@@ -32,10 +32,7 @@ struct ViewFixture : ContentStateFixture {
         activate(*view);
     }
     /// Shows one folder, which is selected.
-    explicit ViewFixture(std::size_t ruleCount = 1)
-        : ViewFixture(std::vector{test::makeFolder("A", ruleCount)})
-    {
-    }
+    explicit ViewFixture(std::size_t ruleCount = 1) : ViewFixture(std::vector{makeFolder("A", ruleCount)}) {}
 
     /// Returns the visible widget with this text.
     template <class Widget>

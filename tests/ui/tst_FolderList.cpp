@@ -35,7 +35,7 @@ struct ListFixture : ContentStateFixture {
     {
         std::vector<WatchedFolder> folders;
         for (int i = 0; i < count; ++i)
-            folders.push_back(makeFolder(QString(QChar(u'A' + i))));
+            folders.push_back(makeFolder(QByteArray(1, char('A' + i))));
         return folders;
     }
 
@@ -161,7 +161,7 @@ private Q_SLOTS:
     void anAddedFolderIsTheLastRowAndSelected()
     {
         ListFixture fixture(2);
-        fixture.state.addFolder(ContentStateFixture::makeFolder(QStringLiteral("New")).url, {});
+        fixture.state.addFolder(makeFolder("New").url, {});
         QCOMPARE(fixture.names(), "A,B,New");
         QCOMPARE(fixture.selected(), "New");
         // A second time is a second row.
@@ -276,7 +276,7 @@ private Q_SLOTS:
         const QUuid selected = folders.at(1).id;
         folders.erase(folders.begin());
         folders.at(1).url = FileUrl::fromPath("/srv/Renamed");
-        folders.push_back(ContentStateFixture::makeFolder(QStringLiteral("New")));
+        folders.push_back(makeFolder("New"));
         fixture.store.saveState({folders, selected});
         fixture.state.appear();
         QCOMPARE(fixture.names(), "B,Renamed,New");

@@ -153,7 +153,7 @@ private Q_SLOTS:
 
     void reopeningLoadsAgainAndNeitherRestartsNorSaves()
     {
-        std::vector<WatchedFolder> folders{ContentStateFixture::makeFolder(QStringLiteral("A"), 200)};
+        std::vector<WatchedFolder> folders{makeFolder("A", 200)};
         for (FilterRule& rule : folders.at(0).rules) {
             rule.field = RuleField::kind;
             rule.kind = RuleKind::audio;
@@ -165,7 +165,7 @@ private Q_SLOTS:
         fixture.open();
         fixture.window->close();
         folders = fixture.state.folders();
-        folders.push_back(ContentStateFixture::makeFolder(QStringLiteral("B")));
+        folders.push_back(makeFolder("B"));
         fixture.store.saveState({folders, folders.at(0).id});
         const QByteArray before = storedText();
         QSignalSpy logs(&fixture.engine, &DownloadImageRedirector::logsChanged);

@@ -1,8 +1,8 @@
 #include "store/FolderStore.h"
+#include "support/ContentStateFixture.h"
 #include "support/FakePanel.h"
 #include "support/ProgramRun.h"
 #include "support/SessionBus.h"
-#include "support/StoredText.h"
 #include "support/TestMain.h"
 
 #include <QDBusConnectionInterface>

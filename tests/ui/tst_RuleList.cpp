@@ -16,8 +16,8 @@ namespace
 struct ListFixture : ContentStateFixture {
     explicit ListFixture(std::size_t ruleCount, std::size_t otherRuleCount = 1)
     {
-        const auto watched = makeFolder(QStringLiteral("Watched"), ruleCount);
-        const auto second = makeFolder(QStringLiteral("Other"), otherRuleCount);
+        const auto watched = makeFolder("Watched", ruleCount);
+        const auto second = makeFolder("Other", otherRuleCount);
         other = second.id;
         appearWith({watched, second}, watched.id);
         before = new QPushButton(QStringLiteral("before"));

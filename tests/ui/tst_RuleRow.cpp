@@ -24,7 +24,7 @@ namespace
 struct RowFixture : ContentStateFixture {
     explicit RowFixture(const FilterRule& rule = {}, QWidget* parent = nullptr)
     {
-        auto folder = test::makeFolder("Watched");
+        auto folder = makeFolder("Watched");
         folder.rules = {rule};
         appearWith({folder}, folder.id);
         row = std::make_unique<RuleRow>(state, this->rule(0), parent);

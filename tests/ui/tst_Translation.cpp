@@ -182,7 +182,7 @@ private Q_SLOTS:
     {
         const Translation translation({QStringLiteral("ja")}, noFolder);
         const StatusItem item(QDBusConnection(QStringLiteral("no such connection")));
-        const MainWindowFixture fixture({test::makeFolder("A", 2)});
+        const MainWindowFixture fixture({makeFolder("A", 2)});
         MainWindow& window = *fixture.window;
         fixture.open();
         const auto choose = [&](qsizetype picker, int index) {
@@ -275,7 +275,7 @@ private Q_SLOTS:
         font.setPointSize(points);
         QApplication::setFont(font);
 
-        auto folder = test::makeFolder("A", 3);
+        auto folder = makeFolder("A", 3);
         folder.rules[1].field = RuleField::kind;
         folder.rules[2].destination = FileUrl::fromPath("/srv/Pictures");
         MainWindowFixture fixture({folder});
