@@ -66,6 +66,13 @@ struct RemoteObject {
     [[nodiscard]] QVariant property(const char* name) const;
 };
 
+/// Returns the object by which launchers and other programs control Harbex.
+[[nodiscard]] inline RemoteObject harbexOn(const QDBusConnection& bus)
+{
+    return {bus, QStringLiteral("org.harbex.Harbex"), QStringLiteral("/org/harbex/Harbex"),
+            QStringLiteral("org.freedesktop.Application")};
+}
+
 /// A call of a method, and what is special about it.
 struct NamedCall {
     const char* name;

@@ -104,8 +104,7 @@ struct ServiceFixture {
     ApplicationService service{bus.connect()};
     QSignalSpy open{&service, &ApplicationService::openRequested};
     QSignalSpy quit{&service, &ApplicationService::quitRequested};
-    RemoteObject application{bus.connect(), busName, QStringLiteral("/org/harbex/Harbex"),
-                             QStringLiteral("org.freedesktop.Application")};
+    RemoteObject application = harbexOn(bus.connect());
 };
 
 } // namespace
@@ -234,8 +233,7 @@ private Q_SLOTS:
         SessionBus bus(folder.path());
 
         // All calls but the last arrive before the program has started.
-        const RemoteObject remote{bus.connect(), busName, QStringLiteral("/org/harbex/Harbex"),
-                                  QStringLiteral("org.freedesktop.Application")};
+        const RemoteObject remote = harbexOn(bus.connect());
         for (qsizetype i = 1; i <= calls.size(); ++i) {
             QVariantList arguments{
                 QVariantMap{{QStringLiteral("activation-token"), QStringLiteral("token %1").arg(i)}}};

@@ -104,10 +104,7 @@ private Q_SLOTS:
         QTRY_VERIFY(mainWindow()->isVisible());
         QTRY_VERIFY(mainWindow()->isActiveWindow());
         mainWindow()->close();
-        const RemoteObject application{bus.connect(), QStringLiteral("org.harbex.Harbex"),
-                                       QStringLiteral("/org/harbex/Harbex"),
-                                       QStringLiteral("org.freedesktop.Application")};
-        QVERIFY(application.accepts("Activate", {QVariantMap()}));
+        QVERIFY(harbexOn(bus.connect()).accepts("Activate", {QVariantMap()}));
         QVERIFY(mainWindow()->isVisible());
     }
 

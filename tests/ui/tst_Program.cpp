@@ -124,9 +124,7 @@ private Q_SLOTS:
 
     void everyOrderlyEndPrintsAndSavesNothing()
     {
-        const RemoteObject application{m_bus->connect(), QStringLiteral("org.harbex.Harbex"),
-                                       QStringLiteral("/org/harbex/Harbex"),
-                                       QStringLiteral("org.freedesktop.Application")};
+        const RemoteObject application = harbexOn(m_bus->connect());
         const std::pair<const char*, std::function<void(Program&)>> ends[] = {
             {"the menu", [&](Program&) { m_panel->click(3); }},
             {"the bus",
@@ -164,9 +162,7 @@ private Q_SLOTS:
         writeServiceFile(m_folder->path(), "QT_QPA_PLATFORM=offscreen exec " HARBEX_PROGRAM);
         SessionBus bus(m_folder->path());
         const FakePanel panel(bus);
-        const RemoteObject application{bus.connect(), QStringLiteral("org.harbex.Harbex"),
-                                       QStringLiteral("/org/harbex/Harbex"),
-                                       QStringLiteral("org.freedesktop.Application")};
+        const RemoteObject application = harbexOn(bus.connect());
         QVERIFY(
             application.accepts("ActivateAction", {QStringLiteral("quit"), QVariantList(), QVariantMap()}));
         QTRY_VERIFY(!application.bus.interface()->isServiceRegistered(application.service));
