@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <seccomp.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <thread>
 
@@ -110,18 +111,6 @@ QByteArray bookmarkWithInodeOnly(const std::string& path, quint64 inode)
     return bookmarkWith({.path = QByteArray::fromStdString(path), .inode = inode, .handle = {}});
 }
 
-quint64 inodeOf(const fs::path& path)
-{
-    struct stat data = {};
-    if (::stat(path.c_str(), &data) != 0) qFatal("nothing at %s", path.c_str());
-    return data.st_ino;
-}
-
-void makeFile(const fs::path& path, mode_t type)
-{
-    if (::mknod(path.c_str(), type | 0600, 0) != 0) qFatal("no file at %s", path.c_str());
-}
-
 } // namespace
 
 class TestBookmark : public QObject
@@ -131,7 +120,8 @@ class TestBookmark : public QObject
 private Q_SLOTS:
     void init()
     {
-        m_scratch = std::make_unique<ScratchFolder>();
+        // In memory: a busy disk is slow, and the file system of temporary files may keep no birth time.
+        m_scratch = std::make_unique<ScratchFolder>("/dev/shm");
         // No search goes beyond it.
         qputenv("HOME", QByteArray::fromStdString(m_scratch->path()));
     }
@@ -208,14 +198,11 @@ private Q_SLOTS:
 
     void resolvesBehindTenThousandFolders()
     {
-        // In memory, because a busy disk would take minutes.
-        const ScratchFolder place("/dev/shm");
-        qputenv("HOME", QByteArray::fromStdString(place.path()));
-        const fs::path folder = place.makeFolder("Downloads");
+        const fs::path folder = makeFolder("Downloads");
         const QByteArray bookmark = bookmarkOf(folder);
         for (int i = 0; i < 10'000; ++i)
-            place.makeFolder(std::to_string(i));
-        const fs::path inside = place.makeFolder("5000/inside");
+            makeFolder(std::to_string(i));
+        const fs::path inside = makeFolder("5000/inside");
         fs::rename(folder, inside / "Downloads");
         QCOMPARE(resolved(bookmark), (inside / "Downloads").string());
     }
@@ -281,7 +268,8 @@ private Q_SLOTS:
     void inodeNumberAloneDoesNotProveARenaming()
     {
         const fs::path folder = makeFolder("Downloads");
-        const QByteArray bookmark = bookmarkWithInodeOnly(folder.string(), inodeOf(folder));
+        const QByteArray bookmark =
+            bookmarkWithInodeOnly(folder.string(), fieldsIn(bookmarkOf(folder)).inode);
         QCOMPARE(resolved(bookmark), folder.string());
         fs::rename(folder, scratch() / "Renamed");
         QCOMPARE(resolved(bookmark), nothing);
@@ -289,11 +277,8 @@ private Q_SLOTS:
 
     void withoutFileHandlesTheBirthTimeIdentifies()
     {
-        // The file system of temporary files may keep no birth time.
-        const ScratchFolder place("/dev/shm");
-        qputenv("HOME", QByteArray::fromStdString(place.path()));
-        const fs::path folder = place.makeFolder("a");
-        const fs::path renamed = place.path() + "/b";
+        const fs::path folder = makeFolder("a");
+        const fs::path renamed = scratch() / "b";
         const QByteArray withHandle = bookmarkOf(folder);
         QByteArray withoutHandle;
         withoutFileHandles([&] { withoutHandle = bookmarkOf(folder); });
@@ -316,41 +301,32 @@ private Q_SLOTS:
         check(nothing);
     }
 
-    void eachPartOfTheIdentityCounts_data()
-    {
-        QTest::addColumn<std::function<void(Fields&)>>("change");
-        const auto row = [](const char* name, const std::function<void(Fields&)>& change) {
-            QTest::newRow(name) << change;
-        };
-        row("inode number", [](Fields& fields) { ++fields.inode; });
-        row("seconds of the birth time", [](Fields& fields) { ++fields.birthSeconds; });
-        row("nanoseconds of the birth time", [](Fields& fields) { ++fields.birthNanoseconds; });
-        row("type of the file handle", [](Fields& fields) { ++fields.handleType; });
-        row("first byte of the file handle", [](Fields& fields) { ++fields.handle.front(); });
-        row("last byte of the file handle", [](Fields& fields) { ++fields.handle.back(); });
-        row("length of the file handle", [](Fields& fields) { fields.handle.chop(1); });
-    }
-
     // The number of a deleted folder is given to a new one. The rest of the identity tells them apart.
     void eachPartOfTheIdentityCounts()
     {
-        QFETCH(const std::function<void(Fields&)>, change);
-        // The file system of temporary files may keep no birth time.
-        const ScratchFolder place("/dev/shm");
-        qputenv("HOME", QByteArray::fromStdString(place.path()));
-        const fs::path folder = place.makeFolder("Downloads");
-        Fields fields = fieldsIn(bookmarkOf(folder));
-        QVERIFY(fields.birthSeconds != 0 && !fields.handle.isEmpty());
-        const QByteArray same = bookmarkWith(fields);
-        change(fields);
-        const QByteArray different = bookmarkWith(fields);
-
-        const fs::path renamed = place.path() + "/Renamed";
-        const fs::path moved = place.makeFolder("Other") + "/Moved";
-        for (const fs::path& path : {folder, renamed, moved}) {
-            if (path != folder) fs::rename(path == renamed ? folder : renamed, path);
-            QCOMPARE(resolved(same), path.string());
-            QCOMPARE(resolved(different), nothing);
+        const std::function<void(Fields&)> changes[] = {
+            [](Fields& fields) { ++fields.inode; },
+            [](Fields& fields) { ++fields.birthSeconds; },
+            [](Fields& fields) { ++fields.birthNanoseconds; },
+            [](Fields& fields) { ++fields.handleType; },
+            [](Fields& fields) { ++fields.handle.front(); },
+            [](Fields& fields) { ++fields.handle.back(); },
+            [](Fields& fields) { fields.handle.chop(1); },
+        };
+        const fs::path renamed = scratch() / "Renamed";
+        const fs::path moved = makeFolder("Other") / "Moved";
+        for (int i = 0; const auto& change : changes) {
+            const fs::path folder = makeFolder(std::to_string(++i));
+            Fields fields = fieldsIn(bookmarkOf(folder));
+            QVERIFY(fields.birthSeconds != 0 && !fields.handle.isEmpty());
+            const QByteArray same = bookmarkWith(fields);
+            change(fields);
+            const QByteArray different = bookmarkWith(fields);
+            for (const fs::path& path : {folder, renamed, moved}) {
+                if (path != folder) fs::rename(path == renamed ? folder : renamed, path);
+                QCOMPARE(resolved(same), path.string());
+                QVERIFY2(resolved(different) == nothing, folder.c_str());
+            }
         }
     }
 
@@ -380,8 +356,8 @@ private Q_SLOTS:
 
     void onlyAFolderHasABookmark()
     {
-        makeFile(scratch() / "file", S_IFREG);
-        makeFile(scratch() / "pipe", S_IFIFO);
+        writeFile(scratch() / "file", "");
+        QCOMPARE(::mkfifo((scratch() / "pipe").c_str(), 0600), 0);
         fs::create_symlink(scratch() / "nowhere", scratch() / "dangling");
         fs::create_symlink(scratch() / "file", scratch() / "link");
         const auto errorOf = [](const std::string& path) {
@@ -398,13 +374,12 @@ private Q_SLOTS:
             QVERIFY2(errorOf(noAbsolutePath) == ENOENT, noAbsolutePath.c_str());
     }
 
-    void foreignBytesDoNotResolve()
+    void foreignOrDamagedBytesDoNotResolve()
     {
         const QByteArray bookmark = bookmarkOf(makeFolder("Downloads"));
+        QVERIFY(resolved(bookmark) != nothing);
         const QByteArray foreign[] = {
-            {},
             "x",
-            header,
             QByteArray(32, '\0'),
             QByteArray(100'000, '\xff'),
             "book\0\0\0\0mark",
@@ -417,12 +392,6 @@ private Q_SLOTS:
         };
         for (const QByteArray& bytes : foreign)
             QVERIFY2(resolved(bytes) == nothing, bytes.toHex());
-        QVERIFY(resolved(bookmark) != nothing);
-    }
-
-    void damagedBookmarkDoesNotResolve()
-    {
-        const QByteArray bookmark = bookmarkOf(makeFolder("Downloads"));
         for (qsizetype i = 0; i < bookmark.size(); ++i) {
             QCOMPARE(resolved(bookmark.first(i)), nothing);
             QCOMPARE(resolved(bookmark.last(i)), nothing);
@@ -437,7 +406,7 @@ private Q_SLOTS:
     void wrongFieldsWithARightChecksumDoNotResolve()
     {
         const fs::path folder = makeFolder("Downloads");
-        const quint64 inode = inodeOf(folder);
+        const quint64 inode = fieldsIn(bookmarkOf(folder)).inode;
         const QByteArray fields = fieldsOf(bookmarkWithInodeOnly(folder.string(), inode));
         QCOMPARE(resolved(sealed(fields)), folder.string());
 
@@ -473,7 +442,7 @@ private Q_SLOTS:
 
 private:
     [[nodiscard]] fs::path scratch() const { return m_scratch->path(); }
-    fs::path makeFolder(const char* name) const { return m_scratch->makeFolder(name); }
+    fs::path makeFolder(std::string_view name) const { return m_scratch->makeFolder(name); }
 
     std::unique_ptr<ScratchFolder> m_scratch;
 };
