@@ -31,14 +31,6 @@ SearchBounds boundsOf(size_t folders)
     return {.deadline = Clock::time_point::max(), .folders = folders};
 }
 
-/// The folder at `path` as something lost.
-LostFolder lostFolder(const std::string& path)
-{
-    const auto identity = identityOfFolder(path);
-    if (!identity) qFatal("no folder at %s", path.c_str());
-    return {.path = path, .identity = *identity, .foundAt = {}};
-}
-
 /// Is asked before the search opens a folder to list it.
 using BeforeListing = std::function<Answer(const std::string& folder)>;
 
@@ -284,7 +276,7 @@ private:
         const fs::path parent = path.parent_path();
         const bool hadParent = fs::exists(parent);
         fs::create_directories(path);
-        LostFolder lost = lostFolder(path);
+        LostFolder lost{.path = path, .identity = *identityOfFolder(path), .foundAt = {}};
         m_taken.push_back(m_scratch->path() + "/taken" + std::to_string(m_taken.size()));
         fs::rename(path, m_taken.back());
         if (!hadParent) fs::remove(parent);
