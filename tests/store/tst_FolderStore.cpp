@@ -31,11 +31,6 @@ const char* const someID = "0F8E6C1A-1111-4222-8333-ABCDEFABCDEF";
 /// A list without the key "rules".
 const QByteArray brokenList = R"([{"id":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF","url":"file:///a"}])";
 
-QString text(const char* utf8)
-{
-    return QString::fromUtf8(utf8);
-}
-
 /// The folder of the preferences. All tests of this program share the home.
 std::string folder()
 {
@@ -96,7 +91,7 @@ std::string asidePath(const QByteArray& name)
 FolderState someState()
 {
     FilterRule rule;
-    rule.value = text("invoice \u00e9");
+    rule.value = QString::fromUtf8("invoice \u00e9");
     rule.destination = FileUrl::fromPath("/home/u/Invoices");
     FolderState state;
     state.folders = {{.url = FileUrl::fromPath("/home/u/Downloads"), .bookmarkData = {}, .rules = {}},
@@ -235,7 +230,7 @@ private Q_SLOTS:
         // The zero id is an id like any other.
         state.folders[1].id = QUuid();
         state.folders[1].url = FileUrl::fromPath("/a \xff\n\u00e9");
-        state.folders[1].rules[0].value = text("\\\"\n\U0001F600\x01") + QChar(u'\0');
+        state.folders[1].rules[0].value = QString::fromUtf8("\\\"\n\U0001F600\x01") + QChar(u'\0');
         state.selectedFolderID = QUuid();
         FolderStore folderStore;
         QCOMPARE(save(folderStore, state), QByteArrayList());
@@ -253,7 +248,7 @@ private Q_SLOTS:
             QCOMPARE(contents(preferences()), expected);
             QCOMPARE(asideNames(), QByteArray());
         };
-        const QUuid id(text(someID));
+        const QUuid id(QString::fromUtf8(someID));
         const FolderState state{{{id, FileUrl::fromPath("/a"), {}, {}}}, id};
         const QByteArray full =
             R"({"savedWatchedFolders":[{"id":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF","rules":[],"url":"file:///a"}],)"
@@ -338,7 +333,7 @@ private Q_SLOTS:
     void selectedIsTheStoredFolderOrTheFirst()
     {
         FolderState state = someState();
-        state.folders[1].id = QUuid(text(someID));
+        state.folders[1].id = QUuid(QString::fromUtf8(someID));
         const auto check = [&state](const QByteArray& selection, size_t expected) {
             store(encoded(state), selection);
             // The selection before the load does not matter.
