@@ -209,49 +209,41 @@ private Q_SLOTS:
         QVERIFY(reply != QDBusConnectionInterface::ServiceRegistered);
     }
 
-    void callsThatStartTheProgramCountAtItsStart_data()
-    {
-        QTest::addColumn<QStringList>("calls");
-        QTest::addColumn<QByteArray>("result");
-        const QString activate = QStringLiteral("Activate");
-        const QString quit = QStringLiteral("ActivateAction");
-        QTest::newRow("Activate") << QStringList{activate} << QByteArray("first token 1");
-        QTest::newRow("twice") << QStringList{activate, activate} << QByteArray("first token 2");
-        QTest::newRow("quit") << QStringList{quit} << QByteArray("only to quit");
-        QTest::newRow("quit first") << QStringList{quit, activate} << QByteArray("first token 2");
-        QTest::newRow("quit last") << QStringList{activate, quit} << QByteArray("only to quit");
-    }
-
     void callsThatStartTheProgramCountAtItsStart()
     {
-        QFETCH(const QStringList, calls);
-        QFETCH(const QByteArray, result);
-        const QTemporaryDir folder;
-        QFile said(folder.filePath(QStringLiteral("said")));
-        writeServiceFile(folder.path(), "exec '" + QCoreApplication::applicationFilePath().toUtf8() +
-                                            "' ServiceProgram >'" + said.fileName().toUtf8() + "'");
-        SessionBus bus(folder.path());
-
-        // All calls but the last arrive before the program has started.
-        const RemoteObject remote = harbexOn(bus.connect());
-        for (qsizetype i = 1; i <= calls.size(); ++i) {
-            QVariantList arguments{
-                QVariantMap{{QStringLiteral("activation-token"), QStringLiteral("token %1").arg(i)}}};
-            if (calls[i - 1] == QLatin1String("ActivateAction"))
-                arguments = {QStringLiteral("quit"), QVariantList(), QVariantMap()};
-            const QByteArray method = calls[i - 1].toLatin1();
-            if (i < calls.size())
-                remote.send(method.constData(), arguments);
-            else
-                QVERIFY(remote.accepts(method.constData(), arguments));
+        const QByteArray activate = "Activate";
+        const QByteArray quit = "ActivateAction";
+        const std::pair<QByteArrayList, QByteArray> cases[] = {
+            {{activate}, "first token 1"},      {{activate, activate}, "first token 2"},
+            {{quit}, "only to quit"},           {{quit, activate}, "first token 2"},
+            {{activate, quit}, "only to quit"},
+        };
+        for (const auto& [calls, result] : cases) {
+            const QTemporaryDir folder;
+            QFile said(folder.filePath(QStringLiteral("said")));
+            writeServiceFile(folder.path(), "exec '" + QCoreApplication::applicationFilePath().toUtf8() +
+                                                "' ServiceProgram >'" + said.fileName().toUtf8() + "'");
+            SessionBus bus(folder.path());
+            // All calls but the last arrive before the program has started.
+            const RemoteObject remote = harbexOn(bus.connect());
+            for (qsizetype i = 1; i <= calls.size(); ++i) {
+                const QByteArray& method = calls[i - 1];
+                QVariantList arguments{
+                    QVariantMap{{QStringLiteral("activation-token"), QStringLiteral("token %1").arg(i)}}};
+                if (method == quit) arguments = {QStringLiteral("quit"), QVariantList(), QVariantMap()};
+                if (i < calls.size())
+                    remote.send(method, arguments);
+                else
+                    QVERIFY(remote.accepts(method, arguments));
+            }
+            QTRY_VERIFY(said.size() > 0);
+            QVERIFY(said.open(QIODevice::ReadOnly));
+            QCOMPARE(said.readLine().trimmed(), result);
+            QCOMPARE(bus.startedPrograms(), 1);
+            // A program that serves the name outlives its bus.
+            const uint process = bus.connect().interface()->servicePid(busName);
+            if (process != 0) ::kill(pid_t(process), SIGTERM);
         }
-        QTRY_VERIFY(said.size() > 0);
-        QVERIFY(said.open(QIODevice::ReadOnly));
-        QCOMPARE(said.readLine().trimmed(), result);
-        QCOMPARE(bus.startedPrograms(), 1);
-        // A program that serves the name outlives its bus.
-        const uint process = bus.connect().interface()->servicePid(busName);
-        if (process != 0) ::kill(pid_t(process), SIGTERM);
     }
 
     // Calls.
