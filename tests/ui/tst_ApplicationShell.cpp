@@ -17,26 +17,6 @@ using namespace harbex::test;
 namespace
 {
 
-/// The colour that the program has when it first shows a window.
-class FirstShow : public QObject
-{
-public:
-    FirstShow() { qApp->installEventFilter(this); }
-
-    [[nodiscard]] QColor colour() const { return m_colour; }
-
-protected:
-    bool eventFilter(QObject* /*watched*/, QEvent* event) override
-    {
-        if (event->type() == QEvent::Show && !m_colour.isValid())
-            m_colour = QApplication::palette().color(QPalette::Window);
-        return false;
-    }
-
-private:
-    QColor m_colour;
-};
-
 /// Counts how often a file is opened, one after another.
 class FileOpenings
 {
@@ -113,9 +93,13 @@ private Q_SLOTS:
         SessionBus bus;
         SettingsPortal portal(bus);
         portal.set(QStringLiteral("org.freedesktop.appearance"), QStringLiteral("color-scheme"), 1U);
-        const FirstShow first;
-        const LaunchedShell harbex(bus);
-        QCOMPARE(first.colour(), ColorScheme::darkPalette().color(QPalette::Window));
+        const ApplicationService service(bus.connect());
+        ApplicationShell shell(bus.connect(), service);
+        shell.applicationDidFinishLaunching();
+        // Nothing is painted before the main loop runs.
+        QVERIFY(mainWindow()->isVisible());
+        QCOMPARE(QApplication::palette().color(QPalette::Window),
+                 ColorScheme::darkPalette().color(QPalette::Window));
         QApplication::setPalette(QPalette());
     }
 
@@ -143,7 +127,10 @@ private Q_SLOTS:
         {
             SessionBus bus;
             const LaunchedShell harbex(bus);
-            QTest::keyClicks(mainWindow()->findChild<QLineEdit*>(), QStringLiteral("not saved yet"));
+            // The focus is in a row, which goes with it.
+            auto* field = mainWindow()->findChild<QLineEdit*>();
+            field->setFocus();
+            QTest::keyClicks(field, QStringLiteral("not saved yet"));
             QTimer::singleShot(0, this, [] {
                 QEvent quit(QEvent::Quit);
                 QCoreApplication::sendEvent(qApp, &quit);
