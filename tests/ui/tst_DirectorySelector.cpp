@@ -8,6 +8,7 @@
 #include "ui/PathText.h"
 
 #include <algorithm>
+#include <tuple>
 #include <vector>
 
 using namespace harbex;
@@ -88,69 +89,57 @@ private Q_SLOTS:
         }
     }
 
-    void theLabelOfAFolder_data()
-    {
-        QTest::addColumn<QByteArray>("url");
-        QTest::addColumn<QString>("label");
-        QTest::addColumn<QByteArray>("home");
-        const auto row = [](const char* name, const QByteArray& url, const QByteArray& label,
-                            const QByteArray& home = "/Users/a") {
-            QTest::newRow(name) << url << QString::fromUtf8(label) << home;
-        };
-        const QByteArray path40 = pathOf(40, "x");
-        const QByteArray path41 = pathOf(41, "x");
-
-        row("in the home", "file:///Users/a/Pictures", "~/Pictures");
-        row("home", "file:///Users/a", "~");
-        row("another home", "file:///Users/b/Pictures", "/Users/b/Pictures");
-        row("home twice", "file:///Users/a/mirror/Users/a/Pictures", "~/mirror~/Pictures");
-        row("home with a slash", "file:///Users/a/Pictures", "~/Pictures", "/Users/a/");
-        row("root as home", "file:///srv/Pictures", "/srv/Pictures", "/");
-        row("41 characters, 34 with a tilde", "file:///Users/a/0123456789/0123456789/0123456789",
-            "0123456789");
-        row("root", "file:///", "/");
-        row("slash at the end", "file:///srv/Pictures/", "/srv/Pictures");
-        row("slash after 40 characters", "file://" + path40 + '/', path40);
-        row("slash after 41 characters", "file://" + path41 + '/', "end");
-        row("percent encoding", "file:///srv/My%20%C3%A9tudes", "/srv/My \u00e9tudes");
-        row("byte that is not UTF-8", "file:///srv/caf%E9", "/srv/caf\uFFFD");
-        row("line break", "file:///srv/a%0Ab", "/srv/a\\nb");
-        row("link", "file:///proc/self", "/proc/self");
-        row("another scheme", "smb://server/share/Pictures", "Pictures");
-    }
-
     void theLabelOfAFolder()
     {
-        QFETCH(const QByteArray, url);
-        QFETCH(const QByteArray, home);
-        qputenv("HOME", home);
-        QTEST(folderLabel(*FileUrl::fromString(QString::fromUtf8(url))), "label");
-    }
-
-    void aFolderOfThePortalIsShownWithItsRealPath_data()
-    {
-        QTest::addColumn<QByteArray>("hostPath");
-        QTest::addColumn<QString>("label");
-        QTest::addColumn<QString>("path");
-        QTest::newRow("in the home") << QByteArray("/Users/a/Scans") << QStringLiteral("~/Scans")
-                                     << QStringLiteral("/Users/a/Scans");
-        QTest::newRow("elsewhere") << QByteArray("/srv/Scans") << QStringLiteral("/srv/Scans")
-                                   << QStringLiteral("/srv/Scans");
-        QTest::newRow("unknown") << QByteArray() << QStringLiteral("Scans") << QStringLiteral("Scans");
+        const QByteArray path40 = pathOf(40, "x");
+        const QByteArray path41 = pathOf(41, "x");
+        struct Row {
+            QByteArray url;
+            QByteArray label;
+            QByteArray home = "/Users/a";
+        };
+        const Row rows[] = {
+            {"file:///Users/a/Pictures", "~/Pictures"},
+            {"file:///Users/a", "~"},
+            {"file:///Users/b/Pictures", "/Users/b/Pictures"},
+            {"file:///Users/a/mirror/Users/a/Pictures", "~/mirror~/Pictures"},
+            {"file:///Users/a/Pictures", "~/Pictures", "/Users/a/"},
+            {"file:///srv/Pictures", "/srv/Pictures", "/"},
+            // 41 characters, 34 with a tilde.
+            {"file:///Users/a/0123456789/0123456789/0123456789", "0123456789"},
+            {"file:///", "/"},
+            {"file:///srv/Pictures/", "/srv/Pictures"},
+            {"file://" + path40 + '/', path40},
+            {"file://" + path41 + '/', "end"},
+            {"file:///srv/My%20%C3%A9tudes", "/srv/My \u00e9tudes"},
+            {"file:///srv/caf%E9", "/srv/caf\uFFFD"},
+            {"file:///srv/a%0Ab", "/srv/a\\nb"},
+            {"file:///proc/self", "/proc/self"}, // a link
+            {"smb://server/share/Pictures", "Pictures"},
+        };
+        for (const Row& row : rows) {
+            qputenv("HOME", row.home);
+            const QString label = folderLabel(*FileUrl::fromString(QString::fromUtf8(row.url)));
+            QVERIFY2(label == QString::fromUtf8(row.label), row.url + ": " + label.toUtf8());
+        }
     }
 
     void aFolderOfThePortalIsShownWithItsRealPath()
     {
-        QFETCH(const QByteArray, hostPath);
-        QFETCH(const QString, label);
-        QFETCH(const QString, path);
-        const DocumentFolder document(hostPath.toStdString());
-        if (!document.isPossible()) QSKIP("the file system keeps no attributes");
-        DirectorySelector selector;
-        selector.showUrl(document.url(), document.bookmark());
-        QCOMPARE(selector.text(), label);
-        QVERIFY(selector.button()->toolTip().contains(QLatin1Char('>') + path + QLatin1Char('<')));
-        QCOMPARE(selector.button()->accessibleDescription(), path);
+        const std::tuple<const char*, const char*, const char*> rows[] = {
+            {"/Users/a/Scans", "~/Scans", "/Users/a/Scans"},
+            {"/srv/Scans", "/srv/Scans", "/srv/Scans"},
+            {"", "Scans", "Scans"}, // unknown
+        };
+        for (const auto& [hostPath, label, path] : rows) {
+            const DocumentFolder document(hostPath);
+            if (!document.isPossible()) QSKIP("the file system keeps no attributes");
+            DirectorySelector selector;
+            selector.showUrl(document.url(), document.bookmark());
+            QCOMPARE(selector.text(), QString::fromLatin1(label));
+            QVERIFY(selector.button()->toolTip().contains(u'>' + QString::fromLatin1(path) + u'<'));
+            QCOMPARE(selector.button()->accessibleDescription(), QString::fromLatin1(path));
+        }
     }
 
     // What is shown.
