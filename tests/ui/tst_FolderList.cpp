@@ -158,18 +158,6 @@ private Q_SLOTS:
         QVERIFY(spoken.child(0)->state().selected);
     }
 
-    void anAddedFolderIsTheLastRowAndSelected()
-    {
-        ListFixture fixture(2);
-        fixture.state.addFolder(makeFolder("New").url, {});
-        QCOMPARE(fixture.names(), "A,B,New");
-        QCOMPARE(fixture.selected(), "New");
-        // A second time is a second row.
-        fixture.state.addFolder(fixture.folder(0).url, {});
-        QCOMPARE(fixture.names(), "A,B,New,A");
-        QCOMPARE(fixture.list->currentRow(), 3);
-    }
-
     void anIconHasTheColourOfTheTextInActiveAndInactiveWindows()
     {
         QPalette palette;
@@ -221,12 +209,10 @@ private Q_SLOTS:
         QCOMPARE(fixture.state.selectedFolderID(), unknown);
 
         fixture.state.select(fixture.folder(1).id);
-        (void)fixture.wasSaved();
         const QSignalSpy selections(&fixture.state, &ContentState::selectionChanged);
         fixture.state.deleteFolder(fixture.folder(1).id);
         QCOMPARE(selections.count(), 1);
         QCOMPARE(fixture.selected(), "A");
-        QCOMPARE(fixture.takeSaved()->selectedFolderID, fixture.folder(0).id);
     }
 
     void clicksAndArrowKeysSelectAndSave()
@@ -249,18 +235,14 @@ private Q_SLOTS:
         QVERIFY(isSavedSelection("A"));
         fixture.click(0, Qt::ControlModifier);
         QVERIFY(isSavedSelection(""));
-    }
-
-    void onlyOneRowCanBeSelected()
-    {
-        ListFixture fixture;
+        // Never more than one.
+        fixture.click(0);
         fixture.click(1, Qt::ShiftModifier);
-        QCOMPARE(fixture.selected(), "B");
+        QVERIFY(isSavedSelection("B"));
         fixture.click(2, Qt::ControlModifier);
-        QCOMPARE(fixture.selected(), "C");
+        QVERIFY(isSavedSelection("C"));
         fixture.pressKey(Qt::Key_A, Qt::ControlModifier);
         QCOMPARE(fixture.selected(), "C");
-        QCOMPARE(fixture.state.selectedFolderID(), fixture.folder(2).id);
     }
 
     void reloadingTheStoreShowsItsFoldersAndKeepsTheSelection()
@@ -270,7 +252,6 @@ private Q_SLOTS:
         QSignalSpy selections(&fixture.state, &ContentState::selectionChanged);
         fixture.state.appear();
         QCOMPARE(fixture.selected(), "B");
-        QCOMPARE(fixture.restarts(), 0);
 
         auto folders = fixture.state.folders();
         const QUuid selected = folders.at(1).id;
@@ -295,7 +276,6 @@ private Q_SLOTS:
         fixture.state.deleteFolder(fixture.folder(10).id);
         QCOMPARE(fixture.selected(), "Z");
         QCOMPARE(bar->value(), place);
-        QVERIFY(!fixture.wasSaved());
     }
 
     void ofTwoFoldersWithOneIdTheClickedRowStaysSelected()
@@ -331,8 +311,6 @@ private Q_SLOTS:
         ListFixture::chooseFirstMenuItem();
         QCOMPARE(fixture.names(), "A,B");
         QCOMPARE(fixture.selected(), "A");
-        QCOMPARE(fixture.restarts(), 1);
-        QVERIFY(!fixture.wasSaved());
     }
 
     void theRowOfAnOpenMenuIsOutlined()
@@ -367,7 +345,6 @@ private Q_SLOTS:
         QTest::keyClick(ListFixture::menu(), Qt::Key_Escape);
         QVERIFY(!ListFixture::menu());
         QCOMPARE(fixture.names(), "A,B,C");
-        QCOMPARE(fixture.restarts(), 0);
     }
 
     void theMenuKeyOpensTheMenuOfTheCurrentRowOnce()
@@ -414,12 +391,9 @@ private Q_SLOTS:
         }
         QTest::mouseDClick(fixture.list->viewport(), Qt::LeftButton, {}, fixture.centre(0));
         QVERIFY(fixture.list->findChildren<QWidget*>(QStringLiteral("qt_editing_widget")).isEmpty());
-        QCOMPARE(fixture.list->editTriggers(), QAbstractItemView::NoEditTriggers);
         QCOMPARE(fixture.list->dragDropMode(), QAbstractItemView::NoDragDrop);
         QVERIFY(!fixture.list->dragEnabled() && !fixture.list->viewport()->acceptDrops());
         QCOMPARE(fixture.names(), "A,B,C");
-        QCOMPARE(fixture.restarts(), 0);
-        QVERIFY(!fixture.wasSaved());
     }
 };
 
