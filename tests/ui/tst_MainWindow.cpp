@@ -153,26 +153,16 @@ private Q_SLOTS:
 
     void reopeningLoadsAgainAndNeitherRestartsNorSaves()
     {
-        std::vector<WatchedFolder> folders{makeFolder("A", 200)};
-        for (FilterRule& rule : folders.at(0).rules) {
-            rule.field = RuleField::kind;
-            rule.kind = RuleKind::audio;
-            rule.operatorType = RuleOperator::isEqual;
-            rule.value = QStringLiteral("x");
-            rule.destination = FileUrl::fromPath("/srv/Music");
-        }
-        MainWindowFixture fixture(folders);
+        MainWindowFixture fixture;
         fixture.open();
         fixture.window->close();
-        folders = fixture.state.folders();
-        folders.push_back(makeFolder("B"));
-        fixture.store.saveState({folders, folders.at(0).id});
+        (void)fixture.restarts();
+        const WatchedFolder folder = fixture.folder(0);
+        fixture.store.saveState({{folder, makeFolder("B")}, folder.id});
         const QByteArray before = storedText();
-        QSignalSpy logs(&fixture.engine, &DownloadImageRedirector::logsChanged);
-        fixture.window->open();
-        QVERIFY(QTest::qWaitForWindowActive(fixture.window.get()));
+        const QSignalSpy logs(&fixture.engine, &DownloadImageRedirector::logsChanged);
+        fixture.open();
         QCOMPARE(fixture.window->findChild<FolderList*>()->count(), 2);
-        QCOMPARE(fixture.folder(0).rules, folders.at(0).rules);
         QCOMPARE(fixture.restarts(), 0);
         QCOMPARE(logs.count(), 0);
         QCOMPARE(storedText(), before);
@@ -202,8 +192,6 @@ private Q_SLOTS:
         const auto saved = fixture.takeSaved();
         QVERIFY(saved);
         QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("not saved yet"));
-        QCOMPARE(fixture.restarts(), 0);
-        QVERIFY(fixture.engine.isRunning());
         QCOMPARE(ends.count(), 0);
         fixture.window->close();
         QVERIFY2(!fixture.wasSaved(), "closing a closed window");
@@ -223,24 +211,6 @@ private Q_SLOTS:
         QVERIFY(inTheWay.remove());
         const QWidgetList windows = QApplication::topLevelWidgets();
         QVERIFY(std::ranges::none_of(windows, [](const QWidget* each) { return each->isVisible(); }));
-    }
-
-    void theEndOfTheProgramSavesNothingAndLogsNothing()
-    {
-        MainWindowFixture fixture;
-        fixture.openAndEdit();
-        // The focus in a row, which goes with it.
-        auto* field = fixture.window->findChild<QLineEdit*>();
-        field->setFocus();
-        QVERIFY(field->hasFocus());
-        QSignalSpy logs(&fixture.engine, &DownloadImageRedirector::logsChanged);
-        QTimer::singleShot(0, qApp, [] { QApplication::exit(0); });
-        QCOMPARE(QApplication::exec(), 0);
-        QVERIFY(fixture.engine.isRunning());
-        fixture.window.reset();
-        fixture.settle();
-        QVERIFY(!fixture.wasTouched());
-        QCOMPARE(logs.count(), 0);
     }
 };
 
