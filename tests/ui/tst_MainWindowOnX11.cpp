@@ -171,31 +171,25 @@ private Q_SLOTS:
         QCOMPARE(fixture.rule(0).value, QStringLiteral("not saved yet"));
     }
 
-    void openingBringsItToTheWorkspaceInFrontAndNeitherLoadsNorSaves_data()
-    {
-        QTest::addColumn<bool>("isMinimised");
-        QTest::newRow("shown") << false;
-        QTest::newRow("minimised") << true;
-    }
-
     void openingBringsItToTheWorkspaceInFrontAndNeitherLoadsNorSaves()
     {
-        QFETCH(const bool, isMinimised);
-        const WindowFixture fixture;
-        if (isMinimised) fixture.minimise();
-        for (const QByteArray& number : {QByteArray("2"), QByteArray("1"), QByteArray("0")}) {
-            goToWorkspace(number);
-            QTRY_COMPARE(workspace(), number);
-            QTRY_VERIFY(!fixture.window->isActiveWindow());
+        for (const bool isMinimised : {false, true}) {
+            const WindowFixture fixture;
+            if (isMinimised) fixture.minimise();
+            for (const QByteArray& number : {QByteArray("2"), QByteArray("1"), QByteArray("0")}) {
+                goToWorkspace(number);
+                QTRY_COMPARE(workspace(), number);
+                QTRY_VERIFY(!fixture.window->isActiveWindow());
+                QVERIFY(!fixture.wasTouched());
+                fixture.window->open();
+                QTRY_COMPARE(fixture.xdotool("get_desktop_for_window"), number);
+                QTRY_COMPARE(run("xdotool", {QStringLiteral("getactivewindow")}).trimmed(),
+                             fixture.id().toUtf8());
+                QTRY_VERIFY(fixture.window->isActiveWindow());
+                QCOMPARE(workspace(), number);
+            }
             QVERIFY(!fixture.wasTouched());
-            fixture.window->open();
-            QTRY_COMPARE(fixture.xdotool("get_desktop_for_window"), number);
-            QTRY_COMPARE(run("xdotool", {QStringLiteral("getactivewindow")}).trimmed(),
-                         fixture.id().toUtf8());
-            QTRY_VERIFY(fixture.window->isActiveWindow());
-            QCOMPARE(workspace(), number);
         }
-        QVERIFY(!fixture.wasTouched());
     }
 
     void aWindowOnAllWorkspacesStaysOnThem()
