@@ -242,7 +242,6 @@ private Q_SLOTS:
         QCOMPARE(fixture.bar->value(), 100);
         QCOMPARE(fixture.value(4)->text(), QStringLiteral("pdf"));
         QCOMPARE(fixture.row(4)->findChild<QComboBox*>()->currentText(), QStringLiteral("Extension"));
-        QCOMPARE(fixture.restarts(), 0);
     }
 
     void anotherFolderReplacesAllRowsAndBeginsAtTheTop()
@@ -297,7 +296,6 @@ private Q_SLOTS:
         QCOMPARE(fixture.folder(0).rules.size(), 2U);
         QCOMPARE(fixture.rule(1).id, third);
         QVERIFY2(fixture.deletion(1)->hasFocus(), "the next button");
-        QCOMPARE(fixture.restarts(), 1);
     }
 
     // The focus goes to the next row, then to the previous one, then past the list.
@@ -357,15 +355,12 @@ private Q_SLOTS:
         QFAIL("no row is cut through");
     }
 
-    void aLongListScrollsToItsEndAndRowsLeaveRoomForTheScrollBar()
+    void rowsLeaveRoomForTheScrollBar()
     {
-        ListFixture fixture(100);
+        const ListFixture fixture(100);
         QVERIFY(fixture.bar->isVisible());
         QCOMPARE(fixture.list->viewport()->width() - fixture.row(0)->width(), 16);
         QVERIFY(!fixture.list->horizontalScrollBar()->isVisible());
-        fixture.state.addRule();
-        fixture.list->scrollToEnd();
-        QVERIFY(fixture.isSeen(100));
     }
 
     void aNarrowListCanBeScrolledSideways()
