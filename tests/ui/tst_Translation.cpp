@@ -113,52 +113,46 @@ class TestTranslation : public QObject
 private Q_SLOTS:
     void cleanup() { QGuiApplication::setLayoutDirection(Qt::LayoutDirectionAuto); }
 
-    void theFirstLanguageTheProgramSpeaksIsTaken_data()
-    {
-        QTest::addColumn<QString>("languages");
-        QTest::addColumn<QString>("rules");
-        const auto row = [](const char* languages, const char* rules) {
-            QTest::newRow(languages) << QString::fromLatin1(languages) << QString::fromUtf8(rules);
-        };
-        row("", "Rules");
-        row("C", "Rules");
-        row("ar", "القواعد");
-        row("de", "Regeln");
-        row("es", "Reglas");
-        row("fr", "Règles");
-        row("he", "כללים");
-        row("it", "Regole");
-        row("ja", "ルール");
-        row("pt-BR", "Regras");
-        row("ru", "Правила");
-        row("zh-CN", "规则");
-
-        row("de-AT", "Regeln");
-        row("es-Latn-MX", "Reglas");
-        row("zh-Hans-CN", "规则");
-        row("zh-TW", "Rules");
-        row("zh-Hant-TW", "Rules");
-        row("zh-TW zh-Hant-TW zh", "Rules");
-        row("zh-TW zh-CN", "规则");
-        row("zh zh-Hans-CN", "规则");
-        row("pt-PT", "Rules");
-        row("pt-PT pt", "Rules");
-        row("pt-PT pt-BR", "Regras");
-        row("nl de fr", "Regeln");
-        row("tlh C de", "Regeln");
-        row("en de", "Rules");
-        row("en-GB de", "Rules");
-        row("nl en-US de", "Rules");
-    }
-
     void theFirstLanguageTheProgramSpeaksIsTaken()
     {
-        QFETCH(const QString, languages);
-        {
-            const Translation translation(languages.split(u' '), noFolder);
-            QTEST(rulesHeading(), "rules");
+        const std::pair<const char*, const char*> rows[] = {
+            {"", "Rules"},
+            {"C", "Rules"},
+            {"ar", "القواعد"},
+            {"de", "Regeln"},
+            {"es", "Reglas"},
+            {"fr", "Règles"},
+            {"he", "כללים"},
+            {"it", "Regole"},
+            {"ja", "ルール"},
+            {"pt-BR", "Regras"},
+            {"ru", "Правила"},
+            {"zh-CN", "规则"},
+
+            {"de-AT", "Regeln"},
+            {"es-Latn-MX", "Reglas"},
+            {"zh-Hans-CN", "规则"},
+            {"zh-TW", "Rules"},
+            {"zh-Hant-TW", "Rules"},
+            {"zh-TW zh-Hant-TW zh", "Rules"},
+            {"zh-TW zh-CN", "规则"},
+            {"zh zh-Hans-CN", "规则"},
+            {"pt-PT", "Rules"},
+            {"pt-PT pt", "Rules"},
+            {"pt-PT pt-BR", "Regras"},
+            {"nl de fr", "Regeln"},
+            {"tlh C de", "Regeln"},
+            {"en de", "Rules"},
+            {"en-GB de", "Rules"},
+            {"nl en-US de", "Rules"},
+        };
+        for (const auto& [languages, rules] : rows) {
+            {
+                const Translation translation(QString::fromLatin1(languages).split(u' '), noFolder);
+                QVERIFY2(rulesHeading() == QString::fromUtf8(rules), languages);
+            }
+            QCOMPARE(rulesHeading(), QStringLiteral("Rules"));
         }
-        QCOMPARE(rulesHeading(), QStringLiteral("Rules"));
     }
 
     void qtsOwnTextsHaveTheSameLanguage()
