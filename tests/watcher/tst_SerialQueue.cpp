@@ -532,43 +532,6 @@ private Q_SLOTS:
         QCOMPARE(ran, mayRun ? 10 : 0);
     }
 
-    void tasksAfterStopAreDropped()
-    {
-        std::atomic<bool> began = false;
-        std::atomic<int> ran = 0;
-        WorkerPool pool;
-        auto owner = std::make_shared<Owner>(Owner{pool.makeQueue("queue")});
-        const std::weak_ptr<Owner> observer = owner;
-        const auto addTasks = [&ran](const std::shared_ptr<Owner>& to) {
-            for (int i = 0; i < 100; ++i) {
-                to->queue->async([&ran, to](Token) { ++ran; });
-                to->queue->asyncAt(Clock::now(), [&ran, to](Token) { ++ran; });
-            }
-        };
-        // By a task that runs while the pool stops.
-        owner->queue->async([&, owner, token = pool.stopToken()](Token) {
-            began = true;
-            while (!token.stop_requested())
-                std::this_thread::yield();
-            addTasks(owner);
-        });
-        QVERIFY(eventually([&] { return began.load(); }));
-        pool.stop();
-        // By others, to a queue that was there and to one that is new, and from the task that a queue begins
-        // with.
-        addTasks(owner);
-        auto fresh = std::make_shared<Owner>(Owner{pool.makeQueue("fresh")});
-        const std::weak_ptr<Owner> freshObserver = fresh;
-        fresh->queue->runHere([&](Token) { addTasks(fresh); });
-        pool.stop();
-        owner.reset();
-        fresh.reset();
-        QVERIFY(observer.expired());
-        QVERIFY(freshObserver.expired());
-        QCOMPARE(ran, 0);
-        QCOMPARE(pool.threadCount(), size_t(0));
-    }
-
     void stopWhileManyThreadsAddTasks()
     {
         for (int round = 0; round < 20; ++round) {
