@@ -280,7 +280,7 @@ private Q_SLOTS:
             {"film.mp4", "Film.mp4.part", false},
             {"film.mp4", "x.film.mp4.part", false},
             {"film.mp4", "part", false},
-            {".nomedia", ".film.part", false},
+            {".film.mp4", ".film.part", false},
         };
         std::vector<WatchedFolder> folders;
         for (const auto& each : cases) {
