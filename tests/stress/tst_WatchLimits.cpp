@@ -1,6 +1,5 @@
-#include "support/EngineOutput.h"
-#include "support/EngineProbe.h"
 #include "support/EngineResources.h"
+#include "support/EngineTest.h"
 #include "support/PrivateMounts.h"
 #include "support/RandomSeed.h"
 #include "support/Stress.h"
@@ -8,7 +7,6 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <memory>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -40,147 +38,115 @@ double shareOfOtherThreads()
 
 constexpr int noLimit = 100'000;
 
+const QString started = QStringLiteral("Started watchers.");
+const QString failure = QStringLiteral("Failed to open folder: ");
+
 } // namespace
 
 /// The engine at the limits of watches and descriptors.
-class TestWatchLimits : public QObject
+class TestWatchLimits : public EngineTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
     void init()
     {
-        m_scratch = std::make_unique<ScratchFolder>();
-        m_output = std::make_unique<EngineOutput>();
+        EngineTest::init();
+        m_inboxes.clear();
+        m_folders.clear();
     }
-
-    void cleanup() { m_output.reset(); }
 
     void watchesRefusedAtRandom()
     {
         std::mt19937 random = seededRandom();
         constexpr size_t folderCount = 30;
-        const std::vector<Pair> pairs = makePairs(folderCount);
+        addInboxes(folderCount);
         // The folders above are watched first, once for all folders.
-        const auto foldersAbove = size_t(std::ranges::count(pairs[0].inbox, '/'));
-        DownloadImageRedirector engine;
+        const auto foldersAbove = size_t(std::ranges::count(m_inbox, '/'));
         const size_t rounds = stressSize(size_t(3), size_t(200));
         for (size_t round = 0; round < rounds; ++round) {
-            const size_t allowed = round == 0 ? 0 : randomBelow(random, foldersAbove + folderCount + 1);
+            const size_t allowed =
+                round < 2 ? round * (foldersAbove + 1) : randomBelow(random, foldersAbove + folderCount + 1);
             const size_t limit = allowed - std::min(allowed, foldersAbove);
             // Existing watches would not count.
-            engine.stop();
+            engine().stop();
             QTRY_COMPARE_WITH_TIMEOUT(kernelWatchCount(), 0U, patience);
             limitWatches(int(allowed));
-            QVERIFY(restartAndWait(engine, watchedIn(pairs)));
-            QCOMPARE(engine.activeFDs().size(), limit);
+            QVERIFY(restartAndWait(engine(), m_folders));
+            QCOMPARE(engine().activeFDs().size(), limit);
             // The folders are watched in their order. The last ones are refused, each with its line.
-            for (size_t i = limit; i < folderCount; ++i) {
-                const QStringList newest =
-                    messages(engine).sliced(engine.logs().size() - qsizetype(folderCount - limit) - 1);
-                QCOMPARE(newest.count(QStringLiteral("Failed to open folder: ") + pairs[i].name()), 1);
-            }
-            QVERIFY(allAreWatched({pairs.begin(), pairs.begin() + ptrdiff_t(limit)}));
+            QStringList lines;
+            for (size_t i = limit; i < folderCount; ++i)
+                lines << failure + QStringLiteral("two\\nlines %1").arg(i);
+            lines << started;
+            QCOMPARE(log().last(lines.size()), lines);
+            // A change of the mount table leads to another attempt, but to no other line.
+            const Mount mount = Mount::memory(m_out);
+            QVERIFY(sentinelsPass({m_inboxes.begin(), m_inboxes.begin() + ptrdiff_t(limit)}));
+            QCOMPARE(log().mid(log().lastIndexOf(started)).filter(failure), QStringList());
             QVERIFY(shareOfOtherThreads() < 0.25);
         }
         limitWatches(noLimit);
-        QVERIFY(restartAndWait(engine, watchedIn(pairs)));
-        QVERIFY(allAreWatched(pairs));
+        QVERIFY(restartAndWait(engine(), m_folders));
+        QVERIFY(sentinelsPass(m_inboxes));
         reportRuns(rounds);
     }
 
     void everyNumberOfFreeDescriptorsAtTheStart()
     {
-        const std::vector<Pair> pairs = makePairs(3);
-        // Scans and moves need more descriptors than watching.
-        constexpr int enoughForMoves = 4;
-        size_t more = 0;
-        for (int enough = 0; enough <= enoughForMoves; ++more) {
-            const size_t descriptorsBefore = descriptorCount();
-            auto engine = std::make_unique<DownloadImageRedirector>();
+        addInboxes(3);
+        const size_t descriptors = descriptorCount();
+        // The events need three, and a listing one more. Scans and moves need more than watching.
+        constexpr size_t enoughToWatch = 4;
+        constexpr size_t enoughToMove = 8;
+        for (size_t number = 0; number <= enoughToMove; ++number) {
             {
-                const DescriptorLimit limit(more);
-                QVERIFY(startAndWait(*engine, watchedIn(pairs)));
+                const DescriptorLimit limit(number);
+                QVERIFY(start(m_folders));
+                QCOMPARE(engine().activeFDs().size(), number < enoughToWatch ? 0U : m_folders.size());
                 // A folder that cannot be listed has no line.
-                const QStringList reported =
-                    messages(*engine).filter(QStringLiteral("Failed to open folder: "));
-                QVERIFY(size_t(reported.size()) + engine->activeFDs().size() <= pairs.size());
-                if (engine->activeFDs().size() == pairs.size()) ++enough;
-                for (const Pair& pair : pairs)
-                    makeFolder(pair.inbox + "/tight " + std::to_string(more));
+                QCOMPARE(log().filter(failure).size(), number == 1 || number == 2 ? 3 : 0);
+                for (const Inbox& inbox : m_inboxes)
+                    makeFolder(inbox.path + "/tight " + std::to_string(number));
                 QVERIFY(shareOfOtherThreads() < 0.25);
             }
-            QVERIFY(restartAndWait(*engine, watchedIn(pairs)));
-            QVERIFY(allAreWatched(pairs));
-            engine.reset();
-            QCOMPARE(descriptorCount(), descriptorsBefore);
-            QVERIFY(more < 100);
+            // No event in the folders leads to this.
+            QVERIFY(waitFor([this] { return engine().activeFDs().size() == m_folders.size(); }));
+            QVERIFY(sentinelsPass(m_inboxes));
+            for (const Inbox& inbox : m_inboxes)
+                QVERIFY(number >= enoughToWatch || exists(inbox.path + "/tight " + std::to_string(number)));
+            m_engine.reset();
+            QCOMPARE(descriptorCount(), descriptors);
         }
-        reportRuns(more);
+        reportRuns(enoughToMove + 1);
     }
 
     void noFreeDescriptorLater()
     {
-        const std::vector<Pair> pairs = makePairs(3);
-        DownloadImageRedirector engine;
-        QVERIFY(startAndWait(engine, watchedIn(pairs)));
-        writeFile(m_scratch->path() + "/late", "late");
+        addInboxes(3);
+        QVERIFY(start(m_folders));
+        writeFile(at("late"), "late");
         {
             const DescriptorLimit limit(0);
-            renameEntry(m_scratch->path() + "/late", pairs[0].inbox + "/late");
+            renameEntry(at("late"), m_inboxes[0].path + "/late");
             QVERIFY(shareOfOtherThreads() < 0.25);
         }
         // The entry that could not be listed is found later.
-        QTRY_VERIFY_WITH_TIMEOUT(exists(pairs[0].out + "/late"), patience);
-        QVERIFY(allAreWatched(pairs));
+        QVERIFY(hasNames(m_inboxes[0].out, {"late"}));
+        QVERIFY(sentinelsPass(m_inboxes));
     }
 
 private:
-    struct Pair {
-        std::string inbox;
-        std::string out;
-        [[nodiscard]] QString name() const
-        {
-            return QString::fromStdString(inbox.substr(inbox.rfind('/') + 1));
-        }
-    };
-
-    [[nodiscard]] std::vector<Pair> makePairs(size_t count) const
+    void addInboxes(size_t count)
     {
-        std::vector<Pair> pairs;
-        pairs.reserve(count);
         for (size_t i = 0; i < count; ++i) {
-            const std::string number = std::to_string(i);
-            pairs.push_back({m_scratch->makeFolder("in " + number), m_scratch->makeFolder("out " + number)});
+            const Inbox& inbox = m_inboxes.emplace_back(*m_scratch, "two\nlines " + std::to_string(i));
+            m_folders.push_back(inbox.with({takeAll(inbox.out)}));
         }
-        return pairs;
     }
 
-    [[nodiscard]] static std::vector<WatchedFolder> watchedIn(const std::vector<Pair>& pairs)
-    {
-        std::vector<WatchedFolder> folders;
-        folders.reserve(pairs.size());
-        for (const Pair& pair : pairs)
-            folders.push_back(watched(pair.inbox, {takeAll(pair.out)}));
-        return folders;
-    }
-
-    /// Returns whether a new entry in each of the folders is moved.
-    [[nodiscard]] bool allAreWatched(const std::vector<Pair>& pairs)
-    {
-        const std::string name = "/arrival " + std::to_string(m_arrivals++);
-        for (const Pair& pair : pairs)
-            m_scratch->arrive(pair.inbox + name, "");
-        return QTest::qWaitFor(
-            [&] {
-                return std::ranges::all_of(pairs, [&](const Pair& pair) { return exists(pair.out + name); });
-            },
-            patience);
-    }
-
-    std::unique_ptr<ScratchFolder> m_scratch;
-    std::unique_ptr<EngineOutput> m_output;
-    int m_arrivals = 0;
+    std::vector<Inbox> m_inboxes;
+    std::vector<WatchedFolder> m_folders;
 };
 
 HARBEX_MAIN(TestWatchLimits)

@@ -198,39 +198,6 @@ private Q_SLOTS:
         QCOMPARE(log(), QStringList({started, moved("Notes")}));
     }
 
-    void aFolderIsWatchedAfterAShortageOfDescriptors()
-    {
-        struct {
-            const char* missing;
-            QStringList failures;
-        } const cases[] = {
-            {"events", {}},
-            {"wake-up of the reader",
-             {QStringLiteral("Failed to open folder: without wake-up of the reader")}},
-            {"mounts", {QStringLiteral("Failed to open folder: without mounts")}},
-            {"listing", {}},
-        };
-        std::vector<Inbox> inboxes;
-        std::vector<std::unique_ptr<DownloadImageRedirector>> engines;
-        for (const auto& each : cases) {
-            const size_t descriptors = engines.size();
-            const Inbox& inbox = inboxes.emplace_back(*m_scratch, std::string("without ") + each.missing);
-            makeFolder(inbox.path + "/old");
-            engines.push_back(std::make_unique<DownloadImageRedirector>());
-            const DescriptorLimit limit(descriptors);
-            engines.back()->start({inbox.with({takeAll(m_out)})});
-            QVERIFY2(engines.back()->activeFDs().empty(), each.missing);
-        }
-        // No event in the folder leads to this.
-        for (const auto& engine : engines)
-            QVERIFY(waitFor([&] { return engine->activeFDs().size() == 1; }));
-        for (size_t i = 0; i < engines.size(); ++i) {
-            QVERIFY(inboxes[i].sentinel.foldersPass(*engines[i]));
-            QCOMPARE(messages(*engines[i]).filter(QStringLiteral("ailed")), cases[i].failures);
-            QCOMPARE(namesIn(inboxes[i].path), QByteArrayList{"old"});
-        }
-    }
-
     void aFolderWhoseListingFailsIsIgnored()
     {
         writeFile(m_inbox + "/old", "");

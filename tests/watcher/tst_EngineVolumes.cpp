@@ -2,14 +2,13 @@
 #include "support/EngineTest.h"
 #include "support/PrivateMounts.h"
 
-#include <algorithm>
 #include <filesystem>
 
 using namespace harbex;
 using namespace harbex::test;
 
-/// Watched folders on volumes that come and go, and on an overlay file system, and a limit of watches. The
-/// process has its own namespace.
+/// Watched folders on volumes that come and go, and on an overlay file system. The process has its own
+/// namespace.
 class TestEngineVolumes : public EngineTest
 {
     Q_OBJECT
@@ -121,34 +120,6 @@ private Q_SLOTS:
         }
         QCOMPARE(namesIn(m_out), QByteArrayList({"first", "fourth", "second", "third"}));
         QVERIFY(hasNames(inbox, {"old"}));
-    }
-
-    // The limit stays until the end of the process.
-    void aRefusedWatchIsLoggedOnceAndTriedAgainAtTheNextStart()
-    {
-        const std::string second = newFolder("two\nlines");
-        const QStringList expected{QStringLiteral("Failed to open folder: two\\nlines"),
-                                   QStringLiteral("Started watchers.")};
-        const std::vector<WatchedFolder> folders = {inboxWith({takeAll(m_out)}),
-                                                    watched(second, {takeAll(m_out)})};
-        // Enough for the folders above, and for one of the two.
-        const auto foldersAbove = int(std::ranges::count(m_inbox, '/'));
-        limitWatches(foldersAbove + 1);
-        QVERIFY(start(folders));
-        QTRY_COMPARE_WITH_TIMEOUT(log(), expected, patience);
-        QCOMPARE(engine().activeFDs().size(), 1U);
-        makeFolder(second + "/a");
-        arriveFolder("b");
-        QVERIFY(sentinelFoldersPass());
-        QCOMPARE(namesIn(m_out), QByteArrayList{"b"});
-        QCOMPARE(namesIn(second), QByteArrayList{"a"});
-
-        limitWatches(foldersAbove + 2);
-        QVERIFY(restartAndWait(engine(), folders));
-        QCOMPARE(engine().activeFDs().size(), 2U);
-        makeFolder(second + "/c");
-        QVERIFY(hasNames(m_out, {"b", "c"}));
-        QCOMPARE(log("Failed to open folder").size(), 1);
     }
 };
 
