@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <memory>
 
 using namespace harbex;
@@ -223,21 +222,6 @@ private Q_SLOTS:
         QVERIFY(sentinelPasses());
         QVERIFY(hasNames(m_out, {"to a file", "to a folder", "to another link", "to nothing"}));
         QVERIFY(silence.holds());
-    }
-
-    void mountsChangeTheTable()
-    {
-        DirectoryEvents events;
-        const auto source = events.watch(m_inbox, std::make_shared<const std::function<void()>>([] {}));
-        const std::shared_ptr<const MountTable> before = events.mounts();
-        for (int times = 0; times < 2; ++times) {
-            m_server.reset();
-            QVERIFY(waitFor([&] { return !events.mounts()->remoteMount(m_served); }));
-            m_server = std::make_unique<FuseMount>(m_real, m_served);
-            QVERIFY(waitFor([&] { return events.mounts()->remoteMount(m_served) == m_served; }));
-        }
-        // A table does not change.
-        QVERIFY(before->remoteMount(m_served) == m_served);
     }
 
 private:
