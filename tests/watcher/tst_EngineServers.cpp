@@ -190,7 +190,7 @@ private Q_SLOTS:
         QVERIFY(silence.holds());
 
         silence.end();
-        QVERIFY(waitFor([&] { return engine().activeFDs().size() == folders.size(); }));
+        QVERIFY(areWatched(folders.size()));
         makeFolder(real + "/new");
         QVERIFY(isLogged(moved("new")));
         QCOMPARE(namesIn(real), QByteArrayList{"old"});
@@ -224,7 +224,59 @@ private Q_SLOTS:
         QVERIFY(silence.holds());
     }
 
+    // The kernel does not report these files, as if another computer wrote them. FUSE caches the size of a
+    // file for one second, longer than both samples take.
+    void filesWrittenByOthersAreNoticed()
+    {
+        const std::string real = m_real + "/folder";
+        QVERIFY(start({watched(m_served + "/folder", {takeAll(m_out)})}));
+        QVERIFY(areWatched(1));
+        {
+            const GrowingFiles writer({real + "/film.mp4"});
+            for (const char* name : {"first.jpg", "second.jpg"}) {
+                m_scratch->arrive(real + '/' + name, "content");
+                QVERIFY(isLogged(moved(name)));
+                QCOMPARE(contents(m_out + '/' + name), QByteArray("content"));
+            }
+            QVERIFY(isLogged(skipped("film.mp4")));
+        }
+        QCOMPARE(log("film.mp4").size(), 1);
+        QCOMPARE(namesIn(real), QByteArrayList{"film.mp4"});
+        QCOMPARE(namesIn(m_out), (QByteArrayList{"first.jpg", "second.jpg"}));
+    }
+
+    void aKilledServerAffectsNothingElse()
+    {
+        makeFolder(m_real + "/out");
+        const std::vector<WatchedFolder> folders = {watched(m_served + "/folder", {takeAll(m_out)}),
+                                                    inboxWith({takeAll(m_served + "/out")})};
+        QVERIFY(start(folders));
+        QVERIFY(areWatched(2));
+        m_server->killServer();
+        arrive("photo.jpg", "content");
+        QVERIFY(isLogged(moveFailed("photo.jpg", "Transport endpoint is not connected")));
+        QCOMPARE(contents(m_inbox + "/photo.jpg"), QByteArray("content"));
+        QVERIFY(sentinelPasses());
+
+        m_server.reset();
+        m_server = std::make_unique<FuseMount>(m_real, m_served);
+        QVERIFY(restartAndWait(engine(), folders));
+        QVERIFY(areWatched(2));
+        m_scratch->arrive(m_real + "/folder/film.mp4", "film");
+        arrive("other.jpg", "other");
+        QVERIFY(isLogged(moved("film.mp4")) && isLogged(moved("other.jpg")));
+        QCOMPARE(contents(m_out + "/film.mp4"), QByteArray("film"));
+        QCOMPARE(contents(m_real + "/out/other.jpg"), QByteArray("other"));
+    }
+
 private:
+    /// Waits until the engine watches this number of folders. One on a server is watched soon after the
+    /// start.
+    [[nodiscard]] bool areWatched(size_t count)
+    {
+        return waitFor([&] { return engine().activeFDs().size() == count; });
+    }
+
     std::unique_ptr<FuseMount> m_server;
     /// The folder of the server, as it is on the disk and as the engine sees it.
     std::string m_real;
