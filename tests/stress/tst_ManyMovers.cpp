@@ -1,6 +1,6 @@
 #include "fs/FileMove.h"
 #include "fs/FreeName.h"
-#include "support/InterceptedMove.h"
+#include "support/MoveFixture.h"
 #include "support/Stress.h"
 #include "support/TestMain.h"
 
@@ -38,24 +38,9 @@ Outcome<void> moveAll(const std::string& from, const std::string& into, size_t c
     return {};
 }
 
-struct FileSystems {
-    const char* name;
-    bool acrossVolumes;
-    Lacks lacks;
-};
-
-const FileSystems fileSystems[] = {
-    {"same volume", false, {}},
-    {"same volume, no RENAME_NOREPLACE", false, {.noReplace = EINVAL}},
-    {"same volume, no RENAME_NOREPLACE, no links", false, {.noReplace = EINVAL, .hardLinks = true}},
-    {"across volumes", true, {}},
-    {"across volumes, no unnamed files", true, {.unnamedFiles = true}},
-    {"across volumes, no features", true, {.noReplace = EINVAL, .hardLinks = true, .unnamedFiles = true}},
-};
-
 /// Moves all files of each inbox, each in a process of its own. All begin at the same time: the first
 /// intercepted call waits until every process has started. Returns the result of each.
-std::vector<InterceptedRun> runMovers(const FileSystems& on, const std::vector<std::string>& inboxes,
+std::vector<InterceptedRun> runMovers(const MoveCase& on, const std::vector<std::string>& inboxes,
                                       const std::string& out, size_t count)
 {
     const auto interceptor = [&on](const InterceptedCall& call) {
@@ -90,19 +75,19 @@ class TestManyMovers : public QObject
 private Q_SLOTS:
     void filesArriveOnce_data()
     {
-        QTest::addColumn<size_t>("fileSystem");
+        QTest::addColumn<MoveCase>("on");
         QTest::addColumn<bool>("isShared");
-        for (size_t i = 0; i < std::size(fileSystems); ++i) {
-            QTest::addRow("%s, the same names from many folders", fileSystems[i].name) << i << false;
-            QTest::addRow("%s, the same files", fileSystems[i].name) << i << true;
+        for (const MoveCase& each : allMoveCases()) {
+            if (each.kind != "file" || each.isPretended || each.isTouched) continue;
+            QTest::addRow("%s, the same names from many folders", each.name) << each << false;
+            QTest::addRow("%s, the same files", each.name) << each << true;
         }
     }
 
     void filesArriveOnce()
     {
-        QFETCH(const size_t, fileSystem);
+        QFETCH(const MoveCase, on);
         QFETCH(const bool, isShared);
-        const FileSystems& on = fileSystems[fileSystem];
         const size_t count =
             isShared ? stressSize(size_t(300), size_t(20'000)) : stressSize(size_t(100), size_t(5000));
         const ScratchFolder here;
