@@ -1,7 +1,6 @@
 #include "base/FileDescriptor.h"
-#include "support/EngineOutput.h"
-#include "support/EngineProbe.h"
 #include "support/EngineResources.h"
+#include "support/EngineTest.h"
 #include "support/PrivateMounts.h"
 #include "support/RandomSeed.h"
 #include "support/Stress.h"
@@ -119,7 +118,7 @@ struct Place {
 } // namespace
 
 /// Watched folders that go away in one way or another while entries arrive in them.
-class TestFolderGoesAway : public QObject
+class TestFolderGoesAway : public EngineTest
 {
     Q_OBJECT
 
@@ -138,20 +137,15 @@ private:
     void oneRound(std::mt19937& random)
     {
         const ScratchFolder scratch;
-        const std::string other = scratch.makeFolder("other");
-        Sentinel sentinel(scratch, other);
         std::vector<std::unique_ptr<Place>> places;
         std::vector<WatchedFolder> folders;
         for (const char* incident : incidents) {
             places.push_back(std::make_unique<Place>(scratch, incident));
             folders.push_back(watched(places.back()->inbox, {takeAll(places.back()->out)}));
         }
-        folders.push_back(watched(other, {sentinel.rule()}));
-        const size_t threads = threadCount();
-        const size_t descriptors = descriptorCount();
-        auto engine = std::make_unique<DownloadImageRedirector>();
-        QVERIFY(startAndWait(*engine, folders));
-        const std::vector<int> watchedBefore = engine->activeFDs();
+        folders.push_back(inboxWith({}));
+        QVERIFY(start(folders));
+        const std::vector<int> watchedBefore = engine().activeFDs();
 
         for (const auto& place : places)
             place->arrivals = std::make_unique<Arrivals>(place->inbox);
@@ -168,25 +162,23 @@ private:
             place->arrivals->stop();
         }
         // The engine still works, and has ended the moves that it had begun.
-        QVERIFY(sentinel.passes(*engine));
+        QVERIFY(sentinelPasses());
 
         // The folder that is now at the path is watched without a restart.
         for (const auto& place : places)
             if (!exists(place->inbox)) makeFolder(place->inbox);
         for (size_t i = 0; i < places.size(); ++i) {
             const auto isWatched = [&] {
-                const std::vector<int> now = engine->activeFDs();
+                const std::vector<int> now = engine().activeFDs();
                 return now.size() == watchedBefore.size() &&
                        (now[i] != watchedBefore[i] || places[i]->is("destination pulled out"));
             };
-            QVERIFY2(QTest::qWaitFor(isWatched, patience), incidents[i]);
+            QVERIFY2(waitFor(isWatched), incidents[i]);
             writeFile(places[i]->inbox + "/new.png", "new");
         }
         for (const auto& place : places)
             QTRY_COMPARE_WITH_TIMEOUT(contents(place->out + "/new.png"), QByteArray("new"), patience);
-        engine.reset();
-        QCOMPARE(threadCount(), threads);
-        QCOMPARE(descriptorCount(), descriptors);
+        m_engine.reset();
         QCOMPARE(kernelWatchCount(), 0U);
 
         // Every file that did not disappear with its volume or folder exists once.
@@ -215,7 +207,6 @@ HARBEX_MAIN(TestFolderGoesAway)
 {
     enterPrivateNamespace();
     reportApartFromStandardOutput();
-    const EngineOutput output;
     return runTest<QCoreApplication, TestFolderGoesAway>(argc, argv);
 }
 
