@@ -70,19 +70,6 @@ private Q_SLOTS:
         QVERIFY(hasNames(m_out, {"Notes"}));
     }
 
-    void anEntryWhoseMoveFailedIsNotTriedAgain()
-    {
-        QVERIFY(start({takeAll(at("missing"))}));
-        arriveFolder("Notes");
-        QVERIFY(sentinelFoldersPass());
-        makeFolder(at("missing"));
-        arriveFolder("later");
-        QVERIFY(sentinelFoldersPass());
-        QCOMPARE(log("Notes"), QStringList{moveFailed("Notes", "No such file or directory")});
-        QCOMPARE(namesIn(m_inbox), QByteArrayList{"Notes"});
-        QCOMPARE(namesIn(at("missing")), QByteArrayList{"later"});
-    }
-
     void aNameIsNewOnceAScanHasMissedIt()
     {
         writeFile(m_inbox + "/renamed.jpg", "old");

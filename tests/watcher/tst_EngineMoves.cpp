@@ -222,6 +222,13 @@ private Q_SLOTS:
         }
         QVERIFY(namesIn(at("forbidden")).isEmpty());
         QVERIFY(!exists(at("missing")));
+
+        // No later scan tries them again, but another entry finds the folder that is there now.
+        makeFolder(at("missing"));
+        arriveFolder("missing.later");
+        QVERIFY(sentinelFoldersPass());
+        QCOMPARE(namesIn(at("missing")), QByteArrayList{"missing.later"});
+        QCOMPARE(log("failed").size(), qsizetype(2 * std::size(cases)));
     }
 
     void aNameThatIsTakenAtTheLastMomentIsLogged()
