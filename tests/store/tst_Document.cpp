@@ -26,8 +26,9 @@ private Q_SLOTS:
                                  "/run/user/7/docs/1a2b/Scans", "/run/user/8/doc/1a2b/Scans",
                                  "/home/a/run/user/7/doc/1a2b/Scans"})
             QVERIFY2(!pathInDocument(path), path);
+        // An empty folder is no prefix of every path.
         qunsetenv("XDG_RUNTIME_DIR");
-        QVERIFY(!pathInDocument("/run/user/7/doc/1a2b/Scans"));
+        QVERIFY(!pathInDocument("/doc/1a2b/Scans"));
     }
 
     void theBookmarkKeepsTheRealPath()
