@@ -8,7 +8,9 @@
 #include <fcntl.h>
 #include <fstream>
 #include <malloc.h>
+#include <string>
 #include <unistd.h>
+#include <vector>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -47,6 +49,25 @@ class TestLongLife : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    /// Starts this program again without the allocator's cache of freed blocks, because the blocks that each
+    /// thread keeps there count as allocated. The C library reads this setting only at the start.
+    void initTestCase()
+    {
+        if (qEnvironmentVariableIsSet("GLIBC_TUNABLES")) return;
+        QVERIFY(qputenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0"));
+        // Not QCoreApplication::arguments(), which lacks the name of the test class.
+        std::ifstream commandLine("/proc/self/cmdline");
+        std::vector<std::string> words;
+        for (std::string word; std::getline(commandLine, word, '\0');)
+            words.push_back(word);
+        std::vector<char*> arguments;
+        for (std::string& word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        ::execv("/proc/self/exe", arguments.data());
+        QFAIL("The program cannot start itself.");
+    }
+
     void resourcesDoNotGrow()
     {
         constexpr size_t batch = 1'000;
@@ -91,8 +112,8 @@ private Q_SLOTS:
         print("after the last entry", now);
         QCOMPARE(now.descriptors, start.descriptors);
         QCOMPARE(now.threads, start.threads + 1);
-        // In brief less than one allocation (32 bytes) per move, in full less than a byte.
-        QVERIFY(now.held <= then.held + (48U << 10U));
+        // In brief less than two bytes per move, in full much less than one.
+        QVERIFY(now.held <= then.held + (8U << 10U));
         // The allocator returns whole pages only.
         QVERIFY(now.memory <= then.memory + (4U << 20U));
         reportRuns(count);
