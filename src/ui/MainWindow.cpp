@@ -2,6 +2,7 @@
 
 #include "ui/ContentState.h"
 #include "ui/ContentView.h"
+#include "ui/Desktop.h"
 #include "ui/IdleMemory.h"
 #include "ui/Metrics.h"
 #include "ui/X11Window.h"
@@ -10,6 +11,7 @@
 #include <QCloseEvent>
 #include <QIcon>
 #include <QShortcut>
+#include <QWindow>
 
 #include <utility>
 
@@ -90,6 +92,19 @@ void MainWindow::showEvent(QShowEvent* event)
     // A spontaneous event means that the window is already mapped.
     if (!event->spontaneous()) leaveOutOfTaskbar(winId(), m_isLeftOutOfTaskbar, false);
     QMainWindow::showEvent(event);
+}
+
+void MainWindow::changeEvent(QEvent* event)
+{
+    QMainWindow::changeEvent(event);
+    QWindow* const window = windowHandle();
+    if (event->type() != QEvent::PaletteChange || !window || !isWayland()) return;
+    if (window->frameMargins().isNull()) return; // The compositor draws the title bar.
+    // Qt 6.4 reads the palette only when it makes its title bar. A window that loses its frame and gets it
+    // back has a new one.
+    const Qt::WindowFlags flags = window->flags();
+    window->setFlags(flags | Qt::FramelessWindowHint);
+    window->setFlags(flags);
 }
 
 } // namespace harbex

@@ -30,6 +30,7 @@ public:
     void setLeftOutOfTaskbar(bool isLeftOut);
 
 protected:
+    void changeEvent(QEvent* event) override;
     void closeEvent(QCloseEvent* event) override;
     void showEvent(QShowEvent* event) override;
 
