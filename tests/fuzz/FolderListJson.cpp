@@ -1,5 +1,6 @@
 #include "model/FolderListJson.h"
 #include "fuzz/Require.h"
+#include "support/SameFolders.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -21,13 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto written = encodeFolderList(*folders);
     require(bool(written));
     const auto again = decodeFolderList(*written);
-    require(again && again->size() == folders->size());
-    for (size_t i = 0; i < folders->size(); ++i) {
-        const WatchedFolder& before = (*folders)[i];
-        const WatchedFolder& after = (*again)[i];
-        require(before.id == after.id && before.url == after.url &&
-                before.bookmarkData == after.bookmarkData && before.rules == after.rules);
-    }
+    require(again && isSame(*again, *folders));
     require(*encodeFolderList(*again) == *written);
     return 0;
 }

@@ -1,11 +1,9 @@
 #include "model/FileUrl.h"
-#include "support/RandomSeed.h"
 #include "support/TestMain.h"
 
 #include <set>
 
 using namespace harbex;
-using namespace harbex::test;
 
 namespace
 {
@@ -97,12 +95,13 @@ private Q_SLOTS:
                 const FileUrl url = FileUrl::fromPath(path + slashes);
                 QCOMPARE(url.absoluteString().toUtf8(), QByteArray(text));
                 QCOMPARE(url.path(), path);
+                QVERIFY(urlOf(text) == url);
             }
         };
         check("/home/u/Az09-._~", "file:///home/u/Az09-._~");
         check("/a b?#%&+=:@!$'()*,;[]\\\"",
               "file:///a%20b%3F%23%25%26%2B%3D%3A%40%21%24%27%28%29%2A%2C%3B%5B%5D%5C%22");
-        check("/\u00e9\xff\n", "file:///%C3%A9%FF%0A");
+        check("/\u00e9\xff\n%2F", "file:///%C3%A9%FF%0A%252F");
         check("/", "file:///");
         check("/a/../b/./c", "file:///a/../b/./c");
     }
@@ -115,28 +114,6 @@ private Q_SLOTS:
             QVERIFY2(url.path().empty(), path.c_str());
             // It can be stored.
             QVERIFY2(FileUrl::fromString(url.absoluteString()) == url, path.c_str());
-        }
-    }
-
-    // Enough bytes for each one to occur.
-    void randomPathsComeBack()
-    {
-        std::mt19937 random = seededRandom();
-        for (int i = 0; i < 20'000; ++i) {
-            std::string path = "/a";
-            for (size_t length = randomBelow(random, 40); length > 0; --length) {
-                // Half of the bytes mean something in a URL or in UTF-8.
-                static constexpr std::string_view special = "%2F.~ ?#:\\\n/\xc3\xa9\xf0\x9f\x98\x80\xff";
-                path += randomBelow(random, 2) == 0 ? special[randomBelow(random, special.size())]
-                                                    : static_cast<char>(1 + randomBelow(random, 255));
-            }
-            path += 'z';
-            const FileUrl url = FileUrl::fromPath(path);
-            const FileUrl read = urlOf(url.absoluteString());
-            QVERIFY2(url.path() == path, qPrintable(url.absoluteString()));
-            QVERIFY2(read.path() == path, qPrintable(url.absoluteString()));
-            QCOMPARE(read.lastPathComponent(), path.substr(path.rfind('/') + 1));
-            QVERIFY(read == url);
         }
     }
 

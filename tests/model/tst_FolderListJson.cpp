@@ -123,13 +123,12 @@ QString decodingError(const QByteArray& json)
     return decoded ? QString() : decoded.error().description;
 }
 
-/// The folders of a text; none if it does not decode.
+/// The folders of a text, which must decode.
 std::vector<WatchedFolder> decoded(const QByteArray& json)
 {
     auto folders = decode(json);
-    if (folders) return *std::move(folders);
-    qWarning("%s", qPrintable(folders.error().description));
-    return {};
+    if (!folders) qFatal("%s: %s", json.constData(), qPrintable(folders.error().description));
+    return *std::move(folders);
 }
 
 } // namespace
@@ -139,12 +138,6 @@ class TestFolderListJson : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void emptyListIsAnEmptyArray()
-    {
-        QCOMPARE(*encode({}), QByteArray("[]"));
-        QVERIFY(decode("[]") && decode("[]")->empty());
-    }
-
     void everyFieldHasAKey()
     {
         QCOMPARE(*encode({fullFolder()}), listOf(folderObject()));
@@ -167,18 +160,12 @@ private Q_SLOTS:
 
     void nullOfAnOptionalKeyIsAbsent()
     {
-        const auto loaded = [](const char* place) {
-            return decoded(listWith(text(place), QJsonValue::Null));
+        const auto loaded = [](const char* place, const QJsonValue& value) {
+            return decoded(listWith(text(place), value));
         };
-        WatchedFolder expected = fullFolder();
-        expected.bookmarkData.reset();
-        QVERIFY(isSame(loaded("[0].bookmarkData"), {expected}));
-        expected = fullFolder();
-        expected.rules[0].destination.reset();
-        QVERIFY(isSame(loaded("[0].rules[0].destination"), {expected}));
-        expected = fullFolder();
-        expected.rules[0].destinationBookmarkData.reset();
-        QVERIFY(isSame(loaded("[0].rules[0].destinationBookmarkData"), {expected}));
+        for (const char* place :
+             {"[0].bookmarkData", "[0].rules[0].destination", "[0].rules[0].destinationBookmarkData"})
+            QVERIFY(isSame(loaded(place, QJsonValue::Null), loaded(place, QJsonValue::Undefined)));
     }
 
     void everyValueComesBack()
@@ -360,29 +347,7 @@ private Q_SLOTS:
         for (const char* value : {R"("\ud83d")", R"("\ude00")", R"("\ude00\ud83d")", R"("a\ud83db")"})
             check(listWithRuleValue(value), R"(\[0\]\.rules\[0\]\.value: no Unicode text)");
         check(listWithRuleValue("1,\"value\":2"), R"(\[0\]\.rules\[0\]\.value: expected a string)");
-
-        // The limits of the parser depend on the version of Qt.
-        const char* const parsedOrNot = R"(offset \d+: .+|\[0\](\.rules\[0\]\.value)?: expected .+)";
-        for (const char* number :
-             {"1e999999999", "-1e999999999", "99999999999999999999999999", "1e-999999999"})
-            check(listWithRuleValue(number), parsedOrNot);
-        check(listWithRuleValue(QByteArray(100'000, '9')), parsedOrNot);
-        check(listWithRuleValue("0." + QByteArray(100'000, '1')), parsedOrNot);
-        for (const int depth : {100, 1'000, 1'000'000}) {
-            const QByteArray open(depth, '[');
-            const QByteArray closed = open + QByteArray(depth, ']');
-            check(open, offset);
-            check(QByteArray("[{\"a\":").repeated(depth), offset);
-            check(closed, parsedOrNot);
-            check(listWithRuleValue(closed), parsedOrNot);
-        }
-    }
-
-    void cutTextFailsAtEveryLength()
-    {
-        const QByteArray json = listOf(folderObject());
-        for (qsizetype length = 0; length < json.size(); ++length)
-            QVERIFY2(decodingError(json.first(length)).startsWith(text("offset ")), json.first(length));
+        check(QByteArray(1'000'000, '['), offset);
     }
 
     void harmlessAdditionsAreIgnored()
