@@ -1,6 +1,7 @@
 #include "base/FileDescriptor.h"
 #include "base/StandardOutput.h"
 #include "support/CapturedOutput.h"
+#include "support/EngineFiles.h"
 #include "support/SyscallInterceptor.h"
 #include "support/TestMain.h"
 #include "support/ThreadGroup.h"
@@ -40,14 +41,7 @@ struct Pipe {
 /// Reads from a pipe until its writers have closed it.
 std::string drain(const FileDescriptor& reader)
 {
-    std::string text;
-    std::array<char, 4096> buffer = {};
-    for (;;) {
-        const ssize_t size = ::read(reader.get(), buffer.data(), buffer.size());
-        if (size < 0 && errno == EINTR) continue;
-        if (size <= 0) return text;
-        text.append(buffer.data(), static_cast<size_t>(size));
-    }
+    return contents("/proc/self/fd/" + std::to_string(reader.get())).toStdString();
 }
 
 int pipeCapacity(const Pipe& pipe)
@@ -181,8 +175,7 @@ private Q_SLOTS:
             std::string first(static_cast<size_t>(bytesIn(pipe)), '\0');
             const ssize_t size = ::read(pipe.reader.get(), first.data(), first.size());
 
-            // When the pipe has room again, lines are written again. The reader waits for them.
-            ::fcntl(pipe.reader.get(), F_SETFL, 0);
+            // When the pipe has room again, lines are written again.
             auto rest = std::async(std::launch::async, [&pipe] { return drain(pipe.reader); });
             printing.wait();
             printLine("seen");
