@@ -1,7 +1,5 @@
 #include "store/Bookmark.h"
 #include "support/EngineFiles.h"
-#include "support/RandomSeed.h"
-#include "support/SyscallInterceptor.h"
 #include "support/TestMain.h"
 
 #include <QCryptographicHash>
@@ -11,12 +9,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
-#include <seccomp.h>
 #include <string_view>
 #include <sys/stat.h>
-#include <thread>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -34,27 +29,12 @@ QByteArray bookmarkOf(const fs::path& folder)
 
 const std::string nothing = "(nothing)";
 
-/// The path to which a bookmark resolves, or "(nothing)". The search may list so many folders.
-std::string resolved(const QByteArray& bookmark, const MountTable& mounts = {}, size_t folders = 20'000)
+/// The path to which a bookmark resolves, or "(nothing)".
+std::string resolved(const QByteArray& bookmark, const MountTable& mounts = {})
 {
-    const SearchBounds bounds{.deadline = std::chrono::steady_clock::time_point::max(), .folders = folders};
+    const SearchBounds bounds{.deadline = std::chrono::steady_clock::time_point::max()};
     const auto urls = resolveBookmarks({bookmark}, mounts, bounds);
     return urls.empty() ? nothing : urls.at(bookmark).path();
-}
-
-/// Runs `action` on a thread on which the system gives no file handles.
-template <class Action>
-void withoutFileHandles(Action action)
-{
-    // The filter applies to its thread and ends with it.
-    std::jthread([&action] {
-        const std::unique_ptr<void, decltype(&::seccomp_release)> filter(::seccomp_init(SCMP_ACT_ALLOW),
-                                                                         &::seccomp_release);
-        const int rule =
-            ::seccomp_rule_add(filter.get(), SCMP_ACT_ERRNO(EPERM), SCMP_SYS(name_to_handle_at), 0);
-        if (rule != 0 || ::seccomp_load(filter.get()) != 0) qFatal("no system call filter");
-        action();
-    }).join();
 }
 
 const QByteArray header = "harbex bookmark 1\n";
@@ -74,41 +54,6 @@ QByteArray sealed(const QByteArray& fields)
 QByteArray fieldsOf(const QByteArray& bookmark)
 {
     return bookmark.sliced(header.size()).chopped(32);
-}
-
-struct Fields {
-    QByteArray path;
-    quint64 inode = 0;
-    qint64 birthSeconds = 0;
-    quint32 birthNanoseconds = 0;
-    qint32 handleType = 0;
-    QByteArray handle;
-};
-
-QByteArray bookmarkWith(const Fields& fields)
-{
-    QByteArray bytes;
-    QDataStream stream(&bytes, QIODevice::WriteOnly);
-    stream.setVersion(QDataStream::Qt_6_0);
-    stream << fields.path << fields.inode << fields.birthSeconds << fields.birthNanoseconds
-           << fields.handleType << fields.handle;
-    return sealed(bytes);
-}
-
-Fields fieldsIn(const QByteArray& bookmark)
-{
-    QDataStream stream(fieldsOf(bookmark));
-    stream.setVersion(QDataStream::Qt_6_0);
-    Fields fields;
-    stream >> fields.path >> fields.inode >> fields.birthSeconds >> fields.birthNanoseconds >>
-        fields.handleType >> fields.handle;
-    return fields;
-}
-
-/// The bookmark of a folder of which only the inode number is known.
-QByteArray bookmarkWithInodeOnly(const std::string& path, quint64 inode)
-{
-    return bookmarkWith({.path = QByteArray::fromStdString(path), .inode = inode, .handle = {}});
 }
 
 } // namespace
@@ -139,6 +84,7 @@ private Q_SLOTS:
         row("true", "Downloads");
         row("mkdir Downloads/inside; chmod 700 Downloads", "Downloads");
         row("mv Downloads Old", "Old");
+        row("mv Downloads \"$(printf 'a\\377\\n%%b')\"", "a\xff\n%b");
         row("mv Downloads Old; mkdir Downloads", "Old");
         row("mv Downloads ..; mv ../Downloads Back", "Back");
 
@@ -184,42 +130,16 @@ private Q_SLOTS:
         QFETCH(const QByteArray, path);
         for (const std::string& volume : {fs::temp_directory_path().string(), std::string("/dev/shm")}) {
             const ScratchFolder place(volume);
-            const fs::path home = place.makeFolder("home");
+            const fs::path home = place.makeFolder("home \xff\n%");
             qputenv("HOME", (home / "").c_str());
             const fs::path parent = home / "parent";
             fs::create_directories(parent / "Downloads");
             const QByteArray bookmark = bookmarkOf(parent / "Downloads");
-            QCOMPARE(std::system(("cd " + parent.string() + " && set -e; " + commands.toStdString()).c_str()),
-                     0);
+            const std::string script = "cd '" + parent.string() + "' && set -e; " + commands.toStdString();
+            QCOMPARE(std::system(script.c_str()), 0);
             const fs::path expected = parent / path.toStdString();
             QCOMPARE(resolved(bookmark), path.isEmpty() ? nothing : expected.lexically_normal().string());
         }
-    }
-
-    void resolvesBehindTenThousandFolders()
-    {
-        const fs::path folder = makeFolder("Downloads");
-        const QByteArray bookmark = bookmarkOf(folder);
-        for (int i = 0; i < 10'000; ++i)
-            makeFolder(std::to_string(i));
-        const fs::path inside = makeFolder("5000/inside");
-        fs::rename(folder, inside / "Downloads");
-        QCOMPARE(resolved(bookmark), (inside / "Downloads").string());
-    }
-
-    void resolvesToANewNameOfAnyBytes()
-    {
-        fs::path folder = makeFolder("Downloads \xff\n%");
-        makeFolder("Other");
-        const QByteArray bookmark = bookmarkOf(folder);
-        for (const std::string& name : {std::string("Incoming"), std::string(".incoming"), std::string("..."),
-                                        std::string("incoming"), std::string("\xc3\x28\n\xff"),
-                                        std::string("a%2Fb?#"), std::string(255, 'x'), std::string("\\")}) {
-            QCOMPARE(resolved(bookmark), folder.string());
-            fs::rename(folder, scratch() / name);
-            folder = scratch() / name;
-        }
-        QCOMPARE(resolved(bookmark), folder.string());
     }
 
     // The window waits for the result, and a server may not answer.
@@ -265,93 +185,47 @@ private Q_SLOTS:
         QCOMPARE(resolved(bookmarkOf("/")), std::string("/"));
     }
 
-    void inodeNumberAloneDoesNotProveARenaming()
+    // Other releases read it.
+    void theLayoutOfABookmark()
     {
-        const fs::path folder = makeFolder("Downloads");
-        const QByteArray bookmark =
-            bookmarkWithInodeOnly(folder.string(), fieldsIn(bookmarkOf(folder)).inode);
-        QCOMPARE(resolved(bookmark), folder.string());
-        fs::rename(folder, scratch() / "Renamed");
-        QCOMPARE(resolved(bookmark), nothing);
-    }
-
-    void withoutFileHandlesTheBirthTimeIdentifies()
-    {
-        const fs::path folder = makeFolder("a");
-        const fs::path renamed = scratch() / "b";
-        const QByteArray withHandle = bookmarkOf(folder);
-        QByteArray withoutHandle;
-        withoutFileHandles([&] { withoutHandle = bookmarkOf(folder); });
-        QVERIFY(withoutHandle.size() < withHandle.size());
-
-        const auto check = [&](const std::string& expected) {
-            QCOMPARE(resolved(withHandle), expected);
-            QCOMPARE(resolved(withoutHandle), expected);
-            withoutFileHandles([&] {
-                QCOMPARE(resolved(withHandle), expected);
-                QCOMPARE(resolved(withoutHandle), expected);
-            });
-        };
-        check(folder.string());
-        fs::rename(folder, renamed);
-        check(renamed.string());
-        fs::create_directory(folder);
-        check(renamed.string());
-        fs::remove(renamed);
-        check(nothing);
+        const std::string folder = makeFolder("Downloads").string();
+        const FolderIdentity identity = *identityOfFolder(folder);
+        QByteArray fields;
+        QDataStream stream(&fields, QIODevice::WriteOnly);
+        stream.setVersion(QDataStream::Qt_6_0);
+        stream << QByteArray::fromStdString(folder) << identity.inode << identity.birthSeconds
+               << identity.birthNanoseconds << identity.handleType << identity.handle;
+        QCOMPARE(bookmarkOf(folder), sealed(fields));
     }
 
     // The number of a deleted folder is given to a new one. The rest of the identity tells them apart.
     void eachPartOfTheIdentityCounts()
     {
-        const std::function<void(Fields&)> changes[] = {
-            [](Fields& fields) { ++fields.inode; },
-            [](Fields& fields) { ++fields.birthSeconds; },
-            [](Fields& fields) { ++fields.birthNanoseconds; },
-            [](Fields& fields) { ++fields.handleType; },
-            [](Fields& fields) { ++fields.handle.front(); },
-            [](Fields& fields) { ++fields.handle.back(); },
-            [](Fields& fields) { fields.handle.chop(1); },
-        };
-        const fs::path renamed = scratch() / "Renamed";
-        const fs::path moved = makeFolder("Other") / "Moved";
-        for (int i = 0; const auto& change : changes) {
-            const fs::path folder = makeFolder(std::to_string(++i));
-            Fields fields = fieldsIn(bookmarkOf(folder));
-            QVERIFY(fields.birthSeconds != 0 && !fields.handle.isEmpty());
-            const QByteArray same = bookmarkWith(fields);
-            change(fields);
-            const QByteArray different = bookmarkWith(fields);
-            for (const fs::path& path : {folder, renamed, moved}) {
-                if (path != folder) fs::rename(path == renamed ? folder : renamed, path);
-                QCOMPARE(resolved(same), path.string());
-                QVERIFY2(resolved(different) == nothing, folder.c_str());
-            }
+        const std::string folder = makeFolder("Downloads").string();
+        const QByteArray fields = fieldsOf(bookmarkOf(folder));
+        QCOMPARE(resolved(sealed(fields)), folder);
+        for (qsizetype i = 4 + qsizetype(folder.size()); i < fields.size(); ++i) {
+            QByteArray other = fields;
+            other[i] = char(other[i] ^ 1);
+            QVERIFY2(resolved(sealed(other)) == nothing, QByteArray::number(i));
         }
     }
 
-    // A parent folder can have very many other folders.
-    void onlyTheRenamedFolderIsOpened()
+    void theIdentityMayLackParts()
     {
-        const fs::path parent = makeFolder("parent");
-        for (int i = 0; i < 50; ++i)
-            fs::create_directory(parent / ("sibling" + std::to_string(i)));
-        const QByteArray bookmark = bookmarkOf(parent / "sibling0");
-        fs::rename(parent / "sibling0", parent / "renamed");
+        const FolderIdentity whole = *identityOfFolder(makeFolder("Downloads").string());
+        QVERIFY(whole.hasBirthTime() && whole.hasHandle());
+        FolderIdentity withoutHandle = whole;
+        withoutHandle.handle.clear();
+        FolderIdentity withoutBirthTime = whole;
+        withoutBirthTime.birthSeconds = withoutBirthTime.birthNanoseconds = 0;
+        QVERIFY(compare(whole, withoutHandle) == Likeness::same);
+        QVERIFY(compare(whole, withoutBirthTime) == Likeness::same);
+        QVERIFY(compare(withoutHandle, withoutBirthTime) == Likeness::sameNumber);
 
-        const auto work = [&]() -> Outcome<void> {
-            if (resolved(bookmark) != (parent / "renamed").string()) return SystemError{ENOENT};
-            return {};
-        };
-        std::vector<std::string> opened;
-        const InterceptedRun run =
-            runIntercepted({"openat", "openat2"}, work, [&](const InterceptedCall& call) {
-                const std::string name = fs::path(call.text(1)).filename();
-                if (name == "renamed" || name.starts_with("sibling")) opened.push_back(name);
-                return Answer::proceed();
-            });
-        QVERIFY(run.succeeded());
-        QCOMPARE(opened, (std::vector<std::string>{"sibling0", "renamed"}));
+        // This file system has neither. Such folders are not searched for, see tst_FolderSearch.cpp.
+        QCOMPARE(resolved(bookmarkOf("/proc/fs")), std::string("/proc/fs"));
+        QVERIFY(!identityOfFolder("/proc/fs")->hasBirthTime() && !identityOfFolder("/proc/fs")->hasHandle());
     }
 
     void onlyAFolderHasABookmark()
@@ -379,16 +253,10 @@ private Q_SLOTS:
         const QByteArray bookmark = bookmarkOf(makeFolder("Downloads"));
         QVERIFY(resolved(bookmark) != nothing);
         const QByteArray foreign[] = {
-            "x",
-            QByteArray(32, '\0'),
             QByteArray(100'000, '\xff'),
-            "book\0\0\0\0mark",
             checksum({}),
-            bookmark.toBase64(),
             bookmark + '\0',
             '\0' + bookmark,
-            bookmark + bookmark,
-            QByteArray(bookmark).replace("bookmark 1", "bookmark 2"),
         };
         for (const QByteArray& bytes : foreign)
             QVERIFY2(resolved(bytes) == nothing, bytes.toHex());
@@ -406,13 +274,11 @@ private Q_SLOTS:
     void wrongFieldsWithARightChecksumDoNotResolve()
     {
         const fs::path folder = makeFolder("Downloads");
-        const quint64 inode = fieldsIn(bookmarkOf(folder)).inode;
-        const QByteArray fields = fieldsOf(bookmarkWithInodeOnly(folder.string(), inode));
-        QCOMPARE(resolved(sealed(fields)), folder.string());
-
+        const QByteArray fields = fieldsOf(bookmarkOf(folder));
         for (qsizetype length = 0; length < fields.size(); ++length)
             QCOMPARE(resolved(sealed(fields.first(length))), nothing);
-        QCOMPARE(resolved(sealed(fields + '\0')), nothing);
+        // Another text of length 0, and one byte more.
+        QCOMPARE(resolved(sealed(fields + QByteArray(5, '\0'))), nothing);
         // Lengths of the path beyond the end, up to those that would fill the memory.
         for (const char* length : {"7fffffff", "fffffffe", "ffffffff", "80000000", "00100000"})
             QCOMPARE(resolved(sealed(QByteArray::fromHex(length) + fields.sliced(4))), nothing);
@@ -422,21 +288,12 @@ private Q_SLOTS:
                                        folder.string() + std::string("\0", 1),
                                        std::string("/\0", 2),
                                        "/" + std::string(100'000, 'a')};
-        for (const std::string& path : noPaths)
-            QVERIFY2(resolved(bookmarkWithInodeOnly(path, inode)) == nothing, path.c_str());
-    }
-
-    void randomBytesNeverCrash()
-    {
-        std::mt19937 random = seededRandom();
-        const QByteArray bookmark = bookmarkOf(makeFolder("Downloads"));
-        for (int i = 0; i < 10'000; ++i) {
-            const QByteArray bytes = randomlyDamaged(random, bookmark);
-            QVERIFY2(bytes == bookmark || resolved(bytes) == nothing, bytes.toHex());
-            // With a right checksum it may resolve, if only fields that are not compared have changed.
-            const QByteArray fields = randomlyDamaged(random, fieldsOf(bookmark));
-            const std::string path = resolved(sealed(fields), {}, 10);
-            QVERIFY2(path == nothing || fs::is_directory(path), fields.toHex());
+        for (const std::string& path : noPaths) {
+            QByteArray changed;
+            QDataStream stream(&changed, QIODevice::WriteOnly);
+            stream << QByteArray::fromStdString(path);
+            changed += fields.sliced(4 + qsizetype(folder.string().size()));
+            QVERIFY2(resolved(sealed(changed)) == nothing, path.c_str());
         }
     }
 

@@ -60,17 +60,6 @@ private Q_SLOTS:
         QCOMPARE(resolved(bookmark), m_home + "/b/Downloads");
     }
 
-    void aCopyOnAnotherVolumeIsNotTheFolder()
-    {
-        const std::string other = make("other");
-        const Mount volume = Mount::memory(other);
-        const std::string folder = make("Downloads");
-        const QByteArray bookmark = bookmarkOf(folder);
-        fs::copy(folder, other + "/Downloads");
-        fs::remove(folder);
-        QCOMPARE(resolved(bookmark), std::nullopt);
-    }
-
     // A renaming never leaves a mount.
     void theSearchEndsAtTheRootOfTheMount()
     {

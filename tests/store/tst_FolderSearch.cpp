@@ -4,7 +4,6 @@
 #include "support/TestMain.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -37,6 +36,8 @@ using BeforeListing = std::function<Answer(const std::string& folder)>;
 struct Listed {
     /// The listed folders in order, those of parents first.
     std::vector<std::string> folders;
+    /// How often a folder was opened to confirm its identity.
+    int confirmations = 0;
     bool isEverythingFound = false;
 };
 
@@ -56,8 +57,10 @@ Listed listedBy(
     const InterceptedRun run = runIntercepted({"openat2"}, work, [&](const InterceptedCall& call) {
         uint64_t flags = 0;
         std::memcpy(&flags, call.readMemory(call.arguments[2], sizeof flags).data(), sizeof flags);
-        // The folder is opened to confirm its identity.
-        if (flags & O_PATH) return Answer::proceed();
+        if (flags & O_PATH) {
+            ++listed.confirmations;
+            return Answer::proceed();
+        }
         const std::string root = call.pathOfOpen(static_cast<int>(call.arguments[0]));
         const std::string name = call.text(1);
         listed.folders.push_back(name == "." ? root : root + '/' + name);
@@ -93,8 +96,11 @@ private Q_SLOTS:
         makeFolder(m_scratch->path() + "/outside");
         const Lost lost{
             {"1", takenAway("a/b/one")}, {"2", takenAway("a/b/two")}, {"3", takenAway("a/missing/three")}};
-        QCOMPARE(relative(listedBy(lost, boundsOf(1000))),
+        const Listed listed = listedBy(lost, boundsOf(1000));
+        QCOMPARE(relative(listed),
                  (QByteArrayList{"a/b", "a/b", "a/b/c", "a/b/c/d", "a", "", "other", "other/inner"}));
+        // No other folder has the inode number of a lost one.
+        QCOMPARE(listed.confirmations, 0);
     }
 
     void foldersOutsideOfTheHomeAreSearchedToo()
