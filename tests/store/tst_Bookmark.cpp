@@ -1,3 +1,4 @@
+#include "base/FileIdentity.h"
 #include "store/Bookmark.h"
 #include "support/EngineFiles.h"
 #include "support/TestMain.h"
@@ -213,8 +214,10 @@ private Q_SLOTS:
 
     void theIdentityMayLackParts()
     {
-        const FolderIdentity whole = *identityOfFolder(makeFolder("Downloads").string());
+        const std::string folder = makeFolder("Downloads").string();
+        const FolderIdentity whole = *identityOfFolder(folder);
         QVERIFY(whole.hasBirthTime() && whole.hasHandle());
+        QCOMPARE(whole.birthNanoseconds, identityOf(folder)->birthNanoseconds);
         FolderIdentity withoutHandle = whole;
         withoutHandle.handle.clear();
         FolderIdentity withoutBirthTime = whole;
