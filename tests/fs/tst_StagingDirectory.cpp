@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,16 +81,6 @@ private Q_SLOTS:
             QCOMPARE(names(), (QByteArrayList{"photo.jpg", "precious"}));
             QVERIFY(exists(inFolder("precious/inside")));
         }
-    }
-
-    void aDirectoryInUseStays()
-    {
-        std::optional<Outcome<StagingDirectory>> staging = StagingDirectory::create(m_folder.get());
-        QVERIFY(*staging);
-        removeLeftovers();
-        QCOMPARE(names().size(), 1);
-        staging.reset();
-        QCOMPARE(names(), QByteArrayList());
     }
 
     void similarNamesStay()

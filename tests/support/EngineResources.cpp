@@ -2,7 +2,6 @@
 
 #include <QtGlobal>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
 
 namespace harbex::test
 {
@@ -29,12 +29,14 @@ std::size_t entriesOf(const char* folder)
     return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
 }
 
-void setLimit(rlim_t descriptors)
+/// Returns the limit until now.
+rlim_t setLimit(rlim_t descriptors)
 {
     rlimit limit;
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) qFatal("getrlimit: %s", std::strerror(errno));
-    limit.rlim_cur = descriptors;
+    const rlim_t before = std::exchange(limit.rlim_cur, descriptors);
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) qFatal("setrlimit: %s", std::strerror(errno));
+    return before;
 }
 
 constexpr uint32_t permissionRights =
@@ -88,16 +90,12 @@ WithoutPrivileges::~WithoutPrivileges()
 
 DescriptorLimit::DescriptorLimit(std::size_t more)
 {
-    rlimit limit;
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) qFatal("getrlimit: %s", std::strerror(errno));
-    m_before = limit.rlim_cur;
-
     // The limit applies to descriptor numbers, and the lowest free numbers are used first.
     std::size_t free = 0;
     int number = 0;
     while (::fcntl(number, F_GETFD) >= 0 || free++ < more)
         ++number;
-    setLimit(static_cast<rlim_t>(number));
+    m_before = setLimit(static_cast<rlim_t>(number));
 }
 
 DescriptorLimit::~DescriptorLimit()

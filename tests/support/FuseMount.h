@@ -4,7 +4,6 @@
 #include <QString>
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <thread>
 

@@ -19,21 +19,18 @@ namespace harbex::test
 
 /// Features that a simulated file system lacks.
 struct Lacks {
-    /// The errno of renaming without replacing. 0 if the feature exists.
+    /// The errno of renaming without replacing, and of hard links. 0 if the feature exists.
     int noReplace = 0;
-    bool hardLinks = false;
+    int noLinks = 0;
     bool unnamedFiles = false;
-    /// The errno values for the two features above.
-    int hardLinksError = EPERM;
-    int unnamedFilesError = EOPNOTSUPP;
 
     /// Returns the error for a call that needs a missing feature. Empty for other calls.
     [[nodiscard]] std::optional<Answer> refuses(const InterceptedCall& call) const
     {
         if (noReplace != 0 && call.name == "renameat2") return Answer::fail(noReplace);
-        if (hardLinks && call.name == "linkat") return Answer::fail(hardLinksError);
+        if (noLinks != 0 && call.name == "linkat") return Answer::fail(noLinks);
         const bool isUnnamed = call.name == "openat" && (call.arguments[2] & O_TMPFILE) == O_TMPFILE;
-        if (unnamedFiles && isUnnamed) return Answer::fail(unnamedFilesError);
+        if (unnamedFiles && isUnnamed) return Answer::fail(EOPNOTSUPP);
         return {};
     }
 };
@@ -42,14 +39,6 @@ struct Lacks {
 [[nodiscard]] inline Answer proceedAlways(const InterceptedCall&)
 {
     return Answer::proceed();
-}
-
-/// Moves an entry in a child process. `interceptor` is asked about every file system call.
-[[nodiscard]] inline InterceptedRun moveIntercepted(const std::string& source, const std::string& target,
-                                                    const Interceptor& interceptor)
-{
-    return runIntercepted(
-        fileSystemCalls(), [&] { return FileMove().moveItem(source, target); }, interceptor);
 }
 
 /// Lets the first rename fail with EXDEV, as between two volumes.
@@ -103,14 +92,24 @@ inline void dropPrivileges()
 inline const char* const obstacleKinds[] = {"file",        "empty file", "folder",
                                             "full folder", "link",       "dangling link"};
 
+/// Makes an entry of one of these kinds, a "pipe", or a "tree": a folder with a file "file", a folder "sub"
+/// with a file "other", a hard link "same" to that file, and a link.
 inline void makeObstacle(const std::string& kind, const std::string& path)
 {
     if (kind == "file") writeFile(path, "an obstacle");
     if (kind == "empty file") writeFile(path, "");
-    if (kind == "folder" || kind == "full folder") makeFolder(path);
-    if (kind == "full folder") writeFile(path + "/inside", "an obstacle");
     if (kind == "link") makeLink(path, "/");
     if (kind == "dangling link") makeLink(path, "nowhere");
+    if (kind == "pipe" && ::mkfifo(path.c_str(), 0600) != 0) qFatal("cannot make %s", path.c_str());
+    if (kind == "folder" || kind == "full folder") makeFolder(path);
+    if (kind == "full folder") writeFile(path + "/inside", "an obstacle");
+    if (kind != "tree") return;
+    makeFolder(path);
+    makeFolder(path + "/sub");
+    writeFile(path + "/file", "content");
+    writeFile(path + "/sub/other", "other content");
+    linkFile(path + "/sub/other", path + "/same");
+    makeLink(path + "/link", "sub");
 }
 
 /// Returns the status of an entry, of a link itself. The entry must exist.

@@ -12,8 +12,8 @@ namespace harbex::test
 const std::vector<MoveCase>& allMoveCases()
 {
     constexpr Lacks noReplace{.noReplace = EINVAL};
-    constexpr Lacks noReplaceNorLinks{.noReplace = EINVAL, .hardLinks = true};
-    constexpr Lacks everything{.noReplace = EINVAL, .hardLinks = true, .unnamedFiles = true};
+    constexpr Lacks noReplaceNorLinks{.noReplace = EINVAL, .noLinks = EPERM};
+    constexpr Lacks everything{.noReplace = EINVAL, .noLinks = EPERM, .unnamedFiles = true};
     constexpr Lacks unnamedFiles{.unnamedFiles = true};
     static const std::vector<MoveCase> cases = {
         {"file", "file", false},
@@ -94,12 +94,7 @@ void MoveFixture::makeSource()
     if (m_case.kind == "large file") writeFile(source, std::string(400'000, 'o'));
     if (m_case.kind == "link") makeLink(source, "nowhere");
     if (m_case.isFolder()) {
-        makeFolder(source);
-        makeFolder(source + "/sub");
-        writeFile(source + "/file", "content");
-        writeFile(source + "/sub/other", "other content");
-        linkFile(source + "/sub/other", source + "/same");
-        makeLink(source + "/link", "sub");
+        makeObstacle("tree", source);
         writeFile(source + "/sparse", "begin");
         resizeFile(source + "/sparse", 1 << 16);
         // Not all file systems support extended attributes.
@@ -111,7 +106,8 @@ void MoveFixture::makeSource()
 InterceptedRun MoveFixture::move(const Interceptor& interceptor) const
 {
     bool isTouched = !m_case.isTouched;
-    return moveIntercepted(source, target, [&](const InterceptedCall& call) {
+    const auto work = [this] { return FileMove().moveItem(source, target); };
+    return runIntercepted(fileSystemCalls(), work, [&](const InterceptedCall& call) {
         if (!isTouched && isSync(call)) {
             isTouched = true;
             if (exists(source)) touch(source);

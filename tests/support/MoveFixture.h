@@ -47,9 +47,8 @@ void touch(const std::string& path);
 /// Fixture for one move in its own scratch directories.
 ///
 /// The source is a file with the content "content", a file with 400,000 times "o", a dangling link, or a
-/// folder. The folder contains "file" with that content, a folder "sub" with a file "other", a hard link
-/// "same" to that file, a link "link", and a sparse file "sparse". If the second volume is only simulated,
-/// "sparse" also has an extended attribute.
+/// folder: the "tree" of makeObstacle() and a sparse file "sparse". If the second volume is only simulated,
+/// that file also has an extended attribute.
 class MoveFixture : public MovePlaces
 {
 public:

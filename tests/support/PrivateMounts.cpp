@@ -10,7 +10,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
-#include <utility>
 
 namespace harbex::test
 {

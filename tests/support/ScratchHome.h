@@ -2,8 +2,6 @@
 
 #include <QTemporaryDir>
 
-#include <string>
-
 namespace harbex::test
 {
 
@@ -13,9 +11,6 @@ class ScratchHome
 {
 public:
     ScratchHome();
-
-    /// Returns the path of the home, as raw bytes.
-    [[nodiscard]] std::string path() const { return m_directory.path().toStdString(); }
 
 private:
     QTemporaryDir m_directory;

@@ -6,11 +6,10 @@
 #include <QCryptographicHash>
 
 #include <algorithm>
-#include <climits>
+#include <filesystem>
 #include <map>
 #include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 #include <utility>
 
 namespace harbex::test
@@ -25,19 +24,15 @@ constexpr size_t longestAttribute = 65536;
 /// Returns user attributes and ACLs. System attributes, such as labels, differ between volumes.
 QByteArrayList attributesOf(const std::string& path)
 {
-    std::string names(longestAttribute, '\0');
-    const ssize_t size = ::llistxattr(path.c_str(), names.data(), names.size());
-    if (size < 0) return {};
-    names.resize(static_cast<size_t>(size));
+    QByteArray names(longestAttribute, '\0');
+    names.resize(std::max<ssize_t>(0, ::llistxattr(path.c_str(), names.data(), longestAttribute)));
     QByteArrayList attributes;
-    for (size_t at = 0; at < names.size();) {
-        const std::string name(names.c_str() + at);
-        at += name.size() + 1;
-        if (!name.starts_with("user.") && !name.starts_with("system.posix_acl")) continue;
+    for (const QByteArray& name : names.split('\0')) {
+        if (!name.startsWith("user.") && !name.startsWith("system.posix_acl")) continue;
         QByteArray value(longestAttribute, '\0');
-        value.resize(
-            std::max<ssize_t>(0, ::lgetxattr(path.c_str(), name.c_str(), value.data(), longestAttribute)));
-        attributes << QByteArray::fromStdString(name) + '=' + value.toHex();
+        value.resize(std::max<ssize_t>(
+            0, ::lgetxattr(path.c_str(), name.constData(), value.data(), longestAttribute)));
+        attributes << name + '=' + value.toHex();
     }
     std::sort(attributes.begin(), attributes.end());
     return attributes;
@@ -60,8 +55,10 @@ public:
         for (const QByteArray& attribute : attributesOf(path))
             line += ' ' + attribute;
         if (S_ISREG(data.st_mode))
-            line += " size " + QByteArray::number(qint64(data.st_size)) + ' ' + hashOf(path);
-        if (S_ISLNK(data.st_mode)) line += " -> " + linkText(path);
+            line += " size " + QByteArray::number(qint64(data.st_size)) + ' ' +
+                    QCryptographicHash::hash(contents(path), QCryptographicHash::Sha1).toHex();
+        if (S_ISLNK(data.st_mode))
+            line += " -> " + QByteArray::fromStdString(std::filesystem::read_symlink(path));
         if (!S_ISDIR(data.st_mode)) {
             const auto [first, isNew] = m_first.try_emplace({data.st_dev, data.st_ino}, shownPath);
             if (!isNew) line += " is " + first->second;
@@ -75,17 +72,6 @@ public:
     [[nodiscard]] QByteArray text() const { return m_lines.join('\n'); }
 
 private:
-    static QByteArray hashOf(const std::string& path)
-    {
-        return QCryptographicHash::hash(contents(path), QCryptographicHash::Sha1).toHex();
-    }
-    static QByteArray linkText(const std::string& path)
-    {
-        QByteArray text(PATH_MAX, '\0');
-        text.resize(std::max<ssize_t>(0, ::readlink(path.c_str(), text.data(), PATH_MAX)));
-        return text;
-    }
-
     QByteArrayList m_lines;
     std::map<std::pair<dev_t, ino_t>, QByteArray> m_first;
 };
