@@ -143,6 +143,17 @@ private Q_SLOTS:
         }
     }
 
+    void resolvesBehindTenThousandFolders()
+    {
+        const fs::path folder = makeFolder("Downloads");
+        const QByteArray bookmark = bookmarkOf(folder);
+        for (int i = 0; i < 10'000; ++i)
+            makeFolder(std::to_string(i));
+        const fs::path inside = makeFolder("5000/inside");
+        fs::rename(folder, inside / "Downloads");
+        QCOMPARE(resolved(bookmark), (inside / "Downloads").string());
+    }
+
     // The window waits for the result, and a server may not answer.
     void aRemoteVolumeIsNotAccessed()
     {
