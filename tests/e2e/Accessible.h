@@ -29,8 +29,7 @@ public:
     /// Returns the root of the accessibility tree. Its children are the running programs.
     static Accessible desktop(const QDBusConnection& bus)
     {
-        return {bus, QStringLiteral("org.a11y.atspi.Registry"),
-                QStringLiteral("/org/a11y/atspi/accessible/root")};
+        return {bus, "org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root"};
     }
 
     explicit operator bool() const { return !m_service.isEmpty(); }
@@ -140,13 +139,13 @@ public:
     {
         const QRect place = extents();
         QString lines =
-            QStringLiteral("%1%2 \"%3\" %4,%5 %6x%7%8\n")
+            QString("%1%2 \"%3\" %4,%5 %6x%7%8\n")
                 .arg(QString(depth * 2, u' '), QString::fromUtf8(role()), QString::fromUtf8(name()))
                 .arg(place.x())
                 .arg(place.y())
                 .arg(place.width())
                 .arg(place.height())
-                .arg(has(State::showing) ? QString() : QStringLiteral(" (not shown)"));
+                .arg(has(State::showing) ? QString() : " (not shown)");
         const QList<Accessible> offspring = children();
         for (const Accessible& child : offspring)
             lines += child.outline(depth + 1);
@@ -159,10 +158,7 @@ private:
     {
     }
 
-    static QString interfaceOf(const char* name)
-    {
-        return QStringLiteral("org.a11y.atspi.") + QLatin1String(name);
-    }
+    static QString interfaceOf(const char* name) { return QString("org.a11y.atspi.") + name; }
     /// Calls a method of org.a11y.atspi.`interface` and returns the first value of the reply.
     [[nodiscard]] QVariant ask(const char* interface, const char* method,
                                const QVariantList& arguments = {}) const

@@ -27,7 +27,7 @@ namespace harbex::test
 /// Returns the words of a text without quotes, for example the arguments of a command.
 [[nodiscard]] inline QStringList words(const char* text)
 {
-    return QString::fromLatin1(text).split(u' ');
+    return QString(text).split(u' ');
 }
 
 /// A private desktop session: a session bus, the accessibility bus, and either an Xvfb screen of 1280x800
@@ -78,9 +78,7 @@ public:
     {
         QProcess cmake;
         cmake.setProcessChannelMode(QProcess::MergedChannels);
-        cmake.start(QStringLiteral(HARBEX_CMAKE), words("--install")
-                                                      << QStringLiteral(HARBEX_BUILD)
-                                                      << QStringLiteral("--prefix") << installed(""));
+        cmake.start(HARBEX_CMAKE, words("--install") << HARBEX_BUILD << "--prefix" << installed(""));
         if (!cmake.waitForFinished(patienceMilliseconds) || cmake.exitCode() != 0)
             qFatal("no installation: %s", cmake.readAll().constData());
     }
@@ -88,20 +86,17 @@ public:
     /// Returns the path of an installed file, for example "bin/harbex".
     [[nodiscard]] static QString installed(const char* file)
     {
-        return QDir::home().filePath(QStringLiteral("installed/") + QString::fromLatin1(file));
+        return QDir::home().filePath(QString("installed/") + file);
     }
 
     /// Sets an environment variable for programs that are started later.
-    void set(const char* variable, const QString& value)
-    {
-        m_environment.insert(QString::fromLatin1(variable), value);
-    }
+    void set(const char* variable, const QString& value) { m_environment.insert(variable, value); }
 
     /// Writes a configuration file of another program. `path` is relative to the folder of configurations.
     /// Returns the whole path.
     static QString configure(const char* path, const QByteArray& content)
     {
-        QFile file(qEnvironmentVariable("XDG_CONFIG_HOME") + u'/' + QLatin1String(path));
+        QFile file(qEnvironmentVariable("XDG_CONFIG_HOME") + u'/' + path);
         const bool isWritten = QDir().mkpath(QFileInfo(file).path()) && file.open(QIODevice::WriteOnly) &&
                                file.write(content) == content.size();
         if (!isWritten) qFatal("no %s", path);
@@ -114,7 +109,7 @@ public:
         QProcess& process = *m_programs.emplace_back(std::make_unique<QProcess>());
         process.setProcessEnvironment(m_environment);
         process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
-        process.start(QString::fromUtf8(program), arguments);
+        process.start(program, arguments);
         if (!process.waitForStarted()) qFatal("%s: %s", program, qPrintable(process.errorString()));
         return process;
     }
@@ -122,11 +117,10 @@ public:
     /// Starts the D-Bus service `name` from its service file, and waits until it owns the name.
     void startService(const char* name)
     {
-        const QString service = QString::fromLatin1(name);
-        const QSettings file(QStringLiteral("/usr/share/dbus-1/services/%1.service").arg(service),
+        const QString service = name;
+        const QSettings file(QString("/usr/share/dbus-1/services/%1.service").arg(service),
                              QSettings::IniFormat);
-        QStringList command =
-            QProcess::splitCommand(file.value(QStringLiteral("D-BUS Service/Exec")).toString());
+        QStringList command = QProcess::splitCommand(file.value("D-BUS Service/Exec").toString());
         if (command.isEmpty()) qFatal("%s is not installed", name);
         const QByteArray program = command.takeFirst().toUtf8();
         start(program, command);
@@ -140,7 +134,7 @@ public:
         QProcess process;
         process.setProcessEnvironment(m_environment);
         process.setStandardInputFile(QProcess::nullDevice());
-        process.start(QString::fromUtf8(program), arguments);
+        process.start(program, arguments);
         const bool hasWorked = process.waitForFinished(patienceMilliseconds) &&
                                process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
         return hasWorked ? std::optional(process.readAllStandardOutput()) : std::nullopt;
@@ -150,7 +144,7 @@ public:
     /// Returns the process of the Harbex that runs in this session, 0 if there is none.
     [[nodiscard]] qint64 harbexProcess() const
     {
-        return m_connection.interface()->servicePid(QStringLiteral("org.harbex.Harbex"));
+        return m_connection.interface()->servicePid("org.harbex.Harbex");
     }
 
     /// Returns the window with this role ("frame", "dialog") and, if given, this name. Empty if it is not
@@ -172,7 +166,7 @@ public:
     [[nodiscard]] bool click(const QRect& place, Button button = Button::left)
     {
         if (place.isEmpty()) return false;
-        const QString command = QStringLiteral("mousemove %1 %2 click %3")
+        const QString command = QString("mousemove %1 %2 click %3")
                                     .arg(place.center().x())
                                     .arg(place.center().y())
                                     .arg(static_cast<int>(button));
@@ -214,13 +208,9 @@ public:
     {
         // "import" takes an empty rectangle for the whole screen.
         if (place.isEmpty()) return 0;
-        const QString crop = QStringLiteral("%1x%2+%3+%4")
-                                 .arg(place.width())
-                                 .arg(place.height())
-                                 .arg(place.x())
-                                 .arg(place.y());
-        const QStringList arguments = words("-window root -format %k -crop")
-                                      << crop << QStringLiteral("info:");
+        const QString crop =
+            QString("%1x%2+%3+%4").arg(place.width()).arg(place.height()).arg(place.x()).arg(place.y());
+        const QStringList arguments = words("-window root -format %k -crop") << crop << "info:";
         return run("import", arguments).value_or(QByteArray()).toInt();
     }
 
@@ -235,16 +225,14 @@ private:
         for (const char* name :
              {"PATH", "HOME", "TMPDIR", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME",
               "XDG_RUNTIME_DIR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-            const QString variable = QString::fromLatin1(name);
+            const QString variable = name;
             if (around.contains(variable)) environment.insert(variable, around.value(variable));
         }
-        environment.insert(QStringLiteral("PATH"),
-                           installed("bin") + u':' + environment.value(QStringLiteral("PATH")));
-        environment.insert(QStringLiteral("XDG_DATA_DIRS"),
-                           installed("share") + QStringLiteral(":/usr/local/share:/usr/share"));
-        environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+        environment.insert("PATH", installed("bin") + u':' + environment.value("PATH"));
+        environment.insert("XDG_DATA_DIRS", installed("share") + ":/usr/local/share:/usr/share");
+        environment.insert("LC_ALL", "C.UTF-8");
         // GSettings stay in memory instead of the user's store.
-        environment.insert(QStringLiteral("GSETTINGS_BACKEND"), QStringLiteral("memory"));
+        environment.insert("GSETTINGS_BACKEND", "memory");
         return environment;
     }
 
@@ -258,7 +246,7 @@ private:
         const QByteArray ids =
             run("xdotool", words("search --onlyvisible --class") + words(ofClass)).value_or(QByteArray());
         const auto number = [](const QString& report, const char* label) {
-            const QRegularExpression line(QString::fromLatin1(label) + QStringLiteral(": +(-?\\d+)"));
+            const QRegularExpression line(QString(label) + ": +(-?\\d+)");
             return line.match(report).captured(1).toInt();
         };
         for (const QByteArray& id : ids.trimmed().split('\n')) {
@@ -266,13 +254,13 @@ private:
             // The window may have closed since the search.
             const auto answer = run("xwininfo", words("-stats -children -id") + words(id));
             if (!answer) continue;
-            const QString report = QString::fromUtf8(*answer);
+            const QString report = *answer;
             windows.push_back(
                 {{number(report, "Absolute upper-left X"), number(report, "Absolute upper-left Y"),
                   number(report, "Width"), number(report, "Height")},
-                 report.contains(QLatin1String("Override Redirect State: yes")) &&
-                     report.contains(QRegularExpression(
-                         QStringLiteral("Root window id: (0x[0-9a-f]+) .*\n *Parent window id: \\1 ")))});
+                 report.contains("Override Redirect State: yes") &&
+                     report.contains(
+                         QRegularExpression("Root window id: (0x[0-9a-f]+) .*\n *Parent window id: \\1 "))});
         }
         return windows;
     }
@@ -282,7 +270,7 @@ private:
         QProcess& server = start("Xvfb", words("-displayfd 1 -screen 0 1280x800x24 -nolisten tcp -noreset"));
         if (!QTest::qWaitFor([&] { return server.canReadLine(); }, patienceMilliseconds))
             qFatal("no screen: %s", server.readAllStandardError().constData());
-        set("DISPLAY", QStringLiteral(":") + QString::fromLatin1(server.readLine().trimmed()));
+        set("DISPLAY", ":" + server.readLine().trimmed());
 
         start("openbox");
         // The window manager sets the number of desktops when it is ready.
@@ -295,48 +283,45 @@ private:
 
     void startWayland()
     {
-        const QString name = QStringLiteral("harbex-test-%1").arg(QCoreApplication::applicationPid());
+        const QString name = QString("harbex-test-%1").arg(QCoreApplication::applicationPid());
         start("weston",
               words("--backend=headless-backend.so --use-pixman --width=1280 --height=800 --no-config "
                     "--debug")
-                  << QStringLiteral("--socket=") + name);
-        const QString socket = m_environment.value(QStringLiteral("XDG_RUNTIME_DIR")) + u'/' + name;
+                  << "--socket=" + name);
+        const QString socket = m_environment.value("XDG_RUNTIME_DIR") + u'/' + name;
         if (!QTest::qWaitFor([&] { return QFile::exists(socket); }, patienceMilliseconds))
             qFatal("no compositor: %s", m_programs.back()->readAllStandardError().constData());
         set("WAYLAND_DISPLAY", name);
-        set("QT_QPA_PLATFORM", QStringLiteral("wayland"));
+        set("QT_QPA_PLATFORM", "wayland");
     }
 
     void startAccessibility()
     {
         startService("org.a11y.Bus");
-        const RemoteObject launcher{m_connection, QStringLiteral("org.a11y.Bus"),
-                                    QStringLiteral("/org/a11y/bus"), QStringLiteral("org.a11y.Bus")};
+        const RemoteObject launcher{m_connection, "org.a11y.Bus", "/org/a11y/bus", "org.a11y.Bus"};
         QString address;
         const auto hasAddress = [&] {
             address = launcher.call("GetAddress").arguments().value(0).toString();
-            return address.startsWith(QLatin1String("unix:"));
+            return address.startsWith("unix:");
         };
         if (!QTest::qWaitFor(hasAddress, patienceMilliseconds)) qFatal("no accessibility bus");
 
         const RemoteObject properties{m_connection, launcher.service, launcher.path,
-                                      QStringLiteral("org.freedesktop.DBus.Properties")};
-        (void)properties.call(
-            "Set", {QStringLiteral("org.a11y.Status"), QStringLiteral("IsEnabled"), asVariant(true)});
-        set("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", QStringLiteral("1"));
+                                      "org.freedesktop.DBus.Properties"};
+        (void)properties.call("Set", {"org.a11y.Status", "IsEnabled", asVariant(true)});
+        set("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
         m_accessibilityBus = QDBusConnection::connectToBus(address, address);
         if (!m_accessibilityBus.isConnected()) qFatal("no connection to the accessibility bus");
     }
 
     void keepEvidence()
     {
-        const QString place = QStringLiteral(HARBEX_EVIDENCE);
-        const QString name = QStringLiteral("%1/%2.%3")
-                                 .arg(place, QCoreApplication::applicationName(),
-                                      QString::fromLatin1(QTest::currentTestFunction()));
+        const QString place = HARBEX_EVIDENCE;
+        const QString name =
+            QString("%1/%2.%3").arg(place, QCoreApplication::applicationName(), QTest::currentTestFunction());
         QDir().mkpath(place);
         if (m_kind == Kind::x11) {
-            run("import", words("-window root") << name + QStringLiteral(".png"));
+            run("import", words("-window root") << name + ".png");
             qInfo("The screen as it was: %s.png", qPrintable(name));
         } else {
             // weston-screenshooter chooses the file name, which contains the time.
@@ -344,7 +329,7 @@ private:
             run("weston-screenshooter");
             qInfo("The screen as it was: the latest %s/wayland-screenshot-*.png", qPrintable(place));
         }
-        QFile log(name + QStringLiteral(".log"));
+        QFile log(name + ".log");
         if (!log.open(QIODevice::WriteOnly)) return;
         for (const auto& program : m_programs) {
             log.write("=== " + program->program().toUtf8() + '\n' + program->readAllStandardOutput() +

@@ -47,8 +47,8 @@ public:
 
     void signal(int number) const { ::kill(static_cast<pid_t>(m_process->processId()), number); }
 
-    [[nodiscard]] static QString inbox() { return QDir::home().filePath(QStringLiteral("Inbox")); }
-    [[nodiscard]] static QString sorted() { return QDir::home().filePath(QStringLiteral("Sorted")); }
+    [[nodiscard]] static QString inbox() { return QDir::home().filePath("Inbox"); }
+    [[nodiscard]] static QString sorted() { return QDir::home().filePath("Sorted"); }
 
     /// Returns the main window. Empty while it is closed.
     [[nodiscard]] Accessible window() const { return m_session.window("frame", "Harbex"); }
@@ -147,7 +147,7 @@ public:
         struct stat status = {};
         if (::stat(folder.toUtf8().constData(), &status) != 0) return false;
         const QByteArray inode = " ino:" + QByteArray::number(qulonglong(status.st_ino), 16) + ' ';
-        const QDir descriptors(QStringLiteral("/proc/%1/fdinfo").arg(m_process->processId()));
+        const QDir descriptors(QString("/proc/%1/fdinfo").arg(m_process->processId()));
         const QStringList names = descriptors.entryList(QDir::Files);
         return std::ranges::any_of(names, [&](const QString& name) {
             const QByteArray lines = read(descriptors.filePath(name)).value_or(QByteArray());
@@ -158,8 +158,8 @@ public:
     /// Puts a file into the inbox like a download: writes "NAME.part", then renames it to NAME.
     [[nodiscard]] bool drop(const char* name) const
     {
-        const QString path = inbox() + u'/' + QLatin1String(name);
-        QFile file(path + QStringLiteral(".part"));
+        const QString path = inbox() + u'/' + name;
+        QFile file(path + ".part");
         return file.open(QIODevice::WriteOnly) && file.write(name) > 0 && file.flush() && file.rename(path);
     }
 
@@ -167,8 +167,7 @@ public:
     /// inbox.
     [[nodiscard]] bool wasMoved(const char* name, const char* folder = ".") const
     {
-        return read(sorted() + u'/' + QLatin1String(folder) + u'/' + QLatin1String(name)) == name &&
-               !QFile::exists(inbox() + u'/' + QLatin1String(name));
+        return read(sorted() + u'/' + folder + u'/' + name) == name && !QFile::exists(inbox() + u'/' + name);
     }
 
     /// Stores one rule for the inbox that moves everything to "Sorted".

@@ -52,20 +52,20 @@ private Q_SLOTS:
         // With this message a program ends the sign of the desktop that it is starting.
         const char* const started = "_NET_STARTUP_INFO_BEGIN";
 
-        desktop.set("DESKTOP_STARTUP_ID", QStringLiteral("the-first_TIME1"));
+        desktop.set("DESKTOP_STARTUP_ID", "the-first_TIME1");
         QVERIFY2(launch(desktop), "the desktop can launch the program");
         STEP("the window opens, in front", harbex.isInFront());
         STEP("the desktop is told that the start is over", logged(started) == 1);
         const qint64 process = desktop.harbexProcess();
         QVERIFY2(harbex.closeWindow(), "the window closes");
 
-        desktop.set("DESKTOP_STARTUP_ID", QStringLiteral("the-second_TIME2"));
+        desktop.set("DESKTOP_STARTUP_ID", "the-second_TIME2");
         QVERIFY2(launch(desktop), "the desktop can launch the program again");
         STEP("the window opens, in front", harbex.isInFront());
         STEP("the desktop is told that this start is over too", logged(started) == 2);
         QVERIFY2(harbex.closeWindow(), "the window closes again");
 
-        QVERIFY2(desktop.run("sh", {QStringLiteral("-c"), QStringLiteral("exec harbex")}),
+        QVERIFY2(desktop.run("sh", {"-c", "exec harbex"}),
                  "a start by the command works, as that of a desktop without D-Bus activation");
         STEP("it opens the window too", harbex.isInFront());
         QCOMPARE(desktop.harbexProcess(), process);
@@ -75,8 +75,7 @@ private Q_SLOTS:
     void theActionQuitEndsTheProgramAndStartsNone()
     {
         const QSettings file(desktopFile(), QSettings::IniFormat);
-        QStringList command =
-            QProcess::splitCommand(file.value(QStringLiteral("Desktop Action quit/Exec")).toString());
+        QStringList command = QProcess::splitCommand(file.value("Desktop Action quit/Exec").toString());
         QVERIFY2(!command.isEmpty(), "the desktop file has the action");
         const QByteArray program = command.takeFirst().toUtf8();
         DesktopSession desktop;
@@ -98,7 +97,7 @@ private Q_SLOTS:
         std::optional<DesktopSession> desktop(std::in_place);
         const HarbexRun harbex(*desktop);
         for (const char* folder : {"Invoices", "Documents", "Pictures"})
-            QVERIFY(QDir(HarbexRun::sorted()).mkdir(QString::fromLatin1(folder)));
+            QVERIFY(QDir(HarbexRun::sorted()).mkdir(folder));
 
         QVERIFY2(launch(*desktop), "the desktop can launch the program");
         STEP("the window opens", harbex.isInFront());
@@ -109,10 +108,9 @@ private Q_SLOTS:
             const Accessible text = harbex.controls("text", "Value").value(rule);
             const Accessible destination =
                 harbex.controls("push button", "Select destination...").value(rule);
-            const QString path = HarbexRun::sorted() + u'/' + QString::fromLatin1(folder);
+            const QString path = HarbexRun::sorted() + u'/' + folder;
             return harbex.choose(harbex.controls("combo box", "Field").value(rule), field) &&
-                   (!value || text.setText(QString::fromLatin1(value))) && destination.press() &&
-                   harbex.answerDialog(path) &&
+                   (!value || text.setText(value)) && destination.press() && harbex.answerDialog(path) &&
                    QTest::qWaitFor([&] { return destination.description() == path.toUtf8(); }, 30000);
         };
         const auto addRule = [&](int number) {
@@ -130,28 +128,25 @@ private Q_SLOTS:
                                                 harbex.wasMoved("report.pdf", "Documents") &&
                                                 harbex.wasMoved("photo.jpg", "Pictures"));
         QVERIFY2(harbex.closeWindow(), "the window closes");
-        const QDir autostart(qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/autostart"));
-        QVERIFY2(autostart.mkpath(QStringLiteral(".")) &&
+        const QDir autostart(qEnvironmentVariable("XDG_CONFIG_HOME") + "/autostart");
+        QVERIFY2(autostart.mkpath(".") &&
                      QFile::copy(desktopFile(), autostart.filePath(QFileInfo(desktopFile()).fileName())),
                  "the program is added to those that start at login");
 
-        const QString process = QStringLiteral("/proc/%1").arg(desktop->harbexProcess());
+        const QString process = QString("/proc/%1").arg(desktop->harbexProcess());
         QVERIFY2(QFile::exists(process), "the program runs");
         desktop.reset(); // the user logs out
         STEP("the program ends with the session", !QFile::exists(process));
-        desktop.emplace();                                               // and in
-        desktop->set("XDG_CONFIG_DIRS", QStringLiteral("/nonexistent")); // has programs of this machine
+        desktop.emplace();                               // and in
+        desktop->set("XDG_CONFIG_DIRS", "/nonexistent"); // has programs of this machine
         QVERIFY2(
-            desktop->run(
-                "sh", {QStringLiteral("-c"),
-                       QStringLiteral("$(find /usr/lib* -maxdepth 2 -name openbox-xdg-autostart) OPENBOX")}),
+            desktop->run("sh", {"-c", "$(find /usr/lib* -maxdepth 2 -name openbox-xdg-autostart) OPENBOX"}),
             "the desktop starts the programs of the user");
         STEP("the window shows the rules", harbex.controls("combo box", "Field").size() == 3);
         QVERIFY2(harbex.closeWindow(), "the window closes");
         QVERIFY2(harbex.drop("tree.png"), "a file arrives");
         STEP("it is moved", harbex.wasMoved("tree.png", "Pictures"));
-        QVERIFY2(QFile::exists(HarbexRun::inbox() + QStringLiteral("/notes.txt")),
-                 "what no rule takes stays");
+        QVERIFY2(QFile::exists(HarbexRun::inbox() + "/notes.txt"), "what no rule takes stays");
     }
 };
 

@@ -13,22 +13,22 @@ private Q_SLOTS:
     void theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses_data()
     {
         QTest::addColumn<QString>("platformTheme");
-        QTest::newRow("GTK's own") << QStringLiteral("gtk3");
-        QTest::newRow("the portal's") << QStringLiteral("xdgdesktopportal");
+        QTest::newRow("GTK's own") << "gtk3";
+        QTest::newRow("the portal's") << "xdgdesktopportal";
     }
 
     void theDesktopsDialogHasTheConfirmTextIsCancelledAndChooses()
     {
         QFETCH(const QString, platformTheme);
         DesktopSession desktop;
-        if (platformTheme == QLatin1String("xdgdesktopportal")) {
-            desktop.set("XDG_CURRENT_DESKTOP", QStringLiteral("GNOME"));
+        if (platformTheme == "xdgdesktopportal") {
+            desktop.set("XDG_CURRENT_DESKTOP", "GNOME");
             desktop.startService("org.freedesktop.impl.portal.desktop.gtk");
             desktop.startService("org.freedesktop.portal.Desktop");
         }
         desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
         // GTK keeps memory until exit, which the sanitizer would report.
-        desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+        desktop.set("ASAN_OPTIONS", "detect_leaks=0");
         HarbexRun harbex(desktop);
         harbex.start();
         const auto dialog = [&] { return desktop.window("file chooser"); };
@@ -72,7 +72,7 @@ private Q_SLOTS:
         for (const bool isByBus : {false, true}) {
             const char* way = isByBus ? "the bus" : "SIGTERM";
             QTest::addRow("Qt's own, %s", way) << QString() << isByBus;
-            QTest::addRow("GTK's own, %s", way) << QStringLiteral("gtk3") << isByBus;
+            QTest::addRow("GTK's own, %s", way) << "gtk3" << isByBus;
         }
     }
 
@@ -82,13 +82,13 @@ private Q_SLOTS:
         QFETCH(const bool, isByBus);
         DesktopSession desktop;
         desktop.set("QT_QPA_PLATFORMTHEME", platformTheme);
-        desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+        desktop.set("ASAN_OPTIONS", "detect_leaks=0");
         HarbexRun harbex(desktop);
         harbex.storeRuleForAll();
         harbex.start();
         STEP("the window opens", harbex.isInFront());
         QVERIFY2(desktop.click(harbex.control("text", "Value").extents()), "a click into the value");
-        QVERIFY2(desktop.type(QStringLiteral("unsaved")), "an edit that is not saved");
+        QVERIFY2(desktop.type("unsaved"), "an edit that is not saved");
         STEP("it is there", harbex.control("text", "Value").text() == "unsaved");
         QVERIFY2(desktop.click(harbex.control("push button", "Add Folder").extents()),
                  "a click on \"Add Folder\"");

@@ -39,7 +39,7 @@ private Q_SLOTS:
         STEP("the operator becomes \"is\"", operatorType.text() == "is");
         const Accessible value = harbex.control("text", "Value");
         QVERIFY2(tabGoesOnTo(value), "Tab goes on to the value");
-        QVERIFY2(desktop.type(QStringLiteral("pdf")) && desktop.press("Return"), "a value is typed");
+        QVERIFY2(desktop.type("pdf") && desktop.press("Return"), "a value is typed");
         STEP("the value is there", value.text() == "pdf");
 
         const Accessible destination = harbex.control("push button", "Select destination...");
@@ -68,7 +68,7 @@ private Q_SLOTS:
         QCOMPARE(stored.folders[0].rules.size(), 1U);
         const FilterRule& rule = stored.folders[0].rules[0];
         QVERIFY(rule.field == RuleField::fileExtension && rule.operatorType == RuleOperator::isEqual);
-        QCOMPARE(rule.value, QStringLiteral("pdf"));
+        QCOMPARE(rule.value, "pdf");
         QCOMPARE(rule.destination->path(), HarbexRun::sorted().toStdString());
 
         QVERIFY2(desktop.run(HARBEX_PROGRAM), "a second start ends in order");

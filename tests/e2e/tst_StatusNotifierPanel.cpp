@@ -119,10 +119,10 @@ private Q_SLOTS:
                  HarbexRun::sorted().toUtf8());
 
         const Accessible value = harbex.control("text", "Value");
-        QVERIFY2(value.setText(QStringLiteral("pdf")), "the value can be written");
+        QVERIFY2(value.setText("pdf"), "the value can be written");
         QVERIFY2(harbex.drop("early.pdf") && harbex.drop("plain"), "two files arrive");
         STEP("before Return the rule is still the one without a value",
-             harbex.wasMoved("plain") && QFile::exists(HarbexRun::inbox() + QStringLiteral("/early.pdf")));
+             harbex.wasMoved("plain") && QFile::exists(HarbexRun::inbox() + "/early.pdf"));
         QVERIFY2(value.takeFocus(), "the value can be given the focus");
         STEP("the value has the focus", value.has(Accessible::State::focused));
         QVERIFY2(desktop.press("Return"), "Return");
@@ -136,8 +136,7 @@ private Q_SLOTS:
 
         QVERIFY2(harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::open), "\"Open Harbex\" once more");
         STEP("the window shows the rule again", harbex.control("text", "Value").text() == "pdf");
-        QVERIFY2(harbex.control("text", "Value").setText(QStringLiteral("lost")),
-                 "an edit that nothing saves");
+        QVERIFY2(harbex.control("text", "Value").setText("lost"), "an edit that nothing saves");
         QVERIFY2(
             harbex.chooseFromMenu(panel.icon(), HarbexRun::MenuItem::quit, DesktopSession::Button::right),
             "\"Quit\" is in the menu that a right click opens");
@@ -153,7 +152,7 @@ private Q_SLOTS:
         rule.id = folder.rules.at(0).id;
         rule.field = RuleField::fileExtension;
         rule.operatorType = RuleOperator::isEqual;
-        rule.value = QStringLiteral("pdf");
+        rule.value = "pdf";
         rule.destination = FileUrl::fromPath(HarbexRun::sorted().toStdString());
         rule.destinationBookmarkData = *createBookmark(HarbexRun::sorted().toStdString());
         QVERIFY2(folder.rules == std::vector{rule}, "the rule is stored as it was made");

@@ -26,7 +26,7 @@ private Q_SLOTS:
         QFETCH(bool, takesLeftClick);
         DesktopSession desktop(DesktopSession::Kind::wayland);
         // Qt's Wayland plugin keeps memory until exit, which the sanitizer would report.
-        desktop.set("ASAN_OPTIONS", QStringLiteral("detect_leaks=0"));
+        desktop.set("ASAN_OPTIONS", "detect_leaks=0");
         desktop.set("XDG_CURRENT_DESKTOP", currentDesktop);
         HarbexRun harbex(desktop);
         harbex.storeRuleForAll();
@@ -44,8 +44,7 @@ private Q_SLOTS:
             return desktop
                 .run("dbus-send",
                      words("--session --print-reply --dest=org.harbex.Harbex /StatusNotifierItem")
-                         << QLatin1String("org.kde.StatusNotifierItem.") + QLatin1String(method)
-                         << words("int32:1 int32:1"))
+                         << QString("org.kde.StatusNotifierItem.") + method << words("int32:1 int32:1"))
                 .has_value();
         };
         QCOMPARE(click("Activate"), takesLeftClick);

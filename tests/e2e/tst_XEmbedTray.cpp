@@ -13,7 +13,7 @@ QProcess& startPanel(DesktopSession& desktop)
                                                               "panel_position = bottom center horizontal\n"
                                                               "panel_size = 100% 32\n"
                                                               "systray_icon_size = 24\n");
-    return desktop.start("tint2", {QStringLiteral("-c"), path});
+    return desktop.start("tint2", {"-c", path});
 }
 
 /// Returns the rectangle of the program's window that is on the panel.

@@ -23,7 +23,7 @@ using namespace harbex::test;
 namespace
 {
 
-constexpr QLatin1String busName("org.harbex.Harbex");
+constexpr const char* busName = "org.harbex.Harbex";
 
 /// A program with only the service. It prints the result of the start and each request.
 HARBEX_MAIN(ServiceProgram)
@@ -34,8 +34,7 @@ HARBEX_MAIN(ServiceProgram)
     };
     const QString token = activationTokenOfEnvironment();
     const QCoreApplication application(argc, argv);
-    ApplicationService service(
-        QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("service")));
+    ApplicationService service(QDBusConnection::connectToBus(QDBusConnection::SessionBus, "service"));
     switch (service.start(token)) {
     case ApplicationService::Start::first:
         say("first " + service.activationToken().toUtf8());
@@ -81,8 +80,7 @@ private:
 /// Runs the program with only the service.
 struct ServiceRun : ProgramRun {
     explicit ServiceRun(const QString& busAddress, const QStringList& variables = {})
-        : ProgramRun(QCoreApplication::applicationFilePath(), {QStringLiteral("ServiceProgram")}, busAddress,
-                     variables)
+        : ProgramRun(QCoreApplication::applicationFilePath(), {"ServiceProgram"}, busAddress, variables)
     {
     }
 };
@@ -118,9 +116,9 @@ private Q_SLOTS:
     void laterStartsHandOverWithTheirActivationToken()
     {
         SessionBus bus;
-        const QString wayland = QStringLiteral("XDG_ACTIVATION_TOKEN=of-wayland");
-        const QString x11 = QStringLiteral("DESKTOP_STARTUP_ID=of-x11_TIME1");
-        const QString tooLong = QStringLiteral("XDG_ACTIVATION_TOKEN=") + QString(2000, u'x');
+        const QString wayland = "XDG_ACTIVATION_TOKEN=of-wayland";
+        const QString x11 = "DESKTOP_STARTUP_ID=of-x11_TIME1";
+        const QString tooLong = "XDG_ACTIVATION_TOKEN=" + QString(2000, u'x');
         const std::pair<QStringList, QByteArray> cases[] = {
             {{wayland}, "open of-wayland"},
             {{x11}, "open of-x11_TIME1"},
@@ -154,7 +152,7 @@ private Q_SLOTS:
     {
         for (int round = 0; round < 20; ++round) {
             const SessionBus bus;
-            const QStringList token{QStringLiteral("XDG_ACTIVATION_TOKEN=token")};
+            const QStringList token{"XDG_ACTIVATION_TOKEN=token"};
             ServiceRun one(bus.address(), token);
             ServiceRun other(bus.address(), token);
             const QByteArray saidByOne = one.nextLine();
@@ -179,7 +177,7 @@ private Q_SLOTS:
             bus.close(*connection);
             connection.reset();
         });
-        QVERIFY(connection->registerObject(QStringLiteral("/org/harbex/Harbex"), &first,
+        QVERIFY(connection->registerObject("/org/harbex/Harbex", &first,
                                            QDBusConnection::ExportScriptableInvokables));
         QVERIFY(connection->registerService(busName));
         ServiceRun second(bus.address());
@@ -220,7 +218,7 @@ private Q_SLOTS:
         };
         for (const auto& [calls, result] : cases) {
             const QTemporaryDir folder;
-            QFile said(folder.filePath(QStringLiteral("said")));
+            QFile said(folder.filePath("said"));
             writeServiceFile(folder.path(), "exec '" + QCoreApplication::applicationFilePath().toUtf8() +
                                                 "' ServiceProgram >'" + said.fileName().toUtf8() + "'");
             SessionBus bus(folder.path());
@@ -228,9 +226,8 @@ private Q_SLOTS:
             const RemoteObject remote = harbexOn(bus.connect());
             for (qsizetype i = 1; i <= calls.size(); ++i) {
                 const QByteArray& method = calls[i - 1];
-                QVariantList arguments{
-                    QVariantMap{{QStringLiteral("activation-token"), QStringLiteral("token %1").arg(i)}}};
-                if (method == quit) arguments = {QStringLiteral("quit"), QVariantList(), QVariantMap()};
+                QVariantList arguments{QVariantMap{{"activation-token", QString("token %1").arg(i)}}};
+                if (method == quit) arguments = {"quit", QVariantList(), QVariantMap()};
                 if (i < calls.size())
                     remote.send(method, arguments);
                 else
@@ -249,16 +246,16 @@ private Q_SLOTS:
     // Calls.
     void activateOpensWithTheTokenOfEitherDisplaySystem()
     {
-        const QString wayland = QStringLiteral("activation-token");
-        const QString x11 = QStringLiteral("desktop-startup-id");
-        const QString w = QStringLiteral("w");
-        const QString x = QStringLiteral("x");
+        const QString wayland = "activation-token";
+        const QString x11 = "desktop-startup-id";
+        const QString w = "w";
+        const QString x = "x";
         const std::tuple<const char*, QVariantMap, QString> cases[] = {
             {"Wayland", {{wayland, w}}, w},
             {"X11", {{x11, x}}, x},
             {"both", {{wayland, w}, {x11, x}}, w},
             {"one empty", {{wayland, QString()}, {x11, x}}, x},
-            {"none", {{QStringLiteral("cwd"), QStringLiteral("/")}}, {}},
+            {"none", {{"cwd", "/"}}, {}},
             {"no text", {{wayland, QStringList({w, x})}}, {}},
             {"too long", {{wayland, QString(1'000'000, u'x')}}, {}},
         };
@@ -269,7 +266,7 @@ private Q_SLOTS:
             QCOMPARE(fixture.open.takeFirst(), QVariantList({token}));
         }
         // The files are ignored.
-        const QStringList uris{QStringLiteral("file:///etc"), QStringLiteral("no URI")};
+        const QStringList uris{"file:///etc", "no URI"};
         QVERIFY(fixture.accepts("Open", {uris, QVariantMap{{wayland, w}}}));
         QCOMPARE(fixture.open.count(), 1);
         QCOMPARE(fixture.open.takeFirst(), QVariantList({w}));
@@ -279,8 +276,8 @@ private Q_SLOTS:
     {
         ServiceFixture fixture;
         for (const char* interface : {"org.freedesktop.Application", "org.harbex.Harbex"})
-            fixture.application.bus.send(QDBusMessage::createSignal(
-                fixture.application.path, QString::fromLatin1(interface), QStringLiteral("Quit")));
+            fixture.application.bus.send(
+                QDBusMessage::createSignal(fixture.application.path, interface, "Quit"));
         // The reply comes after both signals.
         QVERIFY(fixture.accepts("Activate", {QVariantMap()}));
         QCOMPARE(fixture.quit.count(), 1);
@@ -289,11 +286,10 @@ private Q_SLOTS:
     void onlyTheActionQuitQuits()
     {
         ServiceFixture fixture;
-        const QVariantList parameter{1, QStringLiteral("x")};
+        const QVariantList parameter{1, "x"};
         for (const char* action : {"", "Quit", "quit ", "preferences", "quit"}) {
             QCOMPARE(fixture.quit.count(), 0);
-            QVERIFY(
-                fixture.accepts("ActivateAction", {QString::fromLatin1(action), parameter, QVariantMap()}));
+            QVERIFY(fixture.accepts("ActivateAction", {action, parameter, QVariantMap()}));
         }
         QCOMPARE(fixture.quit.count(), 1);
         QCOMPARE(fixture.open.count(), 0);
@@ -303,7 +299,7 @@ private Q_SLOTS:
     {
         const NamedCall calls[] = {
             {"no arguments", "Activate", {}},
-            {"a text for a table", "Activate", {QStringLiteral("x")}},
+            {"a text for a table", "Activate", {"x"}},
             {"no files", "Open", {QVariantMap()}},
             {"no name", "ActivateAction", {QVariantList(), QVariantMap()}},
             {"an unknown method", "Quit", {}},

@@ -78,7 +78,7 @@ private Q_SLOTS:
         SessionBus bus;
         const LaunchedShell harbex(bus);
         QVERIFY(mainWindow()->isVisible());
-        QCOMPARE(harbex.panel.item().property("IconName"), QVariant(QStringLiteral("folder-symbolic")));
+        QCOMPARE(harbex.panel.item().property("IconName"), QVariant("folder-symbolic"));
         mainWindow()->close();
         harbex.panel.click(1);
         QTRY_VERIFY(mainWindow()->isVisible());
@@ -92,7 +92,7 @@ private Q_SLOTS:
     {
         SessionBus bus;
         SettingsPortal portal(bus);
-        portal.set(QStringLiteral("org.freedesktop.appearance"), QStringLiteral("color-scheme"), 1U);
+        portal.set("org.freedesktop.appearance", "color-scheme", 1U);
         const ApplicationService service(bus.connect());
         ApplicationShell shell(bus.connect(), service);
         shell.applicationDidFinishLaunching();
@@ -130,7 +130,7 @@ private Q_SLOTS:
             // The focus is in a row, which goes with it.
             auto* field = mainWindow()->findChild<QLineEdit*>();
             field->setFocus();
-            QTest::keyClicks(field, QStringLiteral("not saved yet"));
+            QTest::keyClicks(field, "not saved yet");
             QTimer::singleShot(0, this, [] {
                 QEvent quit(QEvent::Quit);
                 QCoreApplication::sendEvent(qApp, &quit);

@@ -13,9 +13,9 @@ using namespace harbex::test;
 namespace
 {
 
-const QString portalService = QStringLiteral("org.freedesktop.portal.Desktop");
-const QString appearance = QStringLiteral("org.freedesktop.appearance");
-const QString colorScheme = QStringLiteral("color-scheme");
+const QString portalService = "org.freedesktop.portal.Desktop";
+const QString appearance = "org.freedesktop.appearance";
+const QString colorScheme = "color-scheme";
 
 bool isDark()
 {
@@ -81,9 +81,8 @@ private Q_SLOTS:
     void otherAnswersLeaveThePalette()
     {
         const QPalette before = QApplication::palette();
-        for (const QVariant& answer :
-             {QVariant(noPreference), QVariant(preferLight), QVariant(3U), // unknown
-              QVariant(QStringLiteral("dark")), QVariant(QStringList{QStringLiteral("1")})}) {
+        for (const QVariant& answer : {QVariant(noPreference), QVariant(preferLight), QVariant(3U), // unknown
+                                       QVariant("dark"), QVariant(QStringList{"1"})}) {
             SettingsPortal portal(*m_bus);
             portal.set(appearance, colorScheme, answer);
             const ColorScheme scheme(*m_connection);
@@ -99,10 +98,10 @@ private Q_SLOTS:
         portal.set(appearance, colorScheme, preferDark);
         const ColorScheme scheme(*m_connection);
         QTRY_VERIFY(isDark());
-        portal.set(appearance, QStringLiteral("contrast"), preferLight);
+        portal.set(appearance, "contrast", preferLight);
         QVERIFY(SettingsPortal::replies(*m_connection));
         QVERIFY2(isDark(), "another key");
-        portal.set(QStringLiteral("org.gnome.desktop.interface"), colorScheme, preferLight);
+        portal.set("org.gnome.desktop.interface", colorScheme, preferLight);
         QVERIFY(SettingsPortal::replies(*m_connection));
         QVERIFY2(isDark(), "another group");
     }
@@ -121,8 +120,7 @@ private Q_SLOTS:
     void withoutABusNothingChanges()
     {
         const QPalette before = QApplication::palette();
-        const auto noBus =
-            QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent"), QStringLiteral("none"));
+        const auto noBus = QDBusConnection::connectToBus("unix:path=/nonexistent", "none");
         ColorScheme scheme(noBus);
         scheme.waitForAnswer();
         QCoreApplication::processEvents();

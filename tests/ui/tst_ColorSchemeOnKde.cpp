@@ -30,9 +30,9 @@ const Scheme blueDark{"BlueDark", 1, {0x10, 0x18, 0x38}, {0xe0, 0xe8, 0xff}};
 void write(const Scheme& scheme)
 {
     const auto text = [](const QColor& color) {
-        return QStringLiteral("%1,%2,%3\n").arg(color.red()).arg(color.green()).arg(color.blue()).toUtf8();
+        return QString("%1,%2,%3\n").arg(color.red()).arg(color.green()).arg(color.blue()).toUtf8();
     };
-    QFile file(qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/kdeglobals"));
+    QFile file(qEnvironmentVariable("XDG_CONFIG_HOME") + "/kdeglobals");
     if (!file.open(QIODevice::WriteOnly)) qFatal("no configuration of KDE");
     file.write(QByteArray("[General]\nColorScheme=") + scheme.name + '\n');
     for (const char* group : {"Window", "View", "Button", "Selection", "Tooltip"})
@@ -94,12 +94,10 @@ private Q_SLOTS:
             for (const Scheme& next : {breezeDark, blueDark, breeze, breezeDark, breeze}) {
                 write(next);
                 const auto announcePreference = [&] {
-                    portal.set(QStringLiteral("org.freedesktop.appearance"), QStringLiteral("color-scheme"),
-                               next.preference);
+                    portal.set("org.freedesktop.appearance", "color-scheme", next.preference);
                 };
                 if (isPreferenceFirst) announcePreference();
-                portal.set(QStringLiteral("org.kde.kdeglobals.General"), QStringLiteral("ColorScheme"),
-                           QString::fromLatin1(next.name));
+                portal.set("org.kde.kdeglobals.General", "ColorScheme", next.name);
                 if (!isPreferenceFirst) announcePreference();
                 QTRY_VERIFY(isShown(next));
                 QTRY_COMPARE(window.palette().color(QPalette::Window), next.window);

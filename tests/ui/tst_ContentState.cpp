@@ -15,7 +15,7 @@ namespace
 struct Fields {
     RuleField field = RuleField::name;
     RuleOperator operatorType = RuleOperator::contains;
-    QString value = QStringLiteral("");
+    QString value = "";
     std::optional<FileUrl> destination = std::nullopt;
     std::optional<QByteArray> bookmark = std::nullopt;
     RuleKind kind = RuleKind::image;
@@ -152,13 +152,13 @@ private Q_SLOTS:
         const auto a = makeFolder("A");
         ContentStateFixture fixture({a}, a.id);
         fixture.state.addRule();
-        fixture.state.setValue(fixture.rule(0).id, QStringLiteral("invoice"));
+        fixture.state.setValue(fixture.rule(0).id, "invoice");
         fixture.state.disappear();
         const auto saved = fixture.takeSaved();
         QVERIFY(saved);
         QCOMPARE(saved->selectedFolderID, a.id);
         QCOMPARE(saved->folders.at(0).rules, fixture.folder(0).rules);
-        QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("invoice"));
+        QCOMPARE(saved->folders.at(0).rules.at(0).value, "invoice");
         QVERIFY(fixture.engine.isRunning());
         QCOMPARE(fixture.restarts(), 0);
     }
@@ -169,7 +169,7 @@ private Q_SLOTS:
         const auto a = makeFolder("A");
         const auto b = makeFolder("B");
         ContentStateFixture fixture({a, b}, a.id);
-        fixture.state.setValue(fixture.rule(0).id, QStringLiteral("invoice"));
+        fixture.state.setValue(fixture.rule(0).id, "invoice");
         fixture.state.select(a.id);
         QVERIFY(!fixture.wasSaved());
 
@@ -178,7 +178,7 @@ private Q_SLOTS:
         const auto saved = fixture.takeSaved();
         QVERIFY(saved);
         QCOMPARE(saved->selectedFolderID, b.id);
-        QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("invoice"));
+        QCOMPARE(saved->folders.at(0).rules.at(0).value, "invoice");
         QCOMPARE(fixture.restarts(), 0);
     }
 
@@ -248,7 +248,7 @@ private Q_SLOTS:
     void deletingAFolder()
     {
         QFETCH(const Deletion, row);
-        const QString left = QString::fromLatin1(row.left);
+        const QString left = row.left;
         const QByteArray selectedAfter = row.selectedAfter;
         const auto idOf = [](const QByteArray& letter) {
             return letter.isEmpty() ? std::nullopt : std::optional(QUuid::createUuidV5(QUuid(), letter));
@@ -329,7 +329,7 @@ private Q_SLOTS:
                             const Edit& edit) {
             QTest::newRow(name) << given << expected << restarts << edit;
         };
-        const QString text = QStringLiteral("invoice");
+        const QString text = "invoice";
         const Fields inB{.destination = urlOf("B"), .bookmark = QByteArray("old")};
         const Fields newInB{.destination = urlOf("B"), .bookmark = QByteArray("new")};
 
@@ -356,8 +356,8 @@ private Q_SLOTS:
             state.setOperator(id, RuleOperator::contains);
             state.setKind(id, RuleKind::image);
         });
-        row("text", {.value = text}, {.value = QStringLiteral("in")}, 0,
-            [](auto& state, auto& id) { state.setValue(id, QStringLiteral("in")); });
+        row("text", {.value = text}, {.value = "in"}, 0,
+            [](auto& state, auto& id) { state.setValue(id, "in"); });
         row("destination", {}, newInB, 1,
             [](auto& state, auto& id) { state.setDestination(id, urlOf("B"), QByteArray("new")); });
         row("another destination without a bookmark", inB, {.destination = urlOf("C")}, 1,
@@ -371,7 +371,7 @@ private Q_SLOTS:
             state.setField(unknown, RuleField::kind);
             state.setOperator(unknown, RuleOperator::isEqual);
             state.setKind(unknown, RuleKind::audio);
-            state.setValue(unknown, QStringLiteral("x"));
+            state.setValue(unknown, "x");
             state.setDestination(unknown, urlOf("C"), {});
         });
     }

@@ -40,7 +40,7 @@ struct ViewFixture : ContentStateFixture {
     [[nodiscard]] Widget* shown(const char* text) const
     {
         for (auto* each : view->findChildren<Widget*>())
-            if (each->isVisible() && each->text() == QLatin1String(text)) return each;
+            if (each->isVisible() && each->text() == text) return each;
         return nullptr;
     }
 
@@ -191,7 +191,7 @@ private Q_SLOTS:
         for (const char* title : {"Folders", "Rules"}) {
             auto* label = fixture.shown<HeadingLabel>(title);
             QCOMPARE(accessible(label).role(), QAccessible::Heading);
-            QCOMPARE(accessibleName(label), QString::fromLatin1(title));
+            QCOMPARE(accessibleName(label), title);
             QVERIFY(label->font().bold());
         }
         auto* title = fixture.shown<HeadingLabel>("Rules");
@@ -252,12 +252,12 @@ private Q_SLOTS:
                 if (const auto* label = qobject_cast<const QLabel*>(each)) shown += label->text();
                 if (const auto* button = qobject_cast<const QAbstractButton*>(each)) shown += button->text();
                 // Only a path has a tooltip.
-                QVERIFY(each->toolTip().isEmpty() || each->toolTip().contains(QLatin1Char('/')));
+                QVERIFY(each->toolTip().isEmpty() || each->toolTip().contains(u'/'));
             }
             shown.removeAll(QString());
             shown.sort();
-            QStringList expected = QString::fromLatin1(texts).split(QStringLiteral(", "));
-            expected += {QStringLiteral("Folders"), QStringLiteral("Add Folder")};
+            QStringList expected = QString(texts).split(", ");
+            expected += {"Folders", "Add Folder"};
             expected.sort();
             QCOMPARE(shown, expected);
             QCOMPARE(std::size_t(fixture.folderList()->count()), fixture.state.folders().size());
@@ -316,7 +316,7 @@ private Q_SLOTS:
             delete view;
             FolderDialogUser::choose(dialog, QDir::homePath());
         });
-        view->findChild<FlatButton*>(QStringLiteral("addFolder"))->click();
+        view->findChild<FlatButton*>("addFolder")->click();
         QTRY_VERIFY(!view);
         QCOMPARE(fixture.restarts(), 0);
         QVERIFY(fixture.state.folders().empty());

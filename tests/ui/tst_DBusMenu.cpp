@@ -22,14 +22,14 @@ QVariant eventList(const QList<std::pair<int, const char*>>& events)
 {
     QList<DBusMenuEvent> list;
     for (const auto& [id, type] : events)
-        list.append({id, QString::fromLatin1(type), QDBusVariant(0), 0});
+        list.append({id, type, QDBusVariant(0), 0});
     return QVariant::fromValue(list);
 }
 
 bool isRefused(const QDBusMessage& answer)
 {
     return answer.type() == QDBusMessage::ErrorMessage &&
-           answer.errorName() == QLatin1String("org.freedesktop.DBus.Error.InvalidArgs");
+           answer.errorName() == "org.freedesktop.DBus.Error.InvalidArgs";
 }
 
 /// Returns an entry as "id property=value".
@@ -46,7 +46,7 @@ QString textOf(const DBusMenuLayout& layout)
 {
     QString text = textOf(layout.id, layout.properties);
     for (const DBusMenuLayout& child : layout.children)
-        text += QStringLiteral(" (%1)").arg(textOf(child));
+        text += QString(" (%1)").arg(textOf(child));
     return text;
 }
 
@@ -61,14 +61,13 @@ private Q_SLOTS:
     void init()
     {
         m_menu = std::make_unique<QMenu>();
-        m_first.emplace(m_menu->addAction(QStringLiteral("First")), &QAction::triggered);
+        m_first.emplace(m_menu->addAction("First"), &QAction::triggered);
         m_menu->addSeparator();
-        m_last.emplace(m_menu->addAction(QStringLiteral("Last")), &QAction::triggered);
+        m_last.emplace(m_menu->addAction("Last"), &QAction::triggered);
 
         const QDBusConnection own = m_bus.connect();
-        m_dbusMenu = std::make_unique<DBusMenu>(own, QStringLiteral("/Menu"), *m_menu);
-        m_remote.emplace(RemoteObject{m_bus.connect(), own.baseService(), QStringLiteral("/Menu"),
-                                      QStringLiteral("com.canonical.dbusmenu")});
+        m_dbusMenu = std::make_unique<DBusMenu>(own, "/Menu", *m_menu);
+        m_remote.emplace(RemoteObject{m_bus.connect(), own.baseService(), "/Menu", "com.canonical.dbusmenu"});
     }
 
     void cleanup()
@@ -82,14 +81,12 @@ private Q_SLOTS:
     void layout()
     {
         // An entry has no other property: no shortcut, icon, check mark or state.
-        const QString all =
-            QStringLiteral("0 children-display=submenu (1 label=First) (2 type=separator) (3 label=Last)");
+        const QString all = "0 children-display=submenu (1 label=First) (2 type=separator) (3 label=Last)";
         QCOMPARE(layoutText(0, -1, allProperties), all);
         QCOMPARE(layoutText(0, 1, allProperties), all);
-        QCOMPARE(layoutText(0, 0, allProperties), QStringLiteral("0 children-display=submenu"));
-        QCOMPARE(layoutText(3, -1, allProperties), QStringLiteral("3 label=Last"));
-        QCOMPARE(layoutText(0, -1, {QStringLiteral("type"), QStringLiteral("enabled")}),
-                 QStringLiteral("0 (1) (2 type=separator) (3)"));
+        QCOMPARE(layoutText(0, 0, allProperties), "0 children-display=submenu");
+        QCOMPARE(layoutText(3, -1, allProperties), "3 label=Last");
+        QCOMPARE(layoutText(0, -1, {"type", "enabled"}), "0 (1) (2 type=separator) (3)");
     }
 
     void properties()
@@ -99,21 +96,21 @@ private Q_SLOTS:
             QStringList entries;
             for (const auto& entry : qdbus_cast<QList<DBusMenuProperties>>(answer.arguments().value(0)))
                 entries += textOf(entry.id, entry.properties);
-            return entries.join(QStringLiteral(", "));
+            return entries.join(", ");
         };
         // No ids are all.
-        QCOMPARE(group({}, allProperties), QStringLiteral("0 children-display=submenu, 1 label=First, "
-                                                          "2 type=separator, 3 label=Last"));
-        QCOMPARE(group({1, 2}, {QStringLiteral("label")}), QStringLiteral("1 label=First, 2"));
-        QCOMPARE(group({3, 99, -5}, allProperties), QStringLiteral("3 label=Last"));
+        QCOMPARE(group({}, allProperties), "0 children-display=submenu, 1 label=First, "
+                                           "2 type=separator, 3 label=Last");
+        QCOMPARE(group({1, 2}, {"label"}), "1 label=First, 2");
+        QCOMPARE(group({3, 99, -5}, allProperties), "3 label=Last");
         // Repeated ids are sent once.
         QList<int> many;
         for (int i = 0; i < 1'000'000; ++i)
             many.append(i % 2 + 1);
-        QCOMPARE(group(many, allProperties), QStringLiteral("1 label=First, 2 type=separator"));
+        QCOMPARE(group(many, allProperties), "1 label=First, 2 type=separator");
 
-        const QDBusMessage answer = m_remote->call("GetProperty", {1, QStringLiteral("label")});
-        QCOMPARE(answer.arguments().value(0).value<QDBusVariant>().variant(), QStringLiteral("First"));
+        const QDBusMessage answer = m_remote->call("GetProperty", {1, "label"});
+        QCOMPARE(answer.arguments().value(0).value<QDBusVariant>().variant(), "First");
     }
 
     void answersHaveTheSignaturesOfTheProtocol()
@@ -123,7 +120,7 @@ private Q_SLOTS:
         };
         QCOMPARE(signature("GetLayout", {0, -1, allProperties}), "u(ia{sv}av)");
         QCOMPARE(signature("GetGroupProperties", {idList({}), allProperties}), "a(ia{sv})");
-        QCOMPARE(signature("GetProperty", {1, QStringLiteral("label")}), "v");
+        QCOMPARE(signature("GetProperty", {1, "label"}), "v");
         QCOMPARE(signature("Event", {1, QString(), asVariant(0), 0U}), "");
         QCOMPARE(signature("EventGroup", {eventList({})}), "ai");
         QCOMPARE(signature("AboutToShow", {0}), "b");
@@ -135,12 +132,12 @@ private Q_SLOTS:
         for (const int id : unknownIds) {
             const QByteArray name = QByteArray::number(id);
             QVERIFY2(isRefused(m_remote->call("GetLayout", {id, -1, allProperties})), name);
-            QVERIFY2(isRefused(m_remote->call("GetProperty", {id, QStringLiteral("label")})), name);
+            QVERIFY2(isRefused(m_remote->call("GetProperty", {id, "label"})), name);
             QVERIFY2(isRefused(send(id, "clicked")), name);
             QVERIFY2(isRefused(m_remote->call("AboutToShow", {id})), name);
         }
-        QVERIFY(isRefused(m_remote->call("GetProperty", {1, QStringLiteral("shortcut")})));
-        QVERIFY(isRefused(m_remote->call("GetProperty", {2, QStringLiteral("label")})));
+        QVERIFY(isRefused(m_remote->call("GetProperty", {1, "shortcut"})));
+        QVERIFY(isRefused(m_remote->call("GetProperty", {2, "label"})));
         QVERIFY(isRefused(m_remote->call("EventGroup", {eventList({{99, "clicked"}, {-1, "clicked"}})})));
         QVERIFY(isRefused(m_remote->call("AboutToShowGroup", {idList({99, -1})})));
     }
@@ -167,7 +164,7 @@ private Q_SLOTS:
         QTRY_COMPARE(m_last->count(), 1);
         QCOMPARE(m_first->count(), 0);
         // An action that blocks must not block the panel.
-        m_dbusMenu->Event(1, QStringLiteral("clicked"), QDBusVariant(0), 0);
+        m_dbusMenu->Event(1, "clicked", QDBusVariant(0), 0);
         QCOMPARE(m_first->count(), 0);
         QTRY_COMPARE(m_first->count(), 1);
     }
@@ -204,18 +201,18 @@ private Q_SLOTS:
     void propertiesAreThoseOfTheProtocolAndCannotBeSet()
     {
         QCOMPARE(m_remote->property("Version"), QVariant(3U));
-        QCOMPARE(m_remote->property("TextDirection"), QVariant(QStringLiteral("ltr")));
-        QCOMPARE(m_remote->property("Status"), QVariant(QStringLiteral("normal")));
+        QCOMPARE(m_remote->property("TextDirection"), QVariant("ltr"));
+        QCOMPARE(m_remote->property("Status"), QVariant("normal"));
         QCOMPARE(m_remote->property("IconThemePath"), QVariant(QStringList()));
 
         QGuiApplication::setLayoutDirection(Qt::RightToLeft);
         const QVariant direction = m_remote->property("TextDirection");
         QGuiApplication::setLayoutDirection(Qt::LeftToRight);
-        QCOMPARE(direction, QVariant(QStringLiteral("rtl")));
+        QCOMPARE(direction, QVariant("rtl"));
 
         const RemoteObject properties{m_remote->bus, m_remote->service, m_remote->path,
-                                      QStringLiteral("org.freedesktop.DBus.Properties")};
-        QVERIFY(!properties.accepts("Set", {m_remote->interface, QStringLiteral("Version"), asVariant(4U)}));
+                                      "org.freedesktop.DBus.Properties"};
+        QVERIFY(!properties.accepts("Set", {m_remote->interface, "Version", asVariant(4U)}));
         QCOMPARE(m_remote->property("Version"), QVariant(3U));
     }
 
@@ -223,12 +220,12 @@ private Q_SLOTS:
     {
         const NamedCall calls[] = {
             {"no arguments", "GetLayout", {}},
-            {"too few arguments", "Event", {1, QStringLiteral("clicked")}},
-            {"a string for a number", "AboutToShow", {QStringLiteral("1")}},
-            {"strings for numbers", "AboutToShowGroup", {QStringList({QStringLiteral("1")})}},
+            {"too few arguments", "Event", {1, "clicked"}},
+            {"a string for a number", "AboutToShow", {"1"}},
+            {"strings for numbers", "AboutToShowGroup", {QStringList({"1"})}},
             {"a number for a list", "GetGroupProperties", {1, QStringList()}},
             {"a list of numbers for a list of events", "EventGroup", {idList({1})}},
-            {"a 64-bit number", "GetProperty", {qlonglong(1), QStringLiteral("label")}},
+            {"a 64-bit number", "GetProperty", {qlonglong(1), "label"}},
             {"an unknown method", "Destroy", {1}},
             {"a signal of its own", "LayoutUpdated", {1U, 0}},
             {"a slot of QObject", "deleteLater", {}},
@@ -248,7 +245,7 @@ private:
     }
     [[nodiscard]] QDBusMessage send(int id, const char* type) const
     {
-        return m_remote->call("Event", {id, QString::fromLatin1(type), asVariant(0), 0U});
+        return m_remote->call("Event", {id, type, asVariant(0), 0U});
     }
 
     SessionBus m_bus;

@@ -53,9 +53,9 @@ private Q_SLOTS:
             {"#dddddd", "#666666"}, // grey on grey
         };
         for (const auto& [ink, ground] : schemes) {
-            const qreal contrast = contrastOf(dimmed(ink, ground), QColor(QLatin1String(ground)));
+            const qreal contrast = contrastOf(dimmed(ink, ground), QColor(ground));
             QVERIFY2(contrast >= 3, ink);
-            QVERIFY2(contrast < contrastOf(QColor(QLatin1String(ink)), QColor(QLatin1String(ground))), ink);
+            QVERIFY2(contrast < contrastOf(QColor(ink), QColor(ground)), ink);
         }
         QCOMPARE(dimmed("#999999", "#ffffff"), QColor(0x99, 0x99, 0x99)); // faint already
     }
@@ -64,8 +64,8 @@ private:
     static QColor dimmed(const char* ink, const char* ground)
     {
         QPalette palette;
-        palette.setColor(QPalette::Text, QColor(QLatin1String(ink)));
-        palette.setColor(QPalette::Base, QColor(QLatin1String(ground)));
+        palette.setColor(QPalette::Text, QColor(ink));
+        palette.setColor(QPalette::Base, QColor(ground));
         return dimmedInk(palette, QPalette::Text, QPalette::Base);
     }
 };

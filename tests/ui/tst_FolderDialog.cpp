@@ -52,9 +52,9 @@ private Q_SLOTS:
     {
         const auto folder = ask([](QFileDialog& dialog) {
             const auto close = qScopeGuard([&] { dialog.reject(); });
-            QCOMPARE(dialog.labelText(QFileDialog::Accept), QStringLiteral("Select Focus Folder"));
+            QCOMPARE(dialog.labelText(QFileDialog::Accept), "Select Focus Folder");
             auto* button = dialog.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Open);
-            QCOMPARE(button->text().remove(QLatin1Char('&')), QStringLiteral("Select Focus Folder"));
+            QCOMPARE(button->text().remove(u'&'), "Select Focus Folder");
             QCOMPARE(dialog.fileMode(), QFileDialog::Directory);
             QCOMPARE(dialog.acceptMode(), QFileDialog::AcceptOpen);
             QVERIFY(dialog.testOption(QFileDialog::ShowDirsOnly));
@@ -85,7 +85,7 @@ private Q_SLOTS:
         QCOMPARE(startFor(present), present.path());
         for (const auto& unusable :
              {std::optional<FileUrl>(), std::optional(FileUrl::fromPath(present.path() + "/missing")),
-              std::optional(file), FileUrl::fromString(QStringLiteral("https://example.org/a")),
+              std::optional(file), FileUrl::fromString("https://example.org/a"),
               std::optional(FileUrl::fromPath(makeFolder("no \xff text")))})
             QCOMPARE(startFor(unusable), last.path());
         // A cancelled dialog chooses nothing.
@@ -194,11 +194,11 @@ private Q_SLOTS:
         QCOMPARE(pathOf(urlOfBytes(link)), link);
         QCOMPARE(pathOf(urlOfBytes("/")), std::string("/"));
 
-        QFile file(QDir::homePath() + QStringLiteral("/file"));
+        QFile file(QDir::homePath() + "/file");
         QVERIFY(file.open(QIODevice::WriteOnly));
         QVERIFY(!folderOfAnswer(QUrl::fromLocalFile(file.fileName())));
         QVERIFY(!folderOfAnswer(urlOfBytes("/nowhere/at/all")));
-        QVERIFY(!folderOfAnswer(QUrl(QStringLiteral("smb://server/share"))));
+        QVERIFY(!folderOfAnswer(QUrl("smb://server/share")));
         QVERIFY(!folderOfAnswer(QUrl()));
 
         const std::string bytes = makeFolder("caf\xe9");

@@ -47,10 +47,7 @@ struct ListFixture : ContentStateFixture {
             names += row->text();
         return names.join(u',').toUtf8();
     }
-    [[nodiscard]] QByteArray names() const
-    {
-        return namesOf(list->findItems(QStringLiteral("*"), Qt::MatchWildcard));
-    }
+    [[nodiscard]] QByteArray names() const { return namesOf(list->findItems("*", Qt::MatchWildcard)); }
     [[nodiscard]] QByteArray selected() const { return namesOf(list->selectedItems()); }
 
     [[nodiscard]] QPoint centre(int row) const { return list->visualItemRect(list->item(row)).center(); }
@@ -97,9 +94,8 @@ constexpr QPoint belowTheRows(50, 250);
 
 WatchedFolder folderAt(const char* url)
 {
-    return {.url = FileUrl::fromString(QString::fromLatin1(url)).value_or(FileUrl::fromPath("/")),
-            .bookmarkData = {},
-            .rules = {}};
+    return {
+        .url = FileUrl::fromString(url).value_or(FileUrl::fromPath("/")), .bookmarkData = {}, .rules = {}};
 }
 
 } // namespace
@@ -123,9 +119,9 @@ private Q_SLOTS:
         const WatchedFolder folder{.url = document.url(), .bookmarkData = document.bookmark(), .rules = {}};
         const ListFixture fixture({folder});
         const QListWidgetItem* row = fixture.list->item(0);
-        QCOMPARE(row->text(), QStringLiteral("My Scans"));
-        QVERIFY(row->toolTip().contains(QStringLiteral(">/srv/My Scans<")));
-        QCOMPARE(row->data(Qt::AccessibleDescriptionRole).toString(), QStringLiteral("/srv/My Scans"));
+        QCOMPARE(row->text(), "My Scans");
+        QVERIFY(row->toolTip().contains(">/srv/My Scans<"));
+        QCOMPARE(row->data(Qt::AccessibleDescriptionRole).toString(), "/srv/My Scans");
     }
 
     void aRowShowsTheReadableNameOfTheFolderAndTellsItsPath()
@@ -140,9 +136,8 @@ private Q_SLOTS:
         for (const char* path : {"/Users/someone/Downloads", "/srv/<b>&/My Scans"}) {
             QTextDocument shown;
             shown.setHtml(fixture.list->item(row)->toolTip());
-            QCOMPARE(shown.toPlainText(), QString::fromLatin1(path));
-            QCOMPARE(accessible(fixture.list.get()).child(row)->text(QAccessible::Description),
-                     QString::fromLatin1(path));
+            QCOMPARE(shown.toPlainText(), path);
+            QCOMPARE(accessible(fixture.list.get()).child(row)->text(QAccessible::Description), path);
             ++row;
         }
     }
@@ -151,10 +146,10 @@ private Q_SLOTS:
     {
         const ListFixture fixture;
         const QAccessibleInterface& spoken = accessible(fixture.list.get());
-        QCOMPARE(spoken.text(QAccessible::Name), QStringLiteral("Folders"));
+        QCOMPARE(spoken.text(QAccessible::Name), "Folders");
         QCOMPARE(spoken.role(), QAccessible::List);
         QCOMPARE(spoken.childCount(), 3);
-        QCOMPARE(spoken.child(1)->text(QAccessible::Name), QStringLiteral("B"));
+        QCOMPARE(spoken.child(1)->text(QAccessible::Name), "B");
         QVERIFY(spoken.child(0)->state().selected);
     }
 
@@ -302,7 +297,7 @@ private Q_SLOTS:
 
         const auto actions = ListFixture::menu()->actions();
         QCOMPARE(actions.size(), 1);
-        QCOMPARE(actions.first()->text(), QStringLiteral("Delete"));
+        QCOMPARE(actions.first()->text(), "Delete");
         QCOMPARE(actions.first()->icon().pixmap(16).toImage(),
                  symbolIcon(Symbol::trash).pixmap(16).toImage());
         QVERIFY(actions.first()->isIconVisibleInMenu());
@@ -390,7 +385,7 @@ private Q_SLOTS:
             fixture.pressKey(key, Qt::ControlModifier);
         }
         QTest::mouseDClick(fixture.list->viewport(), Qt::LeftButton, {}, fixture.centre(0));
-        QVERIFY(fixture.list->findChildren<QWidget*>(QStringLiteral("qt_editing_widget")).isEmpty());
+        QVERIFY(fixture.list->findChildren<QWidget*>("qt_editing_widget").isEmpty());
         QCOMPARE(fixture.list->dragDropMode(), QAbstractItemView::NoDragDrop);
         QVERIFY(!fixture.list->dragEnabled() && !fixture.list->viewport()->acceptDrops());
         QCOMPARE(fixture.names(), "A,B,C");

@@ -38,7 +38,7 @@ class TestIcons : public QObject
 private Q_SLOTS:
     void init()
     {
-        QIcon::setThemeName(QStringLiteral("none"));
+        QIcon::setThemeName("none");
         QPixmapCache::clear();
         QApplication::setPalette(QPalette());
     }
@@ -100,10 +100,10 @@ private Q_SLOTS:
 
     void theSymbolsOfTheThemeArePreferredIfItHasAllOfThem()
     {
-        const QString theme = QDir::homePath() + QStringLiteral("/icons/desk");
-        QVERIFY(QDir().mkpath(theme + QStringLiteral("/symbolic")));
+        const QString theme = QDir::homePath() + "/icons/desk";
+        QVERIFY(QDir().mkpath(theme + "/symbolic"));
         const auto write = [&](const char* name, const char* content) {
-            QFile file(theme + QLatin1Char('/') + QLatin1String(name));
+            QFile file(theme + u'/' + name);
             QVERIFY(file.open(QIODevice::WriteOnly));
             file.write(content);
         };
@@ -111,14 +111,14 @@ private Q_SLOTS:
               "[Icon Theme]\nName=Desk\nDirectories=symbolic\n[symbolic]\nSize=16\nType=Scalable\n"
               "MinSize=8\nMaxSize=512\n");
         const auto addSymbol = [&](const char* name) {
-            write(qPrintable(QStringLiteral("symbolic/%1-symbolic.svg").arg(QLatin1String(name))),
+            write(qPrintable(QString("symbolic/%1-symbolic.svg").arg(name)),
                   "<svg xmlns='http://www.w3.org/2000/svg' width='16' height='16'><rect width='16' "
                   "height='16'/></svg>");
             // Qt reads a theme once.
             QIcon::setThemeName({});
             QPixmapCache::clear();
-            QIcon::setThemeSearchPaths({QDir::homePath() + QStringLiteral("/icons")});
-            QIcon::setThemeName(QStringLiteral("desk"));
+            QIcon::setThemeSearchPaths({QDir::homePath() + "/icons"});
+            QIcon::setThemeName("desk");
         };
         QPalette palette;
         palette.setColor(QPalette::WindowText, Qt::magenta);

@@ -19,7 +19,7 @@ private Q_SLOTS:
     void openingLoadsShowsAndStarts()
     {
         MainWindowFixture fixture;
-        QCOMPARE(fixture.window->windowTitle(), QStringLiteral("Harbex"));
+        QCOMPARE(fixture.window->windowTitle(), "Harbex");
         QCOMPARE(fixture.window->windowIcon().pixmap(32, 32).toImage().pixelColor(6, 24),
                  QColor(0x27, 0x96, 0xb8));
         fixture.settle();
@@ -145,7 +145,7 @@ private Q_SLOTS:
         fixture.settle();
         QVERIFY(!fixture.window->isMinimized());
         QVERIFY(!fixture.wasTouched());
-        QCOMPARE(fixture.rule(0).value, QStringLiteral("not saved yet"));
+        QCOMPARE(fixture.rule(0).value, "not saved yet");
         QCOMPARE(fixture.restarts(), 0);
         QVERIFY(fixture.window->isVisible());
         QVERIFY(fixture.window->isActiveWindow());
@@ -174,7 +174,7 @@ private Q_SLOTS:
         qunsetenv("XDG_ACTIVATION_TOKEN");
         fixture.window->open();
         QVERIFY(!qEnvironmentVariableIsSet("XDG_ACTIVATION_TOKEN"));
-        fixture.window->open(QStringLiteral("token-1"));
+        fixture.window->open("token-1");
         QCOMPARE(qgetenv("XDG_ACTIVATION_TOKEN"), QByteArray("token-1"));
         qunsetenv("XDG_ACTIVATION_TOKEN");
     }
@@ -191,7 +191,7 @@ private Q_SLOTS:
         QVERIFY(!fixture.window->isVisible());
         const auto saved = fixture.takeSaved();
         QVERIFY(saved);
-        QCOMPARE(saved->folders.at(0).rules.at(0).value, QStringLiteral("not saved yet"));
+        QCOMPARE(saved->folders.at(0).rules.at(0).value, "not saved yet");
         QCOMPARE(ends.count(), 0);
         fixture.window->close();
         QVERIFY2(!fixture.wasSaved(), "closing a closed window");

@@ -20,7 +20,7 @@ namespace
 QByteArray run(const char* program, const QStringList& arguments)
 {
     QProcess process;
-    process.start(QString::fromLatin1(program), arguments);
+    process.start(program, arguments);
     if (!process.waitForFinished()) return QByteArray(program) + " did not run";
     return process.readAllStandardOutput();
 }
@@ -28,12 +28,12 @@ QByteArray run(const char* program, const QStringList& arguments)
 /// Changes to a workspace.
 void goToWorkspace(const QByteArray& number)
 {
-    run("xdotool", {QStringLiteral("set_desktop"), QString::fromLatin1(number)});
+    run("xdotool", {"set_desktop", number});
 }
 
 QByteArray workspace()
 {
-    return run("xdotool", {QStringLiteral("get_desktop")}).trimmed();
+    return run("xdotool", {"get_desktop"}).trimmed();
 }
 
 /// The startup notifications that programs send to the desktop.
@@ -95,7 +95,7 @@ struct WindowFixture : MainWindowFixture {
     /// Runs xdotool with a command and the id of the window. Returns its output.
     [[nodiscard]] QByteArray xdotool(const char* command) const
     {
-        return run("xdotool", {QString::fromLatin1(command), id()}).trimmed();
+        return run("xdotool", {command, id()}).trimmed();
     }
 
     /// Minimises the window as a taskbar does.
@@ -109,8 +109,7 @@ struct WindowFixture : MainWindowFixture {
     /// Returns whether the window manager has set this state of the window.
     [[nodiscard]] bool has(const char* name) const
     {
-        return run("xprop", {QStringLiteral("-id"), id(), QStringLiteral("_NET_WM_STATE")})
-            .contains(QByteArray("_NET_WM_STATE_") + name);
+        return run("xprop", {"-id", id(), "_NET_WM_STATE"}).contains(QByteArray("_NET_WM_STATE_") + name);
     }
 };
 
@@ -122,7 +121,7 @@ class TestMainWindowOnX11 : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { QCOMPARE(QGuiApplication::platformName(), QStringLiteral("xcb")); }
+    void initTestCase() { QCOMPARE(QGuiApplication::platformName(), "xcb"); }
 
     void itIsInTaskbarAndPagerUnlessItIsLeftOut()
     {
@@ -168,7 +167,7 @@ private Q_SLOTS:
         fixture.open();
         QVERIFY(fixture.window->isMaximized());
         QVERIFY(!fixture.wasTouched());
-        QCOMPARE(fixture.rule(0).value, QStringLiteral("not saved yet"));
+        QCOMPARE(fixture.rule(0).value, "not saved yet");
     }
 
     void openingBringsItToTheWorkspaceInFrontAndNeitherLoadsNorSaves()
@@ -183,8 +182,7 @@ private Q_SLOTS:
                 QVERIFY(!fixture.wasTouched());
                 fixture.window->open();
                 QTRY_COMPARE(fixture.xdotool("get_desktop_for_window"), number);
-                QTRY_COMPARE(run("xdotool", {QStringLiteral("getactivewindow")}).trimmed(),
-                             fixture.id().toUtf8());
+                QTRY_COMPARE(run("xdotool", {"getactivewindow"}).trimmed(), fixture.id().toUtf8());
                 QTRY_VERIFY(fixture.window->isActiveWindow());
                 QCOMPARE(workspace(), number);
             }
@@ -196,7 +194,7 @@ private Q_SLOTS:
     {
         const WindowFixture fixture;
         const auto ownWorkspace = [&] { return fixture.xdotool("get_desktop_for_window"); };
-        run("xdotool", {QStringLiteral("set_desktop_for_window"), fixture.id(), QStringLiteral("-1")});
+        run("xdotool", {"set_desktop_for_window", fixture.id(), "-1"});
         QTRY_COMPARE(ownWorkspace(), QByteArray("-1"));
         goToWorkspace("1");
         fixture.open();
@@ -214,9 +212,7 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitForWindowActive(&other));
         fixture.open();
         const QByteArray last = QByteArray::number(fixture.window->winId(), 16);
-        QTRY_VERIFY(run("xprop", {QStringLiteral("-root"), QStringLiteral("_NET_CLIENT_LIST_STACKING")})
-                        .trimmed()
-                        .endsWith(last));
+        QTRY_VERIFY(run("xprop", {"-root", "_NET_CLIENT_LIST_STACKING"}).trimmed().endsWith(last));
     }
 
     void openingItForAnotherStartEndsThatStart()
@@ -224,14 +220,14 @@ private Q_SLOTS:
         WindowFixture fixture;
         const StartupMessages messages;
         fixture.window->open();
-        fixture.window->open(QStringLiteral("panel/some \"program\"/1-0_TIME7"));
-        fixture.window->open(QStringLiteral("0123456"));
+        fixture.window->open("panel/some \"program\"/1-0_TIME7");
+        fixture.window->open("0123456");
         // The second fills a piece, so its end needs another one.
         QByteArray expected = ">remove: ID=\"panel/some \\\"program\\\"/1-0_TIME7\"|>remove: ID=\"0123456\"|";
         auto received = [&messages, all = QByteArray()]() mutable { return all += messages.take(); };
         QTRY_COMPARE(received(), expected);
         fixture.window->close();
-        fixture.window->open(QStringLiteral("of a closed window"));
+        fixture.window->open("of a closed window");
         expected += ">remove: ID=\"of a closed window\"|";
         QTRY_COMPARE(received(), expected);
     }

@@ -27,8 +27,7 @@ namespace
 /// Runs the program offscreen.
 struct Program : ProgramRun {
     explicit Program(const QString& busAddress, const QStringList& variables = {})
-        : ProgramRun(QStringLiteral(HARBEX_PROGRAM), {}, busAddress,
-                     QStringList(variables) << QStringLiteral("QT_QPA_PLATFORM=offscreen"))
+        : ProgramRun(HARBEX_PROGRAM, {}, busAddress, QStringList(variables) << "QT_QPA_PLATFORM=offscreen")
     {
     }
 };
@@ -47,7 +46,7 @@ private Q_SLOTS:
         m_panel = std::make_unique<FakePanel>(*m_bus);
         m_folder = std::make_unique<QTemporaryDir>();
         for (const char* name : {"from", "to"})
-            QDir(m_folder->path()).mkdir(QString::fromLatin1(name));
+            QDir(m_folder->path()).mkdir(name);
         storeRule();
     }
 
@@ -83,16 +82,15 @@ private Q_SLOTS:
     void withoutABusItWatchesAndMoves()
     {
         QFETCH(const bool, isThereAtTheStart);
-        Program program(isThereAtTheStart ? m_bus->address() : QStringLiteral("unix:path=/nonexistent"));
+        Program program(isThereAtTheStart ? m_bus->address() : "unix:path=/nonexistent");
         if (isThereAtTheStart) QVERIFY(m_panel->waitForItem());
         m_panel.reset();
         m_bus.reset();
         int dropped = 0;
         const auto isOneMoved = [&] {
             // The program ignores files from before its start.
-            QFile file(m_folder->filePath(QStringLiteral("from/%1").arg(++dropped)));
-            return file.open(QIODevice::WriteOnly) &&
-                   !QDir(m_folder->filePath(QStringLiteral("to"))).isEmpty();
+            QFile file(m_folder->filePath(QString("from/%1").arg(++dropped)));
+            return file.open(QIODevice::WriteOnly) && !QDir(m_folder->filePath("to")).isEmpty();
         };
         QVERIFY(QTest::qWaitFor(isOneMoved, 30000));
         program.signal(SIGTERM);
@@ -120,13 +118,11 @@ private Q_SLOTS:
         const std::pair<const char*, std::function<void(Program&)>> ends[] = {
             {"the menu", [&](Program&) { m_panel->click(3); }},
             {"the bus",
-             [&](Program&) {
-                 application.send("ActivateAction", {QStringLiteral("quit"), QVariantList(), QVariantMap()});
-             }},
+             [&](Program&) { application.send("ActivateAction", {"quit", QVariantList(), QVariantMap()}); }},
             {"the signal",
              [&](Program&) {
-                 application.bus.send(QDBusMessage::createSignal(
-                     application.path, QStringLiteral("org.harbex.Harbex"), QStringLiteral("Quit")));
+                 application.bus.send(
+                     QDBusMessage::createSignal(application.path, "org.harbex.Harbex", "Quit"));
              }},
             {"SIGTERM", [](Program& program) { program.signal(SIGTERM); }},
             {"SIGINT", [](Program& program) { program.signal(SIGINT); }},
@@ -155,8 +151,7 @@ private Q_SLOTS:
         SessionBus bus(m_folder->path());
         const FakePanel panel(bus);
         const RemoteObject application = harbexOn(bus.connect());
-        QVERIFY(
-            application.accepts("ActivateAction", {QStringLiteral("quit"), QVariantList(), QVariantMap()}));
+        QVERIFY(application.accepts("ActivateAction", {"quit", QVariantList(), QVariantMap()}));
         QTRY_VERIFY(!application.bus.interface()->isServiceRegistered(application.service));
         QCOMPARE(bus.startedPrograms(), 1);
         QVERIFY(panel.items().isEmpty());
@@ -178,8 +173,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("language");
         QTest::addColumn<QString>("quit");
         const auto row = [](const char* locale, const char* language, const char* quit) {
-            QTest::addRow("%s, LANGUAGE=%s", locale, language)
-                << QString::fromUtf8(locale) << QString::fromUtf8(language) << QString::fromUtf8(quit);
+            QTest::addRow("%s, LANGUAGE=%s", locale, language) << locale << language << quit;
         };
         row("C.UTF-8", "", "Quit");
         row("ja_JP.UTF-8", "", "終了");
@@ -198,10 +192,9 @@ private Q_SLOTS:
     {
         QFETCH(const QString, locale);
         QFETCH(const QString, language);
-        const Program program(m_bus->address(),
-                              {QStringLiteral("LC_ALL=") + locale, QStringLiteral("LANGUAGE=") + language});
+        const Program program(m_bus->address(), {"LC_ALL=" + locale, "LANGUAGE=" + language});
         QVERIFY(m_panel->waitForItem());
-        const QDBusMessage reply = m_panel->menu().call("GetProperty", {3, QStringLiteral("label")});
+        const QDBusMessage reply = m_panel->menu().call("GetProperty", {3, "label"});
         QTEST(reply.arguments().value(0).value<QDBusVariant>().variant().toString(), "quit");
     }
 
@@ -210,7 +203,7 @@ private:
     void storeRule() const
     {
         const auto url = [this](const char* name) {
-            return FileUrl::fromPath(m_folder->filePath(QString::fromLatin1(name)).toStdString());
+            return FileUrl::fromPath(m_folder->filePath(name).toStdString());
         };
         FilterRule all;
         all.destination = url("to");

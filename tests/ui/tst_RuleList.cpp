@@ -20,9 +20,9 @@ struct ListFixture : ContentStateFixture {
         const auto second = makeFolder("Other", otherRuleCount);
         other = second.id;
         appearWith({watched, second}, watched.id);
-        before = new QPushButton(QStringLiteral("before"));
+        before = new QPushButton("before");
         list = new RuleList(state);
-        after = new QPushButton(QStringLiteral("after"));
+        after = new QPushButton("after");
         bar = list->verticalScrollBar();
         auto* layout = new QVBoxLayout(&window);
         layout->addWidget(before);
@@ -58,7 +58,7 @@ struct ListFixture : ContentStateFixture {
     void typeInto(std::size_t index) const
     {
         value(index)->setFocus();
-        QTest::keyClicks(value(index), QStringLiteral("invoice"));
+        QTest::keyClicks(value(index), "invoice");
     }
 
     /// Returns whether the whole row is visible.
@@ -154,7 +154,7 @@ private Q_SLOTS:
         QVERIFY2(fixture.row(4) && fixture.row(6), "Tab and Backtab lead there");
         fixture.bar->setValue(0);
         QCOMPARE(fixture.row(5), row.data());
-        QCOMPARE(fixture.value(5)->selectedText(), QStringLiteral("voi"));
+        QCOMPARE(fixture.value(5)->selectedText(), "voi");
         QVERIFY(fixture.isSeen(5));
 
         auto* picker = row->findChild<QComboBox*>();
@@ -221,7 +221,7 @@ private Q_SLOTS:
         QCOMPARE(fixture.row(2), row);
         QVERIFY(fixture.value(2)->hasFocus());
         QCOMPARE(fixture.value(2)->cursorPosition(), 2);
-        QCOMPARE(fixture.value(2)->text(), QStringLiteral("invoice"));
+        QCOMPARE(fixture.value(2)->text(), "invoice");
     }
 
     void rowsStayAndShowTheirRulesWhenTheStoreIsReadAgain()
@@ -234,14 +234,14 @@ private Q_SLOTS:
         auto folders = fixture.state.folders();
         FilterRule& changed = folders.at(0).rules.at(4);
         changed.field = RuleField::fileExtension;
-        changed.value = QStringLiteral("pdf");
+        changed.value = "pdf";
         fixture.store.saveState({folders, folders.at(0).id});
         fixture.state.appear();
         QCOMPARE(fixture.row(5), row);
         QCOMPARE(fixture.value(5)->cursorPosition(), 3);
         QCOMPARE(fixture.bar->value(), 100);
-        QCOMPARE(fixture.value(4)->text(), QStringLiteral("pdf"));
-        QCOMPARE(fixture.row(4)->findChild<QComboBox*>()->currentText(), QStringLiteral("Extension"));
+        QCOMPARE(fixture.value(4)->text(), "pdf");
+        QCOMPARE(fixture.row(4)->findChild<QComboBox*>()->currentText(), "Extension");
     }
 
     void anotherFolderReplacesAllRowsAndBeginsAtTheTop()
@@ -280,7 +280,7 @@ private Q_SLOTS:
         }
         fixture.state.deleteRule(rules.at(0).id);
         QCOMPARE(fixture.rows().size(), 2);
-        QCOMPARE(fixture.rows().at(0)->findChild<QLineEdit*>()->text(), QStringLiteral("1"));
+        QCOMPARE(fixture.rows().at(0)->findChild<QLineEdit*>()->text(), "1");
     }
 
     // Deleting from inside a row.

@@ -38,7 +38,7 @@ struct RowFixture : ContentStateFixture {
     [[nodiscard]] Control* control(const char* name) const
     {
         for (QWidget* each : row->controls())
-            if (each->accessibleName() == QLatin1String(name)) return qobject_cast<Control*>(each);
+            if (each->accessibleName() == name) return qobject_cast<Control*>(each);
         return nullptr;
     }
     [[nodiscard]] QComboBox* picker(const char* name) const { return control<QComboBox>(name); }
@@ -69,7 +69,7 @@ struct RowFixture : ContentStateFixture {
             if (const auto* field = qobject_cast<const QLineEdit*>(each))
                 words += u'[' + field->text() + u']';
         }
-        return (words.join(u' ') + QStringLiteral(" [") + selector()->text() + u']').toUtf8();
+        return (words.join(u' ') + " [" + selector()->text() + u']').toUtf8();
     }
 
     /// Returns the rule of the state in the same form, with all its parts.
@@ -104,7 +104,7 @@ private Q_SLOTS:
     {
         const RowFixture fixture;
         QCOMPARE(fixture.shown(), "[Name] [contains] [] move to [Select destination...]");
-        QCOMPARE(fixture.value()->placeholderText(), QStringLiteral("Default: All Files"));
+        QCOMPARE(fixture.value()->placeholderText(), "Default: All Files");
         QVERIFY(fixture.deletion()->isVisible());
         QVERIFY(fixture.deletion()->text().isEmpty());
         QCOMPARE(fixture.deletion()->icon().pixmap(16).toImage(),
@@ -121,11 +121,11 @@ private Q_SLOTS:
             QStringList items;
             for (int i = 0; i < fixture.picker(name)->count(); ++i)
                 items += fixture.picker(name)->itemText(i);
-            return items.join(QLatin1Char(' '));
+            return items.join(u' ');
         };
-        QCOMPARE(itemsOf("Field"), QStringLiteral("Name Extension Kind"));
-        QCOMPARE(itemsOf("Operator"), QStringLiteral("contains is"));
-        QCOMPARE(itemsOf("Kind"), QStringLiteral("Image Video Document Folder Audio Application"));
+        QCOMPARE(itemsOf("Field"), "Name Extension Kind");
+        QCOMPARE(itemsOf("Operator"), "contains is");
+        QCOMPARE(itemsOf("Kind"), "Image Video Document Folder Audio Application");
     }
 
     void theControlsHaveTheirOrderAndWidths()
@@ -136,7 +136,7 @@ private Q_SLOTS:
         QCOMPARE(fixture.value()->width(), 180);
         const auto* moveTo = fixture.row->findChild<QLabel*>(QString(), Qt::FindDirectChildrenOnly);
         QVERIFY(moveTo);
-        QCOMPARE(moveTo->text(), QStringLiteral("move to"));
+        QCOMPARE(moveTo->text(), "move to");
         const QList<const QWidget*> order{fixture.picker("Field"), fixture.picker("Operator"),
                                           fixture.value(),         moveTo,
                                           fixture.selector(),      fixture.deletion()};
@@ -210,7 +210,7 @@ private Q_SLOTS:
         };
         fixture.choose("Operator", 1);
         check("Name is  Image", "[Name] [is] []");
-        QTest::keyClicks(fixture.value(), QStringLiteral("invoice"));
+        QTest::keyClicks(fixture.value(), "invoice");
         fixture.choose("Field", 2);
         check("Kind is  Image", "[Kind] [Image]");
         fixture.choose("Kind", 5);
@@ -225,17 +225,17 @@ private Q_SLOTS:
     {
         RowFixture fixture;
         fixture.value()->setFocus();
-        QTest::keyClicks(fixture.value(), QStringLiteral("in"));
-        QCOMPARE(fixture.rule(0).value, QStringLiteral("in"));
+        QTest::keyClicks(fixture.value(), "in");
+        QCOMPARE(fixture.rule(0).value, "in");
         QTest::keyClick(fixture.value(), Qt::Key_Backspace);
-        QCOMPARE(fixture.rule(0).value, QStringLiteral("i"));
+        QCOMPARE(fixture.rule(0).value, "i");
         QTest::keyClick(fixture.value(), Qt::Key_Z, Qt::ControlModifier);
-        QVERIFY(fixture.value()->text() != QStringLiteral("i"));
+        QVERIFY(fixture.value()->text() != "i");
         QCOMPARE(fixture.rule(0).value, fixture.value()->text());
         QTest::keyClick(fixture.value(), Qt::Key_Tab);
         QVERIFY(!fixture.value()->hasFocus());
         // As assistive technology writes it.
-        accessible(fixture.value()).editableTextInterface()->insertText(0, QStringLiteral("x"));
+        accessible(fixture.value()).editableTextInterface()->insertText(0, "x");
         QVERIFY(fixture.rule(0).value.startsWith(u'x'));
         QCOMPARE(fixture.restarts(), 0);
 
@@ -250,15 +250,15 @@ private Q_SLOTS:
     void aStoredValueIsKeptUntilItIsEdited()
     {
         FilterRule rule;
-        rule.value = QStringLiteral("a\nb");
+        rule.value = "a\nb";
         const RowFixture twoLines(rule);
         twoLines.row->showRule(twoLines.rule(0));
-        QCOMPARE(twoLines.rule(0).value, QStringLiteral("a\nb"));
+        QCOMPARE(twoLines.rule(0).value, "a\nb");
 
-        rule.value = QString(100000, QLatin1Char('x'));
+        rule.value = QString(100000, u'x');
         const RowFixture fixture(rule);
         QTest::keyClick(fixture.value(), Qt::Key_End);
-        QTest::keyClicks(fixture.value(), QStringLiteral("y"));
+        QTest::keyClicks(fixture.value(), "y");
         QCOMPARE(fixture.rule(0).value.size(), 100001);
     }
 
@@ -272,7 +272,7 @@ private Q_SLOTS:
         fixture.settle();
         QCOMPARE(fixture.rule(0).destination, pictures);
         QCOMPARE(folderOf(fixture.rule(0).destinationBookmarkData), pictures);
-        QCOMPARE(fixture.selector()->text(), QStringLiteral("~/Pictures"));
+        QCOMPARE(fixture.selector()->text(), "~/Pictures");
         QCOMPARE(fixture.restarts(), 1);
         QVERIFY(!fixture.wasSaved());
     }
@@ -319,12 +319,12 @@ private Q_SLOTS:
         FilterRule other = ruleOfKind(RuleKind::video);
         other.id = fixture.rule(0).id;
         other.operatorType = RuleOperator::isEqual;
-        other.value = QStringLiteral("receipt");
+        other.value = "receipt";
         other.destination = FileUrl::fromPath("/srv");
         const FilterRule before = fixture.rule(0);
         fixture.row->showRule(other);
         QCOMPARE(fixture.shown(), "[Kind] [Video] move to [/srv]");
-        QCOMPARE(fixture.value()->text(), QStringLiteral("receipt"));
+        QCOMPARE(fixture.value()->text(), "receipt");
         QCOMPARE(fixture.rule(0), before);
         QCOMPARE(fixture.restarts(), 0);
     }
@@ -338,16 +338,16 @@ private Q_SLOTS:
         rule.destination = document.url();
         rule.destinationBookmarkData = document.bookmark();
         fixture.row->showRule(rule);
-        QCOMPARE(fixture.row->findChild<DirectorySelector*>()->text(), QStringLiteral("/srv/Scans"));
+        QCOMPARE(fixture.row->findChild<DirectorySelector*>()->text(), "/srv/Scans");
     }
 
     void showingAnUnchangedValueKeepsCursorAndSelection()
     {
         RowFixture fixture;
-        QTest::keyClicks(fixture.value(), QStringLiteral("invoice"));
+        QTest::keyClicks(fixture.value(), "invoice");
         fixture.value()->setSelection(2, 3);
         fixture.row->showRule(fixture.rule(0));
-        QCOMPARE(fixture.value()->selectedText(), QStringLiteral("voi"));
+        QCOMPARE(fixture.value()->selectedText(), "voi");
         QCOMPARE(fixture.value()->cursorPosition(), 5);
     }
 
@@ -358,10 +358,9 @@ private Q_SLOTS:
         auto* picker = fixture.picker("Operator");
         QAccessibleInterface& spoken = accessible(picker);
         QCOMPARE(spoken.role(), QAccessible::ComboBox);
-        QCOMPARE(spoken.text(QAccessible::Name), QStringLiteral("Operator"));
-        QCOMPARE(spoken.text(QAccessible::Value), QStringLiteral("contains"));
-        QCOMPARE(spoken.textInterface()->text(0, spoken.textInterface()->characterCount()),
-                 QStringLiteral("contains"));
+        QCOMPARE(spoken.text(QAccessible::Name), "Operator");
+        QCOMPARE(spoken.text(QAccessible::Value), "contains");
+        QCOMPARE(spoken.textInterface()->text(0, spoken.textInterface()->characterCount()), "contains");
         QVERIFY(spoken.state().expandable);
         QVERIFY(!spoken.state().expanded);
 
@@ -369,7 +368,7 @@ private Q_SLOTS:
         QAccessibleInterface* list = spoken.child(0);
         QCOMPARE(spoken.indexOfChild(list), 0);
         QCOMPARE(list->childCount(), 2);
-        QCOMPARE(list->child(1)->text(QAccessible::Name), QStringLiteral("is"));
+        QCOMPARE(list->child(1)->text(QAccessible::Name), "is");
 
         auto* actions = spoken.actionInterface();
         QVERIFY(actions->actionNames().contains(QAccessibleActionInterface::pressAction()));
@@ -379,7 +378,7 @@ private Q_SLOTS:
         QTest::keyClick(picker->view(), Qt::Key_Down);
         QTest::keyClick(picker->view(), Qt::Key_Return);
         QCOMPARE(fixture.rule(0).operatorType, RuleOperator::isEqual);
-        QCOMPARE(spoken.text(QAccessible::Value), QStringLiteral("is"));
+        QCOMPARE(spoken.text(QAccessible::Value), "is");
         QCOMPARE(fixture.restarts(), 1);
     }
 };

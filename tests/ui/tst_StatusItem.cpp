@@ -51,8 +51,7 @@ private Q_SLOTS:
         QVERIFY(!isShown());
         for (int time = 0; time < 3; ++time) {
             m_panel = std::make_unique<FakePanel>(*m_bus);
-            QTRY_COMPARE(m_panel->items(),
-                         QStringList(connection.baseService() + QStringLiteral("/StatusNotifierItem")));
+            QTRY_COMPARE(m_panel->items(), QStringList(connection.baseService() + "/StatusNotifierItem"));
             QTRY_VERIFY(isShown());
             m_panel.reset();
             QTRY_VERIFY(!isShown());
@@ -106,7 +105,7 @@ private Q_SLOTS:
         QCOMPARE(m_panel->item().property("ItemIsMenu"), QVariant(true));
 
         const auto toolTip = qdbus_cast<StatusNotifierToolTip>(m_panel->item().property("ToolTip"));
-        QCOMPARE(toolTip.title, QStringLiteral("Harbex"));
+        QCOMPARE(toolTip.title, "Harbex");
         QCOMPARE(toolTip.iconName + toolTip.text, QString());
         QVERIFY(toolTip.iconPixmap.isEmpty());
 
@@ -123,9 +122,8 @@ private Q_SLOTS:
         QList<QVariantMap> entries;
         for (const auto& entry : qdbus_cast<DBusMenuLayout>(answer.arguments().value(1)).children)
             entries.append(entry.properties);
-        QCOMPARE(entries, QList<QVariantMap>({{{QStringLiteral("label"), QStringLiteral("Open Harbex")}},
-                                              {{QStringLiteral("type"), QStringLiteral("separator")}},
-                                              {{QStringLiteral("label"), QStringLiteral("Quit")}}}));
+        QCOMPARE(entries, QList<QVariantMap>(
+                              {{{"label", "Open Harbex"}}, {{"type", "separator"}}, {{"label", "Quit"}}}));
     }
 
     void iconIsSentInTheSizesOfPanels()
@@ -145,7 +143,7 @@ private Q_SLOTS:
         }
         QCOMPARE(widths, QList<int>({16, 22, 24, 32, 48, 64}));
 
-        makeNotifierItem(m_bus->connect(), QIcon(QStringLiteral(":/no/such/icon.svg")));
+        makeNotifierItem(m_bus->connect(), QIcon(":/no/such/icon.svg"));
         QVERIFY2(m_notifierItem->iconPixmap().isEmpty(), "an icon that cannot be drawn is left out");
     }
 
@@ -158,12 +156,12 @@ private Q_SLOTS:
         QVERIFY(m_panel->item().accepts("ContextMenu", {-1, INT_MAX}));
         QCOMPARE(requested.takeFirst(), QVariantList({QPoint(-1, INT_MAX)}));
         QVERIFY(m_panel->item().accepts("SecondaryActivate", {1, 2}));
-        QVERIFY(m_panel->item().accepts("Scroll", {1, QStringLiteral("vertical")}));
+        QVERIFY(m_panel->item().accepts("Scroll", {1, "vertical"}));
         QCOMPARE(requested.count(), 0);
 
         m_notifierItem->setMenuOfPanelOnly(true);
         const QDBusMessage answer = m_panel->item().call("Activate", {12, 345});
-        QCOMPARE(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod"));
+        QCOMPARE(answer.errorName(), "org.freedesktop.DBus.Error.UnknownMethod");
         QVERIFY(requested.isEmpty());
         QVERIFY(m_panel->item().accepts("ContextMenu", {1, 2}));
         QCOMPARE(requested.count(), 1);
@@ -178,7 +176,7 @@ private Q_SLOTS:
             return m_notifierItem->takeActivationToken();
         };
         QCOMPARE(taken({}), QString());
-        QCOMPARE(taken({QStringLiteral("early"), QStringLiteral("late")}), QStringLiteral("late"));
+        QCOMPARE(taken({"early", "late"}), "late");
         QCOMPARE(taken({}), QString());
         QCOMPARE(taken({QString(1024, u'x')}), QString(1024, u'x'));
         QCOMPARE(taken({QString(1025, u'x')}), QString());
@@ -190,7 +188,7 @@ private Q_SLOTS:
         const NamedCall calls[] = {
             {"no position", "Activate", {}},
             {"half a position", "ContextMenu", {1}},
-            {"a position of strings", "Activate", {QStringLiteral("1"), QStringLiteral("2")}},
+            {"a position of strings", "Activate", {"1", "2"}},
             {"a token that is none", "ProvideXdgActivationToken", {1}},
             {"an unknown method", "Quit", {}},
             {"a slot of QObject", "deleteLater", {}},
@@ -208,8 +206,8 @@ private Q_SLOTS:
     void entriesAskForTheWindowOrTheEnd()
     {
         QVERIFY(registersInPanel([this] { makeItem(); }));
-        QVERIFY(m_panel->item().accepts("ProvideXdgActivationToken", {QStringLiteral("token")}));
-        for (const QString& token : {QStringLiteral("token"), QString()}) {
+        QVERIFY(m_panel->item().accepts("ProvideXdgActivationToken", {"token"}));
+        for (const char* token : {"token", ""}) {
             m_panel->click(1);
             QTRY_COMPARE(m_open->count(), 1);
             QCOMPARE(m_open->takeFirst(), QVariantList({token}));
@@ -271,12 +269,12 @@ private Q_SLOTS:
 
     void xembedTrayHasTheSameMenuForALeftClick()
     {
-        makeItem(QDBusConnection(QStringLiteral("no such connection")));
+        makeItem(QDBusConnection("no such connection"));
         const QSignalSpy shown(m_item.get(), &StatusItem::shownChanged);
         QTRY_VERIFY(isInXEmbedTray());
         QVERIFY2(shown.isEmpty(), "there is no tray, neither of this kind nor of the other");
         QVERIFY(!trayIcon()->icon().pixmap(22).isNull());
-        QCOMPARE(trayIcon()->toolTip(), QStringLiteral("Harbex"));
+        QCOMPARE(trayIcon()->toolTip(), "Harbex");
 
         // Qt itself opens the menu for a right click. Two calls would close it at once.
         for (const auto reason :
@@ -306,8 +304,7 @@ private:
     /// Creates only the part of the item that is on the bus.
     void makeNotifierItem(const QDBusConnection& connection, const QIcon& icon = coloredIcon())
     {
-        m_notifierItem = std::make_unique<StatusNotifierItem>(connection, QStringLiteral("Title"),
-                                                              QStringLiteral("folder"), icon, m_menu);
+        m_notifierItem = std::make_unique<StatusNotifierItem>(connection, "Title", "folder", icon, m_menu);
         m_shown.emplace(m_notifierItem.get(), &StatusNotifierItem::shownChanged);
     }
     void makeNotifierItem() { makeNotifierItem(m_bus->connect()); }

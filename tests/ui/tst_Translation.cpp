@@ -16,7 +16,7 @@ using namespace harbex::test;
 namespace
 {
 
-const QString noFolder = QStringLiteral("/nonexistent");
+const QString noFolder = "/nonexistent";
 
 QString rulesHeading()
 {
@@ -56,7 +56,7 @@ QStringList cutTextsOf(const QWidget& widget)
     const auto check = [&](const QString& text, const QSize& box) {
         const QSize size = sizeOf(widget, text);
         if (size.width() > box.width() || size.height() > box.height())
-            cut += QStringLiteral("%1 needs %2x%3, has %4x%5")
+            cut += QString("%1 needs %2x%3, has %4x%5")
                        .arg(text)
                        .arg(size.width())
                        .arg(size.height())
@@ -100,7 +100,7 @@ public:
     [[nodiscard]] QString translate(const char* /*context*/, const char* text, const char* /*comment*/,
                                     int /*count*/) const override
     {
-        return QString::fromUtf8(text) + QStringLiteral(" and more");
+        return QString(text) + " and more";
     }
 };
 
@@ -148,34 +148,33 @@ private Q_SLOTS:
         };
         for (const auto& [languages, rules] : rows) {
             {
-                const Translation translation(QString::fromLatin1(languages).split(u' '), noFolder);
-                QVERIFY2(rulesHeading() == QString::fromUtf8(rules), languages);
+                const Translation translation(QString(languages).split(u' '), noFolder);
+                QVERIFY2(rulesHeading() == rules, languages);
             }
-            QCOMPARE(rulesHeading(), QStringLiteral("Rules"));
+            QCOMPARE(rulesHeading(), "Rules");
         }
     }
 
     void qtsOwnTextsHaveTheSameLanguage()
     {
         const QString qtFolder = QLibraryInfo::path(QLibraryInfo::TranslationsPath);
-        if (!QFile::exists(qtFolder + QStringLiteral("/qtbase_de.qm")))
-            QSKIP("the translations of Qt are not installed");
+        if (!QFile::exists(qtFolder + "/qtbase_de.qm")) QSKIP("the translations of Qt are not installed");
         // An entry of the menu of line edits.
         const auto undoIn = [](const char* languages) {
-            const Translation translation(QString::fromLatin1(languages).split(u' '));
+            const Translation translation(QString(languages).split(u' '));
             return QCoreApplication::translate("QWidgetTextControl", "&Undo");
         };
-        QCOMPARE(undoIn("de"), QString::fromUtf8("&Rückgängig"));
-        QCOMPARE(undoIn("nl de"), QString::fromUtf8("&Rückgängig"));
-        QCOMPARE(undoIn("en de"), QStringLiteral("&Undo"));
+        QCOMPARE(undoIn("de"), "&Rückgängig");
+        QCOMPARE(undoIn("nl de"), "&Rückgängig");
+        QCOMPARE(undoIn("en de"), "&Undo");
         // Qt speaks Dutch, but the program does not.
-        QCOMPARE(undoIn("nl"), QStringLiteral("&Undo"));
+        QCOMPARE(undoIn("nl"), "&Undo");
     }
 
     void everyTextIsTranslatedAndTheStoreIsNot()
     {
-        const Translation translation({QStringLiteral("ja")}, noFolder);
-        const StatusItem item(QDBusConnection(QStringLiteral("no such connection")));
+        const Translation translation({"ja"}, noFolder);
+        const StatusItem item(QDBusConnection("no such connection"));
         const MainWindowFixture fixture({makeFolder("A", 2)});
         MainWindow& window = *fixture.window;
         fixture.open();
@@ -198,11 +197,11 @@ private Q_SLOTS:
             texts += {dialog.windowTitle(), dialog.labelText(QFileDialog::Accept)};
             dialog.reject();
         });
-        window.findChild<FlatButton*>(QStringLiteral("addFolder"))->click();
-        QTRY_COMPARE(texts.count(QString::fromUtf8("フォルダーを選択")), 2);
+        window.findChild<FlatButton*>("addFolder")->click();
+        QTRY_COMPARE(texts.count("フォルダーを選択"), 2);
 
         texts.removeAll(QString());
-        texts.removeAll(QStringLiteral("Harbex"));
+        texts.removeAll("Harbex");
         for (const QString& text : std::as_const(texts))
             QVERIFY2(std::ranges::any_of(text, [](QChar each) { return each > u'\u2fff'; }),
                      qPrintable(text));
@@ -210,7 +209,7 @@ private Q_SLOTS:
              {"フォルダー", "フォルダーを追加", "ルール", "ルールを追加", "移動先", "項目", "名前",
               "が次を含む", "音声", "既定: すべてのファイル", "移動先を選択...", "一覧から削除", "削除",
               "サイドバーでフォルダーを選択してください", "Harbex を開く", "終了"})
-            QVERIFY2(texts.contains(QString::fromUtf8(text)), text);
+            QVERIFY2(texts.contains(text), text);
 
         window.close();
         const auto rules = FolderStore().loadState({}).folders.at(0).rules;
@@ -227,7 +226,7 @@ private Q_SLOTS:
     {
         const auto isMirrored = [](const char* language) {
             // Without the translations of Qt, which would set the direction too.
-            const Translation translation({QString::fromLatin1(language)}, noFolder);
+            const Translation translation({language}, noFolder);
             const MainWindowFixture fixture;
             fixture.open();
             const auto* row = fixture.window->findChild<RuleRow*>();
@@ -253,7 +252,7 @@ private Q_SLOTS:
             QTest::addRow("%d pt, long texts", points) << points << QString();
             for (const char* language :
                  {"en", "ar", "de", "es", "fr", "he", "it", "ja", "pt-BR", "ru", "zh-CN"})
-                QTest::addRow("%d pt, %s", points, language) << points << QString::fromLatin1(language);
+                QTest::addRow("%d pt, %s", points, language) << points << language;
         }
     }
 
