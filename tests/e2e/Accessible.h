@@ -22,7 +22,7 @@ class Accessible
 {
 public:
     /// Accessibility states, with the numbers of the AT-SPI protocol.
-    enum class State { active = 1, focused = 12, selected = 23, showing = 25 };
+    enum class State { active = 1, focused = 12, showing = 25 };
 
     Accessible() = default;
 
@@ -130,9 +130,6 @@ public:
         RemoteObject{m_bus, m_service, m_path, interfaceOf("Action")}.send("DoAction", {0});
         return true;
     }
-
-    /// Sets the keyboard focus. Returns false if that fails.
-    [[nodiscard]] bool takeFocus() const { return ask("Component", "GrabFocus").toBool(); }
 
     /// Returns this control and all descendants, one per line, for test messages.
     [[nodiscard]] QString outline(int depth = 0) const

@@ -11,11 +11,9 @@
 #include <QProcess>
 #include <QString>
 
-#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <optional>
-#include <sys/stat.h>
 
 namespace harbex::test
 {
@@ -37,15 +35,20 @@ public:
     /// Starts the program. Prepare files and configuration before this call.
     void start() { m_process = &m_session.start(HARBEX_PROGRAM); }
 
-    [[nodiscard]] bool isRunning() const { return m_process->state() == QProcess::Running; }
-    /// Returns the exit status. Empty if the program is still running or was killed.
-    [[nodiscard]] std::optional<int> exitStatus()
+    /// Returns whether the program has ended by itself, with status 0.
+    [[nodiscard]] bool hasEndedInOrder() const
     {
-        if (isRunning() || m_process->exitStatus() != QProcess::NormalExit) return std::nullopt;
-        return m_process->exitCode();
+        return m_process->state() == QProcess::NotRunning &&
+               m_process->exitStatus() == QProcess::NormalExit && m_process->exitCode() == 0;
     }
 
     void signal(int number) const { ::kill(static_cast<pid_t>(m_process->processId()), number); }
+
+    /// Waits until the condition is true. Returns false on timeout.
+    [[nodiscard]] static bool eventually(const std::function<bool()>& condition)
+    {
+        return QTest::qWaitFor(condition, 30000);
+    }
 
     [[nodiscard]] static QString inbox() { return QDir::home().filePath("Inbox"); }
     [[nodiscard]] static QString sorted() { return QDir::home().filePath("Sorted"); }
@@ -141,20 +144,6 @@ public:
                eventually([this] { return !window(); });
     }
 
-    /// Returns whether the program has an inotify watch on this folder.
-    [[nodiscard]] bool watches(const QString& folder) const
-    {
-        struct stat status = {};
-        if (::stat(folder.toUtf8().constData(), &status) != 0) return false;
-        const QByteArray inode = " ino:" + QByteArray::number(qulonglong(status.st_ino), 16) + ' ';
-        const QDir descriptors(QString("/proc/%1/fdinfo").arg(m_process->processId()));
-        const QStringList names = descriptors.entryList(QDir::Files);
-        return std::ranges::any_of(names, [&](const QString& name) {
-            const QByteArray lines = read(descriptors.filePath(name)).value_or(QByteArray());
-            return lines.contains("inotify wd:") && lines.contains(inode);
-        });
-    }
-
     /// Puts a file into the inbox like a download: writes "NAME.part", then renames it to NAME.
     [[nodiscard]] bool drop(const char* name) const
     {
@@ -184,12 +173,6 @@ public:
     [[nodiscard]] static FolderState stored() { return FolderStore().loadState({}); }
 
 private:
-    /// Waits until the condition is true. Returns false on timeout.
-    static bool eventually(const std::function<bool()>& condition)
-    {
-        return QTest::qWaitFor(condition, 30000);
-    }
-
     static std::optional<QByteArray> read(const QString& path)
     {
         QFile file(path);

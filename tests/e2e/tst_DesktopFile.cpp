@@ -52,19 +52,17 @@ private Q_SLOTS:
         // With this message a program ends the sign of the desktop that it is starting.
         const char* const started = "_NET_STARTUP_INFO_BEGIN";
 
-        desktop.set("DESKTOP_STARTUP_ID", "the-first_TIME1");
-        QVERIFY2(launch(desktop), "the desktop can launch the program");
-        STEP("the window opens, in front", harbex.isInFront());
-        STEP("the desktop is told that the start is over", logged(started) == 1);
+        int starts = 0;
+        for (const char* id : {"the-first_TIME1", "the-second_TIME2"}) {
+            desktop.set("DESKTOP_STARTUP_ID", id);
+            QVERIFY2(launch(desktop), "the desktop can launch the program");
+            ++starts;
+            STEP("the window opens, in front", harbex.isInFront());
+            STEP("the desktop is told that the start is over", logged(started) == starts);
+            QVERIFY2(harbex.closeWindow(), "the window closes");
+        }
+
         const qint64 process = desktop.harbexProcess();
-        QVERIFY2(harbex.closeWindow(), "the window closes");
-
-        desktop.set("DESKTOP_STARTUP_ID", "the-second_TIME2");
-        QVERIFY2(launch(desktop), "the desktop can launch the program again");
-        STEP("the window opens, in front", harbex.isInFront());
-        STEP("the desktop is told that this start is over too", logged(started) == 2);
-        QVERIFY2(harbex.closeWindow(), "the window closes again");
-
         QVERIFY2(desktop.run("sh", {"-c", "exec harbex"}),
                  "a start by the command works, as that of a desktop without D-Bus activation");
         STEP("it opens the window too", harbex.isInFront());
@@ -111,12 +109,11 @@ private Q_SLOTS:
             const QString path = HarbexRun::sorted() + u'/' + folder;
             return harbex.choose(harbex.controls("combo box", "Field").value(rule), field) &&
                    (!value || text.setText(value)) && destination.press() && harbex.answerDialog(path) &&
-                   QTest::qWaitFor([&] { return destination.description() == path.toUtf8(); }, 30000);
+                   harbex.eventually([&] { return destination.description() == path.toUtf8(); });
         };
         const auto addRule = [&](int number) {
             return harbex.control("push button", "Add Rule").press() &&
-                   QTest::qWaitFor([&] { return harbex.controls("combo box", "Field").size() == number; },
-                                   30000);
+                   harbex.eventually([&] { return harbex.controls("combo box", "Field").size() == number; });
         };
         QVERIFY2(fillIn(0, "Name", "invoice", "Invoices"), "the first rule");
         QVERIFY2(addRule(2) && fillIn(1, "Extension", "pdf", "Documents"), "the second rule");

@@ -19,7 +19,7 @@ private Q_SLOTS:
             return control.has(Accessible::State::focused);
         };
         const auto tabGoesOnTo = [&](const Accessible& control) {
-            return desktop.press("Tab") && QTest::qWaitFor([&] { return focusIsOn(control); }, 30000);
+            return desktop.press("Tab") && harbex.eventually([&] { return focusIsOn(control); });
         };
 
         STEP("\"Add Folder\" has the focus in an empty window",
@@ -62,14 +62,6 @@ private Q_SLOTS:
         QVERIFY2(harbex.closeWindow(), "Alt+F4 closes the window");
         QVERIFY2(harbex.drop("report.pdf"), "a file arrives");
         STEP("it is moved", harbex.wasMoved("report.pdf"));
-        const FolderState stored = HarbexRun::stored();
-        QCOMPARE(stored.folders.size(), 1U);
-        QCOMPARE(stored.folders[0].url.path(), HarbexRun::inbox().toStdString());
-        QCOMPARE(stored.folders[0].rules.size(), 1U);
-        const FilterRule& rule = stored.folders[0].rules[0];
-        QVERIFY(rule.field == RuleField::fileExtension && rule.operatorType == RuleOperator::isEqual);
-        QCOMPARE(rule.value, "pdf");
-        QCOMPARE(rule.destination->path(), HarbexRun::sorted().toStdString());
 
         QVERIFY2(desktop.run(HARBEX_PROGRAM), "a second start ends in order");
         STEP("it opens the window of the first, in front", harbex.isInFront());
@@ -80,7 +72,7 @@ private Q_SLOTS:
         STEP("the folder is deleted", harbex.control("label", "Select a folder from the sidebar"));
         STEP("the deletion is stored", HarbexRun::stored().folders.empty());
         harbex.signal(SIGTERM);
-        STEP("the program ends with status 0", harbex.exitStatus() == 0);
+        STEP("the program ends in order", harbex.hasEndedInOrder());
     }
 };
 
