@@ -82,12 +82,8 @@ private Q_SLOTS:
         // A screen of 1280 by 800 with a panel and a title bar.
         QVERIFY(fixture.window->width() <= 1200);
         QVERIFY(fixture.window->height() <= 700);
-        QVERIFY(fixture.window->width() >= 1000);
-        QVERIFY(fixture.window->height() >= 400);
         fixture.window->resize(10, 10);
         QCOMPARE(fixture.window->centralWidget()->size(), QSize(1000, 400));
-        QVERIFY(fixture.window->windowHandle()->minimumSize().width() >= 1000);
-        QVERIFY(fixture.window->windowHandle()->minimumSize().height() >= 400);
         fixture.window->resize(1500, 900);
         QCOMPARE(fixture.window->centralWidget()->size(), QSize(1500, 900));
     }
@@ -134,23 +130,6 @@ private Q_SLOTS:
     }
 
     // Appearing.
-    void openingAnOpenWindowLoadsNothingAndShowsTheSameWindow()
-    {
-        MainWindowFixture fixture;
-        fixture.openAndEdit();
-        fixture.window->open();
-        fixture.window->showMinimized();
-        QVERIFY(fixture.window->isMinimized());
-        fixture.window->open();
-        fixture.settle();
-        QVERIFY(!fixture.window->isMinimized());
-        QVERIFY(!fixture.wasTouched());
-        QCOMPARE(fixture.rule(0).value, "not saved yet");
-        QCOMPARE(fixture.restarts(), 0);
-        QVERIFY(fixture.window->isVisible());
-        QVERIFY(fixture.window->isActiveWindow());
-    }
-
     void reopeningLoadsAgainAndNeitherRestartsNorSaves()
     {
         MainWindowFixture fixture;
