@@ -73,13 +73,6 @@ struct RemoteObject {
             QStringLiteral("org.freedesktop.Application")};
 }
 
-/// A call of a method, and what is special about it.
-struct NamedCall {
-    const char* name;
-    const char* method;
-    QVariantList arguments;
-};
-
 /// Returns the value as the D-Bus type "variant".
 [[nodiscard]] QVariant asVariant(const QVariant& value);
 

@@ -118,13 +118,11 @@ private Q_SLOTS:
         SessionBus bus;
         const QString wayland = "XDG_ACTIVATION_TOKEN=of-wayland";
         const QString x11 = "DESKTOP_STARTUP_ID=of-x11_TIME1";
-        const QString tooLong = "XDG_ACTIVATION_TOKEN=" + QString(2000, u'x');
         const std::pair<QStringList, QByteArray> cases[] = {
             {{wayland}, "open of-wayland"},
             {{x11}, "open of-x11_TIME1"},
             {{wayland, x11}, "open of-wayland"},
             {{}, "open"},
-            {{tooLong}, "open"},
         };
         ServiceRun first(bus.address());
         QCOMPARE(first.nextLine(), "first");
@@ -134,17 +132,6 @@ private Q_SLOTS:
             QCOMPARE(later.exitStatus(), 0);
             QCOMPARE(first.nextLine(), request);
             QVERIFY(first.isRunning());
-        }
-    }
-
-    void startAfterTheEndIsTheFirst()
-    {
-        SessionBus bus;
-        for (const int signal : {SIGTERM, SIGKILL}) {
-            ServiceRun program(bus.address());
-            QCOMPARE(program.nextLine(), "first");
-            program.signal(signal);
-            QCOMPARE(program.exitStatus(), -1);
         }
     }
 
@@ -293,23 +280,6 @@ private Q_SLOTS:
         }
         QCOMPARE(fixture.quit.count(), 1);
         QCOMPARE(fixture.open.count(), 0);
-    }
-
-    void wrongCallsAreErrors()
-    {
-        const NamedCall calls[] = {
-            {"no arguments", "Activate", {}},
-            {"a text for a table", "Activate", {"x"}},
-            {"no files", "Open", {QVariantMap()}},
-            {"no name", "ActivateAction", {QVariantList(), QVariantMap()}},
-            {"an unknown method", "Quit", {}},
-            {"a function for the program only", "start", {QString()}},
-            {"a slot of QObject", "deleteLater", {}},
-        };
-        ServiceFixture fixture;
-        for (const NamedCall& call : calls)
-            QVERIFY2(!fixture.accepts(call.method, call.arguments), call.name);
-        QCOMPARE(fixture.open.count() + fixture.quit.count(), 0);
     }
 };
 

@@ -183,25 +183,6 @@ private Q_SLOTS:
         QCOMPARE(taken({QString(1000, u'\u00e9')}), QString());
     }
 
-    void wrongCallsAreErrors()
-    {
-        const NamedCall calls[] = {
-            {"no position", "Activate", {}},
-            {"half a position", "ContextMenu", {1}},
-            {"a position of strings", "Activate", {"1", "2"}},
-            {"a token that is none", "ProvideXdgActivationToken", {1}},
-            {"an unknown method", "Quit", {}},
-            {"a slot of QObject", "deleteLater", {}},
-            {"a function for the program only", "takeActivationToken", {}},
-        };
-        QVERIFY(registersInPanel([this] { makeNotifierItem(); }));
-        const QSignalSpy requested(m_notifierItem.get(), &StatusNotifierItem::menuRequested);
-        for (const NamedCall& call : calls)
-            QVERIFY2(!m_panel->item().accepts(call.method, call.arguments), call.name);
-        QCOMPARE(text("Id"), "harbex");
-        QCOMPARE(requested.count(), 0);
-    }
-
     // The whole item.
     void entriesAskForTheWindowOrTheEnd()
     {
