@@ -182,27 +182,6 @@ private Q_SLOTS:
         QCOMPARE(fixture.restarts(), 0);
     }
 
-    void noneOrAnUnknownFolderCanBeSelected()
-    {
-        ContentStateFixture fixture({makeFolder("A")});
-        fixture.state.select(std::nullopt);
-        QVERIFY(!fixture.state.selectedFolder());
-        QVERIFY(isSelectionStored(false));
-        const QUuid unknown = QUuid::createUuid();
-        fixture.state.select(unknown);
-        QVERIFY(!fixture.state.selectedFolder());
-        QCOMPARE(fixture.state.selectedFolderID(), unknown);
-    }
-
-    void aDuplicateIdSelectsTheFirstFolder()
-    {
-        const auto a = makeFolder("A");
-        auto b = makeFolder("B");
-        b.id = a.id;
-        const ContentStateFixture fixture({a, b}, a.id);
-        QCOMPARE(fixture.state.selectedFolder()->url, a.url);
-    }
-
     // Adding and deleting folders.
     void anAddedFolderIsLastSelectedAndSavedWithOneDefaultRule()
     {
@@ -408,14 +387,6 @@ private Q_SLOTS:
         fixture.state.setField(before.at(0).id, RuleField::kind);
         QCOMPARE(fixture.folder(0).rules, before);
         QCOMPARE(fixture.restarts(), 0);
-        QVERIFY(!fixture.wasSaved());
-    }
-
-    void submittingRestartsEvenWithoutAChange()
-    {
-        ContentStateFixture fixture({makeFolder("A")});
-        fixture.state.submitValue();
-        QCOMPARE(fixture.restarts(), 1);
         QVERIFY(!fixture.wasSaved());
     }
 };

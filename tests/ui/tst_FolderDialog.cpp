@@ -119,12 +119,6 @@ private Q_SLOTS:
         QCOMPARE(run.error, 0);
     }
 
-    void aCancelledOrClosedDialogChoosesNothing()
-    {
-        QVERIFY(!ask(FolderDialogUser::cancel));
-        QVERIFY(!ask([](QFileDialog& dialog) { dialog.close(); }));
-    }
-
     void afterTheDialogTheWindowIsActive()
     {
         QWidget window;
