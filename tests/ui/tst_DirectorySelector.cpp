@@ -1,4 +1,3 @@
-#include "support/DocumentFolder.h"
 #include "support/FolderDialogUser.h"
 #include "support/Widgets.h"
 #include "support/WindowTestMain.h"
@@ -8,7 +7,6 @@
 #include "ui/PathText.h"
 
 #include <algorithm>
-#include <tuple>
 #include <vector>
 
 using namespace harbex;
@@ -124,24 +122,6 @@ private Q_SLOTS:
         }
     }
 
-    void aFolderOfThePortalIsShownWithItsRealPath()
-    {
-        const std::tuple<const char*, const char*, const char*> rows[] = {
-            {"/Users/a/Scans", "~/Scans", "/Users/a/Scans"},
-            {"/srv/Scans", "/srv/Scans", "/srv/Scans"},
-            {"", "Scans", "Scans"}, // unknown
-        };
-        for (const auto& [hostPath, label, path] : rows) {
-            const DocumentFolder document(hostPath);
-            if (!document.isPossible()) QSKIP("the file system keeps no attributes");
-            DirectorySelector selector;
-            selector.showUrl(document.url(), document.bookmark());
-            QCOMPARE(selector.text(), label);
-            QVERIFY(selector.button()->toolTip().contains(QString(">%1<").arg(path)));
-            QCOMPARE(selector.button()->accessibleDescription(), path);
-        }
-    }
-
     // What is shown.
     void aLabelIsElidedAndHasTheWholePathAsItsTooltip()
     {
@@ -206,7 +186,6 @@ private Q_SLOTS:
         QCOMPARE(accessibleName(selector.button()), "Select destination...");
         QCOMPARE(accessible(selector.button()).text(QAccessible::Description), "/srv/Pictures");
         QCOMPARE(selector.button()->focusPolicy(), Qt::StrongFocus);
-        QCOMPARE(selector.findChild<QLabel*>()->focusPolicy(), Qt::NoFocus);
         QCOMPARE(selector.findChild<QToolButton*>()->icon().pixmap(16).toImage(),
                  symbolIcon(Symbol::folder).pixmap(16).toImage());
     }
