@@ -17,29 +17,20 @@ using namespace harbex::test;
 namespace
 {
 
-/// Counts how often a file is opened, one after another.
-class FileOpenings
+/// Returns how often `action` opens a file, one after another.
+int openingsOf(const QString& path, const std::function<void()>& action)
 {
-public:
-    explicit FileOpenings(const QString& path) : m_inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
-    {
-        // The kernel merges equal events. Closings separate the openings.
-        if (::inotify_add_watch(m_inotify.get(), QFile::encodeName(path).constData(), IN_OPEN | IN_CLOSE) < 0)
-            qFatal("cannot watch %s", qPrintable(path));
-    }
-
-    [[nodiscard]] int count() const
-    {
-        int openings = 0;
-        // Events of a file have no name.
-        for (inotify_event event; ::read(m_inotify.get(), &event, sizeof event) == sizeof event;)
-            if (event.mask & IN_OPEN) ++openings;
-        return openings;
-    }
-
-private:
-    FileDescriptor m_inotify;
-};
+    const FileDescriptor inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    // The kernel merges equal events. Closings separate the openings.
+    if (::inotify_add_watch(inotify.get(), QFile::encodeName(path).constData(), IN_OPEN | IN_CLOSE) < 0)
+        qFatal("cannot watch %s", qPrintable(path));
+    action();
+    int openings = 0;
+    // Events of a file have no name.
+    for (inotify_event event; ::read(inotify.get(), &event, sizeof event) == sizeof event;)
+        if (event.mask & IN_OPEN) ++openings;
+    return openings;
+}
 
 /// Returns the only main window; null if there is not exactly one.
 MainWindow* mainWindow()
@@ -107,16 +98,13 @@ private Q_SLOTS:
     {
         // Without a selection, the first opening saves nothing. A save reads the file too.
         FolderStore().saveState({});
-        const FileOpenings first(FolderStore().path());
+        const QString store = FolderStore().path();
         SessionBus bus;
-        const LaunchedShell harbex(bus);
-        QVERIFY(mainWindow()->isVisible());
-        QCOMPARE(first.count(), 1);
+        std::optional<LaunchedShell> harbex;
+        QCOMPARE(openingsOf(store, [&] { harbex.emplace(bus); }), 1);
         // Closing replaces the file.
         mainWindow()->close();
-        const FileOpenings second(FolderStore().path());
-        mainWindow()->open();
-        QCOMPARE(second.count(), 1);
+        QCOMPARE(openingsOf(store, [] { mainWindow()->open(); }), 1);
     }
 
     void theSessionManagerEndsTheProgramWithoutSaving()

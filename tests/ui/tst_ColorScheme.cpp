@@ -99,11 +99,9 @@ private Q_SLOTS:
         const ColorScheme scheme(*m_connection);
         QTRY_VERIFY(isDark());
         portal.set(appearance, "contrast", preferLight);
-        QVERIFY(SettingsPortal::replies(*m_connection));
-        QVERIFY2(isDark(), "another key");
         portal.set("org.gnome.desktop.interface", colorScheme, preferLight);
         QVERIFY(SettingsPortal::replies(*m_connection));
-        QVERIFY2(isDark(), "another group");
+        QVERIFY(isDark());
     }
 
     void withoutAPortalNothingChangesUntilOneStarts()
@@ -115,16 +113,6 @@ private Q_SLOTS:
         SettingsPortal portal(*m_bus);
         portal.set(appearance, colorScheme, preferDark);
         QTRY_VERIFY(isDark());
-    }
-
-    void withoutABusNothingChanges()
-    {
-        const QPalette before = QApplication::palette();
-        const auto noBus = QDBusConnection::connectToBus("unix:path=/nonexistent", "none");
-        ColorScheme scheme(noBus);
-        scheme.waitForAnswer();
-        QCoreApplication::processEvents();
-        QCOMPARE(QApplication::palette(), before);
     }
 
     void aPortalThatDoesNotReplyDelaysTheFirstWindowBriefly()
