@@ -171,7 +171,7 @@ private Q_SLOTS:
         QCOMPARE(undoIn("nl"), "&Undo");
     }
 
-    void everyTextIsTranslatedAndTheStoreIsNot()
+    void everyTextIsTranslated()
     {
         const Translation translation({"ja"}, noFolder);
         const StatusItem item(QDBusConnection("no such connection"));
@@ -211,15 +211,10 @@ private Q_SLOTS:
               "サイドバーでフォルダーを選択してください", "Harbex を開く", "終了"})
             QVERIFY2(texts.contains(text), text);
 
-        window.close();
-        const auto rules = FolderStore().loadState({}).folders.at(0).rules;
-        QCOMPARE(rules.at(0).operatorType, RuleOperator::isEqual);
-        QCOMPARE(rules.at(1).field, RuleField::kind);
-        QCOMPARE(rules.at(1).kind, RuleKind::audio);
-        const QByteArray stored = storedText();
-        for (const char* value : {"\"Kind\"", "\"is\"", "\"Audio\""})
-            QVERIFY2(stored.contains(value), stored);
-        QCOMPARE(QByteArray(QString::fromUtf8(stored).toLatin1()), stored);
+        // Choices work as in English.
+        QCOMPARE(fixture.rule(0).operatorType, RuleOperator::isEqual);
+        QCOMPARE(fixture.rule(1).field, RuleField::kind);
+        QCOMPARE(fixture.rule(1).kind, RuleKind::audio);
     }
 
     void theScriptOfTheLanguageDecidesTheDirection()
@@ -248,12 +243,10 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("points");
         QTest::addColumn<QString>("language");
-        for (const int points : {9, 14, 22}) {
-            QTest::addRow("%d pt, long texts", points) << points << QString();
+        for (const int points : {9, 14, 22})
             for (const char* language :
-                 {"en", "ar", "de", "es", "fr", "he", "it", "ja", "pt-BR", "ru", "zh-CN"})
+                 {"", "en", "ar", "de", "es", "fr", "he", "it", "ja", "pt-BR", "ru", "zh-CN"})
                 QTest::addRow("%d pt, %s", points, language) << points << language;
-        }
     }
 
     void noTextIsCut()
@@ -261,6 +254,7 @@ private Q_SLOTS:
         QFETCH(const int, points);
         QFETCH(const QString, language);
         const Translation translation({language}, {});
+        // Texts that are longer than all translations.
         LongTexts longTexts;
         if (language.isEmpty()) QCoreApplication::installTranslator(&longTexts);
         const QFont former = QApplication::font();
