@@ -147,22 +147,6 @@ private Q_SLOTS:
         QVERIFY2(fixture.engine.isRunning(), "a stopped engine is started");
     }
 
-    void disappearingSavesTheEditsAndLeavesTheEngineRunning()
-    {
-        const auto a = makeFolder("A");
-        ContentStateFixture fixture({a}, a.id);
-        fixture.state.addRule();
-        fixture.state.setValue(fixture.rule(0).id, "invoice");
-        fixture.state.disappear();
-        const auto saved = fixture.takeSaved();
-        QVERIFY(saved);
-        QCOMPARE(saved->selectedFolderID, a.id);
-        QCOMPARE(saved->folders.at(0).rules, fixture.folder(0).rules);
-        QCOMPARE(saved->folders.at(0).rules.at(0).value, "invoice");
-        QVERIFY(fixture.engine.isRunning());
-        QCOMPARE(fixture.restarts(), 0);
-    }
-
     // Selecting.
     void selectingSavesEarlierEditsAndRestartsNothing()
     {

@@ -168,6 +168,8 @@ private Q_SLOTS:
         const QSignalSpy ends(qApp, &QApplication::aboutToQuit);
         fixture.window->close();
         QVERIFY(!fixture.window->isVisible());
+        QVERIFY(fixture.engine.isRunning());
+        QCOMPARE(fixture.restarts(), 0);
         const auto saved = fixture.takeSaved();
         QVERIFY(saved);
         QCOMPARE(saved->folders.at(0).rules.at(0).value, "not saved yet");

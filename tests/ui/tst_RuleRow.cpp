@@ -347,16 +347,6 @@ private Q_SLOTS:
         }
     }
 
-    void showingAnUnchangedValueKeepsCursorAndSelection()
-    {
-        RowFixture fixture;
-        QTest::keyClicks(fixture.value(), "invoice");
-        fixture.value()->setSelection(2, 3);
-        fixture.row->showRule(fixture.rule(0));
-        QCOMPARE(fixture.value()->selectedText(), "voi");
-        QCOMPARE(fixture.value()->cursorPosition(), 5);
-    }
-
     // Accessibility.
     void assistiveTechnologyReadsAndOpensAPicker()
     {
