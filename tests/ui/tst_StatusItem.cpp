@@ -43,21 +43,6 @@ private Q_SLOTS:
     }
 
     // The part on the bus: registration.
-    void isShownByEveryPanelThatStartsLater()
-    {
-        const QDBusConnection connection = m_bus->connect();
-        makeNotifierItem(connection);
-        QTRY_COMPARE(m_shown->count(), 1);
-        QVERIFY(!isShown());
-        for (int time = 0; time < 3; ++time) {
-            m_panel = std::make_unique<FakePanel>(*m_bus);
-            QTRY_COMPARE(m_panel->items(), QStringList(connection.baseService() + "/StatusNotifierItem"));
-            QTRY_VERIFY(isShown());
-            m_panel.reset();
-            QTRY_VERIFY(!isShown());
-        }
-    }
-
     void registersWithAPanelWithoutAHostAndWithTheNextOne()
     {
         const FakePanel first(*m_bus, false);
