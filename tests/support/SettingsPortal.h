@@ -10,8 +10,7 @@ namespace harbex::test
 {
 
 /// The settings part of the desktop portal, in a process of its own. Settings have the value 0 until they are
-/// set. It ends with this object or with the
-/// test process.
+/// set. It ends with this object or with the test process.
 class SettingsPortal
 {
 public:

@@ -120,11 +120,6 @@ private Q_SLOTS:
             {"the menu", [&](Program&) { m_panel->click(3); }},
             {"the bus",
              [&](Program&) { application.send("ActivateAction", {"quit", QVariantList(), QVariantMap()}); }},
-            {"the signal",
-             [&](Program&) {
-                 application.bus.send(
-                     QDBusMessage::createSignal(application.path, "org.harbex.Harbex", "Quit"));
-             }},
             {"SIGTERM", [](Program& program) { program.signal(SIGTERM); }},
             {"SIGINT", [](Program& program) { program.signal(SIGINT); }},
             {"SIGHUP", [](Program& program) { program.signal(SIGHUP); }},
