@@ -130,6 +130,16 @@ private Q_SLOTS:
     }
 
     // Appearing.
+    void openingAMinimisedWindowRestoresIt()
+    {
+        const MainWindowFixture fixture;
+        fixture.open();
+        fixture.window->showMinimized();
+        QVERIFY(fixture.window->isMinimized());
+        fixture.window->open();
+        QVERIFY(!fixture.window->isMinimized());
+    }
+
     void reopeningLoadsAgainAndNeitherRestartsNorSaves()
     {
         MainWindowFixture fixture;
