@@ -1,8 +1,9 @@
 #include "fs/FileMove.h"
-#include "support/EngineOutput.h"
+#include "support/CapturedOutput.h"
 #include "support/EngineProbe.h"
 #include "support/Stress.h"
 #include "support/SyscallInterceptor.h"
+#include "support/TestMain.h"
 
 #include <array>
 #include <cerrno>
@@ -250,7 +251,7 @@ private Q_SLOTS:
         QFETCH(const QString, kind);
         QFETCH(const bool, acrossVolumes);
         QFETCH(const int, error);
-        const EngineOutput output;
+        const CapturedOutput output;
         const QString reason = QString::fromStdString(SystemError{error}.description());
         const size_t step = stressSize(size_t(kind == u"file" ? 1 : 3), size_t(1));
         // An engine mostly waits, so many can run at the same time.
@@ -313,6 +314,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestEngineFaults)
+HARBEX_TEST(TestEngineFaults)
 
 #include "tst_EngineFaults.moc"

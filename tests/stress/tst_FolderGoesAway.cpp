@@ -206,7 +206,6 @@ private:
 HARBEX_MAIN(TestFolderGoesAway)
 {
     enterPrivateNamespace();
-    reportApartFromStandardOutput();
     return runTest<QCoreApplication, TestFolderGoesAway>(argc, argv);
 }
 

@@ -1,9 +1,10 @@
 #include "fs/FreeName.h"
-#include "support/EngineOutput.h"
+#include "support/CapturedOutput.h"
 #include "support/EngineProbe.h"
 #include "support/MovePlaces.h"
 #include "support/RandomSeed.h"
 #include "support/Stress.h"
+#include "support/TestMain.h"
 #include "support/TreeSnapshot.h"
 
 #include <algorithm>
@@ -233,7 +234,7 @@ private Q_SLOTS:
 
     void namesPassThroughTheEngine()
     {
-        const EngineOutput output;
+        const CapturedOutput output;
         const std::string prepared = here() + "/prepared";
         QStringList lines;
         DownloadImageRedirector engine;
@@ -289,6 +290,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestHostileEntries)
+HARBEX_TEST(TestHostileEntries)
 
 #include "tst_HostileEntries.moc"

@@ -1,8 +1,8 @@
 #include "support/CapturedOutput.h"
-#include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
 #include "support/EngineResources.h"
 #include "support/Stress.h"
+#include "support/TestMain.h"
 
 #include <array>
 #include <fcntl.h>
@@ -120,6 +120,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestLongLife)
+HARBEX_TEST(TestLongLife)
 
 #include "tst_LongLife.moc"

@@ -1,10 +1,11 @@
-#include "support/EngineOutput.h"
+#include "support/CapturedOutput.h"
 #include "support/EngineProbe.h"
 #include "support/EngineResources.h"
 #include "support/FuseMount.h"
 #include "support/RandomSeed.h"
 #include "support/RuleModel.h"
 #include "support/Stress.h"
+#include "support/TestMain.h"
 
 #include <QRegularExpression>
 
@@ -426,7 +427,7 @@ private Q_SLOTS:
         const int engineCount = stressSize(2, 40);
         constexpr int stepCount = 150;
         std::mt19937 random = seededRandom();
-        const EngineOutput output;
+        const CapturedOutput output;
         const QString reason = reasonAgainstServer();
         if (!reason.isEmpty()) qInfo("without a destination on a server: %s", qPrintable(reason));
         World world(random, reason.isEmpty());
@@ -510,7 +511,7 @@ private Q_SLOTS:
         const size_t rounds = stressSize(size_t(2), size_t(200));
         std::mt19937 random = seededRandom();
         const auto below = [&](size_t end) { return randomBelow(random, end); };
-        const EngineOutput output;
+        const CapturedOutput output;
         for (size_t round = 0; round < rounds; ++round) {
             const ScratchFolder scratch;
             std::vector<std::string> folders;
@@ -576,6 +577,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestRandomFolders)
+HARBEX_TEST(TestRandomFolders)
 
 #include "tst_RandomFolders.moc"

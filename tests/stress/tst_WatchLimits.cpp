@@ -152,7 +152,6 @@ private:
 HARBEX_MAIN(TestWatchLimits)
 {
     enterPrivateNamespace();
-    reportApartFromStandardOutput();
     return runTest<QCoreApplication, TestWatchLimits>(argc, argv);
 }
 

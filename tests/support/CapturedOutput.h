@@ -7,8 +7,7 @@
 namespace harbex::test
 {
 
-/// Redirects standard output until the end of a scope. The reports of Qt Test are redirected too, unless
-/// reportApartFromStandardOutput() was called. Check results only after restore() then.
+/// Redirects standard output until the end of a scope.
 class RedirectedOutput
 {
 public:
@@ -38,8 +37,7 @@ private:
     RedirectedOutput m_redirection;
 };
 
-/// Makes Qt Test report through its own descriptor, so that failures are visible while standard output is
-/// redirected. Call it before Qt Test reports anything.
+/// Makes Qt Test report through its own descriptor. Call it before Qt Test reports anything.
 void reportApartFromStandardOutput();
 
 } // namespace harbex::test

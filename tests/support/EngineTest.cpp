@@ -57,7 +57,7 @@ void EngineTest::init()
     m_inbox = newFolder("inbox");
     m_out = newFolder("out");
     m_sentinel = std::make_unique<Sentinel>(*m_scratch, m_inbox);
-    m_output = std::make_unique<EngineOutput>();
+    m_output = std::make_unique<CapturedOutput>();
 }
 
 void EngineTest::cleanup()

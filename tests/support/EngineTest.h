@@ -1,9 +1,10 @@
 #pragma once
 
+#include "support/CapturedOutput.h"
 #include "support/EngineFiles.h"
-#include "support/EngineOutput.h"
 #include "support/EngineProbe.h"
 #include "support/SyscallInterceptor.h"
+#include "support/TestMain.h"
 
 #include <QElapsedTimer>
 #include <QObject>
@@ -119,7 +120,7 @@ protected:
     [[nodiscard]] QStringList childLog() const;
 
     std::unique_ptr<ScratchFolder> m_scratch;
-    std::unique_ptr<EngineOutput> m_output;
+    std::unique_ptr<CapturedOutput> m_output;
     std::unique_ptr<Sentinel> m_sentinel;
     std::unique_ptr<DownloadImageRedirector> m_engine;
     std::string m_inbox;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/CapturedOutput.h"
 #include "support/ScratchHome.h"
 
 #include <QCoreApplication>
@@ -22,10 +23,12 @@ public:
     TestRegistration(const char* name, Run run);
 };
 
-/// Runs one test class with an Application object and a scratch home.
+/// Runs one test class with an Application object and a scratch home. Qt Test reports through its own
+/// descriptor, so that failures are visible while standard output is redirected.
 template <class Application, class Test>
 int runTest(int argc, char** argv)
 {
+    reportApartFromStandardOutput();
     const ScratchHome home;
     std::signal(SIGPIPE, SIG_IGN);
     Application application(argc, argv);

@@ -73,6 +73,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestBurst)
+HARBEX_TEST(TestBurst)
 
 #include "tst_Burst.moc"

@@ -173,6 +173,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestEngineChains)
+HARBEX_TEST(TestEngineChains)
 
 #include "tst_EngineChains.moc"

@@ -139,6 +139,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestEngineDetection)
+HARBEX_TEST(TestEngineDetection)
 
 #include "tst_EngineDetection.moc"

@@ -343,6 +343,6 @@ private:
     std::vector<Inbox> m_inboxes;
 };
 
-HARBEX_ENGINE_TEST(TestEngineDownloads)
+HARBEX_TEST(TestEngineDownloads)
 
 #include "tst_EngineDownloads.moc"

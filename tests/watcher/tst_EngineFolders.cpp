@@ -243,6 +243,6 @@ private:
     }
 };
 
-HARBEX_ENGINE_TEST(TestEngineFolders)
+HARBEX_TEST(TestEngineFolders)
 
 #include "tst_EngineFolders.moc"

@@ -285,6 +285,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestEngineLifecycle)
+HARBEX_TEST(TestEngineLifecycle)
 
 #include "tst_EngineLifecycle.moc"

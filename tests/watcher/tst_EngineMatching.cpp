@@ -133,6 +133,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestEngineMatching)
+HARBEX_TEST(TestEngineMatching)
 
 #include "tst_EngineMatching.moc"

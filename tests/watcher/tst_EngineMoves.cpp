@@ -296,6 +296,6 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_ENGINE_TEST(TestEngineMoves)
+HARBEX_TEST(TestEngineMoves)
 
 #include "tst_EngineMoves.moc"

@@ -286,7 +286,6 @@ private:
 HARBEX_MAIN(TestEngineServers)
 {
     if (!FuseMount::isPossible(argc, argv)) return notPossibleHere;
-    reportApartFromStandardOutput();
     return runTest<QCoreApplication, TestEngineServers>(argc, argv);
 }
 

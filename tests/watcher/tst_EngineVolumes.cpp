@@ -126,7 +126,6 @@ private Q_SLOTS:
 HARBEX_MAIN(TestEngineVolumes)
 {
     enterPrivateNamespace();
-    reportApartFromStandardOutput();
     return runTest<QCoreApplication, TestEngineVolumes>(argc, argv);
 }
 

@@ -269,7 +269,6 @@ private:
 HARBEX_MAIN(TestFolderWatch)
 {
     if (!FuseMount::isPossible(argc, argv)) return notPossibleHere;
-    reportApartFromStandardOutput();
     return runTest<QCoreApplication, TestFolderWatch>(argc, argv);
 }
 
