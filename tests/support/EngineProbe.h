@@ -103,12 +103,6 @@ inline int patience = 20'000;
     return engine.logs().isEmpty() ? QString() : engine.logs().first().section(QStringLiteral("] "), 1);
 }
 
-/// Returns how often this message is in the log.
-[[nodiscard]] inline qsizetype countMessages(const DownloadImageRedirector& engine, const QString& message)
-{
-    return messages(engine).count(message);
-}
-
 /// Shows that an event does not happen: entries that arrive later in the same folder are moved first.
 class Sentinel
 {
