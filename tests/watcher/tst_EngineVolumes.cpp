@@ -1,4 +1,3 @@
-#include "support/EngineResources.h"
 #include "support/EngineTest.h"
 #include "support/PrivateMounts.h"
 
@@ -69,20 +68,6 @@ private Q_SLOTS:
                 QVERIFY(waitFor([this] { return engine().activeFDs().empty(); }));
             }
         }
-    }
-
-    void anEngineAtRestHoldsNoVolume()
-    {
-        Mount inbox = Mount::memory(m_inbox);
-        Mount out = Mount::memory(m_out);
-        QVERIFY(start({takeAll(m_out)}));
-        writeFile(m_inbox + "/a.jpg", "content");
-        arriveFolder("b");
-        QVERIFY(hasNames(m_out, {"a.jpg", "b"}));
-        // The reader of events is left, and one worker.
-        QTRY_COMPARE_WITH_TIMEOUT(threadCount(), m_threads + 2, patience);
-        QVERIFY(inbox.unmount());
-        QVERIFY(out.unmount());
     }
 
     void aFolderOnAnOverlayIsWatched()
