@@ -13,7 +13,6 @@
 #include <numeric>
 #include <pthread.h>
 #include <thread>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -129,15 +128,6 @@ class TestSerialQueue : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void onlyAQueueMakesTokens()
-    {
-        QVERIFY((!std::is_constructible_v<Token>));
-        QVERIFY(!std::is_aggregate_v<Token>);
-        WorkerPool pool;
-        QCOMPARE(pool.makeQueue("label \xff")->label(), std::string("label \xff"));
-        QCOMPARE(pool.threadCount(), size_t(0));
-    }
-
     void tasksRunOneAtATimeInOrder()
     {
         constexpr int perCaller = 2'000;
