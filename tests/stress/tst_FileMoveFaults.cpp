@@ -18,11 +18,10 @@ namespace
 /// move does again.
 bool mayFail(const MoveRounds& rounds, int error)
 {
-    const auto isOneOf = [&rounds](const auto&... names) { return ((rounds.call() == names) || ...); };
+    const auto isOneOf = [&rounds](const auto&... names) { return ((rounds.call == names) || ...); };
     if (isOneOf("copy_file_range", "flock", "ioctl")) return true;
     if (isOneOf("pread64", "pwrite64")) return error == EINTR;
-    const bool servesLeftovers =
-        !rounds.hadSource() || rounds.subject().find("/.harbex-") != std::string::npos;
+    const bool servesLeftovers = !rounds.hadSource || rounds.subject.find("/.harbex-") != std::string::npos;
     return servesLeftovers && isOneOf("getdents64", "openat", "statx", "unlinkat");
 }
 
@@ -47,9 +46,9 @@ private Q_SLOTS:
         };
         MoveRounds rounds(moveCase);
         while (rounds.next(changesSomething, nothing, Answer::kill())) {
-            const MoveFixture& fixture = rounds.fixture();
+            const MoveFixture& fixture = rounds.fixture;
             const char* where = rounds.where();
-            QVERIFY2(rounds.run().wasKilled, where);
+            QVERIFY2(rounds.run.wasKilled, where);
             const bool isWhole = fixture.isTargetWhole();
             QVERIFY2(isWhole || fixture.isSourceWhole(), where);
             const bool isPlaceholder = !isWhole && moveCase.leavesPlaceholder && fixture.isPlaceholder();
@@ -62,9 +61,9 @@ private Q_SLOTS:
             if (isPlaceholder) removeEntry(fixture.target);
             QCOMPARE(fixture.result(errorOfMove(fixture.source, fixture.target)), MovePlaces::moved());
         }
-        QVERIFY(rounds.count() > 0);
+        QVERIFY(rounds.count > 0);
         QCOMPARE(rounds.result(), MovePlaces::moved());
-        reportRuns(rounds.count());
+        reportRuns(rounds.count);
     }
 
     void everyCallFails_data()
@@ -88,16 +87,16 @@ private Q_SLOTS:
         int failures = 0;
         MoveRounds rounds(moveCase);
         while (rounds.next(anyCall, nothing, Answer::fail(error))) {
-            const MoveFixture& fixture = rounds.fixture();
+            const MoveFixture& fixture = rounds.fixture;
             const char* where = rounds.where();
-            if (rounds.run().succeeded()) {
+            if (rounds.run.succeeded()) {
                 QVERIFY2(mayFail(rounds, error), where);
                 QVERIFY2(fixture.isTargetWhole() && !exists(fixture.source), where);
                 // The failed call may be the removal of the empty staging directory.
                 QVERIFY2(fixture.moveSomethingElse(), where);
             } else {
                 ++failures;
-                QVERIFY2(rounds.run().error == error, where);
+                QVERIFY2(rounds.run.error == error, where);
                 // A folder may be partly removed. Then the complete copy stays.
                 const bool mayHaveBoth =
                     moveCase.isFolder() && moveCase.acrossVolumes && fixture.isTargetWhole();
@@ -106,7 +105,7 @@ private Q_SLOTS:
             QVERIFY2(fixture.leftovers().isEmpty(), where);
         }
         QVERIFY(failures > 0);
-        reportRuns(rounds.count());
+        reportRuns(rounds.count);
     }
 
     void aStopInALargeFile_data()

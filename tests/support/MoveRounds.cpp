@@ -21,25 +21,25 @@ std::string subjectOf(const InterceptedCall& call)
 
 bool MoveRounds::next(const Counts& counts, const Act& act, const Answer& answer)
 {
-    if (m_count > 0) m_fixture.renew();
+    if (count > 0) fixture.renew();
     bool happened = false;
-    bool isAfterSync = false;
+    bool hasSynced = false;
     size_t seen = 0;
-    m_run = m_fixture.move([&](const InterceptedCall& call) {
-        const bool isNow = !happened && counts(m_fixture, call) && seen++ == m_count;
+    run = fixture.move([&](const InterceptedCall& now) {
+        const bool isNow = !happened && counts(fixture, now) && seen++ == count;
         if (isNow) {
             happened = true;
-            m_call = call.name;
-            m_subject = subjectOf(call);
-            m_where = call.label() + ' ' + m_subject;
-            m_isAfterSync = isAfterSync;
-            m_hadSource = exists(m_fixture.source);
-            act(m_fixture, call);
+            call = now.name;
+            subject = subjectOf(now);
+            m_where = now.label() + ' ' + subject;
+            isAfterSync = hasSynced;
+            hadSource = exists(fixture.source);
+            act(fixture, now);
         }
-        isAfterSync |= isSync(call);
+        hasSynced |= isSync(now);
         return isNow ? answer : Answer::proceed();
     });
-    m_count += happened;
+    count += happened;
     return happened;
 }
 

@@ -18,41 +18,33 @@ public:
     using Counts = std::function<bool(const MoveFixture&, const InterceptedCall&)>;
     using Act = std::function<void(const MoveFixture&, const InterceptedCall&)>;
 
-    explicit MoveRounds(const MoveCase& moveCase) : m_fixture(moveCase) {}
+    explicit MoveRounds(const MoveCase& moveCase) : fixture(moveCase) {}
 
     /// Makes the next move. Calls `act` before the first call for which `counts` returns true, in the next
     /// round before the second one, and so on. Gives that call this answer. Returns false after the last
     /// round: then nothing has happened during the move.
     [[nodiscard]] bool next(const Counts& counts, const Act& act, const Answer& answer = Answer::proceed());
 
-    /// The last round.
-    [[nodiscard]] const MoveFixture& fixture() const { return m_fixture; }
-    [[nodiscard]] const InterceptedRun& run() const { return m_run; }
     /// Returns MovePlaces::result() of the last round.
-    [[nodiscard]] QByteArray result() const { return m_fixture.result(m_run.error); }
+    [[nodiscard]] QByteArray result() const { return fixture.result(run.error); }
     /// Returns the label of the call and the path that it refers to. For test messages.
     [[nodiscard]] const char* where() const { return m_where.c_str(); }
-    /// Returns the name of the call.
-    [[nodiscard]] const std::string& call() const { return m_call; }
-    /// Returns the path of the entry that the call refers to.
-    [[nodiscard]] const std::string& subject() const { return m_subject; }
-    /// Returns whether a sync preceded the call.
-    [[nodiscard]] bool isAfterSync() const { return m_isAfterSync; }
-    /// Returns whether the source existed before the call.
-    [[nodiscard]] bool hadSource() const { return m_hadSource; }
 
-    /// Returns the number of rounds in which something happened. During a round, it does not count yet.
-    [[nodiscard]] size_t count() const { return m_count; }
+    /// The last round.
+    MoveFixture fixture;
+    InterceptedRun run;
+    /// The name of the call, and the path of the entry that it refers to.
+    std::string call;
+    std::string subject;
+    /// A sync preceded the call.
+    bool isAfterSync = false;
+    /// The source existed before the call.
+    bool hadSource = false;
+    /// Number of rounds in which something happened. During a round, it does not count yet.
+    size_t count = 0;
 
 private:
-    MoveFixture m_fixture;
-    InterceptedRun m_run;
     std::string m_where;
-    std::string m_call;
-    std::string m_subject;
-    bool m_isAfterSync = false;
-    bool m_hadSource = false;
-    size_t m_count = 0;
 };
 
 } // namespace harbex::test
