@@ -1,4 +1,3 @@
-#include "fs/FreeName.h"
 #include "support/CapturedOutput.h"
 #include "support/EngineProbe.h"
 #include "support/MovePlaces.h"
@@ -9,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <climits>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -70,17 +68,6 @@ bool isHarmless(const QString& line)
         return category == QChar::Other_Control || category == QChar::Separator_Line ||
                category == QChar::Separator_Paragraph || isBidirectional;
     });
-}
-
-/// Makes an entry at a path. `name` is its content, the target of the link, or the name of a file in the
-/// folder.
-void makeEntry(const QByteArray& kind, const std::string& path, const std::string& name)
-{
-    if (kind == "file") writeFile(path, name);
-    if (kind == "link") makeLink(path, name);
-    if (kind != "folder") return;
-    makeFolder(path);
-    writeFile(path + '/' + name, name);
 }
 
 /// Makes a random tree.
@@ -195,41 +182,6 @@ private Q_SLOTS:
     {
         QFETCH_GLOBAL(const bool, acrossVolumes);
         makePlaces(acrossVolumes ? folderOnAnotherVolume() : std::string());
-    }
-
-    void namesAreMovedExactly_data()
-    {
-        QTest::addColumn<QByteArray>("kind");
-        for (const char* kind : {"file", "folder", "link"})
-            QTest::newRow(kind) << QByteArray(kind);
-    }
-
-    void namesAreMovedExactly()
-    {
-        QFETCH(const QByteArray, kind);
-        FileMove fileMove;
-        for (const std::string& name : hostileNames()) {
-            source = in + '/' + name;
-            QByteArray first;
-            // The second entry gets a number, if there is room in the name.
-            for (const bool isSecond : {false, true}) {
-                makeEntry(kind, source, name);
-                target = uniqueDestination(source, out);
-                QVERIFY2(isSecond || target == out + '/' + name, name.c_str());
-                remember();
-                const Outcome<void> moved = fileMove.moveItem(source, target);
-                if (moved) {
-                    QVERIFY2(!exists(source) && isTargetWhole(), name.c_str());
-                } else {
-                    QVERIFY2(isSecond && name.size() > 253, name.c_str());
-                    QCOMPARE(moved.error().code, ENAMETOOLONG);
-                    QVERIFY2(isSourceWhole(), name.c_str());
-                }
-                if (!isSecond) first = snapshotOf(target);
-            }
-            QVERIFY2(snapshotOf(out + '/' + name) == first, name.c_str());
-        }
-        reportRuns(hostileNames().size() * 2);
     }
 
     void namesPassThroughTheEngine()
