@@ -153,26 +153,23 @@ std::string folderOnAnotherVolume()
     qFatal("not possible here: a second file system that can be written; /dev/shm is one on most systems");
 }
 
-GrowingFiles::GrowingFiles(const std::vector<std::string>& paths)
+GrowingFile::GrowingFile(const std::string& path)
+    : m_file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644))
 {
-    for (const std::string& path : paths) {
-        m_files.emplace_back(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644));
-        require(bool(m_files.back()), "create", path);
-        writeAll(m_files.back().get(), ".", path);
-    }
-    m_thread = std::jthread([this](const std::stop_token& stop) {
+    require(static_cast<bool>(m_file), "create", path);
+    writeAll(m_file.get(), ".", path);
+    m_thread = std::jthread([this, path](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
-            for (const FileDescriptor& file : m_files)
-                writeAll(file.get(), ".", "a growing file");
+            writeAll(m_file.get(), ".", path);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
 }
 
-void GrowingFiles::stop()
+void GrowingFile::stop()
 {
     m_thread = {};
-    m_files.clear();
+    m_file = {};
 }
 
 } // namespace harbex::test

@@ -68,17 +68,17 @@ void removeEntry(const std::string& path);
 /// there is none.
 [[nodiscard]] std::string folderOnAnotherVolume();
 
-/// Open files that each grow by one byte per millisecond until stop().
-class GrowingFiles
+/// An open file that grows by one byte per millisecond until stop().
+class GrowingFile
 {
 public:
-    /// Creates the files. None of them may exist.
-    explicit GrowingFiles(const std::vector<std::string>& paths);
+    /// Creates the file. It must not exist.
+    explicit GrowingFile(const std::string& path);
 
     void stop();
 
 private:
-    std::vector<FileDescriptor> m_files;
+    FileDescriptor m_file;
     std::jthread m_thread;
 };
 

@@ -45,9 +45,9 @@ private Q_SLOTS:
         QVERIFY(start({takeAll(m_out)}));
         QElapsedTimer timer;
         timer.start();
-        GrowingFiles stops({m_inbox + "/stops.mp4"});
-        GrowingFiles vanishes({m_inbox + "/vanishes.mp4"});
-        GrowingFiles grows({m_inbox + "/grows.mp4"});
+        GrowingFile stops(m_inbox + "/stops.mp4");
+        GrowingFile vanishes(m_inbox + "/vanishes.mp4");
+        GrowingFile grows(m_inbox + "/grows.mp4");
         // The sentinel arrived later: its two tests end after the first test of these files.
         QVERIFY(sentinelPasses());
         stops.stop();
@@ -60,7 +60,7 @@ private Q_SLOTS:
         grows.stop();
 
         // A later file that gets its second attempt shows that the earlier ones get no third attempt.
-        GrowingFiles other({m_inbox + "/other.mp4"});
+        GrowingFile other(m_inbox + "/other.mp4");
         QVERIFY(sentinelPasses());
         other.stop();
         QVERIFY(isLogged(moved("other.mp4")));

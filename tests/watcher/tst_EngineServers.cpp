@@ -201,7 +201,7 @@ private Q_SLOTS:
         QVERIFY(start({watched(m_served + "/folder", {takeAll(m_out)})}));
         QVERIFY(areWatched(1));
         {
-            const GrowingFiles writer({real + "/film.mp4"});
+            const GrowingFile writer(real + "/film.mp4");
             for (const char* name : {"first.jpg", "second.jpg"}) {
                 m_scratch->arrive(real + '/' + name, "content");
                 QVERIFY(isLogged(moved(name)));
