@@ -87,6 +87,16 @@ private Q_SLOTS:
         }
     }
 
+    void theDestinationIsABoxBesideAButtonOfItsHeight()
+    {
+        SelectorFixture fixture("/Users/a/Pictures", 400);
+        fixture.selector.resize(400, 60);
+        QTRY_COMPARE(fixture.selector.findChild<QToolButton*>()->height(), 60);
+        const QImage image = fixture.label()->grab().toImage();
+        // The box has round corners.
+        QVERIFY(image.pixelColor(image.width() - 20, image.height() / 2) != image.pixelColor(0, 0));
+    }
+
     void theLabelOfAFolder()
     {
         const QByteArray path40 = pathOf(40, "x");

@@ -357,6 +357,10 @@ private Q_SLOTS:
         QCOMPARE(spoken.text(QAccessible::Name), "Operator");
         QCOMPARE(spoken.text(QAccessible::Value), "contains");
         QCOMPARE(spoken.textInterface()->text(0, spoken.textInterface()->characterCount()), "contains");
+        int start = -1;
+        int end = -1;
+        QCOMPARE(spoken.textInterface()->attributes(3, &start, &end), QString());
+        QCOMPARE(QPoint(start, end), QPoint(0, 8));
         QVERIFY(spoken.state().expandable);
         QVERIFY(!spoken.state().expanded);
 
