@@ -189,15 +189,16 @@ private Q_SLOTS:
     void aTallerListShowsMoreRowsAndALargerFontHigherOnes()
     {
         ListFixture fixture(300);
-        fixture.window.resize(1000, 900);
+        fixture.window.resize(4000, 900);
         fixture.settle();
         for (std::size_t i = 0; i < 20; ++i)
             QVERIFY(fixture.isSeen(i));
 
         const int height = fixture.row(0)->height();
-        QFont font = fixture.window.font();
+        // The size of the list does not change: it is wide enough, and the buttons keep their font.
+        QFont font = fixture.list->font();
         font.setPointSize(font.pointSize() * 3);
-        fixture.window.setFont(font);
+        fixture.list->setFont(font);
         fixture.settle();
         QVERIFY(fixture.row(0)->height() > height);
         QVERIFY(fixture.row(0)->height() >= fixture.row(0)->sizeHint().height());
