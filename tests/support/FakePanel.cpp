@@ -8,8 +8,7 @@
 namespace harbex::test
 {
 
-FakePanel::FakePanel(SessionBus& bus, bool hasHost)
-    : m_sessionBus(bus), m_connection(bus.connect()), m_hasHost(hasHost)
+FakePanel::FakePanel(SessionBus& bus, bool hasHost) : m_connection(bus.connect()), m_hasHost(hasHost)
 {
     m_connection.registerObject(QStringLiteral("/StatusNotifierWatcher"), this,
                                 QDBusConnection::ExportScriptableContents);
@@ -22,7 +21,9 @@ FakePanel::FakePanel(SessionBus& bus, bool hasHost)
 
 FakePanel::~FakePanel()
 {
-    m_sessionBus.close(m_connection);
+    // The connection stays open until the bus ends. Qt closes a connection in a thread of its own and
+    // disconnects from the registered objects there, while this object would already be freed.
+    m_connection.interface()->unregisterService(QStringLiteral("org.kde.StatusNotifierWatcher"));
 }
 
 void FakePanel::setHost(bool isThere)

@@ -49,7 +49,6 @@ Q_SIGNALS:
     Q_SCRIPTABLE void StatusNotifierHostUnregistered();
 
 private:
-    SessionBus& m_sessionBus;
     QDBusConnection m_connection;
     bool m_hasHost;
     QStringList m_items;

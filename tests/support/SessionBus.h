@@ -26,7 +26,7 @@ public:
     [[nodiscard]] QString address() const { return m_address; }
 
     /// Opens another connection to the bus. The destructor or close() closes it. Call close() only when no
-    /// code uses the connection any more.
+    /// code uses the connection any more and no object is registered on it.
     [[nodiscard]] QDBusConnection connect();
     void close(const QDBusConnection& connection);
 
