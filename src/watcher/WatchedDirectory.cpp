@@ -20,9 +20,10 @@ struct Downloads {
 
     void add(std::string_view name)
     {
+        if (!isPartialDownload(name)) return;
         // The base of a hidden name is empty. It would make a placeholder of every empty hidden file.
         const std::string_view base = downloadBase(name);
-        if (!base.empty() && isPartialDownload(name)) bases.emplace(base);
+        if (!base.empty()) bases.emplace(base);
     }
 };
 
@@ -42,10 +43,14 @@ WatchedDirectory::open(DirectoryEvents& events, MoveHistory& history, const std:
     const std::shared_ptr<WatchedDirectory> directory(
         new WatchedDirectory(history, path, *std::move(source), listing->identity()));
     NameSnapshot::Update update(directory->m_names);
-    if (const Outcome<void> listed = listing->forEachName([&](auto name) { update.add(name); }); !listed)
-        return Failure{listed.error()};
+    Downloads downloads;
+    const auto add = [&](std::string_view name) {
+        update.add(name);
+        downloads.add(name);
+    };
+    if (const Outcome<void> listed = listing->forEachName(add); !listed) return Failure{listed.error()};
     directory->m_names = update.takeCurrent();
-    directory->forgetPlaceholders();
+    directory->forgetPlaceholders(downloads.bases);
     return directory;
 }
 
@@ -117,14 +122,12 @@ Outcome<std::set<std::string, std::less<>>> WatchedDirectory::downloadsUnderWay(
     return std::move(downloads.bases);
 }
 
-void WatchedDirectory::forgetPlaceholders()
+void WatchedDirectory::forgetPlaceholders(const std::set<std::string, std::less<>>& downloads)
 {
-    Downloads downloads;
-    m_names.forEachName([&](auto name) { downloads.add(name); });
-    if (downloads.bases.empty()) return;
+    if (downloads.empty()) return;
     std::vector<std::string> placeholders;
     m_names.forEachName([&](std::string_view name) {
-        if (!downloads.bases.contains(downloadBase(name))) return;
+        if (!downloads.contains(downloadBase(name))) return;
         const Outcome<EntryStatus> status = EntryStatus::of({AT_FDCWD, pathOf(std::string(name))});
         if (status && status->isRegularFile() && status->size == 0) placeholders.emplace_back(name);
     });

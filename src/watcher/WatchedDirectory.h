@@ -70,8 +70,9 @@ private:
     WatchedDirectory(MoveHistory& history, std::string path, std::shared_ptr<DirectoryEvents::Source> source,
                      const FileIdentity& identity);
 
-    /// Removes the browsers' placeholders from the snapshot.
-    void forgetPlaceholders();
+    /// Removes the browsers' placeholders from the snapshot. `downloads` has the downloadBase() of each
+    /// partial download.
+    void forgetPlaceholders(const std::set<std::string, std::less<>>& downloads);
 
     /// Drops the expected returns of names that a listing knows already: the entry left and returned between
     /// two listings, so its name is not new. The record would count for the next entry of that name.
