@@ -118,8 +118,8 @@ std::optional<std::string> MountTable::follow(const std::string& path, const Vis
             folder.erase(std::max<size_t>(folder.rfind('/'), 1));
             continue;
         }
-        const bool isKnown = visit(folder, name);
         std::string next = join(folder, name);
+        const bool isKnown = visit(folder, name, next);
         if (m_remoteMounts.contains(next)) return next;
         const std::optional<std::string> target = isKnown ? std::nullopt : readLink(next);
         if (!isKnown && !target && (errno == ENOENT || errno == ENOTDIR)) return std::nullopt;
@@ -137,7 +137,7 @@ std::optional<std::string> MountTable::remoteMount(const std::string& path) cons
 {
     // Saves the walk over the path, since this is called for each entry.
     if (m_remoteMounts.empty()) return std::nullopt;
-    return follow(path, [](const std::string&, const std::string&) { return false; });
+    return follow(path, [](const auto&...) { return false; });
 }
 
 } // namespace harbex

@@ -30,9 +30,11 @@ public:
     /// Parses the text of the kernel's mount table.
     [[nodiscard]] static MountTable parse(std::string_view text);
 
-    /// Called by follow() before it looks up `name` in `folder`, a local path without symbolic links. Returns
-    /// true if the entry is known to be a folder. follow() then does not check whether it is a link.
-    using Visit = std::function<bool(const std::string& folder, const std::string& name)>;
+    /// Called by follow() before it looks up `name` in `folder`, a local path without symbolic links; `path`
+    /// is both together. Returns true if the entry is known to be a folder. follow() then does not check
+    /// whether it is a link.
+    using Visit =
+        std::function<bool(const std::string& folder, const std::string& name, const std::string& path)>;
 
     /// Resolves the absolute `path` (raw bytes) and its symbolic links as the kernel does, up to a missing
     /// name or the first remote volume, and calls `visit` for each name. Returns the mount point of that

@@ -56,7 +56,7 @@ DirectoryEvents::~DirectoryEvents()
     m_reader.join();
 }
 
-Outcome<std::shared_ptr<DirectoryEvents::Source>>
+Outcome<std::unique_ptr<DirectoryEvents::Source>>
 DirectoryEvents::watch(const std::string& path, Handler handler, const std::string& name)
 {
     uint64_t changes = 0;
@@ -72,7 +72,7 @@ DirectoryEvents::watch(const std::string& path, Handler handler, const std::stri
         // Not under the lock: the call may block on a server.
         const int descriptor = ::inotify_add_watch(m_inotify.get(), path.c_str(), watchedEvents);
         if (descriptor < 0) return SystemError::last();
-        std::shared_ptr<Source> source;
+        std::unique_ptr<Source> source;
         {
             const MutexLock lock(m_mutex);
             source = add(descriptor, handler, name);
@@ -86,10 +86,10 @@ DirectoryEvents::watch(const std::string& path, Handler handler, const std::stri
     }
 }
 
-std::shared_ptr<DirectoryEvents::Source> DirectoryEvents::add(int descriptor, Handler handler,
+std::unique_ptr<DirectoryEvents::Source> DirectoryEvents::add(int descriptor, Handler handler,
                                                               const std::string& name)
 {
-    std::shared_ptr<Source> source(new Source(*this, descriptor, name, std::move(handler)));
+    std::unique_ptr<Source> source(new Source(*this, descriptor, name, std::move(handler)));
     m_watches[descriptor].sources.push_back(source.get());
     return source;
 }

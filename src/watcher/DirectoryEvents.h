@@ -70,7 +70,7 @@ public:
     /// Fails with the errno of inotify (no such folder, no read permission, limit of watches or instances),
     /// or of the calls that start the reading thread. Thread-safe. May block on a disk or server;
     /// blocks no other thread meanwhile.
-    [[nodiscard]] Outcome<std::shared_ptr<Source>> watch(const std::string& path, Handler handler,
+    [[nodiscard]] Outcome<std::unique_ptr<Source>> watch(const std::string& path, Handler handler,
                                                          const std::string& name = {});
 
     /// Returns whether `path` is known to be a folder: watch() was called for it with a name, and since then
@@ -91,7 +91,7 @@ private:
 
     /// Opens the inotify instance and starts the reading thread, unless this is done already.
     Outcome<void> openIfNeeded() REQUIRES(m_mutex);
-    std::shared_ptr<Source> add(int descriptor, Handler handler, const std::string& name) REQUIRES(m_mutex);
+    std::unique_ptr<Source> add(int descriptor, Handler handler, const std::string& name) REQUIRES(m_mutex);
     void remove(const Source& source) REQUIRES(m_mutex);
     /// The reading thread.
     void readEvents();

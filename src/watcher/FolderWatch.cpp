@@ -160,11 +160,12 @@ void FolderWatch::watchPath()
 {
     m_isPathChanged = false;
     m_mounts = m_services.events.mounts();
-    std::vector<std::shared_ptr<DirectoryEvents::Source>> sources;
-    const auto watchName = [&](const std::string& folder, const std::string& name) {
+    std::vector<std::unique_ptr<DirectoryEvents::Source>> sources;
+    const auto watchName = [&](const std::string& folder, const std::string& name, const std::string& path) {
         // A failure is not an error: the engine then does not notice changes of this name.
-        if (auto source = m_services.events.watch(folder, m_pathHandler, name)) sources.push_back(*source);
-        return m_services.events.isKnownFolder(folder == "/" ? folder + name : folder + '/' + name);
+        if (auto source = m_services.events.watch(folder, m_pathHandler, name))
+            sources.push_back(*std::move(source));
+        return m_services.events.isKnownFolder(path);
     };
     m_isRemote = m_mounts->follow(m_path, watchName).has_value();
     m_queue->setMayBlock(m_isRemote);

@@ -99,7 +99,7 @@ private:
     /// The mount table in which watchPath() looked.
     std::shared_ptr<const MountTable> m_mounts;
     /// One source for each name on the path. They call m_pathHandler.
-    std::vector<std::shared_ptr<DirectoryEvents::Source>> m_pathSources;
+    std::vector<std::unique_ptr<DirectoryEvents::Source>> m_pathSources;
     /// End of the cooldown: the earliest time of the next update.
     SerialQueue::Clock::time_point m_nextUpdate;
     bool m_isRefusalLogged = false;

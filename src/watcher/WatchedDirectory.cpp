@@ -55,7 +55,7 @@ WatchedDirectory::open(DirectoryEvents& events, MoveHistory& history, const std:
 }
 
 WatchedDirectory::WatchedDirectory(MoveHistory& history, std::string path,
-                                   std::shared_ptr<DirectoryEvents::Source> source,
+                                   std::unique_ptr<DirectoryEvents::Source> source,
                                    const FileIdentity& identity)
     : m_history(history), m_path(std::move(path)), m_source(std::move(source)), m_identity(identity)
 {

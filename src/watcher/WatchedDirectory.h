@@ -67,7 +67,7 @@ public:
     [[nodiscard]] Outcome<std::set<std::string, std::less<>>> downloadsUnderWay() const;
 
 private:
-    WatchedDirectory(MoveHistory& history, std::string path, std::shared_ptr<DirectoryEvents::Source> source,
+    WatchedDirectory(MoveHistory& history, std::string path, std::unique_ptr<DirectoryEvents::Source> source,
                      const FileIdentity& identity);
 
     /// Removes the browsers' placeholders from the snapshot. `downloads` has the downloadBase() of each
@@ -82,7 +82,7 @@ private:
 
     MoveHistory& m_history;
     const std::string m_path;
-    const std::shared_ptr<DirectoryEvents::Source> m_source;
+    const std::unique_ptr<DirectoryEvents::Source> m_source;
     const FileIdentity m_identity;
     /// Use on the folder's queue only.
     NameSnapshot m_names;

@@ -31,7 +31,7 @@ MountTable remoteAt(const std::string& place)
 Lines visitsOf(const MountTable& table, const std::string& path)
 {
     Lines visits;
-    table.follow(path, [&](const std::string& folder, const std::string& name) {
+    table.follow(path, [&](const std::string& folder, const std::string& name, const std::string&) {
         visits.push_back(folder + ' ' + name);
         return false;
     });
@@ -180,8 +180,8 @@ private Q_SLOTS:
         // A lookup would find a dangling link.
         makeLink(scratch.path() + "/known", "mnt");
         const std::string mount = scratch.path() + "/known/mnt";
-        const Place found = remoteAt(mount).follow(
-            scratch.path() + "/known/mnt", [](const std::string&, const std::string&) { return true; });
+        const Place found =
+            remoteAt(mount).follow(scratch.path() + "/known/mnt", [](const auto&...) { return true; });
         QCOMPARE(found, Place(mount));
         QCOMPARE(remoteAt(mount).remoteMount(scratch.path() + "/known/mnt"), Place());
     }

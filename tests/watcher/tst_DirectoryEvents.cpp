@@ -23,7 +23,7 @@ using namespace harbex::test;
 namespace
 {
 
-using SourcePointer = std::shared_ptr<DirectoryEvents::Source>;
+using SourcePointer = std::unique_ptr<DirectoryEvents::Source>;
 
 DirectoryEvents::Handler handler(std::function<void()> call)
 {
