@@ -16,7 +16,7 @@ bool haveRawValues(const Cases& cases, const char* expected)
         values.append(rawValue(each));
         if (fromRawValue<typename Cases::value_type>(values.last()) != each) return false;
     }
-    return values == QString::fromLatin1(expected).split(u' ');
+    return values == QString(expected).split(u' ');
 }
 
 } // namespace
@@ -37,7 +37,7 @@ private Q_SLOTS:
     {
         for (const char* other : {"", "Pictures", "Name ", " Name", "Nam", "Names", "Image\n", "name", "KIND",
                                   "Contains", "Is", "image", "isEqual", "fileExtension"}) {
-            const QString text = QString::fromLatin1(other);
+            const QString text = other;
             QVERIFY2(!fromRawValue<RuleField>(text), other);
             QVERIFY2(!fromRawValue<RuleOperator>(text), other);
             QVERIFY2(!fromRawValue<RuleKind>(text), other);
@@ -62,7 +62,7 @@ private Q_SLOTS:
     void ruleIsUnequalAfterAChangeOfAnyField()
     {
         FilterRule rule;
-        rule.value = QStringLiteral("invoice");
+        rule.value = "invoice";
         rule.destination = FileUrl::fromPath("/home/u/Invoices");
         rule.destinationBookmarkData = QByteArray("bookmark");
         const auto isSeen = [&rule](void (*change)(FilterRule&)) {
