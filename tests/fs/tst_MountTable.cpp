@@ -2,10 +2,10 @@
 #include "support/EngineFiles.h"
 #include "support/TestMain.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -14,7 +14,6 @@ namespace
 {
 
 using Place = std::optional<std::string>;
-using Lines = std::vector<std::string>;
 
 /// Returns a line of the kernel's mount table.
 std::string mounted(const std::string& type, const std::string& place)
@@ -22,49 +21,40 @@ std::string mounted(const std::string& type, const std::string& place)
     return "36 35 98:0 / " + place + " rw,noatime shared:1 - " + type + " source rw,errors=continue\n";
 }
 
-MountTable remoteAt(const std::string& place)
+/// Returns the remote volume that `path` leads to, according to the text of a mount table.
+Place mountAt(const std::string& path, const std::string& text)
 {
-    return MountTable::parse(mounted("nfs4", place));
-}
-
-/// Returns the visited names as "folder name".
-Lines visitsOf(const MountTable& table, const std::string& path)
-{
-    Lines visits;
-    table.follow(path, [&](const std::string& folder, const std::string& name, const std::string&) {
-        visits.push_back(folder + ' ' + name);
-        return false;
-    });
-    return visits;
+    return MountTable::parse(text).remoteMount(path);
 }
 
 } // namespace
 
-/// Which paths lead to remote volumes. All volumes here are local. tst_RemoteVolumes.cpp uses a server.
+/// Which paths lead to remote volumes. All volumes here are local. tst_EngineServers.cpp uses a server.
 class TestMountTable : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
+    void init()
+    {
+        m_scratch = std::make_unique<ScratchFolder>();
+        m_mount = m_scratch->makeFolder("mnt");
+        makeFolder(m_scratch->makeFolder("folder") + "/inside");
+    }
+
     void theTypeShowsWhetherAVolumeIsRemote()
     {
-        const auto mountWith = [](const std::string& type) {
-            return MountTable::parse(mounted(type, "/mnt")).remoteMount("/mnt/folder");
-        };
         for (const char* type :
              {"9p", "afs", "autofs", "ceph", "cifs", "coda", "fuse", "fuse.bindfs", "fuse.sshfs", "fuseblk",
               "lustre", "ncp", "ncpfs", "nfs", "nfs4", "ocfs2", "smb3", "smbfs", "vboxsf"})
-            QVERIFY2(mountWith(type) == Place("/mnt"), type);
+            QVERIFY2(mountAt("/mnt/folder", mounted(type, "/mnt")) == Place("/mnt"), type);
         for (const char* type : {"bcachefs", "btrfs", "ecryptfs", "exfat", "ext4", "f2fs", "iso9660", "nfsd",
                                  "ntfs3", "overlay", "proc", "tmpfs", "vfat", "xfs", "zfs"})
-            QVERIFY2(!mountWith(type), type);
+            QVERIFY2(!mountAt("/mnt/folder", mounted(type, "/mnt")), type);
     }
 
     void aLineIsRead()
     {
-        const auto mountAt = [](const std::string& path, const std::string& text) {
-            return MountTable::parse(text).remoteMount(path);
-        };
         // Without and with optional fields, and without a line end.
         const Place place("/mnt");
         QCOMPARE(mountAt("/mnt", "36 35 98:0 /root /mnt rw,noatime - nfs4 server:/x rw\n"), place);
@@ -91,114 +81,81 @@ private Q_SLOTS:
                  place);
     }
 
-    void aTableWithoutRemoteVolumes()
-    {
-        const ScratchFolder scratch;
-        for (const MountTable& table : {MountTable(), MountTable::parse({}), MountTable::read()}) {
-            for (const std::string& path : {std::string("/proc/self"), std::string(), scratch.path()})
-                QCOMPARE(table.remoteMount(path), Place());
-        }
-    }
-
-    void aPathIsFollowedToTheFirstRemoteVolume_data()
-    {
-        QTest::addColumn<Lines>("links");
-        QTest::addColumn<std::string>("path");
-        QTest::addColumn<bool>("isRemote");
-        // "@" is a folder with the remote mount "mnt" and with "folder/inside".
-        const auto row = [](const char* what, const Lines& links, const char* path, bool isRemote) {
-            QTest::newRow(what) << links << std::string(path) << isRemote;
-        };
-        row("itself", {}, "@/mnt", true);
-        row("below", {}, "@/mnt/a/b", true);
-        row("slashes", {}, "@//mnt///a/", true);
-        row("dots", {}, "@/./folder/../mnt/.", true);
-        row("beside", {}, "@/folder/inside", false);
-        row("longer name", {}, "@/mnt2", false);
-        row("missing", {}, "@/missing/x", false);
-        row("missing, and back", {}, "@/missing/../mnt", false);
-        row("out of the volume again", {}, "@/mnt/../folder", true);
-        row("above the root", {}, "/../../..@/mnt", true);
-        row("absolute link", {"link", "@/mnt"}, "@/link/a", true);
-        row("relative link", {"link", "folder/../mnt/a"}, "@/link", true);
-        row("link in a folder", {"folder/link", "../mnt"}, "@/folder/link", true);
-        row("link with a slash at its end", {"link", "mnt/"}, "@/link/", true);
-        row("link to a folder, with the volume behind", {"link", "folder"}, "@/link/../mnt", true);
-        row("link to inside, .. from there", {"link", "folder/inside"}, "@/link/../../mnt", true);
-        row("link to inside, .. from the link", {"link", "folder/inside"}, "@/link/../mnt", false);
-        row("dangling link", {"link", "missing"}, "@/link/../mnt", false);
-        row("loop", {"a", "b", "b", "a"}, "@/a/../mnt", false);
-    }
-
     void aPathIsFollowedToTheFirstRemoteVolume()
     {
-        QFETCH(const Lines, links);
-        QFETCH(std::string, path);
-        QFETCH(const bool, isRemote);
-        const ScratchFolder scratch;
-        scratch.makeFolder("mnt");
-        makeFolder(scratch.makeFolder("folder") + "/inside");
-        const auto completed = [&](std::string text) {
-            if (const size_t at = text.find('@'); at != std::string::npos)
-                text.replace(at, 1, scratch.path());
-            return text;
-        };
-        for (size_t i = 0; i + 1 < links.size(); i += 2)
-            makeLink(scratch.path() + '/' + links[i], completed(links[i + 1]));
-
-        const std::string mount = scratch.path() + "/mnt";
-        QCOMPARE(remoteAt(mount).remoteMount(completed(path)), isRemote ? Place(mount) : Place());
+        makeLink(at("absolute"), m_mount);
+        makeLink(at("relative"), "folder/../mnt/a");
+        makeLink(at("slash"), "mnt/");
+        makeLink(at("folder/link"), "../mnt");
+        makeLink(at("up"), "folder");
+        makeLink(at("deep"), "folder/inside");
+        makeLink(at("dangling"), "missing");
+        makeLink(at("loop"), "back");
+        makeLink(at("back"), "loop");
+        for (const char* path :
+             {"mnt", "mnt/a/b", "/mnt///a/", "./folder/../mnt/.", "mnt/../folder", "absolute/a", "relative",
+              "slash/", "folder/link", "up/../mnt", "deep/../../mnt"})
+            QVERIFY2(remoteAt(at(path)) == Place(m_mount), path);
+        // Above the root.
+        QCOMPARE(remoteAt("/../../.." + m_mount), Place(m_mount));
+        for (const char* path : {"folder/inside", "mnt2", "missing/x", "missing/../mnt", "deep/../mnt",
+                                 "dangling/../mnt", "loop/../mnt"})
+            QVERIFY2(!remoteAt(at(path)), path);
     }
 
     void everyNameOnThePathIsVisited()
     {
-        const ScratchFolder scratch;
-        scratch.makeFolder("mnt");
-        makeFolder(scratch.makeFolder("folder") + "/inside");
-        makeLink(scratch.path() + "/link", "folder/inside");
-        const MountTable table = remoteAt(scratch.path() + "/mnt");
-        const Lines above = visitsOf(table, scratch.path());
-        // `visits` are the expected ones below the scratch folder.
-        const auto visitsAre = [&](const char* path, const Lines& visits) {
-            Lines expected = above;
-            for (const std::string& visit : visits)
-                expected.push_back(scratch.path() + visit);
-            return visitsOf(table, scratch.path() + path) == expected;
+        makeLink(at("link"), "folder/inside");
+        const auto visits = [this](const std::string& path) {
+            std::string text;
+            table().follow(path,
+                           [&text](const std::string& folder, const std::string& name, const std::string&) {
+                               text += folder + ' ' + name + '\n';
+                               return false;
+                           });
+            return text;
         };
-        QVERIFY(!above.empty());
-        QVERIFY(visitsAre("/folder/inside", {" folder", "/folder inside"}));
+        const std::string& here = m_scratch->path();
+        const std::string above = visits(here);
+        const std::string folder = above + here + " folder\n";
+        QVERIFY(above.starts_with("/ "));
+        QCOMPARE(visits(at("folder/inside")), folder + here + "/folder inside\n");
         // Nothing below a missing folder, nor in a remote volume.
-        QVERIFY(visitsAre("/folder/missing/x/y", {" folder", "/folder missing"}));
-        QVERIFY(visitsAre("/folder/../mnt/x/y", {" folder", " mnt"}));
+        QCOMPARE(visits(at("folder/missing/x/y")), folder + here + "/folder missing\n");
+        QCOMPARE(visits(at("folder/../mnt/x/y")), folder + here + " mnt\n");
         // A link, and what it leads to.
-        QVERIFY(visitsAre("/link/x", {" link", " folder", "/folder inside", "/folder/inside x"}));
+        QCOMPARE(visits(at("link/x")), above + here + " link\n" + here + " folder\n" + here +
+                                           "/folder inside\n" + here + "/folder/inside x\n");
     }
 
     void aKnownFolderIsNotLookedUp()
     {
-        const ScratchFolder scratch;
         // A lookup would find a dangling link.
-        makeLink(scratch.path() + "/known", "mnt");
-        const std::string mount = scratch.path() + "/known/mnt";
-        const Place found =
-            remoteAt(mount).follow(scratch.path() + "/known/mnt", [](const auto&...) { return true; });
-        QCOMPARE(found, Place(mount));
-        QCOMPARE(remoteAt(mount).remoteMount(scratch.path() + "/known/mnt"), Place());
+        makeLink(at("known"), "missing");
+        const MountTable table = MountTable::parse(mounted("nfs4", at("known/mnt")));
+        const Place found = table.follow(at("known/mnt"), [](const auto&...) { return true; });
+        QCOMPARE(found, Place(at("known/mnt")));
+        QCOMPARE(table.remoteMount(at("known/mnt")), Place());
     }
 
     void asManyLinksAsTheKernelFollows()
     {
-        for (const int links : {1, 39, 40, 41, 100}) {
-            const ScratchFolder scratch;
-            const std::string target = scratch.makeFolder("mnt");
-            const std::string first = scratch.path() + "/1";
-            for (int i = 1; i <= links; ++i)
-                makeLink(scratch.path() + '/' + std::to_string(i),
-                         i == links ? "mnt" : std::to_string(i + 1));
-            const bool kernelFollows = ::access(first.c_str(), F_OK) == 0;
-            QCOMPARE(remoteAt(target).remoteMount(first), kernelFollows ? Place(target) : Place());
+        makeLink(at("1"), "mnt");
+        for (int links = 2; links < 50; ++links) {
+            const std::string link = at(std::to_string(links));
+            makeLink(link, std::to_string(links - 1));
+            QCOMPARE(remoteAt(link), ::access(link.c_str(), F_OK) == 0 ? Place(m_mount) : Place());
         }
     }
+
+private:
+    [[nodiscard]] std::string at(const std::string& name) const { return m_scratch->path() + '/' + name; }
+    [[nodiscard]] MountTable table() const { return MountTable::parse(mounted("nfs4", m_mount)); }
+    [[nodiscard]] Place remoteAt(const std::string& path) const { return table().remoteMount(path); }
+
+    std::unique_ptr<ScratchFolder> m_scratch;
+    /// A folder in it, at which the table has a server.
+    std::string m_mount;
 };
 
 HARBEX_TEST(TestMountTable)
