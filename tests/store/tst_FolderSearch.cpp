@@ -30,23 +30,10 @@ SearchBounds boundsOf(size_t folders)
     return {.deadline = Clock::time_point::max(), .folders = folders};
 }
 
-/// Is asked before the search opens a folder to list it.
-using BeforeListing = std::function<Answer(const std::string& folder)>;
-
-struct Listed {
-    /// The listed folders in order, those of parents first.
-    std::vector<std::string> folders;
-    /// How often a folder was opened to confirm its identity.
-    int confirmations = 0;
-    bool isEverythingFound = false;
-};
-
-/// Searches in a child process.
-Listed listedBy(
-    Lost lost, const SearchBounds& bounds, const MountTable& mounts = {},
-    const BeforeListing& beforeListing = [](const std::string&) { return Answer::proceed(); })
+/// Searches in a child process, which fails with ENOENT if a folder is not found.
+InterceptedRun searchIntercepted(const char* call, Lost lost, const SearchBounds& bounds,
+                                 const Interceptor& interceptor, const MountTable& mounts = {})
 {
-    Listed listed;
     const auto work = [&]() -> Outcome<void> {
         findLostFolders(lost, mounts, bounds);
         const bool isEverythingFound =
@@ -54,22 +41,16 @@ Listed listedBy(
         if (!isEverythingFound) return SystemError{ENOENT};
         return {};
     };
-    const InterceptedRun run = runIntercepted({"openat2"}, work, [&](const InterceptedCall& call) {
-        uint64_t flags = 0;
-        std::memcpy(&flags, call.readMemory(call.arguments[2], sizeof flags).data(), sizeof flags);
-        if (flags & O_PATH) {
-            ++listed.confirmations;
-            return Answer::proceed();
-        }
-        const std::string root = call.pathOfOpen(static_cast<int>(call.arguments[0]));
-        const std::string name = call.text(1);
-        listed.folders.push_back(name == "." ? root : root + '/' + name);
-        return beforeListing(listed.folders.back());
-    });
-    if (run.wasKilled || (run.error != 0 && run.error != ENOENT)) qFatal("the search failed");
-    listed.isEverythingFound = run.succeeded();
-    return listed;
+    return runIntercepted({call}, work, interceptor);
 }
+
+struct Listed {
+    /// The listed folders in order, those of parents first, relative to the home.
+    QByteArrayList folders;
+    /// How often a folder was opened to confirm its identity.
+    int confirmations = 0;
+    bool isEverythingFound = false;
+};
 
 } // namespace
 
@@ -97,8 +78,8 @@ private Q_SLOTS:
         const Lost lost{
             {"1", takenAway("a/b/one")}, {"2", takenAway("a/b/two")}, {"3", takenAway("a/missing/three")}};
         const Listed listed = listedBy(lost, boundsOf(1000));
-        QCOMPARE(relative(listed),
-                 (QByteArrayList{"a/b", "a/b", "a/b/c", "a/b/c/d", "a", "", "other", "other/inner"}));
+        QCOMPARE(listed.folders,
+                 (QByteArrayList{"a/b", "a/b", "a/b/c", "a/b/c/d", "a", ".", "other", "other/inner"}));
         // No other folder has the inode number of a lost one.
         QCOMPARE(listed.confirmations, 0);
     }
@@ -118,13 +99,13 @@ private Q_SLOTS:
     {
         LostFolder onMissingVolume = takenAway("a");
         onMissingVolume.path = "/missing-volume/folder/a";
-        QCOMPARE(relative(listedBy({{"1", onMissingVolume}}, boundsOf(1000))), QByteArrayList());
+        QCOMPARE(listedBy({{"1", onMissingVolume}}, boundsOf(1000)).folders, QByteArrayList());
 
         // Another folder may have the inode number.
         LostFolder withNumberOnly = takenAway("b");
         withNumberOnly.identity = {.inode = withNumberOnly.identity.inode, .handle = {}};
-        QCOMPARE(relative(listedBy({{"1", withNumberOnly}}, boundsOf(1000))), QByteArrayList());
-        QCOMPARE(relative(listedBy({}, boundsOf(1000))), QByteArrayList());
+        QCOMPARE(listedBy({{"1", withNumberOnly}}, boundsOf(1000)).folders, QByteArrayList());
+        QCOMPARE(listedBy({}, boundsOf(1000)).folders, QByteArrayList());
     }
 
     void oneSearchFindsSeveralFolders()
@@ -147,10 +128,10 @@ private Q_SLOTS:
         fs::create_directories(m_home + "/in/1/2/3/4/5");
         const LostFolder lost = takenAway("in/Downloads");
         fs::rename(m_taken.back(), m_home + "/in/1/2/3/Downloads");
-        for (size_t folders = 0; folders <= 6; ++folders) {
-            const Listed listed = listedBy({{"1", lost}}, boundsOf(folders));
+        for (int folders = 0; folders <= 6; ++folders) {
+            const Listed listed = listedBy({{"1", lost}}, boundsOf(size_t(folders)));
             // The parent is listed outside of the bounds. The search ends with the fourth folder, "3".
-            QCOMPARE(listed.folders.size(), 1 + std::min<size_t>(folders, 4));
+            QCOMPARE(listed.folders.size(), 1 + std::min(folders, 4));
             QCOMPARE(listed.isEverythingFound, folders >= 4);
         }
     }
@@ -160,14 +141,11 @@ private Q_SLOTS:
         for (int i = 0; i < 20; ++i)
             makeFolder(m_home + "/folder" + std::to_string(i));
         const Lost lost{{"1", takenAway("Downloads")}};
-        SearchBounds bounds = boundsOf(1000);
-        bounds.deadline = Clock::now();
-        QCOMPARE(relative(listedBy(lost, bounds)), QByteArrayList{""});
-
         // The clock is the same in the child process.
+        SearchBounds bounds = boundsOf(1000);
         bounds.deadline = Clock::now() + std::chrono::seconds(1);
         int later = 0;
-        const Listed listed = listedBy(lost, bounds, {}, [&](const std::string&) {
+        const Listed listed = listedBy(lost, bounds, {}, [&](const QByteArray&) {
             if (++later == 5) std::this_thread::sleep_until(bounds.deadline);
             return Answer::proceed();
         });
@@ -191,17 +169,13 @@ private Q_SLOTS:
         const LostFolder lost = takenAway("in/x/Downloads");
         const auto reads = [&](bool isEnded) {
             const auto deadline = isEnded ? Clock::now() + std::chrono::seconds(1) : Clock::time_point::max();
-            const auto work = [&]() -> Outcome<void> {
-                Lost folders{{"1", lost}};
-                // Only the large folder is listed.
-                findLostFolders(folders, {}, {.deadline = deadline, .folders = 1});
-                return {};
-            };
-            const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
+            const auto interceptor = [&](const InterceptedCall& call) {
                 if (call.ordinal == 2 && isEnded) std::this_thread::sleep_until(deadline);
                 return Answer::proceed();
-            });
-            return run.count("getdents64");
+            };
+            // Only the large folder is listed.
+            const SearchBounds bounds{.deadline = deadline, .folders = 1};
+            return searchIntercepted("getdents64", {{"1", lost}}, bounds, interceptor).count("getdents64");
         };
         QVERIFY(reads(false) > 4);
         QVERIFY(reads(true) <= 2);
@@ -213,11 +187,11 @@ private Q_SLOTS:
         fs::create_directories(m_home + "/open/y");
         const LostFolder lost = takenAway("Downloads");
         fs::rename(m_taken.back(), m_home + "/open/y/Downloads");
-        const Listed listed = listedBy({{"1", lost}}, boundsOf(1000), {}, [this](const std::string& folder) {
-            return folder == m_home + "/closed" ? Answer::fail(EACCES) : Answer::proceed();
+        const Listed listed = listedBy({{"1", lost}}, boundsOf(1000), {}, [](const QByteArray& folder) {
+            return folder == "closed" ? Answer::fail(EACCES) : Answer::proceed();
         });
         QVERIFY(listed.isEverythingFound);
-        QVERIFY(!std::ranges::count(listed.folders, m_home + "/closed/x"));
+        QVERIFY(!listed.folders.contains("closed/x"));
     }
 
     void typesOfEntriesMayBeUnknown()
@@ -227,14 +201,8 @@ private Q_SLOTS:
         writeFile(m_home + "/new/file", "");
         const LostFolder lost = takenAway("Downloads");
         fs::rename(m_taken.back(), m_home + "/new/place/Downloads");
-        const auto work = [&]() -> Outcome<void> {
-            Lost folders{{"1", lost}};
-            findLostFolders(folders, {}, boundsOf(1000));
-            if (folders.at("1").foundAt != m_home + "/new/place/Downloads") return SystemError{ENOENT};
-            return {};
-        };
         int changed = 0;
-        const InterceptedRun run = runIntercepted({"getdents64"}, work, [&](const InterceptedCall& call) {
+        const auto hideTypes = [&changed](const InterceptedCall& call) {
             // Reads for the child and hides the types.
             std::string records(call.arguments[2], '\0');
             const ssize_t size = ::getdents64(call.descriptor(0).get(), records.data(), records.size());
@@ -247,8 +215,8 @@ private Q_SLOTS:
             }
             if (size > 0) call.writeMemory(call.arguments[1], records);
             return Answer::give(size);
-        });
-        QVERIFY(run.succeeded());
+        };
+        QVERIFY(searchIntercepted("getdents64", {{"1", lost}}, boundsOf(1000), hideTypes).succeeded());
         QVERIFY(changed > 0);
     }
 
@@ -260,11 +228,11 @@ private Q_SLOTS:
         makeLink(m_scratch->path() + "/link", m_home);
         LostFolder lost = takenAway("Downloads");
         const MountTable mounts = MountTable::parse("36 35 0:40 / " + m_home + "/nas rw - autofs x rw");
-        QCOMPARE(relative(listedBy({{"1", lost}}, boundsOf(1000), mounts)), (QByteArrayList{"", "", "open"}));
+        QCOMPARE(listedBy({{"1", lost}}, boundsOf(1000), mounts).folders, (QByteArrayList{".", ".", "open"}));
         // The mount table has paths without links.
         lost.path = m_scratch->path() + "/link/Downloads";
         qputenv("HOME", QByteArray::fromStdString(m_scratch->path() + "/link"));
-        QCOMPARE(relative(listedBy({{"1", lost}}, boundsOf(1000), mounts)), (QByteArrayList{"", "", "open"}));
+        QCOMPARE(listedBy({{"1", lost}}, boundsOf(1000), mounts).folders, (QByteArrayList{".", ".", "open"}));
         // Not even to confirm that the mount point is the wanted folder.
         fs::rename(m_home + "/nas/inside", m_scratch->path() + "/inside");
         fs::remove(m_home + "/nas");
@@ -295,13 +263,29 @@ private:
         return lost;
     }
 
-    /// The listed folders, relative to the home.
-    [[nodiscard]] QByteArrayList relative(const Listed& listed) const
+    /// Searches in a child process. `beforeListing` is asked before a folder is opened to list it.
+    [[nodiscard]] Listed
+    listedBy(const Lost& lost, const SearchBounds& bounds, const MountTable& mounts = {},
+             const std::function<Answer(const QByteArray& folder)>& beforeListing = {}) const
     {
-        QByteArrayList names;
-        for (const std::string& folder : listed.folders)
-            names << QByteArray::fromStdString(folder).replace(QByteArray::fromStdString(m_home), "").mid(1);
-        return names;
+        Listed listed;
+        const auto interceptor = [&](const InterceptedCall& call) {
+            uint64_t flags = 0;
+            std::memcpy(&flags, call.readMemory(call.arguments[2], sizeof flags).data(), sizeof flags);
+            if (flags & O_PATH) {
+                ++listed.confirmations;
+                return Answer::proceed();
+            }
+            const fs::path root = call.pathOfOpen(static_cast<int>(call.arguments[0]));
+            const std::string name = call.text(1);
+            const fs::path folder = name == "." ? root : root / name;
+            listed.folders << folder.lexically_relative(m_home).c_str();
+            return beforeListing ? beforeListing(listed.folders.last()) : Answer::proceed();
+        };
+        const InterceptedRun run = searchIntercepted("openat2", lost, bounds, interceptor, mounts);
+        if (run.error != 0 && run.error != ENOENT) qFatal("the search failed");
+        listed.isEverythingFound = run.succeeded();
+        return listed;
     }
 
     std::unique_ptr<ScratchFolder> m_scratch;

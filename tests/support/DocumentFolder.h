@@ -35,12 +35,7 @@ public:
 
     [[nodiscard]] const std::string& path() const { return m_path; }
     [[nodiscard]] FileUrl url() const { return FileUrl::fromPath(m_path); }
-    [[nodiscard]] QByteArray bookmark() const
-    {
-        auto bookmark = createBookmark(m_path);
-        if (!bookmark) qFatal("no bookmark of %s", m_path.c_str());
-        return *bookmark;
-    }
+    [[nodiscard]] QByteArray bookmark() const { return *createBookmark(m_path); }
 
 private:
     ScratchFolder m_runtimeFolder;
