@@ -38,51 +38,40 @@ QByteArrayList attributesOf(const std::string& path)
     return attributes;
 }
 
-class Picture
+/// For each file, by volume and inode number, the name under which it was shown first.
+using FirstNames = std::map<std::pair<dev_t, ino_t>, QByteArray>;
+
+QByteArrayList linesOf(const std::string& path, const QByteArray& shownPath, FirstNames& firstNames)
 {
-public:
-    void add(const std::string& path, const QByteArray& shownPath)
-    {
-        struct stat data;
-        if (::lstat(path.c_str(), &data) != 0) {
-            m_lines << shownPath + " (nothing)";
-            return;
-        }
-        QByteArray line = shownPath + QString::asprintf(" mode %o owner %u:%u modified %jd.%09ld",
-                                                        data.st_mode, data.st_uid, data.st_gid,
-                                                        intmax_t(data.st_mtim.tv_sec), data.st_mtim.tv_nsec)
-                                          .toLatin1();
-        for (const QByteArray& attribute : attributesOf(path))
-            line += ' ' + attribute;
-        if (S_ISREG(data.st_mode))
-            line += " size " + QByteArray::number(qint64(data.st_size)) + ' ' +
-                    QCryptographicHash::hash(contents(path), QCryptographicHash::Sha1).toHex();
-        if (S_ISLNK(data.st_mode))
-            line += " -> " + QByteArray::fromStdString(std::filesystem::read_symlink(path));
-        if (!S_ISDIR(data.st_mode)) {
-            const auto [first, isNew] = m_first.try_emplace({data.st_dev, data.st_ino}, shownPath);
-            if (!isNew) line += " is " + first->second;
-        }
-        m_lines << line;
-        if (!S_ISDIR(data.st_mode)) return;
-        for (const QByteArray& name : namesIn(path))
-            add(path + '/' + name.toStdString(), shownPath + '/' + name);
+    struct stat data;
+    if (::lstat(path.c_str(), &data) != 0) return {shownPath + " (nothing)"};
+    QByteArray line =
+        shownPath + QString::asprintf(" mode %o owner %u:%u modified %jd.%09ld", data.st_mode, data.st_uid,
+                                      data.st_gid, intmax_t(data.st_mtim.tv_sec), data.st_mtim.tv_nsec)
+                        .toLatin1();
+    for (const QByteArray& attribute : attributesOf(path))
+        line += ' ' + attribute;
+    if (S_ISREG(data.st_mode))
+        line += " size " + QByteArray::number(qint64(data.st_size)) + ' ' +
+                QCryptographicHash::hash(contents(path), QCryptographicHash::Sha1).toHex();
+    if (S_ISLNK(data.st_mode))
+        line += " -> " + QByteArray::fromStdString(std::filesystem::read_symlink(path));
+    if (!S_ISDIR(data.st_mode)) {
+        const auto [first, isNew] = firstNames.try_emplace({data.st_dev, data.st_ino}, shownPath);
+        return {isNew ? line : line + " is " + first->second};
     }
-
-    [[nodiscard]] QByteArray text() const { return m_lines.join('\n'); }
-
-private:
-    QByteArrayList m_lines;
-    std::map<std::pair<dev_t, ino_t>, QByteArray> m_first;
-};
+    QByteArrayList lines{line};
+    for (const QByteArray& name : namesIn(path))
+        lines += linesOf(path + '/' + name.toStdString(), shownPath + '/' + name, firstNames);
+    return lines;
+}
 
 } // namespace
 
 QByteArray snapshotOf(const std::string& path)
 {
-    Picture picture;
-    picture.add(path, ".");
-    return picture.text();
+    FirstNames firstNames;
+    return linesOf(path, ".", firstNames).join('\n');
 }
 
 } // namespace harbex::test
