@@ -155,13 +155,12 @@ private Q_SLOTS:
             clearPlaces();
             makeObstacle(kind, source);
             const auto interceptor = [error](const InterceptedCall& call) {
-                const auto hasName = [&call](size_t argument) {
-                    return call.text(argument).ends_with("target");
-                };
-                const bool creates = (call.name == "openat" && (call.arguments[2] & O_CREAT) && hasName(1)) ||
-                                     (call.name == "linkat" && hasName(3)) ||
-                                     (call.name == "renameat2" && call.ordinal > 1 && hasName(3));
-                return creates ? Answer::fail(error) : Answer::proceed();
+                const bool isOpen = call.name == "openat";
+                const bool creates =
+                    isOpen ? (call.arguments[2] & O_CREAT) != 0
+                           : call.name == "linkat" || (call.name == "renameat2" && call.ordinal > 1);
+                const bool isNamed = creates && call.text(isOpen ? 1 : 3).ends_with("target");
+                return isNamed ? Answer::fail(error) : Answer::proceed();
             };
             QCOMPARE(move(interceptor), kept(error));
             for (const char* call : {"pread64", "ioctl", "readlinkat", "symlinkat", "fsync", "syncfs"})

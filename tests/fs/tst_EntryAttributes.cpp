@@ -4,8 +4,10 @@
 
 #include <array>
 #include <cstring>
+#include <functional>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -41,18 +43,15 @@ bool setAttribute(const std::string& path, const char* name, const std::string& 
     return ::setxattr(path.c_str(), name, value.data(), value.size(), 0) == 0;
 }
 
-/// Returns whether the file system of `folder` supports extended attributes and ACLs.
-bool supportsAttributes(const std::string& folder)
-{
-    const ScratchFolder scratch(folder);
-    return setAttribute(scratch.path(), "user.harbex", "1") &&
-           setAttribute(scratch.path(), "system.posix_acl_default", acl(1, 4));
-}
-
+/// Returns a folder whose file system supports extended attributes and ACLs.
 std::string folderWithAttributes()
 {
     for (const char* folder : {"/tmp", "/var/tmp", ".", "/dev/shm"}) {
-        if (::access(folder, W_OK | X_OK) == 0 && supportsAttributes(folder)) return folder;
+        if (::access(folder, W_OK | X_OK) != 0) continue;
+        const ScratchFolder scratch(folder);
+        if (setAttribute(scratch.path(), "user.harbex", "1") &&
+            setAttribute(scratch.path(), "system.posix_acl_default", acl(1, 4)))
+            return folder;
     }
     qFatal("no file system here supports extended attributes and ACLs");
 }
@@ -77,10 +76,13 @@ Interceptor withFixedAttribute(const std::string& name, int error)
     };
 }
 
-/// Returns how snapshotOf() shows an attribute.
-QByteArray shown(const char* name, const char* value)
+/// Calls `change` before the first sync, which is between the copy and the comparison with the source.
+Interceptor changing(const std::function<void()>& change, const Interceptor& others = crossing)
 {
-    return QByteArray(name) + '=' + QByteArray(value).toHex();
+    return [=, isChanged = false](const InterceptedCall& call) mutable {
+        if (isSync(call) && !std::exchange(isChanged, true)) change();
+        return others(call);
+    };
 }
 
 } // namespace
@@ -168,46 +170,40 @@ private Q_SLOTS:
         }
     }
 
-    void callsThatTheFileSystemLacks_data()
-    {
-        QTest::addColumn<QByteArray>("call");
-        QTest::addColumn<int>("error");
-        const auto add = [](const char* call, const std::vector<int>& errors) {
-            for (const int error : errors)
-                QTest::addRow("%s, %s", call, strerrorname_np(error)) << QByteArray(call) << error;
-        };
-        for (const char* call : {"flistxattr", "fgetxattr", "fsetxattr", "fremovexattr"})
-            add(call, {EOPNOTSUPP, ENOSYS});
-        add("fchmod", {EPERM, EOPNOTSUPP, ENOSYS});
-        add("fchmodat", {EPERM, EOPNOTSUPP});
-    }
-
     // The move omits what it cannot keep, also when it compares the copy a second time.
     void callsThatTheFileSystemLacks()
     {
-        QFETCH(const QByteArray, call);
-        QFETCH(const int, error);
-        writeFile(source, "content");
-        QVERIFY(setAttribute(source, "user.name", "value"));
-        setOldTimes(source);
-        int failures = 0;
-        int syncs = 0;
-        const auto interceptor = [&](const InterceptedCall& current) {
-            if (isSync(current) && ++syncs == 1) touch(source);
-            // The set-up of a staging directory does not accept ENOSYS.
-            const std::string path = current.pathOfOpen(int(current.arguments[0]));
-            const bool isStaging = path.ends_with(".part") && error == ENOSYS;
-            if (current.name != call.toStdString() || isStaging) return crossing(current);
-            ++failures;
-            return Answer::fail(error);
+        const auto check = [this](const std::string& name, int error) {
+            clearPlaces();
+            writeFile(source, "content");
+            QVERIFY(setAttribute(source, "user.name", "value"));
+            setOldTimes(source);
+            int failures = 0;
+            const auto lacking = [&](const InterceptedCall& call) {
+                // The set-up of a staging directory does not accept ENOSYS.
+                const std::string path = call.pathOfOpen(int(call.arguments[0]));
+                const bool isStaging = path.ends_with(".part") && error == ENOSYS;
+                if (call.name != name || isStaging) return crossing(call);
+                ++failures;
+                return Answer::fail(error);
+            };
+            const QByteArray where = QByteArray::fromStdString(name) + ' ' + strerrorname_np(error) + ": ";
+            const auto touchSource = [this] { touch(source); };
+            QCOMPARE(where + strerrorname_np(tryMove(changing(touchSource, lacking))), where + "0");
+            QVERIFY2(failures > 0 && run.count("fsync") + run.count("syncfs") > 1, where);
+            QVERIFY2(!exists(source), where);
+            QCOMPARE(where + contents(target), where + "content");
+            QVERIFY2(isSame(statusOf(target).st_mtim, oldModification), where);
+            const bool hasAttribute = !where.contains("xattr") || name == "fremovexattr";
+            QVERIFY2(snapshotOf(target).contains("user.name=") == hasAttribute, where);
         };
-        QCOMPARE(tryMove(interceptor), 0);
-        QVERIFY(failures > 0 && syncs > 1);
-        QVERIFY(!exists(source));
-        QCOMPARE(contents(target), QByteArray("content"));
-        QVERIFY(isSame(statusOf(target).st_mtim, oldModification));
-        const bool hasAttribute = !call.contains("xattr") || call == "fremovexattr";
-        QCOMPARE(snapshotOf(target).contains(shown("user.name", "value")), hasAttribute);
+        for (const char* name :
+             {"flistxattr", "fgetxattr", "fsetxattr", "fremovexattr", "fchmod", "fchmodat"})
+            check(name, EOPNOTSUPP);
+        for (const char* name : {"flistxattr", "fgetxattr", "fsetxattr", "fremovexattr", "fchmod"})
+            check(name, ENOSYS);
+        for (const char* name : {"fchmod", "fchmodat"})
+            check(name, EPERM);
     }
 
     // The permissions of the group are the mask of the ACL. Without the ACL they would allow too much.
@@ -236,27 +232,21 @@ private Q_SLOTS:
     {
         writeFile(source, "content");
         const Interceptor portal = withFixedAttribute("user.document-portal.host-path", EPERM);
-        bool isTouched = false;
-        const int error = tryMove([&](const InterceptedCall& call) {
-            // Leads to a comparison with the copy, whose attributes then are replaced.
-            if (isSync(call) && !isTouched) isTouched = ::chmod(source.c_str(), 0600) == 0;
-            return portal(call);
-        });
-        QCOMPARE(error, 0);
-        QVERIFY(isTouched && !exists(source));
+        // Leads to a comparison with the copy, whose attributes then are replaced.
+        QCOMPARE(tryMove(changing([this] { touch(source); }, portal)), 0);
+        QVERIFY(run.count("fsync") + run.count("syncfs") > 1);
+        QVERIFY(!exists(source));
     }
 
     void anAttributeIsRemovedDuringTheCopy()
     {
         writeFile(source, "content");
         QVERIFY(setAttribute(source, "user.name", "value"));
-        bool isGone = false;
-        const int error = tryMove([&](const InterceptedCall& call) {
-            if (call.name == "fgetxattr" && !isGone) isGone = ::removexattr(source.c_str(), "user.name") == 0;
+        const int error = tryMove([this](const InterceptedCall& call) {
+            if (call.name == "fgetxattr") (void)::removexattr(source.c_str(), "user.name");
             return crossing(call);
         });
         QCOMPARE(error, 0);
-        QVERIFY(isGone);
         QVERIFY(!exists(source));
         QVERIFY(!snapshotOf(target).contains("user.name"));
     }
@@ -311,11 +301,7 @@ private Q_SLOTS:
                 QCOMPARE(::chmod(source.c_str(), isFolder ? 0751 : 0444), 0);
                 changed = snapshotOf(source);
             };
-            const int error = tryMove([&](const InterceptedCall& call) {
-                if (changed.isEmpty() && isSync(call)) change();
-                return crossing(call);
-            });
-            QCOMPARE(error, 0);
+            QCOMPARE(tryMove(changing(change)), 0);
             QVERIFY(!exists(source));
             QVERIFY(changed.contains("user.added") && !changed.contains("posix_acl"));
             QCOMPARE(snapshotOf(target), changed);
@@ -329,16 +315,14 @@ private Q_SLOTS:
         openToAll();
         QVERIFY(setAttribute(source, "user.name", "old"));
         QCOMPARE(::chmod(source.c_str(), 0444), 0);
-        bool isSet = false;
-        const int error = moveWithoutPrivileges([&](const InterceptedCall& call) {
-            if (!isSet && isSync(call))
-                isSet = ::chmod(source.c_str(), 0644) == 0 && setAttribute(source, "user.name", "new") &&
-                        ::chmod(source.c_str(), 0444) == 0;
-            return crossing(call);
-        });
-        QCOMPARE(error, 0);
-        QVERIFY(isSet && !exists(source));
-        QVERIFY(snapshotOf(target).contains(shown("user.name", "new")));
+        const auto change = [this] {
+            QCOMPARE(::chmod(source.c_str(), 0644), 0);
+            QVERIFY(setAttribute(source, "user.name", "new"));
+            QCOMPARE(::chmod(source.c_str(), 0444), 0);
+        };
+        QCOMPARE(moveWithoutPrivileges(changing(change)), 0);
+        QVERIFY(!exists(source));
+        QVERIFY(snapshotOf(target).contains("user.name=" + QByteArray("new").toHex()));
         QCOMPARE(statusOf(target).st_mode & 07777, mode_t(0444));
         QCOMPARE(contents(target), QByteArray("content"));
     }

@@ -70,37 +70,28 @@ private Q_SLOTS:
         QCOMPARE(run.count("pread64"), 0);
     }
 
-    void layers_data()
-    {
-        QTest::addColumn<std::string>("kind");
-        QTest::addColumn<std::string>("layer");
-        QTest::addColumn<std::string>("from");
-        QTest::addColumn<std::string>("into");
-        const auto add = [](const char* kind, const char* layer, const char* from, const char* into) {
-            QTest::addRow("%s, %s layer, from %s to %s", kind, layer, from, into)
-                << std::string(kind) << std::string(layer) << std::string(from) << std::string(into);
-        };
-        for (const char* kind : {"file", "dangling link", "tree"}) {
-            for (const char* layer : {"lower", "upper"}) {
-                add(kind, layer, "merged", "outside");
-                add(kind, layer, "merged", "merged");
-            }
-            add(kind, "no", "outside", "merged");
-        }
-        add("tree", "both", "merged", "merged");
-        add("tree", "both", "merged", "outside");
-    }
-
     // In an overlay, a folder of the lower layer cannot be renamed. Changes go into the upper layer.
     void layers()
     {
-        QFETCH(const std::string, kind);
-        QFETCH(const std::string, layer);
-        QFETCH(const std::string, from);
-        QFETCH(const std::string, into);
-        const auto folder = [this](const std::string& name) { return here() + "/volume/" + name; };
+        for (const char* kind : {"file", "dangling link", "tree"}) {
+            for (const char* layer : {"lower", "upper"}) {
+                checkLayers(kind, layer, "merged", "outside");
+                checkLayers(kind, layer, "merged", "merged");
+            }
+            checkLayers(kind, "no", "outside", "merged");
+        }
+        checkLayers("tree", "both", "merged", "merged");
+        checkLayers("tree", "both", "merged", "outside");
+    }
+
+private:
+    /// Moves an entry that is in this layer, or in both, between two folders of a volume.
+    void checkLayers(const std::string& kind, const std::string& layer, const char* from, const char* into)
+    {
+        init();
         makeFolder(here() + "/volume");
         const Mount volume = Mount::memory(here() + "/volume");
+        const auto folder = [this](const std::string& name) { return here() + "/volume/" + name; };
         for (const char* name : {"lower", "upper", "work", "merged", "outside"})
             makeFolder(folder(name));
         if (layer == "lower" || layer == "both") makeObstacle(kind, folder("lower") + "/source");
@@ -114,10 +105,11 @@ private Q_SLOTS:
         target = out + "/target";
         makeFolder(out);
 
+        const QByteArray where = QByteArray::fromStdString(kind + ", " + layer + " layer, ") + from + ": ";
         makeObstacle("file", target);
-        QCOMPARE(move(), kept(EEXIST));
+        QCOMPARE(where + move(), where + kept(EEXIST));
         removeEntry(target);
-        QCOMPARE(move(), moved());
+        QCOMPARE(where + move(), where + moved());
     }
 };
 
