@@ -15,15 +15,6 @@ class TestFileIdentity : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void eachFieldIsCompared()
-    {
-        const FileIdentity identity{1, 2, 3, 4};
-        QVERIFY(identity == FileIdentity(identity));
-        for (const FileIdentity& other : {FileIdentity{0, 2, 3, 4}, FileIdentity{1, 0, 3, 4},
-                                          FileIdentity{1, 2, 0, 4}, FileIdentity{1, 2, 3, 0}})
-            QVERIFY(identity != other);
-    }
-
     void theKernelGivesTheFields()
     {
         const ScratchFolder scratch("/dev/shm");

@@ -16,7 +16,6 @@
 #include <string>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -112,14 +111,9 @@ private Q_SLOTS:
         const auto interruptFirst = [](const InterceptedCall& call) {
             return call.ordinal == 1 ? Answer::fail(EINTR) : Answer::proceed();
         };
-        std::vector<std::string> calls;
-        QByteArrayList lines;
-        {
-            const CapturedOutput output;
-            calls = runIntercepted({"poll", "ppoll", "write"}, work, interruptFirst).calls;
-            lines = output.lines();
-        }
-        QCOMPARE(lines, QByteArrayList{"seen"});
+        const CapturedOutput output;
+        const auto calls = runIntercepted({"poll", "ppoll", "write"}, work, interruptFirst).calls;
+        QCOMPARE(output.lines(), QByteArrayList{"seen"});
         QCOMPARE(calls.size(), 5U);
     }
 

@@ -58,27 +58,6 @@ private Q_SLOTS:
         QVERIFY(!newFolder().id.isNull());
         QVERIFY(newFolder().id != newFolder().id);
     }
-
-    void ruleIsUnequalAfterAChangeOfAnyField()
-    {
-        FilterRule rule;
-        rule.value = "invoice";
-        rule.destination = FileUrl::fromPath("/home/u/Invoices");
-        rule.destinationBookmarkData = QByteArray("bookmark");
-        const auto isSeen = [&rule](void (*change)(FilterRule&)) {
-            FilterRule changed = rule;
-            if (changed != rule) return false;
-            change(changed);
-            return changed != rule;
-        };
-        QVERIFY(isSeen([](FilterRule& r) { r.id = QUuid::createUuid(); }));
-        QVERIFY(isSeen([](FilterRule& r) { r.field = RuleField::kind; }));
-        QVERIFY(isSeen([](FilterRule& r) { r.operatorType = RuleOperator::isEqual; }));
-        QVERIFY(isSeen([](FilterRule& r) { r.value += u' '; }));
-        QVERIFY(isSeen([](FilterRule& r) { r.destination = FileUrl::fromPath("/home/u/Other"); }));
-        QVERIFY(isSeen([](FilterRule& r) { r.destinationBookmarkData = QByteArray("Bookmark"); }));
-        QVERIFY(isSeen([](FilterRule& r) { r.kind = RuleKind::application; }));
-    }
 };
 
 HARBEX_TEST(TestFilterRule)
