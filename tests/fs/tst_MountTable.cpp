@@ -108,11 +108,11 @@ private Q_SLOTS:
         makeLink(at("link"), "folder/inside");
         const auto visits = [this](const std::string& path) {
             std::string text;
-            table().follow(path,
-                           [&text](const std::string& folder, const std::string& name, const std::string&) {
-                               text += folder + ' ' + name + '\n';
-                               return false;
-                           });
+            const auto visit = [&text](const std::string& folder, const std::string& name, const auto&) {
+                text += folder + ' ' + name + '\n';
+                return false;
+            };
+            table().follow(path, visit);
             return text;
         };
         const std::string& here = m_scratch->path();
