@@ -83,10 +83,8 @@ private Q_SLOTS:
 
         DownloadImageRedirector engine;
         // Every fiftieth file is copied to another volume. For every hundredth the first rule fails.
-        QVERIFY(startAndWait(
-            engine,
-            {watched(inbox, {takeExtension(RuleOperator::isEqual, "pdf", scratch.path() + "/missing"),
-                             takeExtension(RuleOperator::isEqual, "far", outs[1]), takeAll(outs[0])})}));
+        QVERIFY(startAndWait(engine, {watched(inbox, {extensionIs("pdf", scratch.path() + "/missing"),
+                                                      extensionIs("far", outs[1]), takeAll(outs[0])})}));
         QCOMPARE(engine.threadCount(), 0U);
         const Use start;
         Use then;

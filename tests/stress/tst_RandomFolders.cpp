@@ -1,5 +1,3 @@
-#include "base/ReadableText.h"
-#include "fs/EntryName.h"
 #include "support/CapturedOutput.h"
 #include "support/EngineProbe.h"
 #include "support/EngineResources.h"
@@ -29,8 +27,8 @@ namespace fs = std::filesystem;
 FilterRule randomRule(std::mt19937& random, const std::string& destination)
 {
     const auto below = [&](size_t end) { return randomBelow(random, end); };
-    FilterRule rule = ruleFor(allRuleFields[below(allRuleFields.size())], destination);
-    rule.operatorType = allRuleOperators[below(allRuleOperators.size())];
+    FilterRule rule = ruleFor(allRuleFields[below(allRuleFields.size())],
+                              allRuleOperators[below(allRuleOperators.size())], {}, destination);
     rule.kind = allRuleKinds[below(allRuleKinds.size())];
     if (rule.field != RuleField::kind && below(2))
         rule.value = QString::fromLatin1(std::array{"jpg", "photo", "e", "pdf"}[below(4)]);
@@ -46,14 +44,6 @@ QString reasonAgainstServer()
 #else
     return FuseMount::reasonAgainst();
 #endif
-}
-
-bool takes(const FilterRule& rule, const std::string& name, bool isDirectory)
-{
-    const MatchableRule matchable(rule);
-    const QString extension = ComparableText(textOfName(pathExtension(name))).lowerCased;
-    return passesNameFilter(SplitName(name), matchable) && !isPartialDownload(name) &&
-           matches(matchable, extension, isDirectory);
 }
 
 /// Returns the folders that an entry passes, from the one where it arrives to the one where it stays. In each

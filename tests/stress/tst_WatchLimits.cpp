@@ -38,7 +38,6 @@ double shareOfOtherThreads()
 
 constexpr int noLimit = 100'000;
 
-const QString started = QStringLiteral("Started watchers.");
 const QString failure = QStringLiteral("Failed to open folder: ");
 
 } // namespace
@@ -111,7 +110,7 @@ private Q_SLOTS:
                 QVERIFY(shareOfOtherThreads() < 0.25);
             }
             // No event in the folders leads to this.
-            QVERIFY(waitFor([this] { return engine().activeFDs().size() == m_folders.size(); }));
+            QVERIFY(areWatched(m_folders.size()));
             QVERIFY(sentinelsPass(m_inboxes));
             for (const Inbox& inbox : m_inboxes)
                 QVERIFY(number >= enoughToWatch || exists(inbox.path + "/tight " + std::to_string(number)));

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "base/ReadableText.h"
+#include "fs/EntryName.h"
 #include "support/EngineFiles.h"
 #include "watcher/DownloadImageRedirector.h"
+#include "watcher/RuleMatching.h"
 
 #include <QTest>
 
@@ -16,43 +19,62 @@ namespace harbex::test
 /// EngineTest shortens it after a timeout, so that a broken engine does not cost a long wait per test.
 inline int patience = 20'000;
 
-// Rules and folders for tests. Paths and names are raw bytes.
+// Rules and folders for tests. Paths and names are raw bytes. Only a move needs a destination that exists.
 
-[[nodiscard]] inline FilterRule ruleFor(RuleField field, const std::string& destination)
+[[nodiscard]] inline FilterRule ruleFor(RuleField field, RuleOperator operatorType, const std::string& value,
+                                        const std::string& destination = "/somewhere")
 {
     FilterRule rule;
     rule.field = field;
+    rule.operatorType = operatorType;
+    rule.value = QString::fromStdString(value);
     rule.destination = FileUrl::fromPath(destination);
     return rule;
 }
 
+[[nodiscard]] inline FilterRule nameContains(const std::string& value,
+                                             const std::string& destination = "/somewhere")
+{
+    return ruleFor(RuleField::name, RuleOperator::contains, value, destination);
+}
+
+[[nodiscard]] inline FilterRule nameIs(const std::string& value,
+                                       const std::string& destination = "/somewhere")
+{
+    return ruleFor(RuleField::name, RuleOperator::isEqual, value, destination);
+}
+
 [[nodiscard]] inline FilterRule takeAll(const std::string& destination)
 {
-    return ruleFor(RuleField::name, destination);
+    return nameContains({}, destination);
 }
 
-[[nodiscard]] inline FilterRule takeNamed(RuleOperator operatorType, const char* value,
-                                          const std::string& destination)
+[[nodiscard]] inline FilterRule extensionContains(const std::string& value,
+                                                  const std::string& destination = "/somewhere")
 {
-    FilterRule rule = ruleFor(RuleField::name, destination);
-    rule.operatorType = operatorType;
-    rule.value = QString::fromUtf8(value);
-    return rule;
+    return ruleFor(RuleField::fileExtension, RuleOperator::contains, value, destination);
 }
 
-[[nodiscard]] inline FilterRule takeExtension(RuleOperator operatorType, const char* value,
-                                              const std::string& destination)
+[[nodiscard]] inline FilterRule extensionIs(const std::string& value,
+                                            const std::string& destination = "/somewhere")
 {
-    FilterRule rule = takeNamed(operatorType, value, destination);
-    rule.field = RuleField::fileExtension;
-    return rule;
+    return ruleFor(RuleField::fileExtension, RuleOperator::isEqual, value, destination);
 }
 
-[[nodiscard]] inline FilterRule takeKind(RuleKind kind, const std::string& destination)
+[[nodiscard]] inline FilterRule kindIs(RuleKind kind, const std::string& destination = "/somewhere")
 {
-    FilterRule rule = ruleFor(RuleField::kind, destination);
+    FilterRule rule = ruleFor(RuleField::kind, RuleOperator::contains, {}, destination);
     rule.kind = kind;
     return rule;
+}
+
+/// Returns whether both stages of the matching accept an entry with this name.
+[[nodiscard]] inline bool takes(const FilterRule& rule, const std::string& name, bool isDirectory = false)
+{
+    const MatchableRule matchable(rule);
+    const QString extension = ComparableText(textOfName(pathExtension(name))).lowerCased;
+    return passesNameFilter(SplitName(name), matchable) && !isPartialDownload(name) &&
+           matches(matchable, extension, isDirectory);
 }
 
 [[nodiscard]] inline WatchedFolder watched(const std::string& path, std::vector<FilterRule> rules)
@@ -77,15 +99,6 @@ inline int patience = 20'000;
                      [&](bool isRunning) { stopped = stopped || !isRunning; });
     engine.restart(std::move(folders));
     return QTest::qWaitFor([&] { return stopped && engine.isRunning(); }, patience);
-}
-
-/// Returns whether a folder was replaced: activeFDs() has as many entries as `before`, but is not equal to
-/// it. A directory that replaces another one gets a new descriptor, even if it was watched before.
-[[nodiscard]] inline bool isWatchedAgain(const DownloadImageRedirector& engine,
-                                         const std::vector<int>& before)
-{
-    const std::vector<int> now = engine.activeFDs();
-    return now.size() == before.size() && now != before;
 }
 
 /// Returns the messages of the log without timestamps, oldest first.
@@ -115,10 +128,7 @@ public:
     }
 
     /// The rule for sentinels. It must be the first rule of the folder.
-    [[nodiscard]] FilterRule rule() const
-    {
-        return takeNamed(RuleOperator::isEqual, "sentinel", m_destination);
-    }
+    [[nodiscard]] FilterRule rule() const { return nameIs("sentinel", m_destination); }
 
     /// Sends a file and a folder, and waits until the engine has logged both moves. By then the engine has
     /// processed and logged all entries that were in the folder before, except those that wait for a retry.
@@ -131,25 +141,18 @@ public:
     {
         // The file may be sampled together with an entry that is moved after it. The folder is not sampled,
         // so it is moved after both.
-        return areMoved(engine, sentinels, &Sentinel::sendFile) &&
-               areMoved(engine, sentinels, &Sentinel::sendFolder);
+        return areMoved(engine, sentinels, false) && areMoved(engine, sentinels, true);
     }
 
     /// Like passes(), but only for folders that arrived before: it sends two folders, which takes less time.
     [[nodiscard]] bool foldersPass(const DownloadImageRedirector& engine) const
     {
-        return areMoved(engine, {this}, &Sentinel::sendFolder) &&
-               areMoved(engine, {this}, &Sentinel::sendFolder);
+        return areMoved(engine, {this}, true) && areMoved(engine, {this}, true);
     }
 
 private:
-    using Send = void (Sentinel::*)(const std::string& name) const;
-
-    void sendFile(const std::string& name) const { m_scratch.arrive(m_inbox + '/' + name, {}); }
-    void sendFolder(const std::string& name) const { makeFolder(m_inbox + '/' + name); }
-
     [[nodiscard]] static bool areMoved(const DownloadImageRedirector& engine,
-                                       const std::vector<const Sentinel*>& sentinels, Send send)
+                                       const std::vector<const Sentinel*>& sentinels, bool areFolders)
     {
         static int count = 0;
         QStringList expected;
@@ -158,7 +161,8 @@ private:
                          [&] { expected.removeOne(lastMessage(engine)); });
         for (const Sentinel* sentinel : sentinels) {
             const std::string name = "sentinel." + std::to_string(++count);
-            (sentinel->*send)(name);
+            const std::string path = sentinel->m_inbox + '/' + name;
+            areFolders ? makeFolder(path) : sentinel->m_scratch.arrive(path, {});
             expected << QStringLiteral("Moved %1 -> %1").arg(QString::fromStdString(name));
         }
         if (QTest::qWaitFor([&] { return expected.isEmpty(); }, patience)) return true;

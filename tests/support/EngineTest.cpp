@@ -127,6 +127,24 @@ bool EngineTest::hasNames(const std::string& folder, const QByteArrayList& names
     return false;
 }
 
+bool EngineTest::areWatched(size_t count) const
+{
+    return waitFor([&] { return m_engine->activeFDs().size() == count; });
+}
+
+bool EngineTest::areReplaced(const std::vector<int>& before) const
+{
+    return waitFor([&] {
+        const std::vector<int> now = m_engine->activeFDs();
+        return now.size() == before.size() && now != before;
+    });
+}
+
+bool EngineTest::isProcessed(const std::string& name) const
+{
+    return waitFor([&] { return countPrinted("Processing: " + QByteArray::fromStdString(name)) > 0; });
+}
+
 bool EngineTest::sentinelsPass(const std::vector<Inbox>& inboxes) const
 {
     std::vector<const Sentinel*> sentinels;

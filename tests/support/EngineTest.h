@@ -20,6 +20,8 @@ namespace harbex::test
 
 // Messages of the activity log.
 
+inline const QString started = QStringLiteral("Started watchers.");
+inline const QString stopped = QStringLiteral("Stopped watcher.");
 /// `target` is the name at the destination; empty if it is the same.
 [[nodiscard]] QString moved(const std::string& name, const std::string& target = {});
 [[nodiscard]] QString skipped(const std::string& name);
@@ -95,10 +97,20 @@ protected:
     /// Waits until this folder has exactly these entries. Prints them on timeout.
     [[nodiscard]] static bool hasNames(const std::string& folder, const QByteArrayList& names);
 
+    /// Waits until the engine watches this number of folders.
+    [[nodiscard]] bool areWatched(size_t count) const;
+
+    /// Waits until other folders have replaced the watched ones, so that activeFDs() has as many entries as
+    /// `before`, but other ones. A folder gets a new descriptor, even if it was watched before.
+    [[nodiscard]] bool areReplaced(const std::vector<int>& before) const;
+
     /// Waits until everything that arrived in the inbox before is processed, see Sentinel.
     [[nodiscard]] bool sentinelPasses() const { return m_sentinel->passes(*m_engine); }
     [[nodiscard]] bool sentinelFoldersPass() const { return m_sentinel->foldersPass(*m_engine); }
     [[nodiscard]] bool sentinelsPass(const std::vector<Inbox>& inboxes) const;
+
+    /// Waits until the engine has found this entry of a watched folder and a rule for it.
+    [[nodiscard]] bool isProcessed(const std::string& name) const;
 
     /// Returns how often the engine has printed this line.
     [[nodiscard]] qsizetype countPrinted(const QByteArray& line) const

@@ -105,15 +105,15 @@ private Q_SLOTS:
     void twoRecordsOfOneFolderAreOneList()
     {
         const auto take = [this](RuleKind kind, const char* folder) {
-            return takeKind(kind, newFolder(folder));
+            return kindIs(kind, newFolder(folder));
         };
         const std::string wrong = newFolder("wrong");
         QVERIFY(start(
             {inboxWith({take(RuleKind::audio, "songs"), take(RuleKind::video, "films"),
-                        takeKind(RuleKind::image, at("missing")), takeKind(RuleKind::application, m_inbox)}),
+                        kindIs(RuleKind::image, at("missing")), kindIs(RuleKind::application, m_inbox)}),
              watched(newFolder("other"), {}),
              watched(m_inbox, {take(RuleKind::document, "letters"), take(RuleKind::image, "photos"),
-                               takeKind(RuleKind::video, wrong), takeKind(RuleKind::application, wrong)})}));
+                               kindIs(RuleKind::video, wrong), kindIs(RuleKind::application, wrong)})}));
         const std::vector<int> descriptors = engine().activeFDs();
         QCOMPARE(descriptors.size(), 3U);
         QCOMPARE(descriptors[0], descriptors[2]);

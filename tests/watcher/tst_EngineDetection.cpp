@@ -52,7 +52,7 @@ private Q_SLOTS:
 
     void anEntryThatMatchedNoRuleIsTriedAgainOnlyWhenItComesBack()
     {
-        QVERIFY(start({takeKind(RuleKind::video, m_out)}));
+        QVERIFY(start({kindIs(RuleKind::video, m_out)}));
         arriveFolder("Notes");
         QVERIFY(sentinelFoldersPass());
         QVERIFY(restartAndWait(engine(), {inboxWith({takeAll(m_out)})}));
@@ -89,7 +89,7 @@ private Q_SLOTS:
     {
         writeFile(at("original.txt"), "content");
         const std::string folder = newFolder("folder");
-        QVERIFY(start({takeKind(RuleKind::folder, at("missing")), takeAll(m_out)}));
+        QVERIFY(start({kindIs(RuleKind::folder, at("missing")), takeAll(m_out)}));
         makeLink(m_inbox + "/to a file", "../original.txt");
         makeLink(m_inbox + "/to a folder", folder);
         makeLink(m_inbox + "/dangling.txt", "nowhere");

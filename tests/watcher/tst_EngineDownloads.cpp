@@ -239,7 +239,7 @@ private:
         for (int i = 1; i <= count; ++i) {
             const Inbox inbox(*m_scratch, "sample " + std::to_string(i));
             m_cases.push_back({inbox});
-            folders.push_back(inbox.with({takeKind(RuleKind::video, inbox.out), takeAll(m_out)}));
+            folders.push_back(inbox.with({kindIs(RuleKind::video, inbox.out), takeAll(m_out)}));
         }
         return folders;
     }

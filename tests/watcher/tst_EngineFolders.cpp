@@ -155,7 +155,7 @@ private Q_SLOTS:
         const std::vector<int> before = engine().activeFDs();
 
         apply(replace);
-        QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
+        QVERIFY(areReplaced(before));
         QVERIFY(sentinel.foldersPass(engine()));
         QCOMPARE(namesIn(path), QByteArrayList{"old"});
         QCOMPARE(namesIn(m_out), QByteArrayList());
@@ -228,12 +228,6 @@ private:
     {
         for (const Step& step : steps)
             step.apply(m_scratch->path());
-    }
-
-    /// Waits until the engine watches this number of folders.
-    [[nodiscard]] bool areWatched(size_t count)
-    {
-        return waitFor([&] { return engine().activeFDs().size() == count; });
     }
 };
 

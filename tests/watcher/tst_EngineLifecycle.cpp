@@ -11,14 +11,6 @@
 using namespace harbex;
 using namespace harbex::test;
 
-namespace
-{
-
-const QString started = QStringLiteral("Started watchers.");
-const QString stopped = QStringLiteral("Stopped watcher.");
-
-} // namespace
-
 /// Start, stop, restart, and the end of the engine.
 class TestEngineLifecycle : public EngineTest
 {
@@ -193,9 +185,9 @@ private Q_SLOTS:
     void twoUrlsOfOneFolderEachTryTheirRules()
     {
         const std::string other = newFolder("other");
-        WatchedFolder second = watched(m_inbox, {takeKind(RuleKind::document, other)});
+        WatchedFolder second = watched(m_inbox, {kindIs(RuleKind::document, other)});
         second.url = FileUrl::fromString(second.url.absoluteString() + u'/').value();
-        QVERIFY(start({watched(m_inbox, {takeKind(RuleKind::image, m_out)}), second}));
+        QVERIFY(start({watched(m_inbox, {kindIs(RuleKind::image, m_out)}), second}));
         QCOMPARE(engine().activeFDs()[0], engine().activeFDs()[1]);
         arriveFolder("photo.jpg");
         arriveFolder("letter.pdf");
@@ -233,7 +225,7 @@ private Q_SLOTS:
         const std::string later = newFolder("later");
         QVERIFY(start({takeAll(m_out)}));
         arrive("film.mp4");
-        QVERIFY(waitFor([this] { return countPrinted("Processing: film.mp4") > 0; }));
+        QVERIFY(isProcessed("film.mp4"));
         engine().restart({watched(m_inbox, {takeAll(later)})});
         QVERIFY(hasNames(m_inbox, {}));
         QCOMPARE(namesIn(m_out), QByteArrayList{"film.mp4"});

@@ -97,7 +97,7 @@ private Q_SLOTS:
         };
         const std::string next = newFolder("next");
         const auto work = [&] {
-            if (!start({takeAll(m_out), takeNamed(RuleOperator::contains, "two", next)})) return false;
+            if (!start({takeAll(m_out), nameContains("two", next)})) return false;
             for (const auto& each : cases)
                 arrive(each.name, each.name.starts_with("two-empty") ? "" : "begin");
             return waitFor([&] { return log("one-").size() == 5 && log("two-").size() == 11; }) &&
@@ -126,8 +126,7 @@ private Q_SLOTS:
         for (int i = 0; i < 20 && !isFileLast; ++i) {
             const std::string number = std::to_string(i);
             arrive("file" + number);
-            const QByteArray found = "Processing: file" + QByteArray::number(i);
-            QVERIFY(waitFor([&] { return countPrinted(found) > 0; }));
+            QVERIFY(isProcessed("file" + number));
             arriveFolder("folder" + number);
             makeLink(m_inbox + "/link" + number, m_out);
             QVERIFY(waitFor([&] { return log().size() == 1 + 3 * (i + 1); }));
@@ -154,9 +153,9 @@ private Q_SLOTS:
         QCOMPARE(::chmod(newFolder("forbidden").c_str(), 0555), 0);
         std::vector<FilterRule> rules;
         for (const auto& each : cases)
-            rules.push_back(takeNamed(RuleOperator::isEqual, each.destination.c_str(), at(each.destination)));
+            rules.push_back(nameIs(each.destination, at(each.destination)));
         rules.back().destination = FileUrl::fromString(QStringLiteral("https://example.org/folder"));
-        rules.push_back(takeExtension(RuleOperator::isEqual, "jpg", m_out));
+        rules.push_back(extensionIs("jpg", m_out));
         QVERIFY(start(rules));
         for (const auto& each : cases) {
             arrive(each.destination, "content");
@@ -227,8 +226,7 @@ private Q_SLOTS:
     void anEntryWhoseDestinationIsItsOwnFolderStays()
     {
         makeLink(at("link"), m_inbox);
-        QVERIFY(start({takeNamed(RuleOperator::isEqual, "same", m_inbox),
-                       takeNamed(RuleOperator::isEqual, "link", at("link")), takeAll(m_out)}));
+        QVERIFY(start({nameIs("same", m_inbox), nameIs("link", at("link")), takeAll(m_out)}));
         for (const char* name : {"same.jpg", "link.jpg", "letter.pdf"})
             arrive(name);
         QVERIFY(sentinelPasses());

@@ -36,7 +36,7 @@ private Q_SLOTS:
     {
         makeLink(at("link"), m_served + "/folder");
         QVERIFY(start(
-            {takeKind(RuleKind::video, at("link")), takeKind(RuleKind::folder, at("link")), takeAll(m_out)}));
+            {kindIs(RuleKind::video, at("link")), kindIs(RuleKind::folder, at("link")), takeAll(m_out)}));
         FuseMount::Silence silence(*m_server);
         arrive("film.mp4", "film");
         arriveFolder("notes");
@@ -60,7 +60,7 @@ private Q_SLOTS:
         for (size_t i = 0; i < count; ++i) {
             const std::string name = "film-" + std::to_string(i);
             makeFolder(m_real + '/' + name);
-            rules.push_back(takeNamed(RuleOperator::isEqual, name.c_str(), m_served + '/' + name));
+            rules.push_back(nameIs(name.c_str(), m_served + '/' + name));
         }
         rules.push_back(takeAll(m_out));
         QVERIFY(start(rules));
@@ -86,14 +86,13 @@ private Q_SLOTS:
     {
         const std::string served = m_served + "/folder";
         // Two rules have the same destination.
-        QVERIFY(start({takeKind(RuleKind::video, served), takeAll(served)}));
+        QVERIFY(start({kindIs(RuleKind::video, served), takeAll(served)}));
         FuseMount::Silence silence(*m_server);
         QStringList expected;
         for (int i = 0; i < 10; ++i) {
             const std::string name = std::to_string(i) + (i % 2 == 1 ? ".mp4" : ".jpg");
             arriveFolder(name);
-            const QByteArray found = "Processing: " + QByteArray::fromStdString(name);
-            QVERIFY(waitFor([&] { return countPrinted(found) > 0; }));
+            QVERIFY(isProcessed(name));
             expected << moved(name);
         }
         QVERIFY(sentinelFoldersPass());
@@ -112,7 +111,7 @@ private Q_SLOTS:
         std::vector<FilterRule> rules;
         for (const auto& each : cases) {
             makeFolder(m_real + '/' + each.name);
-            rules.push_back(takeNamed(RuleOperator::isEqual, each.name.c_str(), m_served + '/' + each.name));
+            rules.push_back(nameIs(each.name.c_str(), m_served + '/' + each.name));
         }
         QVERIFY(start(rules));
         FuseMount::Silence silence(*m_server);
@@ -238,13 +237,6 @@ private Q_SLOTS:
     }
 
 private:
-    /// Waits until the engine watches this number of folders. One on a server is watched soon after the
-    /// start.
-    [[nodiscard]] bool areWatched(size_t count)
-    {
-        return waitFor([&] { return engine().activeFDs().size() == count; });
-    }
-
     std::unique_ptr<FuseMount> m_server;
     /// The folder of the server, as it is on the disk and as the engine sees it.
     std::string m_real;

@@ -28,7 +28,7 @@ private Q_SLOTS:
             makeFolder(aside + "/old");
             std::vector<int> before = engine().activeFDs();
             Mount mounted = Mount::again(aside, m_inbox);
-            QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
+            QVERIFY(areReplaced(before));
             // The first folder is hidden, but still exists.
             makeFolder(behind + "/hidden" + number);
             arriveFolder("late" + number);
@@ -38,7 +38,7 @@ private Q_SLOTS:
 
             before = engine().activeFDs();
             QVERIFY(waitFor([&] { return mounted.unmount(); }));
-            QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
+            QVERIFY(areReplaced(before));
             QVERIFY(sentinelFoldersPass());
             QVERIFY(exists(m_inbox + "/beneath") && exists(m_inbox + "/hidden" + number));
         }
@@ -59,13 +59,13 @@ private Q_SLOTS:
             QVERIFY(engine().activeFDs().empty());
             for (const char* name : {"first", "second"}) {
                 Mount mounted = Mount::again(aside, place);
-                QVERIFY(waitFor([this] { return engine().activeFDs().size() == 1; }));
+                QVERIFY(areWatched(1));
                 makeFolder(inbox + '/' + name);
                 QVERIFY(hasNames(m_out, {name}));
                 QVERIFY(hasNames(inbox, {"old"}));
                 removeEntry(m_out + '/' + name);
                 QVERIFY(waitFor([&] { return mounted.unmount(); }));
-                QVERIFY(waitFor([this] { return engine().activeFDs().empty(); }));
+                QVERIFY(areWatched(0));
             }
         }
     }
@@ -99,7 +99,7 @@ private Q_SLOTS:
             makeFolder(spare + "/old");
             std::filesystem::remove_all(inbox);
             renameEntry(spare, inbox);
-            QVERIFY(waitFor([&] { return isWatchedAgain(engine(), before); }));
+            QVERIFY(areReplaced(before));
             makeFolder(inbox + '/' + name);
             QVERIFY(isLogged(moved(name)));
         }

@@ -201,8 +201,8 @@ private Q_SLOTS:
             std::vector<WatchedFolder> folders;
             for (const std::string& path : {missing, unchanged, coarse, timeless, m_inbox})
                 folders.push_back(watched(path, {takeAll(m_out)}));
-            return start(folders) && waitFor([this] { return engine().activeFDs().size() == 4; }) &&
-                   appears(m_out + "/coarse") && appears(m_out + "/timeless");
+            return start(folders) && areWatched(4) && appears(m_out + "/coarse") &&
+                   appears(m_out + "/timeless");
         };
         std::set<std::string> polled;
         int pollsOfCoarse = 0;
