@@ -1,7 +1,6 @@
 #include "support/EngineFiles.h"
 #include "support/EngineResources.h"
 #include "support/Eventually.h"
-#include "support/Gate.h"
 #include "support/PrivateMounts.h"
 #include "support/SyscallInterceptor.h"
 #include "support/TestMain.h"
@@ -12,6 +11,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <sys/stat.h>
 #include <utility>
@@ -25,11 +25,6 @@ namespace
 
 using SourcePointer = std::unique_ptr<DirectoryEvents::Source>;
 
-DirectoryEvents::Handler handler(std::function<void()> call)
-{
-    return std::make_shared<const std::function<void()>>(std::move(call));
-}
-
 /// A subscription that counts the calls of its handler.
 class Watched
 {
@@ -38,11 +33,11 @@ public:
     Watched(DirectoryEvents& events, const std::string& path, const std::string& name = {},
             const std::function<void()>& action = {})
     {
-        const auto call = [calls = m_calls, action] {
+        const auto handler = std::make_shared<const std::function<void()>>([calls = m_calls, action] {
             ++*calls;
             if (action) action();
-        };
-        Outcome<SourcePointer> watch = events.watch(path, handler(call), name);
+        });
+        Outcome<SourcePointer> watch = events.watch(path, handler, name);
         if (!watch) qFatal("cannot watch %s: %s", path.c_str(), watch.error().description().c_str());
         m_source = *std::move(watch);
     }
@@ -60,13 +55,6 @@ private:
     std::shared_ptr<std::atomic<int>> m_calls = std::make_shared<std::atomic<int>>(0);
     SourcePointer m_source;
 };
-
-/// Returns the errno of a failed watch; 0 if it succeeds.
-int errorOfWatching(DirectoryEvents& events, const std::string& path)
-{
-    const Outcome<SourcePointer> watch = events.watch(path, handler([] {}));
-    return watch ? 0 : watch.error().code;
-}
 
 uint64_t inodeOf(const std::string& path)
 {
@@ -112,9 +100,7 @@ private Q_SLOTS:
         calls("file created", [](auto& in, auto&) { writeFile(in + "/new", {}); });
         calls("file deleted", [](auto& in, auto&) { removeEntry(in + "/file"); });
         calls("file moved in", [](auto& in, auto& out) { renameEntry(out + "/file", in + "/new"); });
-        calls("file replaced", [](auto& in, auto& out) { renameEntry(out + "/file", in + "/file"); });
         calls("file moved out", [](auto& in, auto& out) { renameEntry(in + "/file", out + "/new"); });
-        calls("file renamed", [](auto& in, auto&) { renameEntry(in + "/file", in + "/new"); });
 
         const auto ignored = [&](const char* what, Action action) { row(what, "", false, action); };
         ignored("file written", [](auto& in, auto&) { appendToFile(in + "/file", "more"); });
@@ -122,13 +108,7 @@ private Q_SLOTS:
         ignored("mode of a file changed", [](auto& in, auto&) {
             std::filesystem::permissions(in + "/file", std::filesystem::perms::owner_all);
         });
-        ignored("file created further down", [](auto& in, auto&) { writeFile(in + "/folder/new", {}); });
-        ignored("file created outside", [](auto&, auto& out) { writeFile(out + "/new", {}); });
 
-        row("watched name replaced", "folder", true, [](auto& in, auto&) {
-            removeEntry(in + "/folder");
-            makeFolder(in + "/folder");
-        });
         row("renamed to watched name", "folder", true,
             [](auto& in, auto&) { renameEntry(in + "/other", in + "/folder"); });
         row("watched name renamed", "folder", true,
@@ -141,8 +121,6 @@ private Q_SLOTS:
         row("longer name created", "folder", false, [](auto& in, auto&) { writeFile(in + "/folder2", {}); });
         row("shorter name created", "folder", false, [](auto& in, auto&) { writeFile(in + "/folde", {}); });
         row("another deleted", "folder", false, [](auto& in, auto&) { removeEntry(in + "/file"); });
-        row("file created in watched name", "folder", false,
-            [](auto& in, auto&) { writeFile(in + "/folder/new", {}); });
     }
 
     void changesOfNamesCall()
@@ -163,22 +141,6 @@ private Q_SLOTS:
         QCOMPARE(watched.calls() > 0, isCalled);
     }
 
-    void onlyTheFoldersThatChangeCall()
-    {
-        constexpr size_t count = 100;
-        std::vector<std::string> folders;
-        std::vector<Watched> watches;
-        for (size_t i = 0; i < count; ++i) {
-            folders.push_back(m_scratch->makeFolder(std::to_string(i)));
-            watches.push_back(watch(folders.back()));
-        }
-        for (size_t i = 0; i < count; i += 2)
-            writeFile(folders[i] + "/new", {});
-        QVERIFY(areChangesDelivered());
-        for (size_t i = 0; i < count; ++i)
-            QCOMPARE(watches[i].calls(), i % 2 == 0 ? 1 : 0);
-    }
-
     void overflowCallsEveryone()
     {
         const std::string busy = m_scratch->makeFolder("busy");
@@ -187,8 +149,8 @@ private Q_SLOTS:
         QVERIFY(m_events->isKnownFolder(m_folder));
 
         // The first call blocks the reading thread while more events happen than the kernel keeps.
-        Gate gate;
-        const Watched blocking(*m_events, busy, {}, [opened = gate.opened()] { opened.wait(); });
+        std::promise<void> gate;
+        const Watched blocking(*m_events, busy, {}, [opened = gate.get_future().share()] { opened.wait(); });
         writeFile(busy + "/a", {});
         QVERIFY(blocking.isCalled());
         const int queueLength = contents("/proc/sys/fs/inotify/max_queued_events").toInt();
@@ -198,7 +160,7 @@ private Q_SLOTS:
             renameEntry(busy + "/b", busy + "/a");
         }
         QCOMPARE(watched.calls() + name.calls(), 0);
-        gate.open();
+        gate.set_value();
         QVERIFY(watched.isCalled());
         QVERIFY(name.isCalled());
         QVERIFY(!m_events->isKnownFolder(m_folder));
@@ -363,8 +325,11 @@ private Q_SLOTS:
     void onlyAFolderCanBeWatched()
     {
         writeFile(m_folder + "/file", {});
-        QCOMPARE(errorOfWatching(*m_events, m_folder + "/missing"), ENOENT);
-        QCOMPARE(errorOfWatching(*m_events, m_folder + "/file"), ENOTDIR);
+        for (const auto& [name, error] : {std::pair("/missing", ENOENT), std::pair("/file", ENOTDIR)}) {
+            const Outcome<SourcePointer> watch = m_events->watch(m_folder + name, {});
+            QVERIFY(!watch);
+            QCOMPARE(watch.error().code, error);
+        }
         QCOMPARE(kernelWatchCount(), 0U);
     }
 
