@@ -36,16 +36,6 @@ FilterRule randomRule(std::mt19937& random, const std::string& destination)
     return rule;
 }
 
-/// Returns why no destination can be on a server; empty if one can.
-QString reasonAgainstServer()
-{
-#ifdef HARBEX_NO_SERVED_FOLDERS
-    return QStringLiteral("a sanitized test starts no program");
-#else
-    return FuseMount::reasonAgainst();
-#endif
-}
-
 /// Returns the folders that an entry passes, from the one where it arrives to the one where it stays. In each
 /// folder the first matching rule of all records decides. An entry that comes back stays.
 std::vector<std::string> pathOf(const std::string& name, bool isDirectory, const std::string& inbox,
@@ -425,7 +415,7 @@ private Q_SLOTS:
         constexpr int stepCount = 150;
         std::mt19937 random = seededRandom();
         const CapturedOutput output;
-        const QString reason = reasonAgainstServer();
+        const QString reason = FuseMount::reasonAgainst();
         if (!reason.isEmpty()) qInfo("without a destination on a server: %s", qPrintable(reason));
         World world(random, reason.isEmpty());
         const size_t threads = threadCount();

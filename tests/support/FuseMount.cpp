@@ -6,12 +6,9 @@
 #include <QCoreApplication>
 #include <QStandardPaths>
 
-#include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <linux/magic.h>
-#include <mutex>
 #include <stop_token>
 #include <sys/vfs.h>
 #include <sys/wait.h>
@@ -29,43 +26,37 @@ bool isServed(const std::string& folder)
     return ::statfs(folder.c_str(), &volume) == 0 && volume.f_type == FUSE_SUPER_MAGIC;
 }
 
-/// Starts the server. Returns the reason for a failure, or an empty text.
-QString mountAt(QProcess& server, const std::string& real, const std::string& place)
-{
-    const QString bindfs = QStandardPaths::findExecutable(QStringLiteral("bindfs"));
-    if (bindfs.isEmpty()) return QStringLiteral("bindfs is not installed");
-    server.setProcessChannelMode(QProcess::MergedChannels);
-    server.start(bindfs, {QStringLiteral("-f"), QStringLiteral("--no-allow-other"),
-                          QString::fromStdString(real), QString::fromStdString(place)});
-    // After this call the number of open descriptors stays the same.
-    server.waitForStarted();
-    const bool isReady = eventually([&] {
-        return isServed(place) || (server.waitForFinished(0), server.state() == QProcess::NotRunning);
-    });
-    if (isReady && isServed(place)) return {};
-    return QStringLiteral("no FUSE file system can be mounted: ") +
-           QString::fromUtf8(server.readAll()).simplified();
-}
-
-void unmount(QProcess& server, const std::string& place)
-{
-    QProcess::execute(QStringLiteral("fusermount"),
-                      {QStringLiteral("-u"), QStringLiteral("-z"), QString::fromStdString(place)});
-    server.kill();
-    server.waitForFinished();
-}
-
 } // namespace
 
-FuseMount::FuseMount(const std::string& real, std::string place) : m_place(std::move(place))
+FuseMount::FuseMount(const std::string& real, std::string place) : FuseMount(std::move(place))
 {
-    const QString reason = mountAt(m_server, real, m_place);
+    const QString reason = mount(real);
     if (!reason.isEmpty()) qFatal("%s", qPrintable(reason));
 }
 
 FuseMount::~FuseMount()
 {
-    unmount(m_server, m_place);
+    // A mount stays when its server is killed. Quiet, because there is none if FUSE is not possible.
+    QProcess::execute(QStringLiteral("fusermount"),
+                      {QStringLiteral("-quz"), QString::fromStdString(m_place)});
+    killServer();
+}
+
+QString FuseMount::mount(const std::string& real)
+{
+    const QString bindfs = QStandardPaths::findExecutable(QStringLiteral("bindfs"));
+    if (bindfs.isEmpty()) return QStringLiteral("bindfs is not installed");
+    m_server.setProcessChannelMode(QProcess::MergedChannels);
+    m_server.start(bindfs, {QStringLiteral("-f"), QStringLiteral("--no-allow-other"),
+                            QString::fromStdString(real), QString::fromStdString(m_place)});
+    // After this call the number of open descriptors stays the same.
+    m_server.waitForStarted();
+    const bool isReady = eventually([this] {
+        return isServed(m_place) || (m_server.waitForFinished(0), m_server.state() == QProcess::NotRunning);
+    });
+    if (isReady && isServed(m_place)) return {};
+    return QStringLiteral("no FUSE file system can be mounted: ") +
+           QString::fromUtf8(m_server.readAll()).simplified();
 }
 
 void FuseMount::killServer()
@@ -84,12 +75,12 @@ bool FuseMount::isPossible(int argc, char** argv)
 
 QString FuseMount::reasonAgainst()
 {
+#ifdef HARBEX_TESTS_START_NO_PROGRAM
+    return QStringLiteral("a test with this sanitizer starts no program");
+#else
     const ScratchFolder scratch;
-    const std::string place = scratch.makeFolder("place");
-    QProcess server;
-    QString reason = mountAt(server, scratch.makeFolder("real"), place);
-    if (reason.isEmpty()) unmount(server, place);
-    return reason;
+    return FuseMount(scratch.makeFolder("place")).mount(scratch.makeFolder("real"));
+#endif
 }
 
 FuseMount::Silence::Silence(const FuseMount& folder)
@@ -101,11 +92,7 @@ FuseMount::Silence::Silence(const FuseMount& folder)
     if (::waitpid(m_server, &status, WUNTRACED) != m_server || !WIFSTOPPED(status))
         qFatal("a server does not stop");
     m_guard = std::jthread([this](const std::stop_token& stop) {
-        std::mutex mutex;
-        std::condition_variable_any changed;
-        std::unique_lock lock(mutex);
-        if (!changed.wait_for(lock, stop, std::chrono::minutes(1), [&] { return stop.stop_requested(); }))
-            end();
+        if (!eventually([&] { return stop.stop_requested(); }, std::chrono::minutes(1))) end();
     });
 }
 

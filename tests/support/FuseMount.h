@@ -6,6 +6,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace harbex::test
 {
@@ -32,6 +33,11 @@ public:
     [[nodiscard]] static QString reasonAgainst();
 
 private:
+    explicit FuseMount(std::string place) : m_place(std::move(place)) {}
+
+    /// Starts the server. Returns the reason for a failure, or an empty text.
+    [[nodiscard]] QString mount(const std::string& real);
+
     const std::string m_place;
     QProcess m_server;
 };

@@ -28,8 +28,7 @@ using Clock = std::chrono::steady_clock;
 /// Waits for at most a minute, because a remote folder can stay unlisted for half a minute.
 bool appears(const std::string& path)
 {
-    const auto isThere = [&path] { return exists(path); };
-    return eventually(isThere) || eventually(isThere);
+    return eventually([&path] { return exists(path); }, std::chrono::minutes(1));
 }
 
 /// Returns the path of the folder that a call lists, polls or reads.
