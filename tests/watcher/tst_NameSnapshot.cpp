@@ -13,27 +13,9 @@
 using namespace harbex;
 using namespace harbex::test;
 
-// Counts all allocations of the program. The thread sanitizer has its own operators, and hooks to count them.
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#include <sanitizer/allocator_interface.h>
-#define SANITIZER_COUNTS_ALLOCATIONS
-#endif
-#endif
+/// All allocations of the program.
+static std::atomic<size_t> allocations = 0;
 
-namespace
-{
-
-std::atomic<size_t> allocations = 0;
-
-#ifdef SANITIZER_COUNTS_ALLOCATIONS
-const int isHooked = __sanitizer_install_malloc_and_free_hooks(
-    [](const volatile void*, size_t) { ++allocations; }, [](const volatile void*) {});
-#endif
-
-} // namespace
-
-#ifndef SANITIZER_COUNTS_ALLOCATIONS
 void* operator new(size_t size)
 {
     ++allocations;
@@ -49,7 +31,6 @@ void operator delete(void* memory, size_t) noexcept
 {
     std::free(memory);
 }
-#endif
 
 namespace
 {
@@ -62,51 +43,12 @@ void addAll(NameSnapshot::Update& update, const Names& listing)
         update.add(name);
 }
 
-Names namesOf(const NameSnapshot& snapshot)
-{
-    Names names;
-    snapshot.forEachName([&](std::string_view name) { names.emplace_back(name); });
-    return names;
-}
-
-Names newNames(const NameSnapshot::Update& update)
-{
-    Names names = update.newNames();
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-/// Returns the new names, computed with sets.
-Names expectedNewNames(const Names& known, const Names& listing)
-{
-    const std::set<std::string> knownSet(known.begin(), known.end());
-    std::set<std::string> newSet(listing.begin(), listing.end());
-    std::erase_if(newSet, [&](const std::string& name) { return knownSet.contains(name); });
-    return Names(newSet.begin(), newSet.end());
-}
-
 QByteArray describe(const Names& names)
 {
     QByteArray text;
     for (const std::string& name : names)
         text += ' ' + QByteArray::fromStdString(name).toPercentEncoding();
     return '[' + text + " ]";
-}
-
-Names manyNames(size_t count)
-{
-    Names names;
-    for (size_t i = 0; i < count; ++i)
-        names.push_back("IMG_" + std::to_string(i * 7919 % 1'000'003) + std::string(i % 23, 'x') + ".jpg");
-    return names;
-}
-
-size_t sizeOf(const Names& names)
-{
-    size_t size = 0;
-    for (const std::string& name : names)
-        size += name.size() + 1;
-    return size;
 }
 
 } // namespace
@@ -150,10 +92,14 @@ private Q_SLOTS:
 
                 NameSnapshot::Update update(snapshot);
                 addAll(update, listing);
-                const Names names = newNames(update);
+                Names names = update.newNames();
+                std::ranges::sort(names);
                 const QByteArray what = describe(known) + " -> " + describe(listing) + ": " + describe(names);
                 QVERIFY2(update.isUnchanged() == (known == listing), what);
-                QVERIFY2(names == expectedNewNames(known, listing), what);
+                std::set<std::string> expected(listing.begin(), listing.end());
+                for (const std::string& name : known)
+                    expected.erase(name);
+                QVERIFY2(std::ranges::equal(names, expected), what);
                 unchanged += update.isUnchanged();
                 additions += !names.empty();
 
@@ -167,7 +113,9 @@ private Q_SLOTS:
                 snapshot.remove(removed);
                 if (isKnown) known.erase(found);
                 removals += isKnown;
-                QCOMPARE(namesOf(snapshot), known);
+                Names left;
+                snapshot.forEachName([&](std::string_view name) { left.emplace_back(name); });
+                QCOMPARE(left, known);
                 QCOMPARE(snapshot.isEmpty(), known.empty());
             }
         }
@@ -178,9 +126,15 @@ private Q_SLOTS:
 
     void snapshotIsCompact()
     {
-        Names names = manyNames(100'000);
+        Names names;
+        for (size_t i = 0; i < 100'000; ++i)
+            names.push_back("IMG_" + std::to_string(i * 7919 % 1'000'003) + std::string(i % 23, 'x') +
+                            ".jpg");
         const auto isCompact = [&names](const NameSnapshot& snapshot) {
-            return snapshot.capacity() >= sizeOf(names) && snapshot.capacity() * 10 <= sizeOf(names) * 11;
+            size_t size = 0;
+            for (const std::string& name : names)
+                size += name.size() + 1;
+            return snapshot.capacity() >= size && snapshot.capacity() * 10 <= size * 11;
         };
         const auto next = [&names](const NameSnapshot& known) {
             NameSnapshot::Update update(known);
