@@ -67,7 +67,12 @@ const std::array<Change, 6> changes = {{
 /// A folder that symbolic links lead to. No move may change it or copy from it.
 class LinkTarget
 {
+    const ScratchFolder m_scratch;
+
 public:
+    const std::string folder = m_scratch.makeFolder("precious");
+    const std::string file = folder + "/inside";
+
     LinkTarget()
     {
         makeFolder(folder + "/sub");
@@ -91,12 +96,7 @@ public:
     }
 
 private:
-    const ScratchFolder m_scratch;
     QByteArray m_before;
-
-public:
-    const std::string folder = m_scratch.makeFolder("precious");
-    const std::string file = folder + "/inside";
 };
 
 bool isFullForm()
@@ -122,9 +122,9 @@ bool copiesContent(const MoveCase& each)
            (isFullForm() || !each.isPretended);
 }
 
-MoveCase fileAcross(bool hasUnnamedFiles = true, const char* kind = "file")
+MoveCase across(const char* kind, const Lacks& lacks = {})
 {
-    return {"", kind, true, {.unnamedFiles = !hasUnnamedFiles}};
+    return {"", kind, true, lacks};
 }
 
 } // namespace
@@ -373,10 +373,9 @@ private Q_SLOTS:
     void oneByteChangesAfterTheCopy()
     {
         QFETCH(const bool, hasUnnamedFiles);
-        const MoveCase moveCase = fileAcross(hasUnnamedFiles, "large file");
         for (const qsizetype at : {0, 131'071, 131'072, 399'999, 500'000, 999'999}) {
             for (const bool isChanged : {true, false}) {
-                const MoveFixture fixture(moveCase);
+                const MoveFixture fixture(across("large file", {.unnamedFiles = !hasUnnamedFiles}));
                 // The end of the file is a hole.
                 resizeFile(fixture.source, 1'000'000);
                 const InterceptedRun run = fixture.move([&](const InterceptedCall& call) {
@@ -399,10 +398,9 @@ private Q_SLOTS:
     // Reading a hole of this size would take hours.
     void holesAreNotCompared()
     {
-        const MoveCase moveCase = {"", "file", true, {}, false, false, true};
-        const MoveFixture fixture(moveCase);
+        const MoveFixture fixture({"", "file", true, {}, false, false, true});
         resizeFile(fixture.source, off_t(1) << 40);
-        const InterceptedRun run = fixture.move([](const InterceptedCall&) { return Answer::proceed(); });
+        const InterceptedRun run = fixture.move(proceedAlways);
         QCOMPARE(run.error, 0);
         QVERIFY(!exists(fixture.source));
         // One for the copy, one for the end, and one of each file for the comparison.
@@ -411,8 +409,7 @@ private Q_SLOTS:
 
     void aFileIsReplacedByOneLikeIt()
     {
-        const MoveCase moveCase = fileAcross();
-        const MoveFixture fixture(moveCase);
+        const MoveFixture fixture(across("file"));
         const InterceptedRun run = fixture.move([&](const InterceptedCall& call) {
             if (!isSync(call)) return Answer::proceed();
             const std::string other = fixture.source + ".new";
@@ -430,10 +427,9 @@ private Q_SLOTS:
     // The new link may get the inode number of the old one.
     void aLinkIsReplacedByOneLikeIt()
     {
-        const MoveCase moveCase = fileAcross(true, "link");
         for (const char* text : {"anywhere", "nowhere"}) {
             const bool isSame = text == std::string("nowhere");
-            const MoveFixture fixture(moveCase);
+            const MoveFixture fixture(across("link"));
             bool isReplaced = false;
             const InterceptedRun run = fixture.move([&](const InterceptedCall& call) {
                 if (isSync(call) && !isReplaced) {
@@ -458,8 +454,7 @@ private Q_SLOTS:
 
     void aFileWithTwoNamesIsRewrittenAtTheEnd()
     {
-        const MoveCase moveCase = fileAcross();
-        const MoveFixture fixture(moveCase);
+        const MoveFixture fixture(across("file"));
         linkFile(fixture.source, fixture.here() + "/name");
         const InterceptedRun run = fixture.move([&](const InterceptedCall& call) {
             if (call.name == "linkat") rewrite(fixture.source, "CONTENT");
@@ -472,9 +467,8 @@ private Q_SLOTS:
 
     void aFolderChangesButNotItsTimes()
     {
-        const MoveCase moveCase = fileAcross(true, "folder");
         for (const bool isAdded : {true, false}) {
-            const MoveFixture fixture(moveCase);
+            const MoveFixture fixture(across("folder"));
             const InterceptedRun run = fixture.move([&](const InterceptedCall& call) {
                 if (call.name == "syncfs" && isAdded) writeFile(fixture.source + "/added", "new");
                 if (call.name == "syncfs" && !isAdded) removeEntry(fixture.source + "/link");
@@ -492,9 +486,8 @@ private Q_SLOTS:
 
     void theAnswerToARemovalIsLost()
     {
-        const MoveCase moveCase = fileAcross();
-        const auto check = [&moveCase](uint volumeType, int answer, bool staysAtTarget) {
-            const MoveFixture fixture(moveCase);
+        const auto check = [](uint volumeType, int answer, bool staysAtTarget) {
+            const MoveFixture fixture(across("file"));
             const InterceptedRun run = fixture.move([&](const InterceptedCall& call) {
                 if (call.name != "unlinkat" || !exists(fixture.target) || !exists(fixture.source))
                     return answerVolume(call, volumeType);

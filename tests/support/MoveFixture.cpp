@@ -75,9 +75,9 @@ bool onlyReads(const InterceptedCall& call)
     return (flags & O_CREAT) == 0 && (flags & O_TMPFILE) != O_TMPFILE;
 }
 
-MoveFixture::MoveFixture(const MoveCase& moveCase) : m_case(moveCase)
+MoveFixture::MoveFixture(MoveCase moveCase) : m_case(std::move(moveCase))
 {
-    const bool isOther = moveCase.acrossVolumes && !moveCase.isPretended;
+    const bool isOther = m_case.acrossVolumes && !m_case.isPretended;
     makePlaces(isOther ? folderOnAnotherVolume() : std::string());
     makeSource();
 }

@@ -52,7 +52,7 @@ void touch(const std::string& path);
 class MoveFixture : public MovePlaces
 {
 public:
-    explicit MoveFixture(const MoveCase& moveCase);
+    explicit MoveFixture(MoveCase moveCase);
 
     /// Restores the state before a move. Faster than a new fixture.
     void renew();
@@ -71,7 +71,7 @@ public:
 private:
     void makeSource();
 
-    const MoveCase& m_case;
+    const MoveCase m_case;
 };
 
 } // namespace harbex::test
