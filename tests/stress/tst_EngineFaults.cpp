@@ -27,14 +27,11 @@ constexpr int looksOfAJudge = 6;
 
 /// All calls except read and write, which also wake the main loop and the event reader.
 /// tst_FileMoveFaults.cpp lets them fail.
-const std::vector<std::string>& interceptedCalls()
+std::vector<std::string> interceptedCalls()
 {
-    static const std::vector<std::string> names = [] {
-        std::vector<std::string> all = fileSystemCalls();
-        std::erase(all, "read");
-        std::erase(all, "write");
-        return all;
-    }();
+    std::vector<std::string> names = fileSystemCalls();
+    std::erase(names, "read");
+    std::erase(names, "write");
     return names;
 }
 
@@ -43,12 +40,17 @@ const std::vector<std::string>& interceptedCalls()
 /// name. The first one of kind "return" arrives in another folder, which has replaced the watched one.
 class Life
 {
+    const ScratchFolder m_here;
+    const ScratchFolder m_there;
+
 public:
+    const std::string inbox = m_here.makeFolder("inbox");
+    const std::string out = m_there.makeFolder("out");
+
     /// Call number `failing`, from 0, fails with `error`.
     Life(std::string kind, bool acrossVolumes, size_t failing, int error)
-        : m_kind(std::move(kind)), m_failing(failing), m_error(error),
-          m_there(acrossVolumes ? folderOnAnotherVolume() : std::string()), inbox(m_here.makeFolder("inbox")),
-          out(m_there.makeFolder("out"))
+        : m_there(acrossVolumes ? folderOnAnotherVolume() : std::string()), m_kind(std::move(kind)),
+          m_failing(failing), m_error(error)
     {
     }
 
@@ -184,18 +186,12 @@ private:
     const std::string m_kind;
     const size_t m_failing;
     const int m_error;
-    const ScratchFolder m_here;
-    const ScratchFolder m_there;
     const std::string m_log = m_here.path() + "/log";
     bool m_mayFail = false;
     size_t m_seen = 0;
     int m_looks = 0;
     std::map<std::string, int> m_counts;
     std::string m_where;
-
-public:
-    const std::string inbox;
-    const std::string out;
 };
 
 } // namespace

@@ -1,6 +1,8 @@
 #include "support/MoveFixture.h"
 #include "support/TestMain.h"
 
+#include <QScopeGuard>
+
 #include <linux/fs.h>
 #include <map>
 #include <sys/ioctl.h>
@@ -12,35 +14,16 @@ using namespace harbex::test;
 namespace
 {
 
-/// Sets flags of chattr(1) until the end of the scope.
-class FileFlags
+/// Sets or removes flags of chattr(1). Returns false if the file system has no flags, or if the user may not
+/// change them.
+bool changeFlags(const std::string& path, int flags, bool on)
 {
-public:
-    /// Fails if the file system has no flags, or if the user may not set them. See hasSet().
-    FileFlags(std::string path, int flags) : m_path(std::move(path)) { m_hasSet = change(flags, true); }
-    ~FileFlags()
-    {
-        if (m_hasSet && !change(FS_IMMUTABLE_FL | FS_APPEND_FL, false))
-            qWarning("%s cannot be removed", m_path.c_str());
-    }
-    FileFlags(const FileFlags&) = delete;
-    FileFlags& operator=(const FileFlags&) = delete;
-
-    [[nodiscard]] bool hasSet() const { return m_hasSet; }
-
-private:
-    [[nodiscard]] bool change(int flags, bool on) const
-    {
-        const FileDescriptor file(::open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-        int now = 0;
-        if (!file || ::ioctl(file.get(), FS_IOC_GETFLAGS, &now) != 0) return false;
-        now = on ? now | flags : now & ~flags;
-        return ::ioctl(file.get(), FS_IOC_SETFLAGS, &now) == 0;
-    }
-
-    const std::string m_path;
-    bool m_hasSet = false;
-};
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    int now = 0;
+    if (!file || ::ioctl(file.get(), FS_IOC_GETFLAGS, &now) != 0) return false;
+    now = on ? now | flags : now & ~flags;
+    return ::ioctl(file.get(), FS_IOC_SETFLAGS, &now) == 0;
+}
 
 } // namespace
 
@@ -138,8 +121,10 @@ private Q_SLOTS:
         const std::map<QByteArray, std::string> paths = {
             {"source", source}, {"inside", source + "/inside"}, {"in", in}, {"out", out}};
         {
-            const FileFlags set(paths.at(place), flags);
-            if (!set.hasSet()) QSKIP("this file system, or this user, cannot set the flags of chattr");
+            if (!changeFlags(paths.at(place), flags, true))
+                QSKIP("this file system, or this user, cannot set the flags of chattr");
+            // Otherwise the folder cannot be removed.
+            const auto reset = qScopeGuard([&] { changeFlags(paths.at(place), flags, false); });
             QCOMPARE(move(noteChanges()), kept(EPERM));
             QVERIFY2(m_changes.size() <= (acrossVolumes && place == "out" ? 1 : 0),
                      m_changes.join(", ").constData());

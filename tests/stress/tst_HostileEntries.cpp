@@ -62,9 +62,9 @@ bool isHarmless(const QString& line)
 {
     return std::ranges::none_of(line, [](QChar c) {
         const auto category = c.category();
-        const bool isBidirectional = (c >= QChar(0x202a) && c <= QChar(0x202e)) ||
-                                     (c >= QChar(0x2066) && c <= QChar(0x2069)) || c == QChar(0x200e) ||
-                                     c == QChar(0x200f) || c == QChar(0x061c);
+        const bool isBidirectional = (c >= u'\u202a' && c <= u'\u202e') ||
+                                     (c >= u'\u2066' && c <= u'\u2069') || c == u'\u200e' || c == u'\u200f' ||
+                                     c == u'\u061c';
         return category == QChar::Other_Control || category == QChar::Separator_Line ||
                category == QChar::Separator_Paragraph || isBidirectional;
     });

@@ -5,7 +5,6 @@
 #include "support/TestMain.h"
 
 #include <fcntl.h>
-#include <filesystem>
 #include <set>
 
 using namespace harbex;
@@ -28,41 +27,14 @@ Outcome<void> moveAll(const std::string& from, const std::string& into, size_t c
     FileMove fileMove;
     for (size_t i = 0; i < count; ++i) {
         const std::string source = from + '/' + nameOf(i);
-        Outcome<void> moved = fileMove.moveItem(source, uniqueDestination(source, into));
-        // Another process has taken the name since.
+        Outcome<void> moved = SystemError{EEXIST};
+        // Another process can take the name first.
         while (!moved && moved.error().code == EEXIST)
             moved = fileMove.moveItem(source, uniqueDestination(source, into));
         // Another process has moved the same file, or is moving it.
         if (!moved && moved.error().code != ENOENT && moved.error().code != EBUSY) return moved;
     }
     return {};
-}
-
-/// Moves all files of each inbox, each in a process of its own. All begin at the same time: the first
-/// intercepted call waits until every process has started. Returns the result of each.
-std::vector<InterceptedRun> runMovers(const MoveCase& on, const std::vector<std::string>& inboxes,
-                                      const std::string& out, size_t count)
-{
-    const auto interceptor = [&on](const InterceptedCall& call) {
-        // The first rename across volumes uses paths, and the kernel rejects it with EXDEV. The later ones
-        // use open folders on one volume.
-        const bool isAcrossVolumes = on.acrossVolumes && static_cast<int>(call.arguments[0]) == AT_FDCWD;
-        if (call.name == "renameat2" && isAcrossVolumes) return Answer::proceed();
-        return on.lacks.refuses(call).value_or(Answer::proceed());
-    };
-    std::vector<InterceptedWork> works;
-    for (const std::string& inbox : inboxes)
-        works.push_back({[&, inbox] { return moveAll(inbox, out, count); }, interceptor});
-    return runIntercepted({"renameat2", "linkat", "openat"}, works);
-}
-
-/// Returns the contents of all files in a folder.
-std::multiset<std::string> contentsIn(const std::string& folder)
-{
-    std::multiset<std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-        found.insert(contents(entry.path().string()).toStdString());
-    return found;
 }
 
 } // namespace
@@ -104,11 +76,25 @@ private Q_SLOTS:
             }
         }
         inboxes.resize(moverCount, inboxes.front());
-        for (const InterceptedRun& run : runMovers(on, inboxes, out, count))
+        const auto interceptor = [&on](const InterceptedCall& call) {
+            // The first rename across volumes uses paths, and the kernel rejects it with EXDEV. The later
+            // ones use open folders on one volume.
+            const bool isAcrossVolumes = on.acrossVolumes && static_cast<int>(call.arguments[0]) == AT_FDCWD;
+            if (call.name == "renameat2" && isAcrossVolumes) return Answer::proceed();
+            return on.lacks.refuses(call).value_or(Answer::proceed());
+        };
+        std::vector<InterceptedWork> works;
+        for (const std::string& inbox : inboxes)
+            works.push_back({[&, inbox] { return moveAll(inbox, out, count); }, interceptor});
+        // All begin at the same time: the first intercepted call waits until every process has started.
+        for (const InterceptedRun& run : runIntercepted({"renameat2", "linkat", "openat"}, works))
             QCOMPARE(run.error, 0);
         for (const std::string& inbox : inboxes)
             QCOMPARE(namesIn(inbox), QByteArrayList());
-        QVERIFY(contentsIn(out) == all);
+        std::multiset<std::string> found;
+        for (const QByteArray& name : namesIn(out))
+            found.insert(contents(out + '/' + name.toStdString()).toStdString());
+        QVERIFY(found == all);
         reportRuns(count * moverCount);
     }
 };

@@ -56,13 +56,11 @@ public:
 
     [[nodiscard]] InterceptedRun save(const Interceptor& interceptor) const
     {
-        return runIntercepted(
-            fileSystemCalls(),
-            [this]() -> Outcome<void> {
-                saveUndisturbed();
-                return {};
-            },
-            interceptor);
+        const auto work = [this] {
+            saveUndisturbed();
+            return Outcome<void>();
+        };
+        return runIntercepted(fileSystemCalls(), work, interceptor);
     }
 
     void saveUndisturbed() const { FolderStore().saveState(stateWith("/new")); }
