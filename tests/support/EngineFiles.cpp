@@ -1,9 +1,8 @@
 #include "support/EngineFiles.h"
 
-#include <QtGlobal>
+#include <QFile>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -92,16 +91,11 @@ void resizeFile(const std::string& path, off_t size)
 
 QByteArray contents(const std::string& path)
 {
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file) return QByteArrayLiteral("(no file)");
-    QByteArray content;
-    std::array<char, size_t{64} * 1024> buffer;
-    for (;;) {
-        const ssize_t size = ::read(file.get(), buffer.data(), buffer.size());
-        require(size >= 0, "read", path);
-        if (size == 0) return content;
-        content.append(buffer.data(), size);
-    }
+    const FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!descriptor) return QByteArrayLiteral("(no file)");
+    QFile file;
+    require(file.open(descriptor.get(), QIODevice::ReadOnly), "read", path);
+    return file.readAll();
 }
 
 bool exists(const std::string& path)
