@@ -49,25 +49,6 @@ class TestLongLife : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    /// Starts this program again without the allocator's cache of freed blocks, because the blocks that each
-    /// thread keeps there count as allocated. The C library reads this setting only at the start.
-    void initTestCase()
-    {
-        if (qEnvironmentVariableIsSet("GLIBC_TUNABLES")) return;
-        QVERIFY(qputenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0"));
-        // Not QCoreApplication::arguments(), which lacks the name of the test class.
-        std::ifstream commandLine("/proc/self/cmdline");
-        std::vector<std::string> words;
-        for (std::string word; std::getline(commandLine, word, '\0');)
-            words.push_back(word);
-        std::vector<char*> arguments;
-        for (std::string& word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        ::execv("/proc/self/exe", arguments.data());
-        QFAIL("The program cannot start itself.");
-    }
-
     void resourcesDoNotGrow()
     {
         constexpr size_t batch = 1'000;
@@ -118,6 +99,17 @@ private Q_SLOTS:
     }
 };
 
-HARBEX_TEST(TestLongLife)
+HARBEX_MAIN(TestLongLife)
+{
+    // Starts this program again without the allocator's cache of freed blocks, because the blocks that each
+    // thread keeps there count as allocated. The C library reads this setting only at the start.
+    if (!qEnvironmentVariableIsSet("GLIBC_TUNABLES")) {
+        qputenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0");
+        // The name of the program comes before that of the class.
+        ::execv("/proc/self/exe", argv - 1);
+        qFatal("The program cannot start itself.");
+    }
+    return runTest<QCoreApplication, TestLongLife>(argc, argv);
+}
 
 #include "tst_LongLife.moc"
