@@ -8,45 +8,6 @@
 using namespace harbex;
 using namespace harbex::test;
 
-namespace
-{
-
-/// A change below the scratch folder. `path` and `other` begin with a slash and are relative to it.
-struct Step {
-    enum Kind { make, makeFile, link, remove, rename, exchange };
-    Kind kind;
-    std::string path;
-    /// The new path, or the target of a link. A target without a slash at its beginning is a relative link.
-    std::string other = {};
-
-    void apply(const std::string& scratch) const
-    {
-        const std::string from = scratch + path;
-        const std::string to = other.starts_with('/') ? scratch + other : other;
-        switch (kind) {
-        case make:
-            std::filesystem::create_directories(from);
-            return;
-        case makeFile:
-            return writeFile(from, "");
-        case link:
-            return makeLink(from, to);
-        case remove:
-            std::filesystem::remove_all(from);
-            return;
-        case rename:
-            return renameEntry(from, to);
-        case exchange:
-            // There is no moment at which one of them is missing.
-            if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) != 0)
-                qFatal("cannot exchange %s and %s", from.c_str(), to.c_str());
-        }
-    }
-};
-using Steps = std::vector<Step>;
-
-} // namespace
-
 /// Watched folders that are missing, go away, and come back.
 class TestEngineFolders : public EngineTest
 {
@@ -55,56 +16,44 @@ class TestEngineFolders : public EngineTest
 private Q_SLOTS:
     void aFolderIsWatchedWheneverOneIsAtItsPath_data()
     {
-        // The engine watches /a/b/watched.
-        QTest::addColumn<Steps>("beforeTheStart");
-        QTest::addColumn<Steps>("leave");
-        QTest::addColumn<Steps>("comeBack");
+        // The engine watches a/b/watched. See apply().
+        QTest::addColumn<std::string>("beforeTheStart");
+        QTest::addColumn<std::string>("leave");
+        QTest::addColumn<std::string>("comeBack");
+        using Steps = std::string;
         const auto row = [](const char* name, const Steps& begin, const Steps& leave, const Steps& comeBack) {
             QTest::newRow(name) << begin << leave << comeBack;
         };
-        const Step watched{Step::make, "/a/b/watched"};
-        const Step spare{Step::make, "/spare/b/watched/old"};
-        const Step replace{Step::rename, "/spare/b/watched", "/a/b/watched"};
+        const Steps spare = "make spare/b/watched/old";
+        const Steps both = spare + ", make a/b/watched";
+        const Steps replace = "rename spare/b/watched a/b/watched";
 
-        row("deleted, and another comes", {watched, spare}, {{Step::remove, "/a/b/watched"}}, {replace});
-        row("renamed, and renamed back with another entry", {watched},
-            {{Step::rename, "/a/b/watched", "/a/b/away"}, {Step::make, "/a/b/away/old"}},
-            {{Step::rename, "/a/b/away", "/a/b/watched"}});
-        row("folder above renamed, and another comes", {watched, spare}, {{Step::rename, "/a/b", "/a/away"}},
-            {{Step::rename, "/spare/b", "/a/b"}});
-        row("folder two levels above renamed, and another comes", {watched, spare},
-            {{Step::rename, "/a", "/away"}}, {{Step::rename, "/spare", "/a"}});
-        row("all deleted, and made one level at a time", {watched, spare}, {{Step::remove, "/a"}},
-            {{Step::make, "/a"}, {Step::make, "/a/b"}, replace});
-        row("replaced by a file, and by a folder", {watched, spare},
-            {{Step::remove, "/a/b/watched"}, {Step::makeFile, "/a/b/watched"}},
-            {{Step::exchange, "/spare/b/watched", "/a/b/watched"}});
+        row("deleted, and another comes", both, "remove a/b/watched", replace);
+        row("renamed, and renamed back with another entry", "make a/b/watched",
+            "rename a/b/watched a/b/away, make a/b/away/old", "rename a/b/away a/b/watched");
+        row("folder above renamed, and another comes", both, "rename a/b a/away", "rename spare/b a/b");
+        row("folder two levels above renamed, and another comes", both, "rename a away", "rename spare a");
+        row("all deleted, and made one level at a time", both, "remove a", "make a, make a/b, " + replace);
+        row("replaced by a file, and by a folder", both, "remove a/b/watched, file a/b/watched",
+            "exchange spare/b/watched a/b/watched");
 
-        row("missing at the start, and made one level at a time", {spare}, {},
-            {{Step::make, "/a"}, {Step::make, "/a/b"}, replace});
-        row("missing at the start, and other things made above it", {spare},
-            {{Step::makeFile, "/a"},
-             {Step::remove, "/a"},
-             {Step::link, "/a", "spare/b"},
-             {Step::remove, "/a"}},
-            {{Step::rename, "/spare", "/a"}});
+        row("missing at the start, and made one level at a time", spare, "", "make a, make a/b, " + replace);
+        row("missing at the start, and other things made above it", spare,
+            "file a, remove a, link a spare/b, remove a", "rename spare a");
 
-        row("a dangling link gets a target",
-            {spare, {Step::make, "/a/b"}, {Step::link, "/a/b/watched", "../../target/b/watched"}}, {},
-            {{Step::rename, "/spare", "/target"}});
-        row("the target of a link is renamed and replaced",
-            {spare, {Step::make, "/target/b/watched"}, {Step::link, "/a", "target"}},
-            {{Step::rename, "/target/b", "/target/away"}}, {{Step::rename, "/spare/b", "/target/b"}});
+        row("a dangling link gets a target", spare + ", make a/b, link a/b/watched ../../target/b/watched",
+            "", "rename spare target");
+        row("the target of a link is renamed and replaced", spare + ", make target/b/watched, link a target",
+            "rename target/b target/away", "rename spare/b target/b");
         row("a link is removed, and another one made",
-            {spare, {Step::make, "/target/watched"}, {Step::make, "/a"}, {Step::link, "/a/b", "../target"}},
-            {{Step::remove, "/a/b"}}, {{Step::link, "/a/b", "../spare/b"}});
+            spare + ", make target/watched, make a, link a/b ../target", "remove a/b", "link a/b ../spare/b");
     }
 
     void aFolderIsWatchedWheneverOneIsAtItsPath()
     {
-        QFETCH(const Steps, beforeTheStart);
-        QFETCH(const Steps, leave);
-        QFETCH(const Steps, comeBack);
+        QFETCH(const std::string, beforeTheStart);
+        QFETCH(const std::string, leave);
+        QFETCH(const std::string, comeBack);
         const std::string path = at("a/b/watched");
         apply(beforeTheStart);
         const bool isThere = exists(path + "/.");
@@ -133,22 +82,19 @@ private Q_SLOTS:
 
     void aFolderThatTakesThePlaceOfAnotherIsWatched_data()
     {
-        QTest::addColumn<Steps>("replace");
-        QTest::newRow("the folders change places") << Steps{{Step::exchange, "/a/real", "/spare/real"}};
-        QTest::newRow("the folders above change places") << Steps{{Step::exchange, "/a", "/spare"}};
-        QTest::newRow("an empty one is replaced") << Steps{{Step::rename, "/spare/real", "/a/real"}};
+        QTest::addColumn<std::string>("replace");
+        QTest::newRow("the folders change places") << std::string("exchange a/real spare/real");
+        QTest::newRow("the folders above change places") << std::string("exchange a spare");
+        QTest::newRow("an empty one is replaced") << std::string("rename spare/real a/real");
         QTest::newRow("a link is replaced")
-            << Steps{{Step::link, "/a/link", "../spare/real"}, {Step::rename, "/a/link", "/a/watched"}};
+            << std::string("link a/link ../spare/real, rename a/link a/watched");
     }
 
     void aFolderThatTakesThePlaceOfAnotherIsWatched()
     {
-        QFETCH(const Steps, replace);
+        QFETCH(const std::string, replace);
         const std::string path = at("a/watched");
-        apply({{Step::make, "/a/real"},
-               {Step::make, "/spare/real/old"},
-               {Step::link, "/a/watched", "real"},
-               {Step::link, "/spare/watched", "real"}});
+        apply("make a/real, make spare/real/old, link a/watched real, link spare/watched real");
         const Sentinel sentinel(*m_scratch, path);
         QVERIFY(start({watched(path, {sentinel.rule(), takeAll(m_out)})}));
         QVERIFY(sentinel.foldersPass(engine()));
@@ -171,16 +117,16 @@ private Q_SLOTS:
     void aNameThatBecomesALinkToTheSameFolderIsFollowed()
     {
         const std::string path = at("a/watched");
-        apply({{Step::make, "/a/watched"}, {Step::make, "/target"}, {Step::link, "/target/a", "target/a"}});
+        apply("make a/watched, make target, link target/a target/a");
         QVERIFY(start({watched(path, {takeAll(m_out)})}));
         const auto watches = kernelWatchCount();
-        apply({{Step::exchange, "/a", "/target/a"}});
+        apply("exchange a target/a");
         // The folder itself is not affected. The engine now watches the folder of the link's target too.
         QVERIFY(waitFor([&] { return kernelWatchCount() > watches; }));
         QCOMPARE(engine().activeFDs().size(), 1U);
-        apply({{Step::rename, "/target", "/away"}});
+        apply("rename target away");
         QVERIFY(areWatched(0));
-        apply({{Step::rename, "/away", "/target"}});
+        apply("rename away target");
         QVERIFY(areWatched(1));
         makeFolder(path + "/late");
         QVERIFY(isLogged(moved("late")));
@@ -205,7 +151,7 @@ private Q_SLOTS:
     void foldersInsideEachOtherComeBackTogether()
     {
         const std::vector<std::string> paths = {at("top"), at("top/middle"), at("top/middle/bottom")};
-        apply({{Step::make, "/top/middle/bottom"}});
+        apply("make top/middle/bottom");
         std::vector<WatchedFolder> folders;
         for (size_t i = 0; i < paths.size(); ++i)
             folders.push_back(watched(paths[i], {takeAll(newFolder("out " + std::to_string(i)))}));
@@ -224,10 +170,24 @@ private Q_SLOTS:
     }
 
 private:
-    void apply(const Steps& steps) const
+    /// Makes changes in the scratch folder, such as "make a/b, rename a c". The target of a link is taken as
+    /// it is.
+    void apply(const std::string& steps) const
     {
-        for (const Step& step : steps)
-            step.apply(m_scratch->path());
+        for (const QString& step : QString::fromStdString(steps).split(u',', Qt::SkipEmptyParts)) {
+            const QStringList words = step.trimmed().split(u' ');
+            const std::string path = at(words[1].toStdString());
+            const std::string other = words.value(2).toStdString();
+            if (words[0] == u"make") std::filesystem::create_directories(path);
+            if (words[0] == u"file") writeFile(path, {});
+            if (words[0] == u"link") makeLink(path, other);
+            if (words[0] == u"remove") std::filesystem::remove_all(path);
+            if (words[0] == u"rename") renameEntry(path, at(other));
+            // There is no moment at which one of the two is missing.
+            if (words[0] == u"exchange" &&
+                ::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, at(other).c_str(), RENAME_EXCHANGE) != 0)
+                qFatal("cannot exchange %s and %s", path.c_str(), other.c_str());
+        }
     }
 };
 
