@@ -6,69 +6,47 @@
 using namespace harbex;
 using namespace harbex::test;
 
-namespace
-{
-
-/// Folders of which each has a rule for the next one, and the last has a rule for the first.
-struct Ring {
-    std::string name;
-    bool isNameTaken;
-    std::vector<Inbox> folders;
-};
-
-} // namespace
-
 /// Rules that lead from one watched folder into another, and rules of several records.
 class TestEngineChains : public EngineTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
+    void anEntryThatReturnsByRulesStays_data()
+    {
+        QTest::addColumn<size_t>("count");
+        QTest::addColumn<bool>("isNameTaken");
+        QTest::newRow("two folders") << size_t(2) << false;
+        QTest::newRow("three folders, where the file gets another name") << size_t(3) << true;
+    }
+
+    /// Each folder has a rule for the next one, and the last has a rule for the first.
     void anEntryThatReturnsByRulesStays()
     {
-        std::vector<Ring> rings;
+        QFETCH(const size_t, count);
+        QFETCH(const bool, isNameTaken);
+        std::vector<Inbox> ring;
+        for (size_t i = 0; i < count; ++i) {
+            ring.emplace_back(*m_scratch, "folder " + std::to_string(i));
+            if (isNameTaken && i > 0) writeFile(ring[i].path + "/photo.jpg", "old");
+        }
         std::vector<WatchedFolder> records;
-        std::vector<Inbox> inboxes;
-        const auto addRing = [&](size_t count, bool isNameTaken) {
-            Ring ring{"ring" + std::to_string(rings.size()), isNameTaken, {}};
-            for (size_t i = 0; i < count; ++i) {
-                ring.folders.emplace_back(*m_scratch, ring.name + " folder " + std::to_string(i));
-                // The entry gets another name there.
-                if (isNameTaken && i > 0)
-                    writeFile(ring.folders.back().path + '/' + ring.name + ".jpg", "old");
-            }
-            for (size_t i = 0; i < count; ++i) {
-                records.push_back(ring.folders[i].with({takeAll(ring.folders[(i + 1) % count].path)}));
-                inboxes.push_back(ring.folders[i]);
-            }
-            rings.push_back(ring);
-        };
-        for (const size_t count : {2U, 3U})
-            for (const bool isNameTaken : {false, true})
-                addRing(count, isNameTaken);
+        for (size_t i = 0; i < count; ++i)
+            records.push_back(ring[i].with({takeAll(ring[(i + 1) % count].path)}));
         QVERIFY(start(records));
-        for (const Ring& ring : rings) {
-            m_scratch->arrive(ring.folders[0].path + '/' + ring.name + ".jpg", "photo");
-            makeFolder(ring.folders[0].path + '/' + ring.name + " notes");
-        }
-        const auto countMoves = [this](const Ring& ring) {
-            return log(("Moved " + ring.name).c_str()).size();
-        };
-        for (const Ring& ring : rings)
-            QVERIFY(waitFor([&] { return countMoves(ring) == qsizetype(2 * ring.folders.size()); }));
+        m_scratch->arrive(ring[0].path + "/photo.jpg", "photo");
+        makeFolder(ring[0].path + "/Notes");
+        const auto countMoves = [this] { return log("Moved photo").size() + log("Moved Notes").size(); };
+        QVERIFY(waitFor([&] { return countMoves() == qsizetype(2 * count); }));
         // An entry that goes round again leaves the first folder before the sentinels have passed twice.
-        QVERIFY(sentinelsPass(inboxes));
-        QVERIFY(sentinelsPass(inboxes));
-        for (const Ring& ring : rings) {
-            QCOMPARE(countMoves(ring), qsizetype(2 * ring.folders.size()));
-            const std::string& first = ring.folders[0].path;
-            const std::string photo = ring.name + (ring.isNameTaken ? "-1.jpg" : ".jpg");
-            QCOMPARE(namesIn(first).size(), 2);
-            QVERIFY(exists(first + '/' + ring.name + " notes"));
-            QCOMPARE(contents(first + '/' + photo), QByteArray("photo"));
-            for (size_t i = 1; i < ring.folders.size(); ++i)
-                QCOMPARE(namesIn(ring.folders[i].path).size(), ring.isNameTaken ? 1 : 0);
-        }
+        QVERIFY(sentinelsPass(ring));
+        QVERIFY(sentinelsPass(ring));
+        QCOMPARE(countMoves(), qsizetype(2 * count));
+        const QByteArray photo = isNameTaken ? "photo-1.jpg" : "photo.jpg";
+        QCOMPARE(namesIn(ring[0].path), QByteArrayList({"Notes", photo}));
+        QCOMPARE(contents(ring[0].path + '/' + photo.toStdString()), QByteArray("photo"));
+        for (size_t i = 1; i < count; ++i)
+            QCOMPARE(namesIn(ring[i].path).size(), isNameTaken ? 1 : 0);
     }
 
     void anEntryThatAPersonBringsBackIsNew()

@@ -5,84 +5,55 @@
 using namespace harbex;
 using namespace harbex::test;
 
-namespace
-{
-
-constexpr auto contains = RuleOperator::contains;
-constexpr auto isEqual = RuleOperator::isEqual;
-
-enum class Is { file, folder, link };
-
-/// One entry that arrives in its own inbox, and whether the rule of that inbox takes it.
-struct Case {
-    const char* description;
-    FilterRule rule;
-    std::string entry;
-    Is kind = Is::file;
-    bool isTaken = false;
-};
-
-constexpr bool taken = true;
-constexpr bool stays = false;
-
-/// Cases that need an entry on disk. TestRuleMatching has the many cases of names. The test sets the
-/// destinations.
-std::vector<Case> cases()
-{
-    const auto name = [](RuleOperator op, const char* value) { return ruleFor(RuleField::name, op, value); };
-    const auto extension = [](RuleOperator op, const char* value) {
-        return ruleFor(RuleField::fileExtension, op, value);
-    };
-    const auto kind = [](RuleKind which) { return kindIs(which); };
-    return {
-        {"only the first stage accepts", extension(contains, "jp"), "a.jpg", Is::file, stays},
-        {"only the second stage accepts", extension(isEqual, "jpg"), "a.JPG", Is::file, stays},
-        {"the second stage gets a lower-case extension", extension(contains, "jpg"), "a.JPG", Is::file,
-         taken},
-        {"the second stage gets a composed extension", extension(isEqual, "\xc3\xa9"), "a.e\xcc\x81",
-         Is::file, taken},
-
-        {"any name, link", name(contains, ""), "link", Is::link, taken},
-        {"any name, folder of a download", name(contains, ""), "a.download", Is::folder, stays},
-
-        {"image, a folder with that extension", kind(RuleKind::image), "album.jpg", Is::folder, taken},
-        {"folder", kind(RuleKind::folder), "Tool.app", Is::folder, taken},
-        {"folder, but a file", kind(RuleKind::folder), "Notes", Is::file, stays},
-        {"folder, but a link to one", kind(RuleKind::folder), "Notes", Is::link, stays},
-    };
-}
-
-} // namespace
-
 /// The rules seen from outside: where an entry arrives, and what is printed meanwhile.
 class TestEngineMatching : public EngineTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
+    /// Cases that need an entry on disk. TestRuleMatching has the many cases of names.
     void rulesTakeTheirEntries()
     {
-        const std::vector<Case> all = cases();
+        enum { file, folder, link };
+        struct {
+            const char* description;
+            FilterRule rule;
+            const char* entry;
+            int kind;
+            bool isTaken;
+        } const cases[] = {
+            {"only the first stage accepts", extensionContains("jp"), "a.jpg", file, false},
+            {"only the second stage accepts", extensionIs("jpg"), "a.JPG", file, false},
+            {"lower-case extension in the second stage", extensionContains("jpg"), "a.JPG", file, true},
+            {"composed extension in the second stage", extensionIs("\xc3\xa9"), "a.e\xcc\x81", file, true},
+            {"any name, link", nameContains(""), "link", link, true},
+            {"any name, folder of a download", nameContains(""), "a.download", folder, false},
+            {"image, a folder with that extension", kindIs(RuleKind::image), "album.jpg", folder, true},
+            {"folder", kindIs(RuleKind::folder), "Tool.app", folder, true},
+            {"folder, but a file", kindIs(RuleKind::folder), "Notes", file, false},
+            {"folder, but a link to one", kindIs(RuleKind::folder), "Notes", link, false},
+        };
         std::vector<Inbox> inboxes;
         std::vector<WatchedFolder> folders;
-        for (const Case& each : all) {
-            const Inbox& inbox = inboxes.emplace_back(*m_scratch, "case " + std::to_string(inboxes.size()));
-            FilterRule rule = each.rule;
-            rule.destination = FileUrl::fromPath(inbox.out);
-            folders.push_back(inbox.with({rule}));
+        for (const auto& each : cases) {
+            const Inbox& inbox = inboxes.emplace_back(*m_scratch, each.description);
+            folders.push_back(inbox.with({each.rule}));
+            folders.back().rules.back().destination = FileUrl::fromPath(inbox.out);
         }
         QVERIFY(start(folders));
-        for (size_t i = 0; i < all.size(); ++i) {
-            const std::string path = inboxes[i].path + '/' + all[i].entry;
-            if (all[i].kind == Is::file) m_scratch->arrive(path, "");
-            if (all[i].kind == Is::folder) makeFolder(path);
-            if (all[i].kind == Is::link) makeLink(path, m_out);
+        for (size_t i = 0; i < inboxes.size(); ++i) {
+            const std::string path = inboxes[i].path + '/' + cases[i].entry;
+            if (cases[i].kind == file) m_scratch->arrive(path, "");
+            if (cases[i].kind == folder) makeFolder(path);
+            if (cases[i].kind == link) makeLink(path, m_out);
         }
         QVERIFY(sentinelsPass(inboxes));
-        for (size_t i = 0; i < all.size(); ++i) {
-            const Case& each = all[i];
-            QVERIFY2(exists(inboxes[i].out + '/' + each.entry) == each.isTaken, each.description);
-            QVERIFY2(exists(inboxes[i].path + '/' + each.entry) != each.isTaken, each.description);
+        for (size_t i = 0; i < inboxes.size(); ++i) {
+            const QByteArrayList entry = {cases[i].entry};
+            QVERIFY2(namesIn(inboxes[i].out) == (cases[i].isTaken ? entry : QByteArrayList()),
+                     cases[i].description);
+            QVERIFY2(namesIn(inboxes[i].path) == (cases[i].isTaken ? QByteArrayList() : entry),
+                     cases[i].description);
         }
     }
 
