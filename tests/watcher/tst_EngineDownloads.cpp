@@ -2,6 +2,7 @@
 #include "support/Eventually.h"
 
 #include <algorithm>
+#include <filesystem>
 
 using namespace harbex;
 using namespace harbex::test;
@@ -16,9 +17,10 @@ constexpr const char* content = "the whole film";
 class Download
 {
 public:
-    /// `partial` is the name of the file that is written.
-    Download(const std::string& folder, const std::string& name, const std::string& partial)
-        : m_folder(folder), m_path(folder + '/' + name), m_partial(folder + '/' + partial)
+    Download(const std::string& folder, const std::filesystem::path& name)
+        : m_path(folder + '/' + name.string()),
+          m_partial(folder + '/' + name.stem().string() + ".gqqRF_r1" + name.extension().string() + ".part"),
+          m_unrelated(folder + "/9MtxCK5N.part")
     {
     }
 
@@ -26,13 +28,13 @@ public:
     void reserveName() const
     {
         writeFile(m_path, {});
-        writeFile(unrelated(), {});
+        writeFile(m_unrelated, {});
     }
     void begin() const
     {
         // Another process may be between the two steps of reserveName().
-        if (!eventually([this] { return exists(unrelated()); })) qFatal("no download begins");
-        renameEntry(unrelated(), m_partial);
+        if (!eventually([this] { return exists(m_unrelated); })) qFatal("no download begins");
+        renameEntry(m_unrelated, m_partial);
     }
     void write(std::string_view text = content) const { appendToFile(m_partial, text); }
     void finish() const { renameEntry(m_partial, m_path); }
@@ -53,18 +55,15 @@ public:
     [[nodiscard]] const std::string& path() const { return m_path; }
 
 private:
-    [[nodiscard]] std::string unrelated() const { return m_folder + "/9MtxCK5N" + m_suffix; }
-
-    const std::string m_folder;
     const std::string m_path;
     const std::string m_partial;
-    const std::string m_suffix = m_path.substr(m_path.rfind('/') + 1) + ".part";
+    const std::string m_unrelated;
 };
 
 /// A download in its own inbox.
 struct Case {
     Inbox inbox;
-    Download download{inbox.path, "film.mp4", "film.gqqRF_r1.mp4.part"};
+    Download download{inbox.path, "film.mp4"};
     /// The path of the finished download after the move.
     std::string target = inbox.out + "/film.mp4";
 };
@@ -142,8 +141,8 @@ private Q_SLOTS:
     void aDownloadThatOutlastsARestartIsMoved()
     {
         const std::vector<WatchedFolder> folders = {inboxWith({takeAll(m_out)})};
-        const Download first(m_inbox, "film.mp4", "film.gqqRF_r1.mp4.part");
-        const Download second(m_inbox, "README", "README.gqqRF_r1.part");
+        const Download first(m_inbox, "film.mp4");
+        const Download second(m_inbox, "README");
         writeFile(m_inbox + "/empty.mp4", {});
         writeFile(m_inbox + "/.nomedia", {});
         writeFile(m_inbox + "/.hidden.part", {});
@@ -170,7 +169,7 @@ private Q_SLOTS:
     void aPlaceholderStaysUntilItsDownloadEnds()
     {
         QVERIFY(start({takeAll(m_out)}));
-        const Download download(m_inbox, "film.mp4", "film.gqqRF_r1.mp4.part");
+        const Download download(m_inbox, "film.mp4");
         // The second attempt is a download like any other.
         for (const bool isCancelled : {true, false}) {
             download.reserveName();
