@@ -2,15 +2,6 @@
 
 #include "support/SessionBus.h"
 
-#include <QByteArray>
-#include <QDBusArgument>
-#include <QDBusConnection>
-#include <QDBusObjectPath>
-#include <QList>
-#include <QRect>
-#include <QString>
-#include <QVariantList>
-
 #include <functional>
 
 namespace harbex::test

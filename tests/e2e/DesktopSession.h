@@ -3,17 +3,7 @@
 #include "e2e/Accessible.h"
 #include "support/SessionBus.h"
 
-#include <QDBusConnectionInterface>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QProcess>
-#include <QRect>
-#include <QRegularExpression>
-#include <QSettings>
-#include <QString>
-#include <QStringList>
-#include <QTest>
+#include <QtTest>
 
 #include <csignal>
 #include <memory>

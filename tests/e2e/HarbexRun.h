@@ -1,19 +1,10 @@
 #pragma once
 
-#include "e2e/Accessible.h"
 #include "e2e/DesktopSession.h"
 #include "model/WatchedFolder.h"
 #include "store/FolderStore.h"
 
-#include <QByteArray>
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QString>
-
 #include <csignal>
-#include <functional>
-#include <optional>
 
 namespace harbex::test
 {

@@ -2,13 +2,6 @@
 #include "support/FakePanel.h"
 #include "support/TestMain.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QSettings>
-
-#include <optional>
-
 using namespace harbex;
 using namespace harbex::test;
 

@@ -4,11 +4,7 @@
 #include "ui/ContentState.h"
 #include "watcher/DownloadImageRedirector.h"
 
-#include <QByteArray>
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QStandardPaths>
+#include <QtTest>
 
 #include <algorithm>
 #include <memory>

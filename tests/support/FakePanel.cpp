@@ -1,8 +1,5 @@
 #include "support/FakePanel.h"
 
-#include <QDBusConnectionInterface>
-#include <QDBusObjectPath>
-#include <QDBusReply>
 #include <QTest>
 
 namespace harbex::test

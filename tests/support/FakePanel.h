@@ -2,11 +2,6 @@
 
 #include "support/SessionBus.h"
 
-#include <QDBusContext>
-#include <QObject>
-#include <QString>
-#include <QStringList>
-
 namespace harbex::test
 {
 

@@ -3,14 +3,7 @@
 #include "model/FileUrl.h"
 #include "store/Bookmark.h"
 
-#include <QApplication>
-#include <QDialogButtonBox>
-#include <QEvent>
-#include <QFileDialog>
-#include <QLineEdit>
-#include <QObject>
-#include <QPushButton>
-#include <QString>
+#include <QtWidgets>
 
 #include <functional>
 #include <optional>

@@ -4,13 +4,6 @@
 #include "support/Widgets.h"
 #include "ui/MainWindow.h"
 
-#include <QByteArray>
-#include <QSignalSpy>
-
-#include <memory>
-#include <utility>
-#include <vector>
-
 namespace harbex::test
 {
 

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <QProcess>
-#include <QString>
-#include <QStringList>
-#include <QTest>
+#include <QtTest>
 
 #include <csignal>
 

@@ -1,11 +1,5 @@
 #include "support/SessionBus.h"
 
-#include <QDBusConnectionInterface>
-#include <QDBusPendingCallWatcher>
-#include <QDBusVariant>
-#include <QEventLoop>
-#include <QFile>
-
 #include <csignal>
 #include <sys/prctl.h>
 

@@ -1,13 +1,7 @@
 #pragma once
 
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QProcess>
-#include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
-#include <QTemporaryDir>
-#include <QVariantList>
+// The tests of a bus use a dozen classes of it.
+#include <QtDBus>
 
 namespace harbex::test
 {

@@ -2,12 +2,6 @@
 
 #include "support/TestMain.h"
 
-#include <QCoreApplication>
-#include <QDBusConnectionInterface>
-#include <QDBusVariant>
-#include <QDBusVirtualObject>
-#include <QMap>
-
 #include <csignal>
 #include <cstdio>
 #include <sys/prctl.h>

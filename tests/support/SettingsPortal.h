@@ -2,10 +2,6 @@
 
 #include "support/SessionBus.h"
 
-#include <QProcess>
-#include <QString>
-#include <QVariant>
-
 namespace harbex::test
 {
 

@@ -1,11 +1,7 @@
 #pragma once
 
-#include <QAccessible>
-#include <QColor>
-#include <QImage>
-#include <QPoint>
-#include <QTest>
-#include <QWidget>
+#include <QtTest>
+#include <QtWidgets>
 
 #include <vector>
 

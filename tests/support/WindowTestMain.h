@@ -6,6 +6,12 @@
 #include <QtTest>
 #include <QtWidgets>
 
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
 /// Registers a test class with windows. They are offscreen.
 #define HARBEX_WINDOW_TEST(Test)                                                                             \
     HARBEX_MAIN(Test)                                                                                        \

@@ -4,13 +4,6 @@
 #include "ui/ActivationToken.h"
 #include "ui/ApplicationService.h"
 
-#include <QDBusConnectionInterface>
-#include <QDBusReply>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-
 #include <cstdio>
 #include <functional>
 #include <optional>

@@ -3,8 +3,6 @@
 #include "support/WindowTestMain.h"
 #include "ui/ColorScheme.h"
 
-#include <QDBusConnectionInterface>
-
 #include <csignal>
 
 using namespace harbex;

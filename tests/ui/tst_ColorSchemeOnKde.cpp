@@ -1,13 +1,7 @@
 #include "support/SessionBus.h"
 #include "support/SettingsPortal.h"
-#include "support/TestMain.h"
+#include "support/WindowTestMain.h"
 #include "ui/ColorScheme.h"
-
-#include <QApplication>
-#include <QFile>
-#include <QWidget>
-
-#include <memory>
 
 using namespace harbex;
 using namespace harbex::test;

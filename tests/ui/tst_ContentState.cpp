@@ -1,10 +1,6 @@
 #include "support/ContentStateFixture.h"
 #include "support/TestMain.h"
 
-#include <QSignalSpy>
-
-#include <functional>
-
 using namespace harbex;
 using namespace harbex::test;
 

@@ -12,11 +12,6 @@
 #include "ui/RuleList.h"
 #include "ui/RuleRow.h"
 
-#include <cstdlib>
-#include <functional>
-#include <memory>
-#include <utility>
-
 using namespace harbex;
 using namespace harbex::test;
 

@@ -2,8 +2,6 @@
 #include "support/WindowTestMain.h"
 #include "ui/DBusMenu.h"
 
-#include <QDBusMetaType>
-
 using namespace harbex;
 using namespace harbex::test;
 

@@ -2,9 +2,6 @@
 #include "ui/ColorScheme.h"
 #include "ui/DimmedInk.h"
 
-#include <cmath>
-#include <utility>
-
 using namespace harbex;
 
 class TestDimmedInk : public QObject

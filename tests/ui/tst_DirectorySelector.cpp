@@ -6,9 +6,6 @@
 #include "ui/Icons.h"
 #include "ui/PathText.h"
 
-#include <algorithm>
-#include <vector>
-
 using namespace harbex;
 using namespace harbex::test;
 

@@ -5,9 +5,6 @@
 #include "ui/FolderList.h"
 #include "ui/Icons.h"
 
-#include <memory>
-#include <utility>
-
 using namespace harbex;
 using namespace harbex::test;
 

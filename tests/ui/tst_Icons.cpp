@@ -2,9 +2,6 @@
 #include "support/WindowTestMain.h"
 #include "ui/Icons.h"
 
-#include <algorithm>
-#include <array>
-
 using namespace harbex;
 using namespace harbex::test;
 

@@ -4,9 +4,6 @@
 #include "ui/FolderList.h"
 #include "ui/RuleRow.h"
 
-#include <algorithm>
-#include <memory>
-
 using namespace harbex;
 using namespace harbex::test;
 

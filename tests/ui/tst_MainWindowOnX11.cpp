@@ -1,10 +1,6 @@
 #include "support/MainWindowFixture.h"
-#include "support/TestMain.h"
+#include "support/WindowTestMain.h"
 #include "ui/Xcb.h"
-
-#include <QAbstractNativeEventFilter>
-#include <QApplication>
-#include <QProcess>
 
 #include <xcb/xcb.h>
 

@@ -5,14 +5,6 @@
 #include "support/SessionBus.h"
 #include "support/TestMain.h"
 
-#include <QDBusConnectionInterface>
-#include <QDBusReply>
-#include <QDBusVariant>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QTemporaryDir>
-
 #include <csignal>
 #include <cstdlib>
 #include <functional>

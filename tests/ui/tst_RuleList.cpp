@@ -4,8 +4,6 @@
 #include "ui/RuleList.h"
 #include "ui/RuleRow.h"
 
-#include <algorithm>
-
 using namespace harbex;
 using namespace harbex::test;
 

@@ -10,10 +10,6 @@
 
 #include <qtestspontaneevent.h>
 
-#include <cstdlib>
-#include <memory>
-#include <utility>
-
 using namespace harbex;
 using namespace harbex::test;
 

@@ -5,9 +5,6 @@
 #include "ui/StatusItem.h"
 #include "ui/StatusNotifierItem.h"
 
-#include <QDBusConnectionInterface>
-#include <QDBusMetaType>
-
 using namespace harbex;
 using namespace harbex::test;
 

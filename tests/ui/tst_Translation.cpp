@@ -7,9 +7,6 @@
 #include "ui/StatusItem.h"
 #include "ui/Translation.h"
 
-#include <algorithm>
-#include <utility>
-
 using namespace harbex;
 using namespace harbex::test;
 
