@@ -56,20 +56,10 @@ public:
 
     [[nodiscard]] QList<Accessible> children() const
     {
+        using References = QList<std::pair<QString, QDBusObjectPath>>;
         QList<Accessible> children;
-        const QVariant answer = ask("Accessible", "GetChildren");
-        if (!answer.isValid()) return children;
-        const auto references = answer.value<QDBusArgument>();
-        references.beginArray();
-        while (!references.atEnd()) {
-            QString service;
-            QDBusObjectPath path;
-            references.beginStructure();
-            references >> service >> path;
-            references.endStructure();
+        for (const auto& [service, path] : qdbus_cast<References>(ask("Accessible", "GetChildren")))
             children.append({m_bus, service, path.path()});
-        }
-        references.endArray();
         return children;
     }
 
@@ -85,16 +75,21 @@ public:
     using Condition = std::function<bool(const Accessible&)>;
     [[nodiscard]] Accessible find(const Condition& condition) const
     {
-        QList<Accessible> found;
-        collect(condition, true, found);
-        return found.value(0);
+        for (const Accessible& child : children()) {
+            if (condition(child)) return child;
+            if (const Accessible found = child.find(condition)) return found;
+        }
+        return {};
     }
 
     /// Returns the visible descendants with this role and, if given, this name, or the first of them.
     [[nodiscard]] QList<Accessible> all(const char* role, const char* name = nullptr) const
     {
         QList<Accessible> found;
-        collect([&](const Accessible& each) { return each.isShown(role, name); }, false, found);
+        (void)find([&](const Accessible& each) {
+            if (each.isShown(role, name)) found.append(each);
+            return false;
+        });
         return found;
     }
 
@@ -118,24 +113,17 @@ public:
     [[nodiscard]] bool press() const
     {
         if (!*this) return false;
-        RemoteObject{m_bus, m_service, m_path, interfaceOf("Action")}.send("DoAction", {0});
+        object("Action").send("DoAction", {0});
         return true;
     }
 
     /// Returns this control and all descendants, one per line, for test messages.
     [[nodiscard]] QString outline(int depth = 0) const
     {
-        const QRect place = extents();
-        QString lines =
-            QString("%1%2 \"%3\" %4,%5 %6x%7%8\n")
-                .arg(QString(depth * 2, u' '), QString::fromUtf8(role()), QString::fromUtf8(name()))
-                .arg(place.x())
-                .arg(place.y())
-                .arg(place.width())
-                .arg(place.height())
-                .arg(has(State::showing) ? QString() : " (not shown)");
-        const QList<Accessible> offspring = children();
-        for (const Accessible& child : offspring)
+        QString lines(depth * 2, u' ');
+        QDebug(&lines) << role() << name() << extents() << (has(State::showing) ? "" : "(not shown)");
+        lines += u'\n';
+        for (const Accessible& child : children())
             lines += child.outline(depth + 1);
         return lines;
     }
@@ -146,34 +134,24 @@ private:
     {
     }
 
-    static QString interfaceOf(const char* name) { return QString("org.a11y.atspi.") + name; }
+    /// Returns the control with an interface of org.a11y.atspi.
+    [[nodiscard]] RemoteObject object(const char* interface) const
+    {
+        return {m_bus, m_service, m_path, QString("org.a11y.atspi.") + interface};
+    }
+
     /// Calls a method of org.a11y.atspi.`interface` and returns the first value of the reply.
     [[nodiscard]] QVariant ask(const char* interface, const char* method,
                                const QVariantList& arguments = {}) const
     {
         if (!*this) return {};
-        const QDBusMessage answer =
-            RemoteObject{m_bus, m_service, m_path, interfaceOf(interface)}.call(method, arguments);
+        const QDBusMessage answer = object(interface).call(method, arguments);
         return answer.type() == QDBusMessage::ReplyMessage ? answer.arguments().value(0) : QVariant();
     }
 
     [[nodiscard]] QByteArray property(const char* name) const
     {
-        if (!*this) return {};
-        return RemoteObject{m_bus, m_service, m_path, interfaceOf("Accessible")}
-            .property(name)
-            .toString()
-            .toUtf8();
-    }
-
-    void collect(const Condition& condition, bool isOneEnough, QList<Accessible>& found) const
-    {
-        const QList<Accessible> offspring = children();
-        for (const Accessible& child : offspring) {
-            if (condition(child)) found.append(child);
-            if (isOneEnough && !found.isEmpty()) return;
-            child.collect(condition, isOneEnough, found);
-        }
+        return *this ? object("Accessible").property(name).toString().toUtf8() : QByteArray();
     }
 
     QDBusConnection m_bus{QString()};

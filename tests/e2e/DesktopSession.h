@@ -6,6 +6,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <sys/prctl.h>
@@ -19,6 +20,16 @@ namespace harbex::test
 {
     return QString(text).split(u' ');
 }
+
+/// Waits until the condition is true. Returns false on timeout.
+[[nodiscard]] inline bool waitFor(const std::function<bool()>& condition)
+{
+    return QTest::qWaitFor(condition, 30000);
+}
+
+/// Waits until the condition is true. On timeout the test fails with the message, which names the step.
+#define STEP(message, condition)                                                                             \
+    QVERIFY2(harbex::test::waitFor([&] { return static_cast<bool>(condition); }), message)
 
 /// A private desktop session: a session bus, the accessibility bus, and either an Xvfb screen of 1280x800
 /// with a window manager, or a headless Wayland compositor. All programs in it are real. The session ends
@@ -115,7 +126,7 @@ public:
         const QByteArray program = command.takeFirst().toUtf8();
         start(program, command);
         const auto isReady = [&] { return m_connection.interface()->isServiceRegistered(service).value(); };
-        if (!QTest::qWaitFor(isReady, patienceMilliseconds)) qFatal("%s does not start", name);
+        if (!waitFor(isReady)) qFatal("%s does not start", name);
     }
 
     /// Runs a program and returns its standard output. Empty if it failed.
@@ -141,12 +152,9 @@ public:
     /// visible.
     [[nodiscard]] Accessible window(const char* role, const char* name = nullptr) const
     {
-        const QList<Accessible> programs = Accessible::desktop(m_accessibilityBus).children();
-        for (const Accessible& program : programs) {
-            const QList<Accessible> windows = program.children();
-            for (const Accessible& window : windows)
+        for (const Accessible& program : Accessible::desktop(m_accessibilityBus).children())
+            for (const Accessible& window : program.children())
                 if (window.isShown(role, name)) return window;
-        }
         return {};
     }
 
@@ -210,14 +218,11 @@ private:
     /// Returns an environment without the variables of the surrounding desktop.
     static QProcessEnvironment emptyEnvironment()
     {
-        const QProcessEnvironment around = QProcessEnvironment::systemEnvironment();
         QProcessEnvironment environment;
         for (const char* name :
              {"PATH", "HOME", "TMPDIR", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME",
-              "XDG_RUNTIME_DIR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-            const QString variable = name;
-            if (around.contains(variable)) environment.insert(variable, around.value(variable));
-        }
+              "XDG_RUNTIME_DIR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"})
+            if (qEnvironmentVariableIsSet(name)) environment.insert(name, qEnvironmentVariable(name));
         environment.insert("PATH", installed("bin") + u':' + environment.value("PATH"));
         environment.insert("XDG_DATA_DIRS", installed("share") + ":/usr/local/share:/usr/share");
         environment.insert("LC_ALL", "C.UTF-8");
@@ -235,22 +240,21 @@ private:
         std::vector<XWindow> windows;
         const QByteArray ids =
             run("xdotool", words("search --onlyvisible --class") + words(ofClass)).value_or(QByteArray());
-        const auto number = [](const QString& report, const char* label) {
-            const QRegularExpression line(QString(label) + ": +(-?\\d+)");
-            return line.match(report).captured(1).toInt();
-        };
+        const QRegularExpression place("Absolute upper-left X: +(-?\\d+)\n"
+                                       " *Absolute upper-left Y: +(-?\\d+)\n"
+                                       "(?:.*\n)*? *Width: (\\d+)\n"
+                                       " *Height: (\\d+)\n");
         for (const QByteArray& id : ids.trimmed().split('\n')) {
             if (id.isEmpty()) continue;
             // The window may have closed since the search.
             const auto answer = run("xwininfo", words("-stats -children -id") + words(id));
             if (!answer) continue;
             const QString report = *answer;
-            windows.push_back(
-                {{number(report, "Absolute upper-left X"), number(report, "Absolute upper-left Y"),
-                  number(report, "Width"), number(report, "Height")},
-                 report.contains("Override Redirect State: yes") &&
-                     report.contains(
-                         QRegularExpression("Root window id: (0x[0-9a-f]+) .*\n *Parent window id: \\1 "))});
+            const auto number = [found = place.match(report)](int i) { return found.captured(i).toInt(); };
+            windows.push_back({{number(1), number(2), number(3), number(4)},
+                               report.contains("Override Redirect State: yes") &&
+                                   report.contains(QRegularExpression(
+                                       "Root window id: (0x[0-9a-f]+) .*\n *Parent window id: \\1 "))});
         }
         return windows;
     }
@@ -258,14 +262,14 @@ private:
     void startX11()
     {
         QProcess& server = start("Xvfb", words("-displayfd 1 -screen 0 1280x800x24 -nolisten tcp -noreset"));
-        if (!QTest::qWaitFor([&] { return server.canReadLine(); }, patienceMilliseconds))
+        if (!waitFor([&] { return server.canReadLine(); }))
             qFatal("no screen: %s", server.readAllStandardError().constData());
         set("DISPLAY", ":" + server.readLine().trimmed());
 
         start("openbox");
         // The window manager sets the number of desktops when it is ready.
         const auto isManaged = [&] { return run("xdotool", words("get_num_desktops")).has_value(); };
-        if (!QTest::qWaitFor(isManaged, patienceMilliseconds)) qFatal("no window manager");
+        if (!waitFor(isManaged)) qFatal("no window manager");
         // The first key press announces a new keyboard. The window manager then releases its key grabs for a
         // moment, so that it could miss one of its own keys.
         if (!press("Shift_L")) qFatal("no keyboard");
@@ -279,7 +283,7 @@ private:
                     "--debug")
                   << "--socket=" + name);
         const QString socket = m_environment.value("XDG_RUNTIME_DIR") + u'/' + name;
-        if (!QTest::qWaitFor([&] { return QFile::exists(socket); }, patienceMilliseconds))
+        if (!waitFor([&] { return QFile::exists(socket); }))
             qFatal("no compositor: %s", m_programs.back()->readAllStandardError().constData());
         set("WAYLAND_DISPLAY", name);
         set("QT_QPA_PLATFORM", "wayland");
@@ -294,7 +298,7 @@ private:
             address = launcher.call("GetAddress").arguments().value(0).toString();
             return address.startsWith("unix:");
         };
-        if (!QTest::qWaitFor(hasAddress, patienceMilliseconds)) qFatal("no accessibility bus");
+        if (!waitFor(hasAddress)) qFatal("no accessibility bus");
 
         const RemoteObject properties{m_connection, launcher.service, launcher.path,
                                       "org.freedesktop.DBus.Properties"};
@@ -336,9 +340,5 @@ private:
     std::vector<std::unique_ptr<QProcess>> m_programs;
     QDBusConnection m_accessibilityBus{QString()};
 };
-
-/// Waits until the condition is true. On timeout the test fails with the message, which names the step.
-#define STEP(message, condition)                                                                             \
-    QVERIFY2(QTest::qWaitFor([&] { return static_cast<bool>(condition); }, 30000), message)
 
 } // namespace harbex::test

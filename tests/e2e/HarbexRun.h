@@ -35,12 +35,6 @@ public:
 
     void signal(int number) const { ::kill(static_cast<pid_t>(m_process->processId()), number); }
 
-    /// Waits until the condition is true. Returns false on timeout.
-    [[nodiscard]] static bool eventually(const std::function<bool()>& condition)
-    {
-        return QTest::qWaitFor(condition, 30000);
-    }
-
     [[nodiscard]] static QString inbox() { return QDir::home().filePath("Inbox"); }
     [[nodiscard]] static QString sorted() { return QDir::home().filePath("Sorted"); }
 
@@ -67,27 +61,25 @@ public:
         return window().find(role, name);
     }
 
-    /// Returns Qt's own folder dialog. Empty if it is not open.
-    [[nodiscard]] Accessible dialog() const { return m_session.window("dialog"); }
-
     /// Opens a picker through the accessibility bus and clicks a choice. Returns whether the picker then
     /// shows it.
     [[nodiscard]] bool choose(const Accessible& picker, const char* choice) const
     {
         Accessible row;
         const auto isOffered = [&] { return bool(row = picker.find("list item", choice)); };
-        return picker.press() && eventually(isOffered) && m_session.click(row.extents()) &&
-               eventually([&] { return picker.text() == choice; });
+        return picker.press() && waitFor(isOffered) && m_session.click(row.extents()) &&
+               waitFor([&] { return picker.text() == choice; });
     }
 
     /// Waits for Qt's own folder dialog, types a path and presses Return. Returns whether the dialog has
     /// closed.
     [[nodiscard]] bool answerDialog(const QString& path) const
     {
-        const auto line = [this] { return dialog().find("text", "Directory:"); };
-        return eventually([&] { return line().has(Accessible::State::focused); }) && m_session.type(path) &&
-               eventually([&] { return line().text() == path.toUtf8(); }) && m_session.press("Return") &&
-               eventually([this] { return !dialog(); });
+        const auto dialog = [this] { return m_session.window("dialog"); };
+        const auto line = [&] { return dialog().find("text", "Directory:"); };
+        return waitFor([&] { return line().has(Accessible::State::focused); }) && m_session.type(path) &&
+               waitFor([&] { return line().text() == path.toUtf8(); }) && m_session.press("Return") &&
+               waitFor([&] { return !dialog(); });
     }
 
     /// Clicks the icon to open the menu, then clicks one of its two items. Returns whether the menu has
@@ -98,11 +90,11 @@ public:
     {
         QRect menu;
         const auto isOpen = [&] { return !(menu = m_session.openMenu()).isEmpty(); };
-        if (!m_session.click(icon, button) || !eventually(isOpen)) return false;
+        if (!m_session.click(icon, button) || !waitFor(isOpen)) return false;
         // "Open Harbex" is in the upper half of the menu, "Quit" in the lower half.
         QRect row(menu.topLeft(), QSize(menu.width(), menu.height() / 2));
         if (item == MenuItem::quit) row.translate(0, row.height());
-        return m_session.click(row) && eventually([&] { return !isOpen(); });
+        return m_session.click(row) && waitFor([&] { return !isOpen(); });
     }
 
     /// Returns the control of the main window that has the keyboard focus. Empty if another window has the
@@ -123,7 +115,7 @@ public:
             const Accessible former = focused();
             if (former == control) return true;
             const auto hasMoved = [&] { return focused() && focused() != former; };
-            if (!m_session.press("Tab") || !eventually(hasMoved)) return false;
+            if (!m_session.press("Tab") || !waitFor(hasMoved)) return false;
         }
         return false;
     }
@@ -131,8 +123,8 @@ public:
     /// Closes the active main window with Alt+F4. Returns whether it has closed.
     [[nodiscard]] bool closeWindow() const
     {
-        return eventually([this] { return isInFront(); }) && m_session.press("alt+F4") &&
-               eventually([this] { return !window(); });
+        return waitFor([this] { return isInFront(); }) && m_session.press("alt+F4") &&
+               waitFor([this] { return !window(); });
     }
 
     /// Puts a file into the inbox like a download: writes "NAME.part", then renames it to NAME.
@@ -147,7 +139,9 @@ public:
     /// inbox.
     [[nodiscard]] bool wasMoved(const char* name, const char* folder = ".") const
     {
-        return read(sorted() + u'/' + folder + u'/' + name) == name && !QFile::exists(inbox() + u'/' + name);
+        QFile file(sorted() + u'/' + folder + u'/' + name);
+        return file.open(QIODevice::ReadOnly) && file.readAll() == name &&
+               !QFile::exists(inbox() + u'/' + name);
     }
 
     /// Stores one rule for the inbox that moves everything to "Sorted".
@@ -164,12 +158,6 @@ public:
     [[nodiscard]] static FolderState stored() { return FolderStore().loadState({}); }
 
 private:
-    static std::optional<QByteArray> read(const QString& path)
-    {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? std::optional(file.readAll()) : std::nullopt;
-    }
-
     DesktopSession& m_session;
     QProcess* m_process = nullptr;
 };

@@ -102,12 +102,11 @@ private Q_SLOTS:
             const QString path = HarbexRun::sorted() + u'/' + folder;
             return harbex.choose(harbex.controls("combo box", "Field").value(rule), field) &&
                    (!value || text.setText(value)) && destination.press() && harbex.answerDialog(path) &&
-                   HarbexRun::eventually([&] { return destination.description() == path.toUtf8(); });
+                   waitFor([&] { return destination.description() == path.toUtf8(); });
         };
         const auto addRule = [&](int number) {
-            return harbex.control("push button", "Add Rule").press() && HarbexRun::eventually([&] {
-                       return harbex.controls("combo box", "Field").size() == number;
-                   });
+            return harbex.control("push button", "Add Rule").press() &&
+                   waitFor([&] { return harbex.controls("combo box", "Field").size() == number; });
         };
         QVERIFY2(fillIn(0, "Name", "invoice", "Invoices"), "the first rule");
         QVERIFY2(addRule(2) && fillIn(1, "Extension", "pdf", "Documents"), "the second rule");

@@ -19,7 +19,7 @@ private Q_SLOTS:
             return control.has(Accessible::State::focused);
         };
         const auto tabGoesOnTo = [&](const Accessible& control) {
-            return desktop.press("Tab") && harbex.eventually([&] { return focusIsOn(control); });
+            return desktop.press("Tab") && waitFor([&] { return focusIsOn(control); });
         };
 
         STEP("\"Add Folder\" has the focus in an empty window",

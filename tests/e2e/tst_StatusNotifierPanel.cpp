@@ -16,11 +16,6 @@ void startLxqtPanel(DesktopSession& desktop)
                                                  "[panel1]\n"
                                                  "plugins=statusnotifier\n"
                                                  "position=Bottom\n"
-                                                 "desktop=0\n"
-                                                 "panelSize=32\n"
-                                                 "iconSize=22\n"
-                                                 "width=100\n"
-                                                 "width-percent=true\n"
                                                  "[statusnotifier]\n"
                                                  "type=statusnotifier\n"
                                                  "alignment=Right\n");

@@ -13,14 +13,14 @@ class TestWayland : public QObject
 private Q_SLOTS:
     // A click that the program refuses is left to the panel, which matters only where the panel has an
     // answer.
-    void itOpensItsWindowAndMovesAFile_data()
+    void itOpensItsWindow_data()
     {
         QTest::addColumn<QString>("currentDesktop");
         QTest::addColumn<bool>("takesLeftClick");
         QTest::newRow("Plasma opens the menu instead") << "KDE" << false;
         QTest::newRow("LXQt does nothing instead") << "LXQt" << true;
     }
-    void itOpensItsWindowAndMovesAFile()
+    void itOpensItsWindow()
     {
         QFETCH(QString, currentDesktop);
         QFETCH(bool, takesLeftClick);
@@ -37,8 +37,6 @@ private Q_SLOTS:
              desktop.run("weston-debug", words("scene-graph"))
                  .value_or(QByteArray())
                  .contains("top-level window 'Harbex' of org.harbex.Harbex"));
-        QVERIFY2(harbex.drop("photo.jpg"), "a file arrives");
-        STEP("it is moved", harbex.wasMoved("photo.jpg"));
         const auto click = [&](const char* method) {
             return desktop
                 .run("dbus-send",
