@@ -32,30 +32,23 @@ class TestColorScheme : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init()
-    {
-        QApplication::setPalette(QPalette());
-        m_bus = std::make_unique<SessionBus>();
-        m_connection.emplace(m_bus->connect());
-    }
-
-    void cleanup()
-    {
-        m_connection.reset();
-        m_bus.reset();
-        QApplication::setPalette(QPalette());
-    }
+    void cleanup() { QApplication::setPalette(QPalette()); }
 
     // First, because Qt 6.4 can connect a QDBusVariant after anything in the process has used that type.
     void everyChangeOfTheDesktopIsFollowed()
     {
         const QPalette before = QApplication::palette();
-        SettingsPortal portal(*m_bus);
-        const ColorScheme scheme(*m_connection);
-        QVERIFY(SettingsPortal::replies(*m_connection));
+        SettingsPortal portal(m_bus);
+        const ColorScheme scheme(m_connection);
+        QVERIFY(SettingsPortal::replies(m_connection));
         for (const uint other : {preferLight, noPreference, preferLight}) {
             portal.set(appearance, colorScheme, preferDark);
             QTRY_VERIFY(isDark());
+            // Other settings are ignored.
+            portal.set(appearance, "contrast", other);
+            portal.set("org.gnome.desktop.interface", colorScheme, other);
+            QVERIFY(SettingsPortal::replies(m_connection));
+            QVERIFY(isDark());
             portal.set(appearance, colorScheme, other);
             QTRY_VERIFY(!isDark());
             QCOMPARE(QApplication::palette(), before);
@@ -64,16 +57,11 @@ private Q_SLOTS:
 
     void aDarkDesktopMakesTheProgramDarkWithoutBlocking()
     {
-        SettingsPortal portal(*m_bus);
+        SettingsPortal portal(m_bus);
         portal.set(appearance, colorScheme, preferDark);
-        QWidget window;
-        const ColorScheme scheme(*m_connection);
+        const ColorScheme scheme(m_connection);
         QVERIFY(!isDark());
         QTRY_VERIFY(isDark());
-        QCOMPARE(QApplication::palette().color(QPalette::Window),
-                 ColorScheme::darkPalette().color(QPalette::Window));
-        QTRY_COMPARE(window.palette().color(QPalette::Window),
-                     QApplication::palette().color(QPalette::Window));
     }
 
     void otherAnswersLeaveThePalette()
@@ -81,47 +69,35 @@ private Q_SLOTS:
         const QPalette before = QApplication::palette();
         for (const QVariant& answer : {QVariant(noPreference), QVariant(preferLight), QVariant(3U), // unknown
                                        QVariant("dark"), QVariant(QStringList{"1"})}) {
-            SettingsPortal portal(*m_bus);
+            SettingsPortal portal(m_bus);
             portal.set(appearance, colorScheme, answer);
-            const ColorScheme scheme(*m_connection);
-            QVERIFY(SettingsPortal::replies(*m_connection));
+            const ColorScheme scheme(m_connection);
+            QVERIFY(SettingsPortal::replies(m_connection));
             QVERIFY2(portal.questions() > 0, "two when the first answer was late");
             QCOMPARE(QApplication::palette(), before);
         }
     }
 
-    void changesOfOtherSettingsAreIgnored()
-    {
-        SettingsPortal portal(*m_bus);
-        portal.set(appearance, colorScheme, preferDark);
-        const ColorScheme scheme(*m_connection);
-        QTRY_VERIFY(isDark());
-        portal.set(appearance, "contrast", preferLight);
-        portal.set("org.gnome.desktop.interface", colorScheme, preferLight);
-        QVERIFY(SettingsPortal::replies(*m_connection));
-        QVERIFY(isDark());
-    }
-
     void withoutAPortalNothingChangesUntilOneStarts()
     {
         const QPalette before = QApplication::palette();
-        const ColorScheme scheme(*m_connection);
-        QVERIFY2(!SettingsPortal::replies(*m_connection), "the bus replies with an error");
+        const ColorScheme scheme(m_connection);
+        QVERIFY2(!SettingsPortal::replies(m_connection), "the bus replies with an error");
         QCOMPARE(QApplication::palette(), before);
-        SettingsPortal portal(*m_bus);
+        SettingsPortal portal(m_bus);
         portal.set(appearance, colorScheme, preferDark);
         QTRY_VERIFY(isDark());
     }
 
     void aPortalThatDoesNotReplyDelaysTheFirstWindowBriefly()
     {
-        SettingsPortal portal(*m_bus);
+        SettingsPortal portal(m_bus);
         portal.set(appearance, colorScheme, preferDark);
-        const auto process = static_cast<pid_t>(m_connection->interface()->servicePid(portalService).value());
+        const auto process = static_cast<pid_t>(m_connection.interface()->servicePid(portalService).value());
         ::kill(process, SIGSTOP);
         QElapsedTimer timer;
         timer.start();
-        ColorScheme scheme(*m_connection);
+        ColorScheme scheme(m_connection);
         scheme.waitForAnswer();
         QVERIFY2(timer.elapsed() < 2000, "Qt's own limit is 25 seconds");
         timer.restart();
@@ -139,10 +115,10 @@ private Q_SLOTS:
         const auto isDarkWith = [this](const char* platformTheme) {
             qputenv("XDG_CURRENT_DESKTOP", "ubuntu:KDE");
             qputenv("QT_QPA_PLATFORMTHEME", platformTheme);
-            SettingsPortal portal(*m_bus);
+            SettingsPortal portal(m_bus);
             portal.set(appearance, colorScheme, preferDark);
             // The style has a light palette, like that of Plasma before its platform theme changes it.
-            ColorScheme scheme(*m_connection);
+            ColorScheme scheme(m_connection);
             scheme.waitForAnswer();
             qunsetenv("XDG_CURRENT_DESKTOP");
             qunsetenv("QT_QPA_PLATFORMTHEME");
@@ -155,9 +131,9 @@ private Q_SLOTS:
 
     void aPaletteOfTheDesktopIsLeftAlone()
     {
-        SettingsPortal portal(*m_bus);
-        const ColorScheme scheme(*m_connection);
-        QVERIFY(SettingsPortal::replies(*m_connection));
+        SettingsPortal portal(m_bus);
+        const ColorScheme scheme(m_connection);
+        QVERIFY(SettingsPortal::replies(m_connection));
         // As the desktop's plugin of Qt sets it, before the portal reports the change.
         QPalette light = QApplication::palette();
         light.setColor(QPalette::Window, QColor(0xf6, 0xf0, 0xe0));
@@ -168,16 +144,16 @@ private Q_SLOTS:
             QApplication::setPalette(own);
             for (const uint preference : {preferDark, preferLight, preferDark}) {
                 portal.set(appearance, colorScheme, preference);
-                QVERIFY(SettingsPortal::replies(*m_connection));
+                QVERIFY(SettingsPortal::replies(m_connection));
                 QCOMPARE(QApplication::palette(), own);
             }
         }
     }
 
 private:
-    std::unique_ptr<SessionBus> m_bus;
+    SessionBus m_bus;
     /// The connection of the program.
-    std::optional<QDBusConnection> m_connection;
+    QDBusConnection m_connection = m_bus.connect();
 };
 
 HARBEX_WINDOW_TEST(TestColorScheme)
