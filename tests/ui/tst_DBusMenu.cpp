@@ -58,22 +58,8 @@ class TestDBusMenu : public QObject
 private Q_SLOTS:
     void init()
     {
-        m_menu = std::make_unique<QMenu>();
-        m_first.emplace(m_menu->addAction("First"), &QAction::triggered);
-        m_menu->addSeparator();
-        m_last.emplace(m_menu->addAction("Last"), &QAction::triggered);
-
-        const QDBusConnection own = m_bus.connect();
-        m_dbusMenu = std::make_unique<DBusMenu>(own, "/Menu", *m_menu);
-        m_remote.emplace(RemoteObject{m_bus.connect(), own.baseService(), "/Menu", "com.canonical.dbusmenu"});
-    }
-
-    void cleanup()
-    {
-        m_first.reset();
-        m_last.reset();
-        m_dbusMenu.reset();
-        m_menu.reset();
+        m_first.clear();
+        m_last.clear();
     }
 
     void layout()
@@ -90,7 +76,7 @@ private Q_SLOTS:
     void properties()
     {
         const auto group = [this](const QList<int>& ids, const QStringList& names) {
-            const QDBusMessage answer = m_remote->call("GetGroupProperties", {idList(ids), names});
+            const QDBusMessage answer = m_remote.call("GetGroupProperties", {idList(ids), names});
             QStringList entries;
             for (const auto& entry : qdbus_cast<QList<DBusMenuProperties>>(answer.arguments().value(0)))
                 entries += textOf(entry.id, entry.properties);
@@ -107,14 +93,14 @@ private Q_SLOTS:
             many.append(i % 2 + 1);
         QCOMPARE(group(many, allProperties), "1 label=First, 2 type=separator");
 
-        const QDBusMessage answer = m_remote->call("GetProperty", {1, "label"});
+        const QDBusMessage answer = m_remote.call("GetProperty", {1, "label"});
         QCOMPARE(answer.arguments().value(0).value<QDBusVariant>().variant(), "First");
     }
 
     void answersHaveTheSignaturesOfTheProtocol()
     {
         const auto signature = [this](const char* method, const QVariantList& arguments) {
-            return m_remote->call(method, arguments).signature().toLatin1();
+            return m_remote.call(method, arguments).signature().toLatin1();
         };
         QCOMPARE(signature("GetLayout", {0, -1, allProperties}), "u(ia{sv}av)");
         QCOMPARE(signature("GetGroupProperties", {idList({}), allProperties}), "a(ia{sv})");
@@ -129,44 +115,44 @@ private Q_SLOTS:
     {
         for (const int id : unknownIds) {
             const QByteArray name = QByteArray::number(id);
-            QVERIFY2(isRefused(m_remote->call("GetLayout", {id, -1, allProperties})), name);
-            QVERIFY2(isRefused(m_remote->call("GetProperty", {id, "label"})), name);
+            QVERIFY2(isRefused(m_remote.call("GetLayout", {id, -1, allProperties})), name);
+            QVERIFY2(isRefused(m_remote.call("GetProperty", {id, "label"})), name);
             QVERIFY2(isRefused(send(id, "clicked")), name);
-            QVERIFY2(isRefused(m_remote->call("AboutToShow", {id})), name);
+            QVERIFY2(isRefused(m_remote.call("AboutToShow", {id})), name);
         }
-        QVERIFY(isRefused(m_remote->call("GetProperty", {1, "shortcut"})));
-        QVERIFY(isRefused(m_remote->call("GetProperty", {2, "label"})));
-        QVERIFY(isRefused(m_remote->call("EventGroup", {eventList({{99, "clicked"}, {-1, "clicked"}})})));
-        QVERIFY(isRefused(m_remote->call("AboutToShowGroup", {idList({99, -1})})));
+        QVERIFY(isRefused(m_remote.call("GetProperty", {1, "shortcut"})));
+        QVERIFY(isRefused(m_remote.call("GetProperty", {2, "label"})));
+        QVERIFY(isRefused(m_remote.call("EventGroup", {eventList({{99, "clicked"}, {-1, "clicked"}})})));
+        QVERIFY(isRefused(m_remote.call("AboutToShowGroup", {idList({99, -1})})));
     }
 
     void groupsNameTheUnknownEntries()
     {
-        const QDBusMessage handled = m_remote->call(
+        const QDBusMessage handled = m_remote.call(
             "EventGroup", {eventList({{1, "opened"}, {99, "clicked"}, {3, "clicked"}, {1, "clicked"}})});
         QCOMPARE(qdbus_cast<QList<int>>(handled.arguments().value(0)), QList<int>({99}));
-        QTRY_COMPARE(m_first->count(), 1);
-        QCOMPARE(m_last->count(), 1);
+        QTRY_COMPARE(m_first.count(), 1);
+        QCOMPARE(m_last.count(), 1);
 
         // The menu is up to date already.
-        QCOMPARE(m_remote->call("AboutToShow", {0}).arguments(), QVariantList{false});
-        const QDBusMessage answer = m_remote->call("AboutToShowGroup", {idList({0, 99, 3, -1})});
+        QCOMPARE(m_remote.call("AboutToShow", {0}).arguments(), QVariantList{false});
+        const QDBusMessage answer = m_remote.call("AboutToShowGroup", {idList({0, 99, 3, -1})});
         QCOMPARE(qdbus_cast<QList<int>>(answer.arguments().value(0)), QList<int>());
         QCOMPARE(qdbus_cast<QList<int>>(answer.arguments().value(1)), QList<int>({99, -1}));
 
-        QVERIFY(m_remote->accepts("EventGroup", {eventList({})}));
-        QVERIFY(m_remote->accepts("AboutToShowGroup", {idList({})}));
+        QVERIFY(m_remote.accepts("EventGroup", {eventList({})}));
+        QVERIFY(m_remote.accepts("AboutToShowGroup", {idList({})}));
     }
 
     void aClickTriggersTheEntry()
     {
         QCOMPARE(send(3, "clicked").type(), QDBusMessage::ReplyMessage);
-        QTRY_COMPARE(m_last->count(), 1);
-        QCOMPARE(m_first->count(), 0);
+        QTRY_COMPARE(m_last.count(), 1);
+        QCOMPARE(m_first.count(), 0);
         // An action that blocks must not block the panel.
-        m_dbusMenu->Event(1, "clicked", QDBusVariant(0), 0);
-        QCOMPARE(m_first->count(), 0);
-        QTRY_COMPARE(m_first->count(), 1);
+        m_dbusMenu.Event(1, "clicked", QDBusVariant(0), 0);
+        QCOMPARE(m_first.count(), 0);
+        QTRY_COMPARE(m_first.count(), 1);
     }
 
     void otherEventsTriggerNothing()
@@ -178,19 +164,19 @@ private Q_SLOTS:
             QCOMPARE(send(id, "clicked").type(), QDBusMessage::ReplyMessage);
         // A later click shows that the other events have been handled.
         QCOMPARE(send(3, "clicked").type(), QDBusMessage::ReplyMessage);
-        QTRY_COMPARE(m_last->count(), 1);
-        QCOMPARE(m_first->count(), 0);
+        QTRY_COMPARE(m_last.count(), 1);
+        QCOMPARE(m_first.count(), 0);
     }
 
     void propertiesAreThoseOfTheProtocol()
     {
-        QCOMPARE(m_remote->property("Version"), QVariant(3U));
-        QCOMPARE(m_remote->property("TextDirection"), QVariant("ltr"));
-        QCOMPARE(m_remote->property("Status"), QVariant("normal"));
-        QCOMPARE(m_remote->property("IconThemePath"), QVariant(QStringList()));
+        QCOMPARE(m_remote.property("Version"), QVariant(3U));
+        QCOMPARE(m_remote.property("TextDirection"), QVariant("ltr"));
+        QCOMPARE(m_remote.property("Status"), QVariant("normal"));
+        QCOMPARE(m_remote.property("IconThemePath"), QVariant(QStringList()));
 
         QGuiApplication::setLayoutDirection(Qt::RightToLeft);
-        const QVariant direction = m_remote->property("TextDirection");
+        const QVariant direction = m_remote.property("TextDirection");
         QGuiApplication::setLayoutDirection(Qt::LeftToRight);
         QCOMPARE(direction, QVariant("rtl"));
     }
@@ -198,20 +184,22 @@ private Q_SLOTS:
 private:
     [[nodiscard]] QString layoutText(int parentId, int depth, const QStringList& names) const
     {
-        const QDBusMessage answer = m_remote->call("GetLayout", {parentId, depth, names});
+        const QDBusMessage answer = m_remote.call("GetLayout", {parentId, depth, names});
         return textOf(qdbus_cast<DBusMenuLayout>(answer.arguments().value(1)));
     }
     [[nodiscard]] QDBusMessage send(int id, const char* type) const
     {
-        return m_remote->call("Event", {id, type, asVariant(0), 0U});
+        return m_remote.call("Event", {id, type, asVariant(0), 0U});
     }
 
     SessionBus m_bus;
-    std::unique_ptr<QMenu> m_menu;
-    std::unique_ptr<DBusMenu> m_dbusMenu;
-    std::optional<RemoteObject> m_remote;
-    std::optional<QSignalSpy> m_first;
-    std::optional<QSignalSpy> m_last;
+    QDBusConnection m_own = m_bus.connect();
+    QMenu m_menu;
+    QSignalSpy m_first{m_menu.addAction("First"), &QAction::triggered};
+    QAction* m_separator = m_menu.addSeparator();
+    QSignalSpy m_last{m_menu.addAction("Last"), &QAction::triggered};
+    DBusMenu m_dbusMenu{m_own, "/Menu", m_menu};
+    RemoteObject m_remote{m_bus.connect(), m_own.baseService(), "/Menu", "com.canonical.dbusmenu"};
 };
 
 HARBEX_WINDOW_TEST(TestDBusMenu)

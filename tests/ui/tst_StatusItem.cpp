@@ -1,7 +1,6 @@
 #include "support/FakePanel.h"
 #include "support/SessionBus.h"
 #include "support/WindowTestMain.h"
-#include "ui/DBusMenu.h"
 #include "ui/StatusItem.h"
 #include "ui/StatusNotifierItem.h"
 
@@ -29,33 +28,30 @@ class TestStatusItem : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init() { m_bus = std::make_unique<SessionBus>(); }
-
     void cleanup()
     {
         m_item.reset();
         m_notifierItem.reset();
         m_panel.reset();
-        m_bus.reset();
     }
 
     // The part on the bus: registration.
     void registersWithAPanelWithoutAHostAndWithTheNextOne()
     {
-        const FakePanel first(*m_bus, false);
+        const FakePanel first(m_bus, false);
         makeNotifierItem();
         QTRY_COMPARE(m_shown->count(), 1);
         QVERIFY(!isShown());
         QCOMPARE(first.items().size(), 1);
         // The name of the watcher changes its owner without a pause.
-        const FakePanel second(*m_bus);
+        const FakePanel second(m_bus);
         QTRY_COMPARE(second.items().size(), 1);
         QTRY_VERIFY(isShown());
     }
 
     void noticesEachChangeOfTheHostOnce()
     {
-        FakePanel panel(*m_bus, false);
+        FakePanel panel(m_bus, false);
         makeNotifierItem();
         QTRY_COMPARE(m_shown->count(), 1);
         for (const bool isThere : {true, false, true}) {
@@ -73,7 +69,7 @@ private Q_SLOTS:
     }
 
     // The part on the bus: properties and calls of the panel.
-    void propertiesDescribeTheItemAndItsMenu()
+    void propertiesDescribeTheItem()
     {
         QVERIFY(registersInPanel([this] { makeItem(); }));
         QCOMPARE(text("Category"), "ApplicationStatus");
@@ -81,8 +77,6 @@ private Q_SLOTS:
         QCOMPARE(text("Title"), "Harbex");
         QCOMPARE(text("Status"), "Active");
         QCOMPARE(text("IconName"), "folder-symbolic");
-        QCOMPARE(text("OverlayIconName"), "");
-        QCOMPARE(text("AttentionIconName"), "");
         // A click opens the menu.
         QCOMPARE(m_panel->item().property("ItemIsMenu"), QVariant(true));
 
@@ -99,13 +93,6 @@ private Q_SLOTS:
             QCOMPARE(int(quint8(pixmap.pixels[middle])), 255);
             QCOMPARE(int(pixmap.pixels[0]), 0);
         }
-
-        const QDBusMessage answer = m_panel->menu().call("GetLayout", {0, -1, QStringList()});
-        QList<QVariantMap> entries;
-        for (const auto& entry : qdbus_cast<DBusMenuLayout>(answer.arguments().value(1)).children)
-            entries.append(entry.properties);
-        QCOMPARE(entries, QList<QVariantMap>(
-                              {{{"label", "Open Harbex"}}, {{"type", "separator"}}, {{"label", "Quit"}}}));
     }
 
     void iconIsSentInTheSizesOfPanels()
@@ -125,7 +112,7 @@ private Q_SLOTS:
         }
         QCOMPARE(widths, QList<int>({16, 22, 24, 32, 48, 64}));
 
-        makeNotifierItem(m_bus->connect(), QIcon(":/no/such/icon.svg"));
+        makeNotifierItem(m_bus.connect(), QIcon(":/no/such/icon.svg"));
         QVERIFY2(m_notifierItem->iconPixmap().isEmpty(), "an icon that cannot be drawn is left out");
     }
 
@@ -197,12 +184,7 @@ private Q_SLOTS:
 
         QVERIFY(m_panel->item().accepts("ContextMenu", {123, 234}));
         QTRY_VERIFY(popUp());
-        const QList<QAction*> entries = popUp()->actions();
-        QCOMPARE(entries.size(), 3);
-        for (const QAction* entry : entries) {
-            QVERIFY(entry->isEnabled() && entry->isVisible() && !entry->isCheckable());
-            QVERIFY(entry->icon().isNull() && entry->shortcut().isEmpty());
-        }
+        QCOMPARE(popUp()->actions().size(), 3);
         QTest::keyClick(popUp(), Qt::Key_Down);
         QTest::keyClick(popUp(), Qt::Key_Return);
         QCOMPARE(m_open->count(), 1);
@@ -222,7 +204,7 @@ private Q_SLOTS:
             QTRY_VERIFY(isInXEmbedTray());
             // There is no tray of this kind.
             QCOMPARE(shown.takeFirst(), QVariantList() << false);
-            m_panel = std::make_unique<FakePanel>(*m_bus);
+            m_panel = std::make_unique<FakePanel>(m_bus);
             QVERIFY(m_panel->waitForItem());
             QTRY_VERIFY(!isInXEmbedTray());
             QCOMPARE(shown.takeFirst(), QVariantList() << true);
@@ -262,7 +244,7 @@ private:
         m_open.emplace(m_item.get(), &StatusItem::openRequested);
         m_quit.emplace(m_item.get(), &StatusItem::quitRequested);
     }
-    void makeItem() { makeItem(m_bus->connect()); }
+    void makeItem() { makeItem(m_bus.connect()); }
 
     /// Creates only the part of the item that is on the bus.
     void makeNotifierItem(const QDBusConnection& connection, const QIcon& icon = coloredIcon())
@@ -270,12 +252,12 @@ private:
         m_notifierItem = std::make_unique<StatusNotifierItem>(connection, "Title", "folder", icon, m_menu);
         m_shown.emplace(m_notifierItem.get(), &StatusNotifierItem::shownChanged);
     }
-    void makeNotifierItem() { makeNotifierItem(m_bus->connect()); }
+    void makeNotifierItem() { makeNotifierItem(m_bus.connect()); }
 
     /// Starts a panel and creates an item. Returns whether the item registers.
     [[nodiscard]] bool registersInPanel(const std::function<void()>& create)
     {
-        m_panel = std::make_unique<FakePanel>(*m_bus);
+        m_panel = std::make_unique<FakePanel>(m_bus);
         create();
         return m_panel->waitForItem();
     }
@@ -295,7 +277,7 @@ private:
     [[nodiscard]] bool isInXEmbedTray() const { return trayIcon() && trayIcon()->isVisible(); }
     static QMenu* popUp() { return qobject_cast<QMenu*>(QApplication::activePopupWidget()); }
 
-    std::unique_ptr<SessionBus> m_bus;
+    SessionBus m_bus;
     std::unique_ptr<FakePanel> m_panel;
     QMenu m_menu;
     std::unique_ptr<StatusNotifierItem> m_notifierItem;
