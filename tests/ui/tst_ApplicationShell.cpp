@@ -43,17 +43,17 @@ MainWindow* mainWindow()
 
 /// Harbex, launched into a panel that shows the item.
 struct LaunchedShell {
-    explicit LaunchedShell(SessionBus& bus)
-        : panel(bus), service(bus.connect()), shell(bus.connect(), service)
+    LaunchedShell()
     {
         QVERIFY(service.start({}) == ApplicationService::Start::first);
         shell.applicationDidFinishLaunching();
         QVERIFY(panel.waitForItem());
     }
 
-    FakePanel panel;
-    ApplicationService service;
-    ApplicationShell shell;
+    SessionBus bus;
+    FakePanel panel{bus};
+    ApplicationService service{bus.connect()};
+    ApplicationShell shell{bus.connect(), service};
 };
 
 } // namespace
@@ -66,8 +66,7 @@ class TestApplicationShell : public QObject
 private Q_SLOTS:
     void launchTheMenuAndASecondStartOpenTheWindow()
     {
-        SessionBus bus;
-        const LaunchedShell harbex(bus);
+        LaunchedShell harbex;
         QVERIFY(mainWindow()->isVisible());
         QCOMPARE(harbex.panel.item().property("IconName"), QVariant("folder-symbolic"));
         mainWindow()->close();
@@ -75,7 +74,7 @@ private Q_SLOTS:
         QTRY_VERIFY(mainWindow()->isVisible());
         QTRY_VERIFY(mainWindow()->isActiveWindow());
         mainWindow()->close();
-        QVERIFY(harbexOn(bus.connect()).accepts("Activate", {QVariantMap()}));
+        QVERIFY(harbexOn(harbex.bus.connect()).accepts("Activate", {QVariantMap()}));
         QVERIFY(mainWindow()->isVisible());
     }
 
@@ -99,9 +98,8 @@ private Q_SLOTS:
         // Without a selection, the first opening saves nothing. A save reads the file too.
         FolderStore().saveState({});
         const QString store = FolderStore().path();
-        SessionBus bus;
         std::optional<LaunchedShell> harbex;
-        QCOMPARE(openingsOf(store, [&] { harbex.emplace(bus); }), 1);
+        QCOMPARE(openingsOf(store, [&] { harbex.emplace(); }), 1);
         // Closing replaces the file.
         mainWindow()->close();
         QCOMPARE(openingsOf(store, [] { mainWindow()->open(); }), 1);
@@ -113,8 +111,7 @@ private Q_SLOTS:
         FolderStore().saveState({{folder}, folder.id});
         const QByteArray stored = storedText();
         {
-            SessionBus bus;
-            const LaunchedShell harbex(bus);
+            const LaunchedShell harbex;
             // The focus is in a row, which goes with it.
             auto* field = mainWindow()->findChild<QLineEdit*>();
             field->setFocus();

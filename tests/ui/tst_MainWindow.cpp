@@ -29,9 +29,6 @@ private Q_SLOTS:
         QCOMPARE(fixture.window->findChild<FolderList*>()->count(), 1);
         QCOMPARE(fixture.window->findChildren<RuleRow*>().size(), 3);
         QCOMPARE(fixture.engine.activeFDs().size(), 1U);
-        // A main window offers a menu that hides its toolbars.
-        const std::unique_ptr<QMenu> menu(fixture.window->createPopupMenu());
-        QVERIFY(!menu || menu->isEmpty());
     }
 
     void closingReleasesTheContentAndReopeningMakesItAgain()
@@ -72,17 +69,13 @@ private Q_SLOTS:
         QTRY_VERIFY(!content);
     }
 
-    void itIsAtLeast1000By400AndFirstFitsASmallScreen()
+    void itFirstFitsASmallScreen()
     {
-        MainWindowFixture fixture;
+        const MainWindowFixture fixture;
         fixture.open();
         // A screen of 1280 by 800 with a panel and a title bar.
         QVERIFY(fixture.window->width() <= 1200);
         QVERIFY(fixture.window->height() <= 700);
-        fixture.window->resize(10, 10);
-        QCOMPARE(fixture.window->centralWidget()->size(), QSize(1000, 400));
-        fixture.window->resize(1500, 900);
-        QCOMPARE(fixture.window->centralWidget()->size(), QSize(1500, 900));
     }
 
     void sizeColumnsAndStateAreKeptFromClosingToOpening()

@@ -150,9 +150,7 @@ private Q_SLOTS:
         const WindowFixture fixture;
         QWidget other;
         other.resize(1200, 700);
-        other.show();
-        other.activateWindow();
-        QVERIFY(QTest::qWaitForWindowActive(&other));
+        activate(other);
         fixture.open();
         const QString last = QString::number(fixture.window->winId(), 16);
         QTRY_VERIFY(run("xprop -root _NET_CLIENT_LIST_STACKING").endsWith(last));
