@@ -6,7 +6,6 @@
 
 #include <QtTest>
 
-#include <algorithm>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -80,7 +79,8 @@ public:
     [[nodiscard]] int restarts()
     {
         settle();
-        return stops() - std::exchange(m_restartsSeen, stops());
+        const auto stops = engine.logs().filter(QStringLiteral("] Stopped watcher.")).size();
+        return static_cast<int>(stops - std::exchange(m_restartsSeen, stops));
     }
 
     /// Returns whether the store was written since the last call of this or takeSaved().
@@ -105,14 +105,7 @@ public:
     }
 
 private:
-    [[nodiscard]] int stops() const
-    {
-        const QStringList& lines = engine.logs();
-        return static_cast<int>(std::ranges::count_if(
-            lines, [](const QString& line) { return line.endsWith(QLatin1String("] Stopped watcher.")); }));
-    }
-
-    int m_restartsSeen = 0;
+    qsizetype m_restartsSeen = 0;
 };
 
 } // namespace harbex::test

@@ -27,8 +27,6 @@ SessionBus::SessionBus(const QString& serviceFolder, const QProcessEnvironment& 
         serviceFolder.isEmpty() ? "" : "<servicedir>" + serviceFolder.toUtf8() + "</servicedir>";
     QFile configuration(m_folder.filePath(QStringLiteral("bus.conf")));
     const bool isWritten = configuration.open(QIODevice::WriteOnly) && configuration.write(R"(
-        <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
-         "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
         <busconfig>
           <type>session</type>
           <listen>unix:dir=)" + m_folder.path().toUtf8() + R"(</listen>
@@ -48,9 +46,8 @@ SessionBus::SessionBus(const QString& serviceFolder, const QProcessEnvironment& 
     m_daemon.start(QStringLiteral("dbus-daemon"),
                    {QStringLiteral("--config-file"), configuration.fileName(), QStringLiteral("--nofork"),
                     QStringLiteral("--print-address")});
-    while (m_daemon.state() != QProcess::NotRunning && !m_daemon.canReadLine()) {
-        if (!m_daemon.waitForReadyRead()) break;
-    }
+    while (!m_daemon.canReadLine() && m_daemon.waitForReadyRead())
+        continue;
     m_address = QString::fromUtf8(m_daemon.readLine()).trimmed();
     if (m_address.isEmpty())
         qFatal("no session bus: %s %s", qPrintable(m_daemon.errorString()),

@@ -53,12 +53,7 @@ QStringList cutTextsOf(const QWidget& widget)
     const auto check = [&](const QString& text, const QSize& box) {
         const QSize size = sizeOf(widget, text);
         if (size.width() > box.width() || size.height() > box.height())
-            cut += QString("%1 needs %2x%3, has %4x%5")
-                       .arg(text)
-                       .arg(size.width())
-                       .arg(size.height())
-                       .arg(box.width())
-                       .arg(box.height());
+            QDebug(&cut.emplace_back()) << text << "needs" << size << "and has" << box;
     };
     if (const auto* label = qobject_cast<const QLabel*>(&widget)) {
         // A path is elided.
