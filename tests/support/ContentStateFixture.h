@@ -52,14 +52,9 @@ public:
     ContentState state{engine, store};
 
     ContentStateFixture() = default;
-    /// Opens the state as appearWith() does.
+    /// Stores the folders, opens the state on them, and resets takeSaved() and restarts(). The first folder
+    /// is selected unless another one is given.
     explicit ContentStateFixture(std::vector<WatchedFolder> folders, std::optional<QUuid> selected = {})
-    {
-        appearWith(std::move(folders), selected);
-    }
-
-    /// Stores the folders, opens the state on them, and resets takeSaved() and restarts().
-    void appearWith(std::vector<WatchedFolder> folders, std::optional<QUuid> selected = {})
     {
         store.saveState({std::move(folders), selected});
         state.appear();

@@ -301,8 +301,7 @@ private Q_SLOTS:
 
     void theContentMayBeDestroyedWhileTheDialogIsOpen()
     {
-        ContentStateFixture fixture;
-        fixture.appearWith({});
+        ContentStateFixture fixture(noFolders);
         QWidget window;
         QPointer view = new ContentView(fixture.state, &window);
         const FolderDialogUser user([&](QFileDialog& dialog) {

@@ -14,8 +14,8 @@ namespace
 /// The active list with these folders.
 struct ListFixture : ContentStateFixture {
     explicit ListFixture(const std::vector<WatchedFolder>& folders, std::size_t selected = 0)
+        : ContentStateFixture(folders, folders.at(selected).id)
     {
-        appearWith(folders, folders.at(selected).id);
         list = std::make_unique<FolderList>(state);
         list->resize(200, 300);
         activate(*list);

@@ -13,11 +13,8 @@ namespace
 /// The list in an active window, wide enough for a row, with a button before and after it.
 struct ListFixture : ContentStateFixture {
     explicit ListFixture(std::size_t ruleCount, std::size_t otherRuleCount = 1)
+        : ContentStateFixture({makeFolder("Watched", ruleCount), makeFolder("Other", otherRuleCount)})
     {
-        const auto watched = makeFolder("Watched", ruleCount);
-        const auto second = makeFolder("Other", otherRuleCount);
-        other = second.id;
-        appearWith({watched, second}, watched.id);
         before = new QPushButton("before");
         list = new RuleList(state);
         after = new QPushButton("after");
@@ -72,7 +69,7 @@ struct ListFixture : ContentStateFixture {
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
 
-    QUuid other;
+    QUuid other = folder(1).id;
     QWidget window;
     QPushButton* before;
     RuleList* list;

@@ -19,10 +19,8 @@ namespace
 /// A row on screen that edits the only rule of the only folder.
 struct RowFixture : ContentStateFixture {
     explicit RowFixture(const FilterRule& rule = {}, QWidget* parent = nullptr)
+        : ContentStateFixture({{.url = makeFolder("Watched").url, .bookmarkData = {}, .rules = {rule}}})
     {
-        auto folder = makeFolder("Watched");
-        folder.rules = {rule};
-        appearWith({folder}, folder.id);
         row = std::make_unique<RuleRow>(state, this->rule(0), parent);
         QObject::connect(&state, &ContentState::ruleChanged, row.get(),
                          [this] { row->showRule(this->rule(0)); });
