@@ -46,16 +46,13 @@ class EndingApplication : public QObject
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Application")
 
 public:
-    explicit EndingApplication(std::function<void()> end) : m_end(std::move(end)) {}
+    std::function<void()> end;
 
     Q_SCRIPTABLE void Activate(const QVariantMap& /*platformData*/, const QDBusMessage& message)
     {
         message.setDelayedReply(true);
-        m_end();
+        end();
     }
-
-private:
-    std::function<void()> m_end;
 };
 
 /// Runs the program with only the service.
@@ -132,10 +129,11 @@ private Q_SLOTS:
     {
         SessionBus bus;
         std::optional<QDBusConnection> connection(bus.connect());
-        EndingApplication first([&] {
+        EndingApplication first;
+        first.end = [&] {
             bus.close(*connection);
             connection.reset();
-        });
+        };
         QVERIFY(connection->registerObject("/org/harbex/Harbex", &first,
                                            QDBusConnection::ExportScriptableInvokables));
         QVERIFY(connection->registerService(busName));

@@ -81,7 +81,7 @@ private Q_SLOTS:
         ColorScheme scheme(QDBusConnection::sessionBus());
         // The bus starts the portal of a real desktop only when somebody asks it.
         scheme.waitForAnswer();
-        QCOMPARE(portal.questions(), 1);
+        QVERIFY(portal.questions() > 0);
         QVERIFY(isShown(breeze));
 
         for (const bool isPreferenceFirst : {false, true}) {

@@ -29,11 +29,6 @@ struct SelectorFixture {
     }
 
     [[nodiscard]] QLabel* label() const { return selector.findChild<QLabel*>(); }
-    void hover() const
-    {
-        QHelpEvent event(QEvent::ToolTip, QPoint(5, 5), label()->mapToGlobal(QPoint(5, 5)));
-        QApplication::sendEvent(label(), &event);
-    }
 
     DirectorySelector selector;
 };
@@ -142,7 +137,8 @@ private Q_SLOTS:
             QCOMPARE(label->text(), folderLabel(FileUrl::fromPath(path.toStdString())));
             QVERIFY(label->geometry().right() < fixture.selector.button()->geometry().left());
             QCOMPARE(accessibleName(label), fixture.selector.text());
-            fixture.hover();
+            QHelpEvent hover(QEvent::ToolTip, QPoint(5, 5), label->mapToGlobal(QPoint(5, 5)));
+            QApplication::sendEvent(label, &hover);
             QCOMPARE(shownToolTip(), path);
             fixture.selector.showUrl(std::nullopt);
             QCOMPARE(label->toolTip(), QString());
