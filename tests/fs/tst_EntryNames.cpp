@@ -93,6 +93,13 @@ private Q_SLOTS:
         }
     }
 
+    void aNumberedNameMayBeTooLong()
+    {
+        const std::string name = std::string(251, 'n') + ".jpg";
+        writeFile(inFolder(name), "");
+        QCOMPARE(freeName(name), inFolder(std::string(251, 'n') + "-1.jpg"));
+    }
+
     void oddTextsOfAFolder()
     {
         // Otherwise the path would name an entry of the root.
