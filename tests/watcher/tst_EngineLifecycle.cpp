@@ -101,33 +101,26 @@ private Q_SLOTS:
 
     void changesComeInALaterIterationOfTheMainLoopAndObserversAreToldBefore()
     {
-        QStringList seen;
-        bool wasRunning = false;
-        qsizetype lines = 0;
-        const auto note = [&](const char* what, bool isNew) {
-            seen << QString::fromLatin1(isNew ? what : "nothing new");
-        };
-        QObject context;
-        connect(&engine(), &DownloadImageRedirector::objectWillChange, &context, [&] {
+        connect(&engine(), &DownloadImageRedirector::objectWillChange, this, [this] {
             note("will change", true);
-            wasRunning = engine().isRunning();
-            lines = engine().logs().size();
+            m_wasRunning = engine().isRunning();
+            m_linesBefore = engine().logs().size();
         });
-        connect(&engine(), &DownloadImageRedirector::isRunningChanged, &context, [&](bool isRunning) {
-            note("isRunning", isRunning == engine().isRunning() && isRunning != wasRunning);
+        connect(&engine(), &DownloadImageRedirector::isRunningChanged, this, [this](bool isRunning) {
+            note("isRunning", isRunning == engine().isRunning() && isRunning != m_wasRunning);
         });
-        connect(&engine(), &DownloadImageRedirector::logsChanged, &context,
-                [&] { note("logs", engine().logs().size() == lines + 1); });
+        connect(&engine(), &DownloadImageRedirector::logsChanged, this,
+                [this] { note("logs", engine().logs().size() == m_linesBefore + 1); });
         engine().start({watched(m_inbox, {takeAll(m_out)})});
         QVERIFY(!engine().isRunning());
-        QCOMPARE(seen, QStringList());
+        QCOMPARE(m_seen, QStringList());
         QVERIFY(isLogged(started));
         arriveFolder("Notes");
         QVERIFY(isLogged(moved("Notes")));
         engine().stop();
         QVERIFY(engine().isRunning());
         QVERIFY(isLogged(stopped));
-        QCOMPARE(seen.join(QStringLiteral(", ")),
+        QCOMPARE(m_seen.join(QStringLiteral(", ")),
                  QStringLiteral("will change, isRunning, will change, logs, will change, logs, "
                                 "will change, isRunning, will change, logs"));
     }
@@ -245,6 +238,14 @@ private Q_SLOTS:
         QVERIFY(contents(inbox + "/second") == content.c_str());
         QCOMPARE(namesIn(m_out), QByteArrayList{"first"});
     }
+
+private:
+    void note(const char* what, bool isNew) { m_seen << QString::fromLatin1(isNew ? what : "nothing new"); }
+
+    /// The signals of the engine, and its state before them.
+    QStringList m_seen;
+    bool m_wasRunning = false;
+    qsizetype m_linesBefore = 0;
 };
 
 HARBEX_TEST(TestEngineLifecycle)

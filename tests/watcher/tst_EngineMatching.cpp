@@ -14,7 +14,7 @@ private Q_SLOTS:
     /// Cases that need an entry on disk. TestRuleMatching has the many cases of names.
     void rulesTakeTheirEntries()
     {
-        enum { file, folder, link };
+        enum { aFile, aFolder, aLink };
         struct {
             const char* description;
             FilterRule rule;
@@ -22,16 +22,16 @@ private Q_SLOTS:
             int kind;
             bool isTaken;
         } const cases[] = {
-            {"only the first stage accepts", extensionContains("jp"), "a.jpg", file, false},
-            {"only the second stage accepts", extensionIs("jpg"), "a.JPG", file, false},
-            {"lower-case extension in the second stage", extensionContains("jpg"), "a.JPG", file, true},
-            {"composed extension in the second stage", extensionIs("\xc3\xa9"), "a.e\xcc\x81", file, true},
-            {"any name, link", nameContains(""), "link", link, true},
-            {"any name, folder of a download", nameContains(""), "a.download", folder, false},
-            {"image, a folder with that extension", kindIs(RuleKind::image), "album.jpg", folder, true},
-            {"folder", kindIs(RuleKind::folder), "Tool.app", folder, true},
-            {"folder, but a file", kindIs(RuleKind::folder), "Notes", file, false},
-            {"folder, but a link to one", kindIs(RuleKind::folder), "Notes", link, false},
+            {"only the first stage accepts", extensionContains("jp"), "a.jpg", aFile, false},
+            {"only the second stage accepts", extensionIs("jpg"), "a.JPG", aFile, false},
+            {"lower-case extension in the second stage", extensionContains("jpg"), "a.JPG", aFile, true},
+            {"composed extension in the second stage", extensionIs("\xc3\xa9"), "a.e\xcc\x81", aFile, true},
+            {"any name, link", nameContains(""), "link", aLink, true},
+            {"any name, folder of a download", nameContains(""), "a.download", aFolder, false},
+            {"image, a folder with that extension", kindIs(RuleKind::image), "album.jpg", aFolder, true},
+            {"folder", kindIs(RuleKind::folder), "Tool.app", aFolder, true},
+            {"folder, but a file", kindIs(RuleKind::folder), "Notes", aFile, false},
+            {"folder, but a link to one", kindIs(RuleKind::folder), "Notes", aLink, false},
         };
         std::vector<Inbox> inboxes;
         std::vector<WatchedFolder> folders;
@@ -43,9 +43,9 @@ private Q_SLOTS:
         QVERIFY(start(folders));
         for (size_t i = 0; i < inboxes.size(); ++i) {
             const std::string path = inboxes[i].path + '/' + cases[i].entry;
-            if (cases[i].kind == file) m_scratch->arrive(path, "");
-            if (cases[i].kind == folder) makeFolder(path);
-            if (cases[i].kind == link) makeLink(path, m_out);
+            if (cases[i].kind == aFile) m_scratch->arrive(path, "");
+            if (cases[i].kind == aFolder) makeFolder(path);
+            if (cases[i].kind == aLink) makeLink(path, m_out);
         }
         QVERIFY(sentinelsPass(inboxes));
         for (size_t i = 0; i < inboxes.size(); ++i) {
