@@ -100,9 +100,12 @@ private Q_SLOTS:
             const Accessible destination =
                 harbex.controls("push button", "Select destination...").value(rule);
             const QString path = HarbexRun::sorted() + u'/' + folder;
+            const auto isShown = [&] { return destination.description() == path.toUtf8(); };
+            // The engine restarts in the next iteration of the program's main loop, and does not move what
+            // arrives before. It has restarted when the program answers again.
             return harbex.choose(harbex.controls("combo box", "Field").value(rule), field) &&
                    (!value || text.setText(value)) && destination.press() && harbex.answerDialog(path) &&
-                   waitFor([&] { return destination.description() == path.toUtf8(); });
+                   waitFor(isShown) && isShown();
         };
         const auto addRule = [&](int number) {
             return harbex.control("push button", "Add Rule").press() &&
