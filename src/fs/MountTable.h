@@ -30,9 +30,9 @@ public:
     /// Parses the text of the kernel's mount table.
     [[nodiscard]] static MountTable parse(std::string_view text);
 
-    /// Called by follow() before it looks up `name` in `folder`, a local path without symbolic links; `path`
-    /// is both together. Returns true if the entry is known to be a folder. follow() then does not check
-    /// whether it is a link.
+    /// Called by follow() before it looks up `name` in `folder`, a local path without symbolic links. `path`
+    /// is the path of the entry. Returns true if the entry is known to be a folder. follow() then does not
+    /// check whether it is a link.
     using Visit =
         std::function<bool(const std::string& folder, const std::string& name, const std::string& path)>;
 

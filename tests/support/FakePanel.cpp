@@ -18,8 +18,8 @@ FakePanel::FakePanel(SessionBus& bus, bool hasHost) : m_connection(bus.connect()
 
 FakePanel::~FakePanel()
 {
-    // The connection stays open until the bus ends. Qt closes a connection in a thread of its own and
-    // disconnects from the registered objects there, while this object would already be freed.
+    // The connection stays open until the bus ends. Qt closes a connection in another thread, which would
+    // access this object after its end.
     m_connection.interface()->unregisterService(QStringLiteral("org.kde.StatusNotifierWatcher"));
 }
 

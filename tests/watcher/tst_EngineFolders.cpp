@@ -178,15 +178,20 @@ private:
             const QStringList words = step.trimmed().split(u' ');
             const std::string path = at(words[1].toStdString());
             const std::string other = words.value(2).toStdString();
-            if (words[0] == u"make") std::filesystem::create_directories(path);
-            if (words[0] == u"file") writeFile(path, {});
-            if (words[0] == u"link") makeLink(path, other);
-            if (words[0] == u"remove") std::filesystem::remove_all(path);
-            if (words[0] == u"rename") renameEntry(path, at(other));
+            if (words[0] == u"make")
+                std::filesystem::create_directories(path);
+            else if (words[0] == u"file")
+                writeFile(path, {});
+            else if (words[0] == u"link")
+                makeLink(path, other);
+            else if (words[0] == u"remove")
+                std::filesystem::remove_all(path);
+            else if (words[0] == u"rename")
+                renameEntry(path, at(other));
             // There is no moment at which one of the two is missing.
-            if (words[0] == u"exchange" &&
-                ::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, at(other).c_str(), RENAME_EXCHANGE) != 0)
-                qFatal("cannot exchange %s and %s", path.c_str(), other.c_str());
+            else if (words[0] != u"exchange" ||
+                     ::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, at(other).c_str(), RENAME_EXCHANGE) != 0)
+                qFatal("cannot do \"%s\"", qPrintable(step));
         }
     }
 };
